@@ -1,0 +1,29 @@
+# Warnings for a target of this project; they never reach the targets that link it.
+function(tessaly_set_warnings target)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+    if(TESSALY_WERROR)
+        target_compile_options(${target} PRIVATE -Werror)
+    endif()
+endfunction()
+
+# A library of the runtime: Tessaly::<name>, built as Tessaly<name> from the given sources.
+function(tessaly_add_library name)
+    set(target Tessaly${name})
+    add_library(${target} ${ARGN})
+    add_library(Tessaly::${name} ALIAS ${target})
+    set_target_properties(${target} PROPERTIES
+        EXPORT_NAME ${name}
+        VERSION ${PROJECT_VERSION}
+        SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
+        POSITION_INDEPENDENT_CODE ON
+        INSTALL_RPATH $ORIGIN)
+    target_compile_features(${target} PUBLIC cxx_std_17)
+    target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti -ffp-contract=off)
+    target_include_directories(${target} PUBLIC
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/Runtime/include>
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/Runtime>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/Tessaly/include>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/Tessaly>)
+    tessaly_set_warnings(${target})
+    install(TARGETS ${target} EXPORT TessalyTargets)
+endfunction()
