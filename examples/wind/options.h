@@ -1,0 +1,36 @@
+#pragma once
+// The command line: what the program was asked to do, checked before anything runs.
+
+#include <tz_defs.h>
+
+#include <string>
+
+namespace Wind
+{
+using namespace Tessaly;
+
+struct SOptions
+{
+    std::string m_Input; // the forecast
+    std::string m_OutputFolder = "out";
+    std::string m_TraceFile;      // empty: no trace
+    u32 m_ParticleCount = 200000; // alive when the wind blows at its fullest
+    u32 m_FrameCount = 240;
+    u32 m_PageSize = 1024; // in particles
+    u32 m_Width = 1440;
+    u32 m_Height = 720;
+    u32 m_Seed = 20;
+};
+
+enum class EParse
+{
+    Run,
+    Help,
+    Bad
+};
+
+// Reads the arguments into `outOptions`. Bad: `outError` says in one line what is wrong.
+EParse ParseOptions(int argc, const char *const *argv, SOptions &outOptions, std::string &outError);
+
+std::string HelpText();
+} // namespace Wind

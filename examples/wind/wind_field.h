@@ -1,0 +1,41 @@
+#pragma once
+// A forecast of the wind near the ground: a regular grid around the whole globe, rows from north to south.
+
+#include <tz_defs.h>
+
+#include <string>
+#include <vector>
+
+namespace Wind
+{
+using namespace Tessaly;
+
+struct SWind
+{
+    float m_East, m_North; // metres per second
+};
+
+struct SGrid
+{
+    u32 m_Columns = 0, m_Rows = 0;
+    double m_West = 0.0, m_North = 0.0; // degrees: the first column, the first row
+    double m_StepEast = 0.0, m_StepSouth = 0.0;
+};
+
+class CWindField
+{
+public:
+    // Reads the u and v component from a file in the JSON form of the common GRIB converters.
+    // False: `outError` names the file and says in one line what is wrong; the field is as before.
+    bool Load(const std::string &path, std::string &outError);
+
+    // The wind at a place given in degrees: bilinear, wrapped in longitude, constant beyond the first and the last row.
+    SWind Sample(float longitude, float latitude) const;
+
+    const SGrid &Grid() const { return m_Grid; }
+
+private:
+    SGrid m_Grid;
+    std::vector<SWind> m_Winds; // row by row
+};
+} // namespace Wind
