@@ -1,0 +1,26 @@
+// Compiler-dependent spellings, in one place.
+#pragma once
+
+#include <csignal>
+
+#define TZ_NOINLINE __attribute__((noinline))
+#define TZ_COLD __attribute__((cold, noinline))
+#define TZ_PRINTF_FORMAT(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))
+
+// The full signature of the enclosing function.
+#define TZ_FUNCTION_SIGNATURE __PRETTY_FUNCTION__
+
+namespace Tessaly
+{
+
+// Stops in a debugger; a program that handles or ignores SIGTRAP goes on behind it.
+inline void BreakPoint()
+{
+#if defined(__x86_64__)
+    __asm__ volatile("int3");
+#else
+    std::raise(SIGTRAP);
+#endif
+}
+
+} // namespace Tessaly

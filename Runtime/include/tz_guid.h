@@ -1,0 +1,86 @@
+// TGuid: an index or identifier whose all-ones value means "none".
+// It converts to its integer without asking: test Valid(), never the guid itself (INVALID is non-zero, index 0 is not).
+#pragma once
+
+#include "tz_defs.h"
+
+namespace Tessaly
+{
+
+template <typename _Type>
+class TGuid
+{
+public:
+    _Type m_Guid;
+
+    static const TGuid INVALID; // constant-initialised: usable before any dynamic initialiser
+
+    constexpr TGuid() : m_Guid(TNumericTraits<_Type>::kMax) {}
+    constexpr TGuid(_Type guid) : m_Guid(guid) {}
+
+    constexpr bool Valid() const { return m_Guid != TNumericTraits<_Type>::kMax; }
+    constexpr _Type Get() const { return m_Guid; }
+    constexpr operator _Type() const { return m_Guid; }
+
+    // Additions wrap around.
+    template <typename _Int>
+    constexpr TGuid operator+(_Int offset) const
+    {
+        return TGuid(static_cast<_Type>(m_Guid + static_cast<_Type>(offset)));
+    }
+    template <typename _Int>
+    constexpr TGuid &operator+=(_Int offset)
+    {
+        m_Guid = static_cast<_Type>(m_Guid + static_cast<_Type>(offset));
+        return *this;
+    }
+    constexpr TGuid &operator++() { return *this += _Type(1); }
+    constexpr TGuid &operator--() { return *this += TNumericTraits<_Type>::kMax; }
+    constexpr TGuid operator++(int)
+    {
+        const TGuid old = *this;
+        ++*this;
+        return old;
+    }
+    constexpr TGuid operator--(int)
+    {
+        const TGuid old = *this;
+        --*this;
+        return old;
+    }
+};
+
+template <typename _Type>
+constexpr TGuid<_Type> TGuid<_Type>::INVALID{TNumericTraits<_Type>::kMax};
+
+using CGuid = TGuid<u32>;
+
+// Comparisons with another guid and, on either side, with any integer: the exact overloads keep "guid == 0" from being
+// ambiguous between the conversion to the integer and the one from it.
+#define TZ_GUID_COMPARISON(op)                                                                                         \
+    template <typename _Type>                                                                                          \
+    constexpr bool operator op(TGuid<_Type> a, TGuid<_Type> b)                                                         \
+    {                                                                                                                  \
+        return a.m_Guid op b.m_Guid;                                                                                   \
+    }                                                                                                                  \
+    template <typename _Type, typename _Int, typename = std::enable_if_t<std::is_integral<_Int>::value>>               \
+    constexpr bool operator op(TGuid<_Type> a, _Int b)                                                                 \
+    {                                                                                                                  \
+        return a.m_Guid op static_cast<_Type>(b);                                                                      \
+    }                                                                                                                  \
+    template <typename _Type, typename _Int, typename = std::enable_if_t<std::is_integral<_Int>::value>>               \
+    constexpr bool operator op(_Int a, TGuid<_Type> b)                                                                 \
+    {                                                                                                                  \
+        return static_cast<_Type>(a) op b.m_Guid;                                                                      \
+    }
+
+TZ_GUID_COMPARISON(==)
+TZ_GUID_COMPARISON(!=)
+TZ_GUID_COMPARISON(<)
+TZ_GUID_COMPARISON(<=)
+TZ_GUID_COMPARISON(>)
+TZ_GUID_COMPARISON(>=)
+
+#undef TZ_GUID_COMPARISON
+
+} // namespace Tessaly

@@ -1,0 +1,86 @@
+// What containers share: growth policy, destruction of ranges, relocation, the checked iterator's base, the monitor.
+#pragma once
+
+#include <tz_defs.h>
+
+#include "kr_mem.h"
+#include "kr_mem_utils.h"
+#include "kr_type_traits.h"
+
+namespace Tessaly
+{
+
+// When set, every array reports each change of its buffer's size before it makes it.
+extern bool g_KRContainersConfig_MonitorTArrays;
+
+class CContainersMonitorTArrays
+{
+public:
+    // Adds bytes (negative when a buffer shrinks) to the total. Any thread.
+    static void RegisterNewMemoryMovement(s64 bytes);
+    static s64 TotalBytes();
+};
+
+// Growth policy: room for n elements is asked as n + n / _GrowDivider + _GrowConstant of them. The other parameters
+// play no part in the one instance in use.
+template <u32 _Alignment = 0, u32 _InitialSize = 8, u32 _GrowConstant = 8, u32 _GrowMultiplier = 0,
+          u32 _GrowDivider = 2>
+class TArrayStaticController
+{
+    static_assert(_GrowMultiplier == 0, "growth is n + n / divider + constant");
+
+public:
+    // In elements. Asserts when the sum does not fit 32 bits, and then returns its low 32.
+    static u32 GrowSize(u32 wishedSize)
+    {
+        return checked_numcast<u32>(u64(wishedSize) + u64(wishedSize) / _GrowDivider + _GrowConstant);
+    }
+    static constexpr u32 Alignment() { return _Alignment; }
+};
+
+namespace Internal
+{
+
+template <typename _Type, bool _HasNonTrivialDtor>
+struct TRangeDestructor
+{
+    // Destroys data[start] to data[end - 1], in that order.
+    static void Destroy(_Type *data, u32 start, u32 end)
+    {
+        TZ_ASSERT(start <= end && (data != null || start == end));
+        for (u32 i = start; i < end; ++i)
+            data[i].~_Type();
+    }
+};
+
+template <typename _Type>
+struct TRangeDestructor<_Type, false>
+{
+    static void Destroy(_Type *, u32, u32) {}
+};
+
+struct SRelocationHelper
+{
+    // Moves the bytes of count elements from src down to dst.
+    template <typename _Type>
+    static void Relocate_OverlappedCompact(_Type *dst, _Type *src, ureg count)
+    {
+        TZ_ASSERT(dst < src);
+        TZ_ASSERT(sreg(src) - sreg(dst) >= sreg(sizeof(_Type)) && count != 0);
+        Mem::Copy_Overlapped(dst, src, u64(count) * sizeof(_Type));
+    }
+};
+
+} // namespace Internal
+
+template <typename _Type>
+class TContiguousBaseIterator
+{
+public:
+    _Type *m_Ptr;
+
+protected:
+    explicit TContiguousBaseIterator(_Type *ptr) : m_Ptr(ptr) {}
+};
+
+} // namespace Tessaly

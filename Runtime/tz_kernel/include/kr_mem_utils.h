@@ -1,0 +1,61 @@
+// Byte-range helpers. Sizes are in bytes; a size of 0 touches nothing, whatever the pointers.
+#pragma once
+
+#include <cstring>
+
+#include <tz_defs.h>
+
+namespace Tessaly
+{
+namespace Mem
+{
+
+// True when [a, a + aBytes) and [b, b + bBytes) share a byte. An empty range shares none.
+inline bool Overlaps(const void *a, ureg aBytes, const void *b, ureg bBytes)
+{
+    const ureg aStart = reinterpret_cast<ureg>(a);
+    const ureg bStart = reinterpret_cast<ureg>(b);
+    if (aBytes == 0 || bBytes == 0)
+        return false;
+    return aStart <= bStart ? bStart - aStart < aBytes : aStart - bStart < bBytes;
+}
+
+// Copies byteCount bytes. Requires ranges that do not overlap (asserted; ranges that do are still copied safely).
+inline void Copy(void *dst, const void *src, ureg byteCount)
+{
+    TZ_ASSERT(!Mem::Overlaps(dst, byteCount, src, byteCount));
+    if (byteCount != 0)
+        std::memmove(dst, src, byteCount);
+}
+
+// Sets byteCount bytes to zero.
+inline void Clear(void *ptr, ureg byteCount)
+{
+    if (byteCount != 0)
+        std::memset(ptr, 0, byteCount);
+}
+
+// Copies byteCount bytes; the ranges may overlap.
+void Copy_Overlapped(void *dst, const void *src, u64 byteCount);
+
+// Writes count consecutive values start, start + 1, ... (4 bytes each).
+void FillIndices32(void *dst, u32 count, u32 start);
+
+} // namespace Mem
+
+namespace Internal
+{
+
+// What a container hands out for an element that it does not have: a zeroed stand-in of the calling thread, so that
+// misuse which has already been reported touches no foreign memory.
+template <typename _Type>
+TZ_COLD _Type &MissingElement()
+{
+    using Stored = typename std::remove_const<_Type>::type;
+    alignas(Stored) static thread_local u8 storage[sizeof(Stored)];
+    std::memset(storage, 0, sizeof(Stored));
+    return reinterpret_cast<Stored &>(storage);
+}
+
+} // namespace Internal
+} // namespace Tessaly

@@ -1,0 +1,102 @@
+// Profiler scopes. An operation opens one with TZ_PROFILE_SCOPE; a host listens with CProfiler::SetSink.
+#pragma once
+
+#include <tz_defs.h>
+
+#include "kr_vectors.h"
+
+namespace Tessaly
+{
+namespace Profiler
+{
+
+// The static description of one scope, built once per site.
+struct SNodeDescriptor
+{
+    enum EFlags : u32
+    {
+        None = 0,
+        Idle = 0x10000000,
+        Update = 0x20000000,
+        Frame = 0x40000000,
+        Mask_User = 0xFFFF,
+        Mask_Reserved = 0x0FFF0000,
+    };
+
+    CFloat4 m_Color;
+    u32 m_ColorRGBA8; // red in the low byte
+    u32 m_ColorBGRA8; // blue in the low byte
+    const char *m_Name;
+    const char *m_FileAndFunction; // path of the source file
+    u32 m_Flags;
+
+    SNodeDescriptor(const char *name, const char *fileAndFunction, const CFloat4 &color, u32 flags);
+    SNodeDescriptor(const char *name, const char *fileAndFunction, const CFloat3 &color, u32 flags);
+
+    // A colour whose hue follows from the name alone: the same in every run.
+    static CFloat4 AutogenColor(const char *name);
+};
+
+// Hears every scope of every thread. Called on the thread of the scope, under whatever locks it holds.
+class CSinkAbstract
+{
+public:
+    virtual ~CSinkAbstract() = default;
+    virtual void OnScopeBegin(const SNodeDescriptor &node) = 0;
+    virtual void OnScopeEnd(const SNodeDescriptor &node) = 0;
+};
+
+class CProfiler : public CNonCopyable
+{
+public:
+    // Sets the sink of the process, which the caller keeps alive until no scope that saw it is open; null, the
+    // default, makes a scope cost one load and one branch. A scope that began without a sink ends without one.
+    static void SetSink(CSinkAbstract *sink) { __atomic_store_n(&s_Sink, sink, __ATOMIC_RELEASE); }
+    static CSinkAbstract *Sink() { return __atomic_load_n(&s_Sink, __ATOMIC_ACQUIRE); }
+
+private:
+    static CSinkAbstract *s_Sink;
+};
+
+// The profiler that the runtime reports to.
+CProfiler *MainEngineProfiler();
+
+// One open scope: from construction to destruction.
+class CScopedNode : public CNonCopyable
+{
+public:
+    CScopedNode(CProfiler *profiler, const SNodeDescriptor *descriptor, bool)
+        : m_Profiler(null)
+        , m_NodeDescriptor(descriptor)
+    {
+        CSinkAbstract *sink = profiler->Sink();
+        if (sink == null)
+            return;
+        m_Profiler = profiler;
+        sink->OnScopeBegin(*descriptor);
+    }
+
+    ~CScopedNode()
+    {
+        if (m_Profiler == null)
+            return;
+        if (CSinkAbstract *sink = m_Profiler->Sink())
+            sink->OnScopeEnd(*m_NodeDescriptor);
+    }
+
+    CProfiler *m_Profiler; // null when nobody listened at the beginning
+    const SNodeDescriptor *m_NodeDescriptor;
+};
+
+} // namespace Profiler
+} // namespace Tessaly
+
+// Opens a scope until the end of the enclosing block, in a colour of its own (a CFloat3 or CFloat4 expression).
+#define TZ_PROFILE_SCOPE_COLORED(name, color)                                                                          \
+    static const ::Tessaly::Profiler::SNodeDescriptor _profilerDescriptor(name, __FILE__, color, 0u);                  \
+    const ::Tessaly::Profiler::CScopedNode _profilerNode(::Tessaly::Profiler::MainEngineProfiler(),                    \
+                                                         &_profilerDescriptor, true)
+
+// The same in the colour that follows from the name.
+#define TZ_PROFILE_SCOPE(name)                                                                                         \
+    TZ_PROFILE_SCOPE_COLORED(name, ::Tessaly::Profiler::SNodeDescriptor::AutogenColor(name))

@@ -1,0 +1,50 @@
+// Threads: the re-entrant critical section, thread ids and the thread statistics.
+#pragma once
+
+#include <pthread.h>
+
+#include <tz_defs.h>
+#include <tz_guid.h>
+
+namespace Tessaly
+{
+
+// The calling thread's id: given at its first call, never given again, never the value of CGuid::INVALID.
+class CCurrentThread
+{
+public:
+    static u32 ThreadID();
+};
+
+// Diagnostic counters. RegisterCSUnlock is called at every release of a critical section, nested ones included.
+class CThreadStats
+{
+public:
+    static void RegisterCSUnlock();
+    static u64 CSUnlockCount(); // releases by all threads since the process started
+};
+
+namespace Threads
+{
+
+// Mutual exclusion between threads, re-entrant for its holder: each Lock is balanced by one Unlock on the same thread.
+class CCriticalSection : public CNonCopyable
+{
+public:
+    CCriticalSection();
+    ~CCriticalSection();
+
+    void Lock() const;
+    bool TryLock() const; // true when the lock was taken
+    void Unlock() const;
+
+    mutable pthread_mutex_t m_CS;
+    // Id of the holding thread; the value of CGuid::INVALID when free, and after any unlock, nested ones included: it
+    // is a note for debuggers, never what re-entrancy rests on. Written only by the holder.
+    mutable volatile u32 m_Owner;
+};
+
+} // namespace Threads
+} // namespace Tessaly
+
+#include "platforms/linux/kr_threads.impl.h"

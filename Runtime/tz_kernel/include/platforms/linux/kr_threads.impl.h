@@ -1,0 +1,20 @@
+// POSIX half of kr_threads_basics.h.
+#pragma once
+
+#include "../../kr_threads_basics.h"
+
+namespace Tessaly
+{
+namespace Threads
+{
+
+inline void CCriticalSection::Unlock() const
+{
+    CThreadStats::RegisterCSUnlock();
+    // Before the release: afterwards it would overwrite the next holder's note.
+    __atomic_store_n(&m_Owner, CGuid::INVALID.Get(), __ATOMIC_RELAXED);
+    pthread_mutex_unlock(&m_CS);
+}
+
+} // namespace Threads
+} // namespace Tessaly

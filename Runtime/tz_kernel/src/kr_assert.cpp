@@ -1,0 +1,77 @@
+// Assertion services: ask the handler that the host set, or print and go on.
+#include <tz_assert.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+namespace Tessaly
+{
+namespace Assert
+{
+
+namespace
+{
+
+int DefaultHandler(const SReport &report, void *)
+{
+    std::fprintf(stderr, "%s:%d: %s: %s\n", report.m_File, report.m_Line, report.m_Function, report.m_Message);
+    return Result_Continue;
+}
+
+struct SHandler
+{
+    FnHandler m_Handler;
+    void *m_UserData;
+};
+
+std::mutex g_HandlerLock;
+SHandler g_Handler = {&DefaultHandler, nullptr};
+
+int Report(const SReport &report)
+{
+    g_HandlerLock.lock();
+    const SHandler handler = g_Handler;
+    g_HandlerLock.unlock(); // a handler may set another one, or fail an assertion itself
+    return handler.m_Handler(report, handler.m_UserData);
+}
+
+} // namespace
+
+void SetHandler(FnHandler handler, void *userData)
+{
+    const std::lock_guard<std::mutex> lock(g_HandlerLock);
+    g_Handler.m_Handler = handler != nullptr ? handler : &DefaultHandler;
+    g_Handler.m_UserData = userData;
+}
+
+int EvalAssert(const char *file, const char *function, int line, const char *expression, const char *,
+               const char *message)
+{
+    return Report({file, function, line, expression, message, false});
+}
+
+int EvalAssertFormat(const char *file, const char *function, int line, const char *expression, const char *,
+                     const char *format, ...)
+{
+    char message[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(message, sizeof(message), format, arguments);
+    va_end(arguments);
+    return Report({file, function, line, expression, message, false});
+}
+
+bool VerifyAssertFalse_Breaks(bool &ignoredFlag, const char *file, const char *function, int line,
+                              const char *expression, const char *, const char *message)
+{
+    if (_IsIgnored(ignoredFlag))
+        return false;
+    const int result = Report({file, function, line, expression, message, true});
+    if (result == Result_Ignore)
+        _SetIgnored(ignoredFlag);
+    return result == Result_Break;
+}
+
+} // namespace Assert
+} // namespace Tessaly

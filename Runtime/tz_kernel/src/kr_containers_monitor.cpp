@@ -1,0 +1,21 @@
+// Diagnostic sum of what the arrays' buffers grew by.
+#include "../include/kr_containers_internals.h"
+
+namespace Tessaly
+{
+
+bool g_KRContainersConfig_MonitorTArrays = false;
+
+namespace
+{
+s64 g_TotalBytes = 0;
+} // namespace
+
+void CContainersMonitorTArrays::RegisterNewMemoryMovement(s64 bytes)
+{
+    __atomic_fetch_add(&g_TotalBytes, bytes, __ATOMIC_RELAXED);
+}
+
+s64 CContainersMonitorTArrays::TotalBytes() { return __atomic_load_n(&g_TotalBytes, __ATOMIC_RELAXED); }
+
+} // namespace Tessaly

@@ -1,0 +1,23 @@
+// Thread ids: numbers from a counter, given at a thread's first call.
+#include "../include/kr_threads_basics.h"
+
+namespace Tessaly
+{
+
+namespace
+{
+
+u32 g_LastThreadID = 0;
+thread_local u32 t_ThreadID = 0; // 0: not given yet
+
+TZ_COLD u32 GiveThreadID()
+{
+    t_ThreadID = __atomic_add_fetch(&g_LastThreadID, 1, __ATOMIC_RELAXED);
+    return t_ThreadID;
+}
+
+} // namespace
+
+u32 CCurrentThread::ThreadID() { return t_ThreadID != 0 ? t_ThreadID : GiveThreadID(); }
+
+} // namespace Tessaly
