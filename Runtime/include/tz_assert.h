@@ -88,8 +88,7 @@ inline void _TakeResult(bool &ignoredFlag, int result)
         static bool _ignored = false;                                                                                  \
         if (!::Tessaly::Assert::_IsIgnored(_ignored) && !(expr))                                                       \
             ::Tessaly::Assert::_TakeResult(                                                                            \
-                _ignored,                                                                                              \
-                ::Tessaly::Assert::EvalAssert(__FILE__, TZ_FUNCTION_SIGNATURE, __LINE__, text, text, text));           \
+                _ignored, ::Tessaly::Assert::EvalAssert(__FILE__, TZ_FUNCTION_SIGNATURE, __LINE__, text, text, text)); \
     } while (false)
 
 #define TZ_ASSERT_TEXT_MESSAGE(text, expr, ...)                                                                        \

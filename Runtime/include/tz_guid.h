@@ -15,8 +15,14 @@ public:
 
     static const TGuid INVALID; // constant-initialised: usable before any dynamic initialiser
 
-    constexpr TGuid() : m_Guid(TNumericTraits<_Type>::kMax) {}
-    constexpr TGuid(_Type guid) : m_Guid(guid) {}
+    constexpr TGuid()
+        : m_Guid(TNumericTraits<_Type>::kMax)
+    {
+    }
+    constexpr TGuid(_Type guid)
+        : m_Guid(guid)
+    {
+    }
 
     constexpr bool Valid() const { return m_Guid != TNumericTraits<_Type>::kMax; }
     constexpr _Type Get() const { return m_Guid; }

@@ -133,8 +133,8 @@ private:
 };
 
 template <typename _Type, typename _Controller = TArrayStaticController<0, 8, 8, 0, 2>>
-class TArray : public TArray_Base<_Type, TArray_BaseContainerImpl<_Type, _Controller,
-                                                                  TTypeTraits::HasTrivialRelocate<_Type>>>
+class TArray
+    : public TArray_Base<_Type, TArray_BaseContainerImpl<_Type, _Controller, TTypeTraits::HasTrivialRelocate<_Type>>>
 {
 public:
     TArray() = default;

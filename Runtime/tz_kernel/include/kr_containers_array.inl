@@ -19,8 +19,7 @@ bool TArray_BaseContainerImpl<_Type, _Controller, _HasTrivialRelocate>::_Realloc
 {
     const u64 newBytes = u64(newMaxCount) * sizeof(_Type);
     if (__atomic_load_n(&g_KRContainersConfig_MonitorTArrays, __ATOMIC_RELAXED))
-        CContainersMonitorTArrays::RegisterNewMemoryMovement((s64(newMaxCount) - s64(m_MaxCount)) *
-                                                             s64(sizeof(_Type)));
+        CContainersMonitorTArrays::RegisterNewMemoryMovement((s64(newMaxCount) - s64(m_MaxCount)) * s64(sizeof(_Type)));
 
     void *data = Mem::_RawRealloc(m_Data, newBytes, _Controller::Alignment(), Mem::AllocType_Generic, Mem::kDefaultTag,
                                   __FILE__, __LINE__, TZ_FUNCTION_SIGNATURE);
@@ -62,7 +61,11 @@ class TArray_Base<_Type, _BaseImpl>::TDebugContiguousBaseIterator : public TCont
     using RealType = TContiguousBaseIterator<_Type1>;
 
 public:
-    TDebugContiguousBaseIterator(_Type1 *ptr, _ContainerType *owner) : RealType(ptr), m_Owner(owner) {}
+    TDebugContiguousBaseIterator(_Type1 *ptr, _ContainerType *owner)
+        : RealType(ptr)
+        , m_Owner(owner)
+    {
+    }
 
     _Type1 &operator*() const
     {

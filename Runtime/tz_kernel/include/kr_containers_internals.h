@@ -80,7 +80,10 @@ public:
     _Type *m_Ptr;
 
 protected:
-    explicit TContiguousBaseIterator(_Type *ptr) : m_Ptr(ptr) {}
+    explicit TContiguousBaseIterator(_Type *ptr)
+        : m_Ptr(ptr)
+    {
+    }
 };
 
 } // namespace Tessaly

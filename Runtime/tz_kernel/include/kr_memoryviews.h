@@ -15,14 +15,23 @@ class TMemoryView
 public:
     using Byte = typename std::conditional<std::is_const<_Type>::value, const u8, u8>::type;
 
-    constexpr TMemoryView() : m_Data(null), m_Count(0) {}
-    TMemoryView(_Type *data, u32 count) : m_Data(reinterpret_cast<Byte *>(data)), m_Count(count) {}
+    constexpr TMemoryView()
+        : m_Data(null)
+        , m_Count(0)
+    {
+    }
+    TMemoryView(_Type *data, u32 count)
+        : m_Data(reinterpret_cast<Byte *>(data))
+        , m_Count(count)
+    {
+    }
 
     // A view on const elements from one on mutable ones.
-    template <typename _Other, typename = std::enable_if_t<std::is_same<const _Other, _Type>::value &&
-                                                           !std::is_const<_Other>::value>>
-    TMemoryView(const TMemoryView<_Other> &other) : m_Data(other.m_Data)
-                                                  , m_Count(other.m_Count)
+    template <typename _Other,
+              typename = std::enable_if_t<std::is_same<const _Other, _Type>::value && !std::is_const<_Other>::value>>
+    TMemoryView(const TMemoryView<_Other> &other)
+        : m_Data(other.m_Data)
+        , m_Count(other.m_Count)
     {
     }
 
@@ -39,15 +48,15 @@ public:
         return m_Data != null && index < m_Count ? Data()[index] : Internal::MissingElement<_Type>();
     }
 
-    Byte *m_Data;
-    u32 m_Count; // elements
-
-private:
+    // The check of operator[] alone.
     void _AssertAccessible(u32 index) const
     {
         TZ_ASSERT(m_Data != null);
         TZ_ASSERT(index < m_Count);
     }
+
+    Byte *m_Data;
+    u32 m_Count; // elements
 };
 
 struct SStridedMemoryViewRawStorage
@@ -64,7 +73,10 @@ public:
     SStridedMemoryViewRawStorage m_Storage;
 
 protected:
-    constexpr TStridedMemoryViewBase(u8 *data, u32 count, u32 stride) : m_Storage{data, count, stride} {}
+    constexpr TStridedMemoryViewBase(u8 *data, u32 count, u32 stride)
+        : m_Storage{data, count, stride}
+    {
+    }
 };
 
 template <typename _Type, s32 _FootprintInBytes = -1>
@@ -72,15 +84,19 @@ class TStridedMemoryView : public TStridedMemoryViewBase<_Type>
 {
     static_assert(_FootprintInBytes == -1, "only views whose stride is known at run time");
     using Base = TStridedMemoryViewBase<_Type>;
-    using Base::m_Storage;
-    template <typename, s32>
-    friend class TStridedMemoryView;
 
 public:
+    using Base::m_Storage;
+
     class CIterator
     {
     public:
-        CIterator(u8 *base, u32 stride, u32 index) : m_Base(base), m_Stride(stride), m_Index(index) {}
+        CIterator(u8 *base, u32 stride, u32 index)
+            : m_Base(base)
+            , m_Stride(stride)
+            , m_Index(index)
+        {
+        }
         _Type &operator*() const { return *reinterpret_cast<_Type *>(m_Base + m_Index * m_Stride); }
         _Type *operator->() const { return &**this; }
         CIterator &operator++()
@@ -97,16 +113,22 @@ public:
         u32 m_Index;
     };
 
-    constexpr TStridedMemoryView() : Base(null, 0, 0) {}
+    constexpr TStridedMemoryView()
+        : Base(null, 0, 0)
+    {
+    }
     TStridedMemoryView(_Type *data, u32 count, u32 stride = sizeof(_Type))
         : Base(const_cast<u8 *>(reinterpret_cast<const u8 *>(data)), count, stride)
     {
     }
-    TStridedMemoryView(const TMemoryView<_Type> &view) : TStridedMemoryView(view.Data(), view.Count()) {}
+    TStridedMemoryView(const TMemoryView<_Type> &view)
+        : TStridedMemoryView(view.Data(), view.Count())
+    {
+    }
 
     // A view on const elements from one on mutable ones.
-    template <typename _Other, typename = std::enable_if_t<std::is_same<const _Other, _Type>::value &&
-                                                           !std::is_const<_Other>::value>>
+    template <typename _Other,
+              typename = std::enable_if_t<std::is_same<const _Other, _Type>::value && !std::is_const<_Other>::value>>
     TStridedMemoryView(const TStridedMemoryView<_Other> &other)
         : Base(other.m_Storage.m_RawDataPtr, other.m_Storage.m_Count, other.m_Storage.m_Stride)
     {
@@ -128,7 +150,7 @@ public:
         return *reinterpret_cast<_Type *>(m_Storage.m_RawDataPtr + index * m_Storage.m_Stride);
     }
 
-private:
+    // The check of operator[] alone.
     void _AssertAccessible(u32 index) const
     {
         TZ_ASSERT(m_Storage.m_RawDataPtr != null);

@@ -98,5 +98,4 @@ public:
                                                          &_profilerDescriptor, true)
 
 // The same in the colour that follows from the name.
-#define TZ_PROFILE_SCOPE(name)                                                                                         \
-    TZ_PROFILE_SCOPE_COLORED(name, ::Tessaly::Profiler::SNodeDescriptor::AutogenColor(name))
+#define TZ_PROFILE_SCOPE(name) TZ_PROFILE_SCOPE_COLORED(name, ::Tessaly::Profiler::SNodeDescriptor::AutogenColor(name))

@@ -106,12 +106,16 @@ public:
         _P::m_Ptr = object;
         _P::AddRef(object);
     }
-    TRefPtr(const TRefPtr &other) : TRefPtr(other.m_Ptr) {}
+    TRefPtr(const TRefPtr &other)
+        : TRefPtr(other.m_Ptr)
+    {
+    }
     TRefPtr(TRefPtr &&other) noexcept { TZSwap(_P::m_Ptr, other.m_Ptr); }
 
     // From a reference to a derived or less const type.
     template <typename _Other, typename = std::enable_if_t<std::is_convertible<_Other *, _Type *>::value>>
-    TRefPtr(const TRefPtr<_Other> &other) : TRefPtr(static_cast<_Type *>(other.m_Ptr))
+    TRefPtr(const TRefPtr<_Other> &other)
+        : TRefPtr(static_cast<_Type *>(other.m_Ptr))
     {
     }
     ~TRefPtr() { _P::DelRef(_P::m_Ptr); }

@@ -11,8 +11,14 @@ class CStringId
 public:
     u32 m_Id;
 
-    constexpr CStringId() : m_Id(0) {}
-    constexpr CStringId(u32 id) : m_Id(id) {}
+    constexpr CStringId()
+        : m_Id(0)
+    {
+    }
+    constexpr CStringId(u32 id)
+        : m_Id(id)
+    {
+    }
 
     constexpr bool Empty() const { return m_Id == 0; }
     constexpr bool operator==(CStringId other) const { return m_Id == other.m_Id; }

@@ -38,9 +38,18 @@ class TAtomic
 public:
     volatile _Type m_Value;
 
-    constexpr TAtomic() : m_Value(0) {}
-    constexpr TAtomic(_Type value) : m_Value(value) {}
-    TAtomic(const TAtomic &other) : m_Value(other.Load()) {}
+    constexpr TAtomic()
+        : m_Value(0)
+    {
+    }
+    constexpr TAtomic(_Type value)
+        : m_Value(value)
+    {
+    }
+    TAtomic(const TAtomic &other)
+        : m_Value(other.Load())
+    {
+    }
     TAtomic &operator=(const TAtomic &) = delete;
 
     _Type Load() const { return __atomic_load_n(&m_Value, __ATOMIC_ACQUIRE); }
@@ -68,9 +77,18 @@ template <typename _Type, int _LoadOrder = __ATOMIC_RELAXED, int _StoreOrder = _
 class TSharedField
 {
 public:
-    constexpr TSharedField() : m_Value() {}
-    constexpr TSharedField(_Type value) : m_Value(value) {}
-    TSharedField(const TSharedField &other) : m_Value(other.Load()) {}
+    constexpr TSharedField()
+        : m_Value()
+    {
+    }
+    constexpr TSharedField(_Type value)
+        : m_Value(value)
+    {
+    }
+    TSharedField(const TSharedField &other)
+        : m_Value(other.Load())
+    {
+    }
 
     TSharedField &operator=(const TSharedField &other) { return *this = other.Load(); }
     TSharedField &operator=(_Type value)
@@ -88,15 +106,11 @@ public:
     operator _Type() const { return Load(); }
     _Type operator->() const { return Load(); }
 
-    template <typename _Other>
+    // Records compare by their own operators; integers and pointers convert.
+    template <typename _Other, typename _Record = _Type, typename = std::enable_if_t<std::is_class<_Record>::value>>
     bool operator==(const _Other &other) const
     {
         return Load() == other;
-    }
-    template <typename _Other>
-    bool operator!=(const _Other &other) const
-    {
-        return Load() != other;
     }
 
 private:

@@ -12,7 +12,11 @@ struct TVector2
     _Type m_X, m_Y;
 
     TVector2() = default;
-    constexpr TVector2(_Type x, _Type y) : m_X(x), m_Y(y) {}
+    constexpr TVector2(_Type x, _Type y)
+        : m_X(x)
+        , m_Y(y)
+    {
+    }
 
     constexpr bool operator==(const TVector2 &v) const { return m_X == v.m_X && m_Y == v.m_Y; }
     constexpr bool operator!=(const TVector2 &v) const { return !(*this == v); }
@@ -24,7 +28,12 @@ struct TVector3
     _Type m_X, m_Y, m_Z;
 
     TVector3() = default;
-    constexpr TVector3(_Type x, _Type y, _Type z) : m_X(x), m_Y(y), m_Z(z) {}
+    constexpr TVector3(_Type x, _Type y, _Type z)
+        : m_X(x)
+        , m_Y(y)
+        , m_Z(z)
+    {
+    }
 
     constexpr bool operator==(const TVector3 &v) const { return m_X == v.m_X && m_Y == v.m_Y && m_Z == v.m_Z; }
     constexpr bool operator!=(const TVector3 &v) const { return !(*this == v); }
@@ -36,7 +45,13 @@ struct TVector4
     _Type m_X, m_Y, m_Z, m_W;
 
     TVector4() = default;
-    constexpr TVector4(_Type x, _Type y, _Type z, _Type w) : m_X(x), m_Y(y), m_Z(z), m_W(w) {}
+    constexpr TVector4(_Type x, _Type y, _Type z, _Type w)
+        : m_X(x)
+        , m_Y(y)
+        , m_Z(z)
+        , m_W(w)
+    {
+    }
 
     constexpr bool operator==(const TVector4 &v) const
     {

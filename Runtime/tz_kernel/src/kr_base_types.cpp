@@ -14,27 +14,23 @@ constexpr u8 kScalarOnly = 0x1;
 
 // One row, and the four rows of a family of 1 to 4 components.
 #define TZ_ROW(type, isFp, isSigned, promotion, scalar, dimension, size)                                               \
-    {BaseType_##type, isFp, isSigned, BaseType_##promotion, BaseType_##scalar, dimension, size, #type}
+    {                                                                                                                  \
+        BaseType_##type, isFp, isSigned, BaseType_##promotion, BaseType_##scalar, dimension, size, #type               \
+    }
 #define TZ_FAMILY(scalar, type2, type3, type4, isFp, isSigned, size)                                                   \
-    TZ_ROW(scalar, isFp, isSigned, Float, scalar, 1, size), TZ_ROW(type2, isFp, isSigned, Float2, scalar, 2, 2 * size),\
+    TZ_ROW(scalar, isFp, isSigned, Float, scalar, 1, size),                                                            \
+        TZ_ROW(type2, isFp, isSigned, Float2, scalar, 2, 2 * size),                                                    \
         TZ_ROW(type3, isFp, isSigned, Float3, scalar, 3, 3 * size),                                                    \
         TZ_ROW(type4, isFp, isSigned, Float4, scalar, 4, 4 * size)
 
 constexpr SBaseTypeTraitsStorage CBaseTypeTraits::m_BaseTypeTraits[] = {
-    TZ_ROW(Evolved, false, false, Evolved, Evolved, 0, 0),
-    TZ_ROW(Void, false, false, Void, Void, 0, 0),
-    TZ_FAMILY(Bool, Bool2, Bool3, Bool4, false, false, 1),
-    TZ_FAMILY(U8, UByte2, UByte3, UByte4, false, false, 1),
-    TZ_FAMILY(I8, Byte2, Byte3, Byte4, false, true, 1),
-    TZ_FAMILY(U16, UWord2, UWord3, UWord4, false, false, 2),
-    TZ_FAMILY(I16, Word2, Word3, Word4, false, true, 2),
-    TZ_FAMILY(U32, UInt2, UInt3, UInt4, false, false, 4),
-    TZ_FAMILY(I32, Int2, Int3, Int4, false, true, 4),
-    TZ_ROW(U64, false, false, Double, U64, 1, 8),
-    TZ_ROW(I64, false, true, Double, I64, 1, 8),
-    TZ_FAMILY(Float, Float2, Float3, Float4, true, true, 4),
-    TZ_ROW(Double, true, true, Double, Double, 1, 8),
-    TZ_ROW(Quaternion, true, true, Float4, Float, 4, 16),
+    TZ_ROW(Evolved, false, false, Evolved, Evolved, 0, 0), TZ_ROW(Void, false, false, Void, Void, 0, 0),
+    TZ_FAMILY(Bool, Bool2, Bool3, Bool4, false, false, 1), TZ_FAMILY(U8, UByte2, UByte3, UByte4, false, false, 1),
+    TZ_FAMILY(I8, Byte2, Byte3, Byte4, false, true, 1),    TZ_FAMILY(U16, UWord2, UWord3, UWord4, false, false, 2),
+    TZ_FAMILY(I16, Word2, Word3, Word4, false, true, 2),   TZ_FAMILY(U32, UInt2, UInt3, UInt4, false, false, 4),
+    TZ_FAMILY(I32, Int2, Int3, Int4, false, true, 4),      TZ_ROW(U64, false, false, Double, U64, 1, 8),
+    TZ_ROW(I64, false, true, Double, I64, 1, 8),           TZ_FAMILY(Float, Float2, Float3, Float4, true, true, 4),
+    TZ_ROW(Double, true, true, Double, Double, 1, 8),      TZ_ROW(Quaternion, true, true, Float4, Float, 4, 16),
 };
 
 #undef TZ_FAMILY
@@ -43,20 +39,20 @@ constexpr SBaseTypeTraitsStorage CBaseTypeTraits::m_BaseTypeTraits[] = {
 #define TZ_FOUR_TIMES(mask) mask, mask, mask, mask
 
 const u8 CBaseTypeTraits::m_BaseMaskForVectorization[] = {
-    0,                          // Evolved
-    0,                          // Void
-    TZ_FOUR_TIMES(kUpToFour),   // Bool
-    TZ_FOUR_TIMES(kUpToFour),   // U8
-    TZ_FOUR_TIMES(kUpToFour),   // I8
-    TZ_FOUR_TIMES(kUpToFour),   // U16
-    TZ_FOUR_TIMES(kUpToFour),   // I16
-    TZ_FOUR_TIMES(kUpToFour),   // U32
-    TZ_FOUR_TIMES(kUpToFour),   // I32
-    kScalarOnly,                // U64
-    kScalarOnly,                // I64
-    TZ_FOUR_TIMES(kUpToFour),   // Float
-    kScalarOnly,                // Double
-    kUpToFour,                  // Quaternion: Float to Float3, and itself
+    0,                        // Evolved
+    0,                        // Void
+    TZ_FOUR_TIMES(kUpToFour), // Bool
+    TZ_FOUR_TIMES(kUpToFour), // U8
+    TZ_FOUR_TIMES(kUpToFour), // I8
+    TZ_FOUR_TIMES(kUpToFour), // U16
+    TZ_FOUR_TIMES(kUpToFour), // I16
+    TZ_FOUR_TIMES(kUpToFour), // U32
+    TZ_FOUR_TIMES(kUpToFour), // I32
+    kScalarOnly,              // U64
+    kScalarOnly,              // I64
+    TZ_FOUR_TIMES(kUpToFour), // Float
+    kScalarOnly,              // Double
+    kUpToFour,                // Quaternion: Float to Float3, and itself
 };
 
 #undef TZ_FOUR_TIMES

@@ -6,7 +6,8 @@ namespace Tessaly
 namespace Threads
 {
 
-CCriticalSection::CCriticalSection() : m_Owner(CGuid::INVALID)
+CCriticalSection::CCriticalSection()
+    : m_Owner(CGuid::INVALID)
 {
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);

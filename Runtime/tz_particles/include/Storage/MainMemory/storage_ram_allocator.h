@@ -1,0 +1,199 @@
+// The page allocator: raw byte blocks for pages, recycled by size class.
+//
+// Blocks of up to kMaxAllocSize bytes come in size classes, four to a doubling from kMinAllocSize on, so that rounding
+// costs at most a fifth of a block; larger ones are made to measure and never pooled. A block given back waits in its
+// class, last in first out, until it is asked for again, grows old (Update) or is cleaned out (CleanAllFreePages).
+// Each class has a small lock of its own; no memory service is called and no byte is filled under it. Any thread may
+// call any operation but Setup and the destructor.
+//
+//   TotalMemoryAllocated() == sum of Size() over the raw pages that are alive (and of blocks taken with Alloc)
+#pragma once
+
+#include <tz_defs.h>
+#include <tz_kernel/include/kr_containers_array.h>
+#include <tz_kernel/include/kr_refptr.h>
+#include <tz_kernel/include/kr_threads_basics.h>
+
+namespace Tessaly
+{
+
+class CParticlePageAllocator;
+
+// One raw byte block, shared by reference. Dies with its last reference and then gives the block back.
+class CParticleRawPage_MainMemory : public CRefCountedObject
+{
+public:
+    CParticleRawPage_MainMemory(u8 *data, u32 size, CParticlePageAllocator *allocator)
+        : m_Data(data)
+        , m_Size(size)
+        , m_ReadersCount(0)
+        , m_Allocator(allocator)
+    {
+    }
+    ~CParticleRawPage_MainMemory() override;
+
+    u32 Size() const { return m_Size; } // bytes
+    u32 ReadersCount() const { return __atomic_load_n(&m_ReadersCount, __ATOMIC_ACQUIRE); }
+
+    // The block's bytes. Requires that nobody reads it (asserted).
+    u8 *RawDataForWriting()
+    {
+        TZ_ASSERT(ReadersCount() == 0);
+        return m_Data;
+    }
+
+    // Adds a reader and returns the block's bytes; while it has readers, the pages on it refuse to be written.
+    // Called under the page lock of the stream; EndRead may come later, from any thread.
+    const u8 *BeginRead() const
+    {
+        __atomic_fetch_add(&m_ReadersCount, 1, __ATOMIC_ACQ_REL);
+        return m_Data;
+    }
+    void EndRead() const { __atomic_fetch_sub(&m_ReadersCount, 1, __ATOMIC_ACQ_REL); }
+
+private:
+    u8 *m_Data;
+    u32 m_Size;
+    mutable u32 m_ReadersCount;
+    CParticlePageAllocator *m_Allocator;
+};
+
+using PParticleRawPage_MainMemory = TRefPtr<CParticleRawPage_MainMemory>;
+using PCParticleRawPage_MainMemory = TRefPtr<const CParticleRawPage_MainMemory>;
+
+// Reads a raw page for a scope and holds the block meanwhile. Made under the page lock of the stream.
+class CScopedRawPageReader : public CNonCopyable
+{
+public:
+    explicit CScopedRawPageReader(const CParticleRawPage_MainMemory &rawPage)
+        : m_RawPage(&rawPage)
+        , m_Data(rawPage.BeginRead())
+    {
+    }
+    // The same by reference; of null there is nothing to read.
+    explicit CScopedRawPageReader(const PParticleRawPage_MainMemory &rawPage)
+        : m_RawPage(rawPage)
+        , m_Data(rawPage != null ? rawPage->BeginRead() : null)
+    {
+    }
+    ~CScopedRawPageReader()
+    {
+        if (m_RawPage != null)
+            m_RawPage->EndRead();
+    }
+
+    const u8 *Data() const { return m_Data; }
+
+private:
+    PCParticleRawPage_MainMemory m_RawPage;
+    const u8 *m_Data;
+};
+
+// A page allocator at one moment. Sizes in bytes.
+struct CParticlePageAllocator_Stats
+{
+    u64 m_BytesInUse = 0; // in raw pages that are alive
+    u64 m_BytesFree = 0;  // in blocks that wait for reuse
+    u64 m_BlocksInUse = 0;
+    u64 m_BlocksFree = 0;
+    u64 m_AllocCount = 0;   // blocks handed out since the start
+    u64 m_RecycleCount = 0; // of these, served by a waiting block
+    u64 m_RefusalCount = 0; // requests refused by the budget or for want of memory
+};
+
+class CParticlePageAllocator : public CNonCopyable
+{
+public:
+    static constexpr u32 kPoolSlotCount = 64;
+    static constexpr u32 kMinAllocSize = 512;     // bytes
+    static constexpr u32 kMaxAllocSize = 1048576; // bytes; the largest block that is pooled, and the cap of a page
+    static constexpr u32 kMaxIdleUpdates = 8;     // Update() calls that a waiting block survives
+
+    CParticlePageAllocator();
+    // Requires that every raw page is dead (asserted); CParticlesInternals keeps the process's own alive until then.
+    ~CParticlePageAllocator();
+
+    // Makes the size classes. False when memory is refused. To be called once, before anything else.
+    bool Setup();
+    bool Valid() const; // Setup succeeded
+
+    // A raw page of at least sizeInBytes bytes, aligned to 64, without readers; 0 gives a smallest block. Null when
+    // memory or the budget is out. AllocPage(p->Size())->Size() == p->Size().
+    PParticleRawPage_MainMemory AllocPage(u32 sizeInBytes);
+
+    // The blocks under AllocPage: Alloc gives one of _SlotIdToSize(_SizeToSlotId(size)) bytes (of size itself above
+    // kMaxAllocSize), or null; Retire takes one back with the size that was asked, or any that rounds to the same.
+    u8 *Alloc(u32 sizeInBytes);
+    void Retire(u8 *block, u32 sizeInBytes);
+
+    // Gives back to the memory services: Update the blocks that no one asked for during the last kMaxIdleUpdates
+    // calls, CleanAllFreePages every waiting block. To be called from where time is to spare, once a frame or so.
+    void Update();
+    void CleanAllFreePages();
+
+    // An AllocPage that would take the bytes in use above it gives null. 0, the default: no budget.
+    void SetMemoryBudget(u64 bytes);
+    u64 SpaceLeft() const; // bytes that the budget leaves; the largest u64 without one
+
+    u64 TotalMemoryAllocated() const; // bytes in use
+    u64 TotalMemoryAvailable() const; // bytes in blocks that wait for reuse
+    void GetTotalStats(CParticlePageAllocator_Stats &outStats) const;
+
+    // Size class of a block: the smallest one that holds size bytes; kPoolSlotCount above kMaxAllocSize.
+    static u32 _SizeToSlotId(u32 sizeInBytes);
+    static u32 _SlotIdToSize(u32 slotId); // bytes; 0 for a class that does not exist
+
+private:
+    friend class CParticleRawPage_MainMemory;
+    friend class CParticlesInternals;
+
+    // Stands in front of a block's bytes, at a multiple of 64.
+    struct SBlockHeader
+    {
+        void *m_Memory; // what the memory service gave
+        SBlockHeader *m_Newer;
+        SBlockHeader *m_Older;
+        u32 m_RetireDate; // m_CurrentDate when it was given back
+    };
+
+    // The waiting blocks of one size class, newest first.
+    struct SBlockPool
+    {
+        u32 m_IsLocked; // guards the rest; held for a few instructions only
+        u32 m_FreeCount;
+        SBlockHeader *m_Newest;
+        SBlockHeader *m_Oldest;
+        u64 m_AllocCount;   // blocks handed out
+        u64 m_RecycleCount; // of these, blocks that had waited here
+        u64 m_RetireCount;  // blocks taken back
+    };
+    class CPoolLock;
+
+    // The owner's share of m_TotalMemoryUsed: its top bit. The allocator is destroyed by whoever takes the last share.
+    static constexpr u64 kOwnerShare = u64(1) << 63;
+
+    static SBlockHeader *_Header(u8 *block) { return reinterpret_cast<SBlockHeader *>(block) - 1; }
+    static u8 *_Block(SBlockHeader *header) { return reinterpret_cast<u8 *>(header + 1); }
+    static u32 _BlockSize(u32 sizeInBytes); // bytes of the block that serves a request
+    static SBlockHeader *_NewBlock(u32 blockBytes);
+    static void _FreeBlock(SBlockHeader *header);
+
+    u64 _BytesInUse() const { return __atomic_load_n(&m_TotalMemoryUsed, __ATOMIC_RELAXED) & ~kOwnerShare; }
+    bool _TakeBytes(u32 blockBytes); // false: the budget is out
+    void _GiveShare(u64 share);
+    u8 *_TakeBlock(u32 slotId, u32 blockBytes);
+    void _GiveBlock(u8 *block, u32 blockBytes);
+    void _CountRefusal() { __atomic_fetch_add(&m_Stats->m_RefusalCount, 1, __ATOMIC_RELAXED); }
+    void _FreeBlocksRetiredBefore(u32 date);
+    void _LeaveToBlocks(); // destroys this when its last block is back
+
+    TArray<SBlockPool> m_Blocks;
+    Threads::CCriticalSection m_Lock;      // serialises maintenance; never taken by Alloc and Retire
+    u64 m_TotalMemoryUsed;                 // bytes in use; the top bit is the owner's share
+    u32 m_CurrentDate;                     // counts Update() calls
+    CParticlePageAllocator_Stats *m_Stats; // what no class counts: oversized blocks and refusals
+    u64 m_MemoryBudget;
+    TSharedField<bool> m_IsLeftToBlocks;
+};
+
+} // namespace Tessaly

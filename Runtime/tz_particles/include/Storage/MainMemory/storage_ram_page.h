@@ -1,0 +1,219 @@
+// A page: up to Capacity() particles as a structure of arrays, one column per stored field, all columns in one raw
+// block; and the view on a run of its particles.
+//
+// Pages are shared by reference. The stream that lists a page changes it under its page lock; a page may outlive its
+// stream, and nothing that a page or a view answers goes through the stream.
+//
+//   ParticleCount() <= Capacity();  m_ParticleCount of every field == ParticleCount()
+//   column of a field: Align<16>(m_StorageSize * Capacity()) bytes, columns back to back in definition order
+#pragma once
+
+#include <tz_kernel/include/kr_memoryviews.h>
+#include <tz_kernel/include/kr_refptr.h>
+#include <tz_particles/include/ps_stream.h>
+
+#include "storage_ram_allocator.h"
+
+namespace Tessaly
+{
+
+class CParticleStream_MainMemory;
+
+// The byte that fresh particle data reads as, until somebody writes it.
+constexpr u8 kFreshParticleByte = 0xF3;
+
+// The storage of one field inside one page. It never owns the bytes.
+struct SParticleStreamField
+{
+    u8 *m_RawDataPtr;    // the column, or the constant's 64 bytes; null when there is none
+    u32 m_ParticleCount; // particles whose values the field holds
+    SParticleStreamFieldDef m_Definition;
+
+    SParticleStreamField()
+        : m_RawDataPtr(null)
+        , m_ParticleCount(0)
+    {
+    }
+    SParticleStreamField(const SParticleStreamFieldDef &definition)
+        : m_RawDataPtr(null)
+        , m_ParticleCount(0)
+        , m_Definition(definition)
+    {
+    }
+    SParticleStreamField(CStringId nameGUID, EBaseTypeID type, u32 storageSize)
+        : SParticleStreamField(SParticleStreamFieldDef(nameGUID, type, storageSize))
+    {
+    }
+    ~SParticleStreamField() {}
+
+    bool IsConstant() const { return m_Definition.m_StorageSize == 0; }
+    void Clear(); // forgets the data; the definition stays
+    // Fills a stored column from particle first to m_ParticleCount with kFreshParticleByte.
+    void TrashFrom(u32 first);
+    void Swap(SParticleStreamField &other);
+
+private:
+    SParticleStreamField(const SParticleStreamField &);
+    SParticleStreamField &operator=(const SParticleStreamField &);
+};
+
+namespace TTypeTraits
+{
+template <>
+constexpr bool HasTrivialRelocate<SParticleStreamField> = true;
+} // namespace TTypeTraits
+
+class CParticlePage : public CRefCountedObject
+{
+public:
+    // An empty page without a block and without fields; the stream lays it out. capacity is in particles.
+    CParticlePage(CParticleStream_MainMemory *parent, u32 capacity);
+    ~CParticlePage() override;
+
+    u32 ParticleCount() const { return m_ParticleCount; }
+    u32 Capacity() const { return m_Capacity; }
+    u32 FreeCount() const { return Capacity() - ParticleCount(); } // particles that still fit
+    bool Empty() const { return ParticleCount() == 0; }
+    bool Full() const { return ParticleCount() == Capacity(); }
+
+    // The fields, in definition order.
+    TMemoryView<const SParticleStreamField> Streams() const { return m_Streams_Unsafe.View(); }
+    TMemoryView<SParticleStreamField> StreamsForWriting()
+    {
+        TZ_ASSERT(ReadyToWrite());
+        return m_Streams_Unsafe.ViewForWriting();
+    }
+    u32 StreamsCount() const { return m_Streams_Unsafe.Count(); }
+    // One field; an id out of range is reported and gives an empty record.
+    const SParticleStreamField &RawStream(CGuid streamId) const
+    {
+        TZ_ASSERT(streamId.Valid());
+        return m_Streams_Unsafe[streamId];
+    }
+    const SParticleStreamField &Stream(CGuid streamId) const { return RawStream(streamId); }
+    CGuid StreamId(CStringId nameGUID) const; // as SParticleStreamDef::StreamId, from the page's own fields
+
+    const PParticleRawPage_MainMemory &RawPage() const { return m_RawPage; }
+    CParticleStream_MainMemory *ParentStream() const { return m_Parent; }  // not to be followed: it may be gone
+    const SParticleStreamDef *GetStreamDef() const { return m_StreamDef; } // the definition it was laid out for
+
+    // True while nobody reads the raw block. PrepareForWriting is asked right before a write, which is abandoned on
+    // false.
+    bool ReadyToWrite() const { return m_RawPage == null || m_RawPage->ReadersCount() == 0; }
+    bool PrepareForWriting() { return ReadyToWrite(); }
+
+    // Takes count slots behind the last particle and returns the first one's index. CGuid::INVALID, and nothing
+    // changed, when there is no room. Registers nothing with the stream.
+    CGuid AllocateParticles(u32 count);
+
+    // Removes the particles at indices (ascending, unique); the page's last particles fill the holes. Returns how many
+    // went. A bad list or a page with readers is reported, changes nothing and gives 0. Registers nothing with the
+    // stream: for a page of a stream use CParticleStream_MainMemory::RemoveParticles.
+    u32 RemoveParticles(const TMemoryView<const u32> &indices);
+
+    // Makes this page's particles a copy of other's, one block copy a column. Requires the same fields, capacity and
+    // block size; whatever they are, no byte outside the two pages' columns is touched.
+    void DeepCopy(const CParticlePage &other);
+
+    void Clear(); // no particle is left; block and fields stay
+
+    // Bytes: page object, field table, raw page object and raw block.
+    u32 MemoryFootprint() const;
+
+    void ReassignParentStream(CParticleStream_MainMemory *parent) { m_Parent = parent; }
+
+private:
+    friend class CParticleStream_MainMemory;
+
+    void _SetParticleCount(u32 count); // of the page and of every field
+    // Bytes of one field's column, rounding included.
+    u32 _ColumnSizeInBytes(const SParticleStreamField &field) const;
+    // Fills every stored column from particle first to its end, rounding included, with kFreshParticleByte.
+    void _FillFreshRows(u32 first);
+    // Moves the particles from first on to the front; those before it are gone.
+    void _DropFirstParticles(u32 first);
+
+    TSharedField<u32> m_ParticleCount;
+    u32 m_Capacity;
+    PParticleRawPage_MainMemory m_RawPage;
+    TArray<SParticleStreamField> m_Streams_Unsafe;
+    CParticleStream_MainMemory *m_Parent;
+    const SParticleStreamDef *m_StreamDef;
+};
+
+using PParticlePage = TRefPtr<CParticlePage>;
+using PCParticlePage = TRefPtr<const CParticlePage>;
+
+// A run of particles of one page, which it keeps alive. Operations on fields speak of the view's own particles.
+//
+// Writing through a view: the columns of particles that no other thread touches, or under the page lock.
+class CParticlePageView
+{
+public:
+    CParticlePageView()
+        : m_First(0)
+        , m_Count(0)
+    {
+    }
+    CParticlePageView(const CParticlePage &page); // the whole page
+    CParticlePageView(const CParticlePage &page, u32 first, u32 count);
+
+    bool Empty() const { return m_Count == 0; }
+    u32 FirstParticle() const { return m_First; }
+    u32 ParticleCount() const { return m_Count; }
+    const PParticlePage &OriginalPage() { return m_Page; }
+    PCParticlePage OriginalPage() const { return PCParticlePage(m_Page); }
+    bool IsFullPageView() const { return m_Page != null && m_First == 0 && m_Count == m_Page->ParticleCount(); }
+    void Clear(); // lets the page go
+
+    // The page's fields and one of them, as on the page; their columns start at the page's first particle.
+    TMemoryView<const SParticleStreamField> Streams() const;
+    TMemoryView<SParticleStreamField> StreamsForWriting() const;
+    const SParticleStreamField &Stream(CGuid streamId) const { return RawStream(streamId); }
+    const SParticleStreamField &RawStream(CGuid streamId) const;
+    SParticleStreamField &RawStreamForWriting(CGuid streamId) const;
+
+    // The bytes of the view's first particle; of a constant field, its value. Null, after a report, when there are
+    // none.
+    const u8 *RawStreamBegin(CGuid streamId) const;
+    // The same for writing: never a constant field, nor a page with readers.
+    u8 *RawStreamBeginForWriting(CGuid streamId) const;
+
+    CGuid StreamId(CStringId nameGUID) const;
+    const SParticleStreamDef *GetStreamDef() const; // that the page was laid out for; null without a page
+
+    // The values of one field on the view's particles: stride = storage size, 0 on a constant field, which can not be
+    // written. A type that is larger than the value or that its stride would misalign is reported and gives an empty
+    // view, and so does a field that is not there or holds no data.
+    template <typename _Type>
+    TStridedMemoryView<const _Type> Column(CGuid streamId) const;
+    template <typename _Type>
+    TStridedMemoryView<_Type> ColumnForWriting(CGuid streamId) const;
+
+    // The same without a stride, where the storage size is the type's; any other is reported and gives an empty view.
+    template <typename _Type>
+    TMemoryView<const _Type> DenseColumn(CGuid streamId) const;
+    template <typename _Type>
+    TMemoryView<_Type> DenseColumnForWriting(CGuid streamId) const;
+
+private:
+    bool _HasParticles() const; // a page, and the run within its capacity
+    // Start of the view's values of a field, or null.
+    u8 *_ColumnStart(const SParticleStreamField &field) const;
+    template <typename _Type>
+    TStridedMemoryView<_Type> _TypedColumn(const SParticleStreamField &field) const;
+
+    PParticlePage m_Page;
+    u32 m_First;
+    u32 m_Count;
+};
+
+namespace TTypeTraits
+{
+template <>
+constexpr bool HasTrivialRelocate<CParticlePageView> = true;
+} // namespace TTypeTraits
+
+} // namespace Tessaly
+
+#include "storage_ram_page.inl"

@@ -1,0 +1,55 @@
+// Bodies of storage_ram_page.h.
+#pragma once
+
+#include "storage_ram_page.h"
+
+namespace Tessaly
+{
+
+template <typename _Type>
+TStridedMemoryView<_Type> CParticlePageView::_TypedColumn(const SParticleStreamField &field) const
+{
+    const u32 stride = field.m_Definition.m_StorageSize;
+    const u32 valueSize = field.IsConstant() ? u32(sizeof(S64Bytes)) : stride;
+    if (!TZ_VERIFY(sizeof(_Type) <= valueSize) || !TZ_VERIFY(stride % alignof(_Type) == 0))
+        return TStridedMemoryView<_Type>();
+    u8 *start = _ColumnStart(field);
+    if (start == null)
+        return TStridedMemoryView<_Type>();
+    return TStridedMemoryView<_Type>(reinterpret_cast<_Type *>(start), m_Count, stride);
+}
+
+template <typename _Type>
+TStridedMemoryView<const _Type> CParticlePageView::Column(CGuid streamId) const
+{
+    return _TypedColumn<const _Type>(RawStream(streamId));
+}
+
+template <typename _Type>
+TStridedMemoryView<_Type> CParticlePageView::ColumnForWriting(CGuid streamId) const
+{
+    const SParticleStreamField &field = RawStream(streamId);
+    if (!TZ_VERIFY(!field.IsConstant()) || !TZ_VERIFY(m_Page->ReadyToWrite()))
+        return TStridedMemoryView<_Type>();
+    return _TypedColumn<_Type>(field);
+}
+
+template <typename _Type>
+TMemoryView<const _Type> CParticlePageView::DenseColumn(CGuid streamId) const
+{
+    const TStridedMemoryView<const _Type> column = Column<_Type>(streamId);
+    if (!column.Empty() && !TZ_VERIFY(column.Stride() == sizeof(_Type)))
+        return TMemoryView<const _Type>();
+    return TMemoryView<const _Type>(column.Data(), column.Count());
+}
+
+template <typename _Type>
+TMemoryView<_Type> CParticlePageView::DenseColumnForWriting(CGuid streamId) const
+{
+    const TStridedMemoryView<_Type> column = ColumnForWriting<_Type>(streamId);
+    if (!column.Empty() && !TZ_VERIFY(column.Stride() == sizeof(_Type)))
+        return TMemoryView<_Type>();
+    return TMemoryView<_Type>(column.Data(), column.Count());
+}
+
+} // namespace Tessaly

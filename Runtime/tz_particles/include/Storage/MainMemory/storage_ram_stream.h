@@ -1,0 +1,205 @@
+// CParticleStream_MainMemory: one stream's particles, in a list of reference-counted pages.
+//
+// The stream owns its page list, its lock and its counters. It borrows the definition, the constant data and the slot
+// table; their owner keeps them alive while they are bound. One page lock per stream, re-entrant, guards the list;
+// operations that end in _NoLock expect it to be held, all others take it themselves.
+//
+//   sum of ParticleCount() over the pages == m_ParticleCount   (checked on entry and exit of most operations)
+//   m_PageSizeInBytes == _ComputePageSizeInBytes(m_PageSize, m_StreamDef)   while a definition is bound
+//
+// Bodies: storage_ram_stream.cpp (life, lock, queries), ..._pages (page size, making pages), ..._particles (births,
+// deaths, counts), ..._transfer (page-to-page copies, pending resizes), ..._deep_copy, ..._rebind (a new definition),
+// ..._convert (its field conversion), ..._collect (emptied pages), ..._stats.
+#pragma once
+
+#include <tz_kernel/include/kr_threads_basics.h>
+#include <tz_particles/include/ps_descriptor.h>
+#include <tz_particles/include/ps_stream.h>
+
+#include "storage_ram_page.h"
+
+namespace Tessaly
+{
+
+class CParticleStream_MainMemory : public CParticleStreamAbstract
+{
+public:
+    // An unbound stream. pageSize: capacity, in particles, of the pages that it will make; 0 gives the default, 1024.
+    explicit CParticleStream_MainMemory(u32 pageSize);
+    // Requires a free page lock. Pages that are still held elsewhere live on.
+    ~CParticleStream_MainMemory() override { Cleanup(); }
+
+    // The virtual interface. Lock and Unlock are LockPages and UnlockPages; the two queries take no lock.
+    const SParticleStreamDef *GetStreamDef() const override { return m_StreamDef; }
+    u32 ParticleCount() const override { return m_ParticleCount.Load(); }
+    void Lock() const override { LockPages(); }
+    void Unlock() const override { UnlockPages(); }
+    // Bytes of the pages, in m_ParticleBytes. Takes the lock. O(pages).
+    inline SMediumMemoryReport ComputeMemoryUsage() const override;
+
+    // Emptying and exchange. All keep the stream bound.
+    // Clear empties every page, for those who hold views on it too, and keeps the list's storage. Takes the lock.
+    void Clear();
+    // Cleanup lets the pages go as they are, outside the lock, and frees the list's storage. Takes the lock.
+    void Cleanup();
+    // Exchanges pages, counts, page sizes and definition; constant data, slot table and lock stay. Takes this stream's
+    // lock only: the other one must not be in use. Requires that nobody holds either lock (asserted). O(pages).
+    void Swap(CParticleStream_MainMemory &other);
+    bool Empty() const { return ParticleCount() == 0; }
+
+    // The page lock: re-entrant, counted; every lock is matched by one unlock on the same thread, of either kind.
+    // The render variants are the same lock; UnlockPages and LockPagesToRender open a profiler scope. An unlock
+    // without a lock, or by another thread, is reported and changes nothing.
+    void LockPages() const;
+    void UnlockPages() const;
+    bool LockedByCurrentThread() const;
+    void LockPagesToRender() const;
+    void UnlockPagesToRender() const;
+
+    // Capacity, in particles, of the pages made from now on; lowered to a power of two when a page would exceed the
+    // page allocator's largest block; 0 gives the default. Moves nothing: pages of another capacity become pending
+    // resizes. Takes the lock unless the size is unchanged. O(pages).
+    void SetPageSize(u32 size);
+    u32 PageSize() const { return m_PageSize; }
+
+    // Makes an empty page of PageSize() particles, appended to the list or held by the caller alone. Null when the
+    // stream is unbound or memory is refused. Expects the lock when the page is added.
+    PParticlePage AllocNewPage_NoLock(bool addToPageList);
+
+    // Definition queries. StreamId: index of a field by name, CGuid::INVALID when there is none (reported while
+    // unbound); runs the consistency check. StreamDef: an empty record, after a report, for an index out of range.
+    CGuid StreamId(CStringId nameGUID) const;
+    u32 StreamsCount() const;
+    const SParticleStreamFieldDef &StreamDef(CGuid streamId) const;
+    TMemoryView<const S64Bytes> ConstantData() const { return m_ConstantData; }
+    TStridedMemoryView<const CGuid> ConstantDataFieldSlot() const { return m_ConstantDataFieldSlot; }
+
+    // Takes up to wishedCount slots, in particles, of one page: the first in the list with room for minCountHint of
+    // them (0 or more than wishedCount: for all), else a new page. Returns the view on them, already counted; empty
+    // when no page can be had. The new values read 0xF3 until the caller writes them: where other threads may look,
+    // allocate and fill under one lock. Takes the lock. O(pages).
+    CParticlePageView AllocateParticlesIFP(u32 wishedCount, u32 minCountHint);
+    // Asks AllocateParticlesIFP until count particles are served or nothing more can be had; free slots of existing
+    // pages are used up first. Appends the views to outViews and returns how many particles they hold.
+    u32 AllocateParticles(u32 count, TArray<CParticlePageView> &outViews);
+    // Removes particles of the page at pageId as CParticlePage::RemoveParticles does, and lowers the count in the same
+    // locked step. Returns how many went; 0, after a report, for a bad page id or a bad list. Takes the lock.
+    u32 RemoveParticles(CGuid pageId, const TMemoryView<const u32> &indices);
+
+    // Counts births and deaths that happened in the pages by other means. The last one checks nothing.
+    void RegisterDeadCount(u32 deadCount);
+    void RegisterBornCount(u32 bornCount);
+    void RegisterBornCount_NoConsistencyCheck(u32 bornCount);
+
+    // The page list. Indices change when pages are collected, resized or rebound. No lock is taken: hold it, or read
+    // on the thread that changes the list. Page reports an index out of range and gives a null page.
+    u32 PageCount() const { return m_Pages.Count(); }
+    inline const PParticlePage &Page(CGuid pageId) const;
+    const PParticlePage &_UnsafePage(CGuid pageId) const { return m_Pages.RawDataPointer()[pageId.Get()]; }
+
+    // Page-to-page copies: append to dst what they copy, in one block copy per stored column. Pages are of one
+    // definition. They know no stream: counts and locks are the caller's. All fail, dst being as before, when dst has
+    // no room or has readers, or when the range lies outside the source's capacity.
+    // Copies transferCount particles of src from srcStartId on.
+    static bool CopySubRangeToPage(CParticlePage &dst, const CParticlePage &src, u32 srcStartId, u32 transferCount);
+    // Copies all particles of the view.
+    static bool CopyPageToPage(CParticlePage &dst, const CParticlePageView &src);
+    // Copies what fits of the view's particles from position srcStart in it on; returns the position behind the last
+    // one copied, srcStart when there was none.
+    static u32 TransferPageToPage(CParticlePage &dst, const CParticlePageView &src, u32 srcStart);
+
+    // Pending resizes: pages whose capacity is not PageSize() wait to be emptied into pages that have it.
+    // ResizePending empties up to maxPageCountToProcess pages that hold particles, and drops empty ones that it meets.
+    // Particles leave the stream only when no page can be had for them. Takes the lock. The count of what waits is
+    // kept by SetPageSize; ComputePendingResizes_NoLock recounts pages that hold particles, and expects the lock.
+    void ComputePendingResizes_NoLock();
+    void ResizePending(u32 maxPageCountToProcess);
+    bool HasPendingResizes() const { return m_PageCount_OutOfSync != 0; }
+
+    // Makes this stream an independent copy of other, which nobody changes meanwhile: its settings, and copies of its
+    // pages that hold particles; what this stream held is released first. When memory is refused, the pages copied so
+    // far stay and are counted. Takes this stream's lock.
+    void DeepCopy(const CParticleStream_MainMemory &other);
+
+    // Binds the stream to def, with its constant data and, for each of its fields, the index of the constant's block
+    // or CGuid::INVALID. A stream that holds particles keeps the fields that both definitions share by name, converted
+    // where type or storage size differ; new fields are zero. Pages keep their capacity and empty ones go. All
+    // particles go when a page of the present size would exceed the largest block. Nothing happens when def is bound
+    // already. The old definition and constant data are read during the call. Takes the lock.
+    void BindStreamDef(const SParticleStreamDef *def, const TMemoryView<const S64Bytes> &constantData,
+                       const TStridedMemoryView<const CGuid> &constantDataFieldSlot,
+                       const SParticleImplementationCache &cache);
+
+    // Drops every page without particles; the order of the others changes. pageReindexer may be null; of its
+    // PageCount() entries, entry k becomes the new index of the page that was at k, or CGuid::INVALID. Takes the lock;
+    // the list must not be changed by another thread meanwhile. O(pages).
+    void GarbageCollectOldPages(TMemoryView<CGuid> *pageReindexer);
+
+    // Pages, particles, slots and bytes at this moment. Takes the lock. O(pages * fields).
+    SParticleStreamStats ComputeStats() const;
+
+protected:
+    // Bytes of the raw block of a page: each column rounded up to 16, added up in wrapping 32-bit arithmetic.
+    static u32 _ComputePageSizeInBytes(u32 pageSize, const SParticleStreamDef *streamDef);
+    // Makes an empty page of pageSize particles in a raw block of pageSizeInBytes bytes. Null when memory is refused
+    // or the columns exceed the block.
+    PParticlePage AllocNewPage_NoLock(u32 pageSize, u32 pageSizeInBytes, bool addToPageList);
+    void _ResizePending_NoLock(u32 maxPageCountToProcess);
+    u32 _RecomputeParticleCount() const;
+    // Lowers the page size when its pages would exceed the allocator's cap; true when it did.
+    bool _ClampPageSizeToAllocatorCapsIFN();
+    void _DEBUG_CheckParticleCountConsistency() const;
+
+private:
+    CParticleStream_MainMemory(const CParticleStream_MainMemory &);
+    CParticleStream_MainMemory &operator=(const CParticleStream_MainMemory &);
+
+    static bool Startup() { return true; }
+    static void Shutdown() {}
+
+    class CResizePass;
+
+    // The same as AllocNewPage_NoLock, but leaves the rows before firstFreshRow as they are: the caller writes them.
+    PParticlePage _AllocNewPage_NoLock(u32 pageSize, u32 pageSizeInBytes, bool addToPageList, u32 firstFreshRow);
+    void _LayOutPage(CParticlePage &page) const;
+    CGuid _ConstantSlot(u32 streamId) const; // past the slot table's end: INVALID, after a report
+    u8 *_ConstantBlock(CGuid cstId) const;   // requires cstId < m_ConstantData.Count()
+    SMediumMemoryReport _ComputeMemoryUsage() const;
+    void _LeaveLock() const;
+    PParticlePage _FindPageWithRoom_NoLock(u32 minCount) const;
+    u32 _DeepCopyPages_NoLock(const CParticleStream_MainMemory &other);
+    void _RebuildPages_NoLock(const u8 *streamRemap, bool keepContents);
+    u32 _RebuildPage_NoLock(u32 i, const u8 *streamRemap, bool keepContents);
+    void _RebindConstantField(u32 streamId, SParticleStreamField &field) const;
+
+    TSharedField<u32> m_PageSize; // particles
+    u32 m_PageSizeInBytes;        // bytes; 0 while unbound
+    TSharedPointer<const SParticleStreamDef> m_StreamDef;
+    TMemoryView<const S64Bytes> m_ConstantData;
+    TStridedMemoryView<const CGuid> m_ConstantDataFieldSlot;
+    TArray<PParticlePage> m_Pages;
+    Threads::CCriticalSection m_PagesProtectCS;
+    TSharedField<u32> m_PageCount_OutOfSync; // pages that wait to be resized; may be left too high
+    TAtomic<u32> m_ParticleCount;
+    mutable TSharedField<u32> m_PagesLocked; // nesting depth of the page lock; written by its holder
+    mutable TSharedField<CGuid> m_ThreadOwningLock;
+};
+
+// Holds a stream's page lock for a scope.
+class CScopedPagesLock : public CNonCopyable
+{
+public:
+    explicit CScopedPagesLock(const CParticleStream_MainMemory &stream)
+        : m_Stream(stream)
+    {
+        m_Stream.LockPages();
+    }
+    ~CScopedPagesLock() { m_Stream.UnlockPages(); }
+
+private:
+    const CParticleStream_MainMemory &m_Stream;
+};
+
+} // namespace Tessaly
+
+#include "storage_ram_stream.inl"

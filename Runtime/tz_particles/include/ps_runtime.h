@@ -1,0 +1,25 @@
+// The host's door to the particle runtime: start it before the first stream gets pages, shut it down behind the last.
+#pragma once
+
+#include <tz_defs.h>
+
+namespace Tessaly
+{
+
+class CParticlePageAllocator;
+
+namespace Particles
+{
+
+// Makes the page allocator of the process. Calls are counted; each is balanced by one Shutdown. False when memory is
+// refused (then there is nothing to shut down). Any thread.
+bool Startup();
+
+// The last one destroys the page allocator. Pages that are still held stay valid and free themselves later.
+void Shutdown();
+
+// The page allocator, for its budget, maintenance and statistics; null while the runtime is not started.
+CParticlePageAllocator *PageAllocator();
+
+} // namespace Particles
+} // namespace Tessaly

@@ -1,0 +1,326 @@
+// Conversion of a field's column: rows of 32-bit lanes in vector loops, every other pair of types by way of a buffer.
+#include "storage_ram_convert.h"
+
+#include <cstring>
+
+namespace Tessaly
+{
+
+namespace
+{
+
+// Toward zero; NaN and what does not fit give -2147483648. The value is chosen before the cast, which is then defined
+// for all of them, and vectorises.
+s32 TruncateTo32(float value) { return s32(value >= -2147483648.0f && value < 2147483648.0f ? value : -2147483648.0f); }
+
+s32 TruncateTo32(double value) { return s32(value > -2147483649.0 && value < 2147483648.0 ? value : -2147483648.0); }
+
+template <typename _Type>
+_Type Load(const u8 *bytes)
+{
+    _Type value; // rows may be odd: no alignment is assumed
+    std::memcpy(&value, bytes, sizeof(_Type));
+    return value;
+}
+
+template <typename _Type>
+void Store(u8 *bytes, _Type value)
+{
+    std::memcpy(bytes, &value, sizeof(_Type));
+}
+
+struct SColumnPair
+{
+    const u8 *m_Src;
+    u8 *m_Dst;
+    size_t m_SrcStride; // bytes between rows
+    size_t m_DstStride;
+    u32 m_RowCount;
+    u32 m_Lanes;    // components converted per row
+    u32 m_SrcWidth; // bytes of one component
+    u32 m_DstWidth;
+
+    bool SrcIsDense() const { return m_SrcStride == size_t(m_Lanes) * m_SrcWidth; }
+    bool DstIsDense() const { return m_DstStride == size_t(m_Lanes) * m_DstWidth; }
+};
+
+struct SCopyLane
+{
+    using TIn = u32;
+    static u32 Do(u32 value) { return value; }
+};
+
+struct SFloatToInt
+{
+    using TIn = float;
+    static s32 Do(float value) { return TruncateTo32(value); }
+};
+
+template <typename _TIn>
+struct SIntToFloat
+{
+    using TIn = _TIn;
+    static float Do(_TIn value) { return float(value); }
+};
+
+// A run of components without holes on either side.
+template <typename _Op>
+void ConvertRun(const u8 *__restrict src, u8 *__restrict dst, size_t count)
+{
+    using TIn = typename _Op::TIn;
+    using TOut = decltype(_Op::Do(TIn()));
+    for (size_t i = 0; i < count; ++i)
+        Store(dst + i * sizeof(TOut), _Op::Do(Load<TIn>(src + i * sizeof(TIn))));
+}
+
+template <typename _Op, u32 _Lanes>
+void ConvertRows(const SColumnPair &pair)
+{
+    using TIn = typename _Op::TIn;
+    using TOut = decltype(_Op::Do(TIn()));
+    const u8 *__restrict src = pair.m_Src;
+    u8 *__restrict dst = pair.m_Dst;
+    for (u32 row = 0; row < pair.m_RowCount; ++row, src += pair.m_SrcStride, dst += pair.m_DstStride)
+    {
+        for (u32 lane = 0; lane < _Lanes; ++lane)
+            Store(dst + lane * sizeof(TOut), _Op::Do(Load<TIn>(src + lane * sizeof(TIn))));
+    }
+}
+
+template <typename _Op>
+void ConvertColumn(const SColumnPair &pair)
+{
+    if (pair.SrcIsDense() && pair.DstIsDense())
+        return ConvertRun<_Op>(pair.m_Src, pair.m_Dst, size_t(pair.m_RowCount) * pair.m_Lanes);
+    switch (pair.m_Lanes)
+    {
+    case 1:
+        return ConvertRows<_Op, 1>(pair);
+    case 2:
+        return ConvertRows<_Op, 2>(pair);
+    case 3:
+        return ConvertRows<_Op, 3>(pair);
+    case 4:
+        return ConvertRows<_Op, 4>(pair);
+    default:
+        return;
+    }
+}
+
+// The general road: components are read into a buffer in the widest type of their kind, and written from there.
+
+constexpr u32 kBufferCount = 256; // components
+
+union UBuffer
+{
+    s64 m_Ints[kBufferCount]; // of unsigned 64-bit components: the bits
+    double m_Floats[kBufferCount];
+};
+
+using FnLoad = void (*)(const SColumnPair &pair, u32 firstRow, u32 rowCount, UBuffer &out);
+using FnStore = void (*)(const SColumnPair &pair, u32 firstRow, u32 rowCount, const UBuffer &in);
+
+template <typename _Type>
+void LoadInts(const SColumnPair &pair, u32 firstRow, u32 rowCount, UBuffer &out)
+{
+    s64 *next = out.m_Ints;
+    for (u32 row = firstRow; row < firstRow + rowCount; ++row)
+    {
+        const u8 *src = pair.m_Src + row * pair.m_SrcStride;
+        for (u32 lane = 0; lane < pair.m_Lanes; ++lane)
+            *next++ = s64(Load<_Type>(src + lane * sizeof(_Type)));
+    }
+}
+
+void LoadBools(const SColumnPair &pair, u32 firstRow, u32 rowCount, UBuffer &out)
+{
+    LoadInts<u8>(pair, firstRow, rowCount, out);
+    for (u32 i = 0; i < rowCount * pair.m_Lanes; ++i)
+        out.m_Ints[i] = out.m_Ints[i] != 0 ? 1 : 0;
+}
+
+template <typename _Type>
+void LoadFloats(const SColumnPair &pair, u32 firstRow, u32 rowCount, UBuffer &out)
+{
+    double *next = out.m_Floats;
+    for (u32 row = firstRow; row < firstRow + rowCount; ++row)
+    {
+        const u8 *src = pair.m_Src + row * pair.m_SrcStride;
+        for (u32 lane = 0; lane < pair.m_Lanes; ++lane)
+            *next++ = double(Load<_Type>(src + lane * sizeof(_Type)));
+    }
+}
+
+template <typename _Value, typename _Convert>
+void StoreValues(const SColumnPair &pair, u32 firstRow, u32 rowCount, const _Value *next, _Convert convert)
+{
+    for (u32 row = firstRow; row < firstRow + rowCount; ++row)
+    {
+        u8 *dst = pair.m_Dst + row * pair.m_DstStride;
+        for (u32 lane = 0; lane < pair.m_Lanes; ++lane)
+            Store(dst + lane * sizeof(convert(*next)), convert(*next)), ++next;
+    }
+}
+
+template <typename _Type>
+void StoreInts(const SColumnPair &pair, u32 firstRow, u32 rowCount, const UBuffer &in)
+{
+    StoreValues(pair, firstRow, rowCount, in.m_Ints, [](s64 value) { return static_cast<_Type>(value); });
+}
+
+void StoreBools(const SColumnPair &pair, u32 firstRow, u32 rowCount, const UBuffer &in)
+{
+    StoreValues(pair, firstRow, rowCount, in.m_Ints, [](s64 value) { return u8(value != 0 ? 1 : 0); });
+}
+
+template <typename _Type>
+void StoreFloats(const SColumnPair &pair, u32 firstRow, u32 rowCount, const UBuffer &in)
+{
+    StoreValues(pair, firstRow, rowCount, in.m_Floats, [](double value) { return static_cast<_Type>(value); });
+}
+
+template <typename _Type>
+void StoreIntsAsFloats(const SColumnPair &pair, u32 firstRow, u32 rowCount, const UBuffer &in)
+{
+    StoreValues(pair, firstRow, rowCount, in.m_Ints, [](s64 value) { return static_cast<_Type>(value); });
+}
+
+template <typename _Type>
+void StoreUnsignedsAsFloats(const SColumnPair &pair, u32 firstRow, u32 rowCount, const UBuffer &in)
+{
+    StoreValues(pair, firstRow, rowCount, in.m_Ints, [](s64 value) { return static_cast<_Type>(u64(value)); });
+}
+
+FnLoad SelectLoad(EBaseTypeID scalarType)
+{
+    switch (scalarType)
+    {
+    case BaseType_Bool:
+        return &LoadBools;
+    case BaseType_U8:
+        return &LoadInts<u8>;
+    case BaseType_I8:
+        return &LoadInts<s8>;
+    case BaseType_U16:
+        return &LoadInts<u16>;
+    case BaseType_I16:
+        return &LoadInts<s16>;
+    case BaseType_U32:
+        return &LoadInts<u32>;
+    case BaseType_I32:
+        return &LoadInts<s32>;
+    case BaseType_U64:
+        return &LoadInts<u64>;
+    case BaseType_I64:
+        return &LoadInts<s64>;
+    case BaseType_Float:
+        return &LoadFloats<float>;
+    default:
+        return &LoadFloats<double>;
+    }
+}
+
+FnStore SelectStore(EBaseTypeID scalarType, EBaseTypeID srcScalarType, bool srcIsFp)
+{
+    switch (scalarType)
+    {
+    case BaseType_Bool:
+        return &StoreBools;
+    case BaseType_U8:
+    case BaseType_I8:
+        return &StoreInts<u8>;
+    case BaseType_U16:
+    case BaseType_I16:
+        return &StoreInts<u16>;
+    case BaseType_U32:
+    case BaseType_I32:
+        return &StoreInts<u32>;
+    case BaseType_U64:
+    case BaseType_I64:
+        return &StoreInts<u64>;
+    case BaseType_Float:
+        if (srcIsFp)
+            return &StoreFloats<float>;
+        return srcScalarType == BaseType_U64 ? &StoreUnsignedsAsFloats<float> : &StoreIntsAsFloats<float>;
+    default:
+        if (srcIsFp)
+            return &StoreFloats<double>;
+        return srcScalarType == BaseType_U64 ? &StoreUnsignedsAsFloats<double> : &StoreIntsAsFloats<double>;
+    }
+}
+
+void ConvertThroughBuffer(const SColumnPair &pair, const CBaseTypeTraits &tSrc, const CBaseTypeTraits &tDst)
+{
+    const FnLoad load = SelectLoad(tSrc.ScalarType);
+    const FnStore store = SelectStore(tDst.ScalarType, tSrc.ScalarType, tSrc.IsFp);
+    const u32 rowsAtATime = kBufferCount / pair.m_Lanes;
+    UBuffer buffer;
+    for (u32 row = 0; row < pair.m_RowCount; row += rowsAtATime)
+    {
+        const u32 rowCount = TZMin(rowsAtATime, pair.m_RowCount - row);
+        load(pair, row, rowCount, buffer);
+        if (tSrc.IsFp && !tDst.IsFp)
+        {
+            for (u32 i = 0; i < rowCount * pair.m_Lanes; ++i)
+                buffer.m_Ints[i] = TruncateTo32(buffer.m_Floats[i]);
+        }
+        store(pair, row, rowCount, buffer);
+    }
+}
+
+bool HasComponentsOf(const CBaseTypeTraits &traits, u32 width) { return traits.Size == width * traits.VectorDimension; }
+
+// Components converted per row: those of the smaller type, as far as they lie within both rows. 0 for a type without.
+u32 ComputeLanes(const SParticleStreamField &srcStream, const CBaseTypeTraits &tSrc,
+                 const SParticleStreamField &dstStream, const CBaseTypeTraits &tDst)
+{
+    if (tSrc.VectorDimension == 0 || tDst.VectorDimension == 0)
+        return 0;
+    const u32 rowIterCount = tSrc.Size < tDst.Size ? tSrc.VectorDimension : tDst.VectorDimension;
+    const u32 srcRowBytes = srcStream.IsConstant() ? u32(sizeof(S64Bytes)) : srcStream.m_Definition.m_StorageSize;
+    const u32 dstRowBytes = dstStream.m_Definition.m_StorageSize;
+    const u32 srcLanes = srcRowBytes / (tSrc.Size / tSrc.VectorDimension);
+    const u32 dstLanes = dstRowBytes / (tDst.Size / tDst.VectorDimension);
+    return TZMin(rowIterCount, TZMin(srcLanes, dstLanes));
+}
+
+} // namespace
+
+bool ConvertOverwritesRows(const SParticleStreamField &srcStream, const CBaseTypeTraits &tSrc,
+                           const SParticleStreamField &dstStream, const CBaseTypeTraits &tDst)
+{
+    const u32 lanes = ComputeLanes(srcStream, tSrc, dstStream, tDst);
+    return lanes != 0 && lanes * (tDst.Size / tDst.VectorDimension) == dstStream.m_Definition.m_StorageSize;
+}
+
+void ConvertField(const SParticleStreamField &srcStream, const SParticleStreamField &dstStream, u32 particleCount)
+{
+    const CBaseTypeTraits &tSrc = CBaseTypeTraits::Traits(srcStream.m_Definition.m_Type);
+    const CBaseTypeTraits &tDst = CBaseTypeTraits::Traits(dstStream.m_Definition.m_Type);
+    const u32 lanes = ComputeLanes(srcStream, tSrc, dstStream, tDst);
+    if (lanes == 0)
+        return;
+    const SColumnPair pair = {srcStream.m_RawDataPtr,
+                              dstStream.m_RawDataPtr,
+                              srcStream.m_Definition.m_StorageSize,
+                              dstStream.m_Definition.m_StorageSize,
+                              particleCount,
+                              lanes,
+                              tSrc.Size / tSrc.VectorDimension,
+                              tDst.Size / tDst.VectorDimension};
+    if (HasComponentsOf(tSrc, 4) && HasComponentsOf(tDst, 4))
+    {
+        if (tSrc.IsFp == tDst.IsFp)
+            ConvertColumn<SCopyLane>(pair);
+        else if (tSrc.IsFp)
+            ConvertColumn<SFloatToInt>(pair);
+        else
+            ConvertColumn<SIntToFloat<s32>>(pair);
+    }
+    else if (tSrc.ScalarType == BaseType_U8 && tDst.ScalarType == BaseType_Float)
+        ConvertColumn<SIntToFloat<u8>>(pair); // colours
+    else
+        ConvertThroughBuffer(pair, tSrc, tDst);
+}
+
+} // namespace Tessaly

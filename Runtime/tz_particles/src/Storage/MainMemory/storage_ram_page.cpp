@@ -1,0 +1,313 @@
+// Pages, their fields, and the views on them.
+#include <tz_particles/include/Storage/MainMemory/storage_ram_page.h>
+
+#include <cstring>
+
+#include <tz_kernel/include/kr_mem_utils.h>
+#include <tz_memory.h>
+
+namespace Tessaly
+{
+
+namespace
+{
+
+void FillFresh(u8 *bytes, size_t count)
+{
+    if (count != 0)
+        std::memset(bytes, kFreshParticleByte, count);
+}
+
+// One particle that moves into the slot of a removed one.
+struct SRowMove
+{
+    u32 m_From;
+    u32 m_To;
+};
+
+template <u32 _RowBytes>
+void MoveRows(u8 *column, const SRowMove *moves, u32 moveCount)
+{
+    for (u32 i = 0; i < moveCount; ++i)
+        std::memcpy(column + size_t(moves[i].m_To) * _RowBytes, column + size_t(moves[i].m_From) * _RowBytes,
+                    _RowBytes);
+}
+
+void MoveRows(u8 *column, u32 rowBytes, const SRowMove *moves, u32 moveCount)
+{
+    switch (rowBytes)
+    {
+    case 4:
+        return MoveRows<4>(column, moves, moveCount);
+    case 8:
+        return MoveRows<8>(column, moves, moveCount);
+    case 12:
+        return MoveRows<12>(column, moves, moveCount);
+    case 16:
+        return MoveRows<16>(column, moves, moveCount);
+    default:
+        for (u32 i = 0; i < moveCount; ++i)
+            std::memcpy(column + size_t(moves[i].m_To) * rowBytes, column + size_t(moves[i].m_From) * rowBytes,
+                        rowBytes);
+    }
+}
+
+// True when indices are ascending, unique, and below count.
+bool IsListOfParticles(const TMemoryView<const u32> &indices, u32 count)
+{
+    if (indices.Empty())
+        return true;
+    const u32 *list = indices.Data();
+    if (list == null || indices.Count() > count || list[indices.Count() - 1] >= count)
+        return false;
+    bool isAscending = true;
+    for (u32 i = 1; i < indices.Count(); ++i)
+        isAscending &= list[i - 1] < list[i];
+    return isAscending;
+}
+
+// Pairs the holes below newCount, ascending, with the particles from newCount on that stay, ascending.
+class CHoleFiller
+{
+public:
+    CHoleFiller(const TMemoryView<const u32> &indices, u32 newCount)
+        : m_NextHole(indices.begin())
+        , m_NextRemoved(indices.begin())
+        , m_NextSurvivor(newCount)
+    {
+        while (m_NextRemoved != indices.end() && *m_NextRemoved < newCount)
+            ++m_NextRemoved;
+        m_HolesEnd = m_NextRemoved;
+        m_RemovedEnd = indices.end();
+    }
+
+    // Writes up to maxCount moves; returns how many. 0: every hole is filled.
+    u32 Next(SRowMove *outMoves, u32 maxCount)
+    {
+        u32 count = 0;
+        for (; count < maxCount && m_NextHole != m_HolesEnd; ++count)
+        {
+            for (; m_NextRemoved != m_RemovedEnd && *m_NextRemoved == m_NextSurvivor; ++m_NextRemoved)
+                ++m_NextSurvivor;
+            outMoves[count] = {m_NextSurvivor++, *m_NextHole++};
+        }
+        return count;
+    }
+
+private:
+    const u32 *m_NextHole;
+    const u32 *m_HolesEnd;
+    const u32 *m_NextRemoved; // among those from newCount on
+    const u32 *m_RemovedEnd;
+    u32 m_NextSurvivor;
+};
+
+} // namespace
+
+void SParticleStreamField::Clear()
+{
+    m_RawDataPtr = null;
+    m_ParticleCount = 0;
+}
+
+void SParticleStreamField::TrashFrom(u32 first)
+{
+    const size_t rowBytes = m_Definition.m_StorageSize;
+    if (m_RawDataPtr != null && first < m_ParticleCount)
+        FillFresh(m_RawDataPtr + rowBytes * first, rowBytes * (m_ParticleCount - first));
+}
+
+void SParticleStreamField::Swap(SParticleStreamField &other)
+{
+    TZSwap(m_RawDataPtr, other.m_RawDataPtr);
+    TZSwap(m_ParticleCount, other.m_ParticleCount);
+    TZSwap(m_Definition, other.m_Definition);
+}
+
+CParticlePage::CParticlePage(CParticleStream_MainMemory *parent, u32 capacity)
+    : m_ParticleCount(0)
+    , m_Capacity(capacity)
+    , m_Parent(parent)
+    , m_StreamDef(null)
+{
+}
+
+CParticlePage::~CParticlePage() {}
+
+CGuid CParticlePage::StreamId(CStringId nameGUID) const
+{
+    if (nameGUID.Empty())
+        return CGuid::INVALID;
+    const TMemoryView<const SParticleStreamField> fields = Streams();
+    for (u32 i = 0; i < fields.Count(); ++i)
+    {
+        if (fields.Data()[i].m_Definition.m_NameGUID == nameGUID)
+            return CGuid(i);
+    }
+    return CGuid::INVALID;
+}
+
+CGuid CParticlePage::AllocateParticles(u32 count)
+{
+    const u32 first = m_ParticleCount;
+    if (first > m_Capacity || count > m_Capacity - first)
+        return CGuid::INVALID;
+    if (count != 0)
+        _SetParticleCount(first + count);
+    return CGuid(first);
+}
+
+u32 CParticlePage::RemoveParticles(const TMemoryView<const u32> &indices)
+{
+    const u32 oldCount = m_ParticleCount;
+    if (!TZ_VERIFY(IsListOfParticles(indices, oldCount)) || !TZ_VERIFY(PrepareForWriting()))
+        return 0;
+
+    constexpr u32 kMovesAtATime = 256;
+    SRowMove moves[kMovesAtATime];
+    const u32 newCount = oldCount - indices.Count();
+    CHoleFiller filler(indices, newCount);
+    while (const u32 moveCount = filler.Next(moves, kMovesAtATime))
+    {
+        for (SParticleStreamField &field : m_Streams_Unsafe.ViewForWriting())
+        {
+            if (!field.IsConstant())
+                MoveRows(field.m_RawDataPtr, field.m_Definition.m_StorageSize, moves, moveCount);
+        }
+    }
+    _SetParticleCount(newCount);
+    return indices.Count();
+}
+
+void CParticlePage::DeepCopy(const CParticlePage &other)
+{
+    if (this == &other || !TZ_VERIFY(PrepareForWriting()))
+        return;
+    const u32 particleCount = TZMin(other.ParticleCount(), m_Capacity);
+    const u32 fieldCount = TZMin(StreamsCount(), other.StreamsCount());
+    SParticleStreamField *dstFields = m_Streams_Unsafe.RawDataPointer();
+    const SParticleStreamField *srcFields = other.m_Streams_Unsafe.RawDataPointer();
+    for (u32 i = 0; i < fieldCount; ++i)
+    {
+        const u32 rowBytes = TZMin(dstFields[i].m_Definition.m_StorageSize, srcFields[i].m_Definition.m_StorageSize);
+        Mem::Copy(dstFields[i].m_RawDataPtr, srcFields[i].m_RawDataPtr, ureg(rowBytes) * particleCount);
+    }
+    _SetParticleCount(particleCount);
+}
+
+void CParticlePage::Clear() { _SetParticleCount(0); }
+
+u32 CParticlePage::MemoryFootprint() const
+{
+    u64 bytes = sizeof(CParticlePage) + u64(m_Streams_Unsafe.Capacity()) * sizeof(SParticleStreamField);
+    if (m_RawPage != null)
+        bytes += sizeof(CParticleRawPage_MainMemory) + m_RawPage->Size();
+    return u32(TZMin(bytes, u64(TNumericTraits<u32>::kMax)));
+}
+
+void CParticlePage::_SetParticleCount(u32 count)
+{
+    m_ParticleCount = count;
+    for (SParticleStreamField &field : m_Streams_Unsafe.ViewForWriting())
+        field.m_ParticleCount = count;
+}
+
+u32 CParticlePage::_ColumnSizeInBytes(const SParticleStreamField &field) const
+{
+    return Mem::Align<16, u32>(field.m_Definition.m_StorageSize * m_Capacity);
+}
+
+void CParticlePage::_FillFreshRows(u32 first)
+{
+    for (SParticleStreamField &field : m_Streams_Unsafe.ViewForWriting())
+    {
+        if (field.IsConstant())
+            continue;
+        const u32 offset = field.m_Definition.m_StorageSize * first;
+        FillFresh(field.m_RawDataPtr + offset, _ColumnSizeInBytes(field) - offset);
+    }
+}
+
+void CParticlePage::_DropFirstParticles(u32 first)
+{
+    const u32 count = m_ParticleCount - first;
+    for (SParticleStreamField &field : m_Streams_Unsafe.ViewForWriting())
+    {
+        const size_t rowBytes = field.m_Definition.m_StorageSize;
+        Mem::Copy_Overlapped(field.m_RawDataPtr, field.m_RawDataPtr + rowBytes * first, rowBytes * count);
+    }
+    _SetParticleCount(count);
+}
+
+CParticlePageView::CParticlePageView(const CParticlePage &page)
+    : m_Page(const_cast<CParticlePage *>(&page))
+    , m_First(0)
+    , m_Count(page.ParticleCount())
+{
+}
+
+CParticlePageView::CParticlePageView(const CParticlePage &page, u32 first, u32 count)
+    : m_Page(const_cast<CParticlePage *>(&page))
+    , m_First(first)
+    , m_Count(count)
+{
+    TZ_ASSERT(first + count <= page.ParticleCount());
+}
+
+void CParticlePageView::Clear() { *this = CParticlePageView(); }
+
+TMemoryView<const SParticleStreamField> CParticlePageView::Streams() const
+{
+    return m_Page != null ? m_Page->Streams() : TMemoryView<const SParticleStreamField>();
+}
+
+TMemoryView<SParticleStreamField> CParticlePageView::StreamsForWriting() const
+{
+    return m_Page != null ? m_Page->StreamsForWriting() : TMemoryView<SParticleStreamField>();
+}
+
+const SParticleStreamField &CParticlePageView::RawStream(CGuid streamId) const
+{
+    if (!TZ_VERIFY(m_Page != null))
+        return Internal::MissingElement<const SParticleStreamField>();
+    return m_Page->RawStream(streamId);
+}
+
+SParticleStreamField &CParticlePageView::RawStreamForWriting(CGuid streamId) const
+{
+    if (!TZ_VERIFY(m_Page != null))
+        return Internal::MissingElement<SParticleStreamField>();
+    TZ_ASSERT(m_Page->ReadyToWrite());
+    return const_cast<SParticleStreamField &>(m_Page->RawStream(streamId));
+}
+
+bool CParticlePageView::_HasParticles() const { return m_Page != null && u64(m_First) + m_Count <= m_Page->Capacity(); }
+
+u8 *CParticlePageView::_ColumnStart(const SParticleStreamField &field) const
+{
+    if (!TZ_VERIFY(_HasParticles()) || field.m_RawDataPtr == null)
+        return null;
+    return field.m_RawDataPtr + size_t(field.m_Definition.m_StorageSize) * m_First;
+}
+
+const u8 *CParticlePageView::RawStreamBegin(CGuid streamId) const { return _ColumnStart(RawStream(streamId)); }
+
+u8 *CParticlePageView::RawStreamBeginForWriting(CGuid streamId) const
+{
+    const SParticleStreamField &field = RawStream(streamId);
+    if (!TZ_VERIFY(!field.IsConstant()) || !TZ_VERIFY(m_Page->ReadyToWrite()))
+        return null;
+    return _ColumnStart(field);
+}
+
+CGuid CParticlePageView::StreamId(CStringId nameGUID) const
+{
+    return m_Page != null ? m_Page->StreamId(nameGUID) : CGuid::INVALID;
+}
+
+const SParticleStreamDef *CParticlePageView::GetStreamDef() const
+{
+    return m_Page != null ? m_Page->GetStreamDef() : null;
+}
+
+} // namespace Tessaly

@@ -1,0 +1,56 @@
+// The copy of a whole stream.
+#include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
+
+#include <tz_kernel/include/kr_profiler.h>
+
+namespace Tessaly
+{
+
+void CParticleStream_MainMemory::DeepCopy(const CParticleStream_MainMemory &other)
+{
+    TZ_PROFILE_SCOPE_COLORED("DeepCopy", CFloat3(0.4f, 0.3f, 1.0f));
+    _DEBUG_CheckParticleCountConsistency();
+    LockPages();
+    Cleanup();
+    TZ_ASSERT(m_Pages.Empty());
+    m_StreamDef = other.m_StreamDef;
+    m_ConstantData = other.m_ConstantData;
+    m_ConstantDataFieldSlot = other.m_ConstantDataFieldSlot;
+    m_PageSize = other.m_PageSize;
+    m_PageSizeInBytes = other.m_PageSizeInBytes;
+    m_PageCount_OutOfSync = other.m_PageCount_OutOfSync;
+    TZ_ASSERT(m_PageSizeInBytes == _ComputePageSizeInBytes(m_PageSize, m_StreamDef));
+
+    u32 newPCount = 0;
+    const u32 oldPCount = m_ParticleCount.Load();
+    if (!other.m_Pages.Empty() && m_Pages.Reserve(other.m_Pages.Count()))
+        newPCount = _DeepCopyPages_NoLock(other);
+    TZ_ASSERT(m_ParticleCount.Load() == oldPCount);
+    m_ParticleCount.Store(newPCount);
+    UnlockPages();
+    _DEBUG_CheckParticleCountConsistency();
+}
+
+// Appends copies of other's pages that hold particles, until memory is refused. Returns how many particles they hold.
+u32 CParticleStream_MainMemory::_DeepCopyPages_NoLock(const CParticleStream_MainMemory &other)
+{
+    u32 newPCount = 0;
+    for (u32 i = 0; i < other.m_Pages.Count(); ++i)
+    {
+        const CParticlePage *srcPage = other.m_Pages.RawDataPointer()[i].Get();
+        if (srcPage->Empty())
+            continue;
+        // The copied rows are not filled first.
+        const PParticlePage dstPage =
+            _AllocNewPage_NoLock(srcPage->Capacity(), srcPage->RawPage()->Size(), true, srcPage->ParticleCount());
+        if (dstPage == null)
+            break;
+        TZ_ASSERT(dstPage->Capacity() == srcPage->Capacity());
+        TZ_ASSERT(dstPage->RawPage()->Size() == srcPage->RawPage()->Size());
+        dstPage->DeepCopy(*srcPage);
+        newPCount += dstPage->ParticleCount();
+    }
+    return newPCount;
+}
+
+} // namespace Tessaly

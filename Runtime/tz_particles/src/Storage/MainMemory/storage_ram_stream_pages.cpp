@@ -1,0 +1,184 @@
+// Page size policy, and the one place where pages are made.
+#include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
+
+#include <cstring>
+
+#include <tz_kernel/include/kr_profiler.h>
+#include <tz_memory.h>
+
+#include "../../include/pv_particles.h"
+
+namespace Tessaly
+{
+
+namespace
+{
+
+constexpr u32 kDefaultPageSize = 1024; // particles
+
+// Bytes of one column, wherever it starts in the page. Wraps around.
+u32 _ComputePageStreamSizeInBytes(u32 /*streamOffsetInPage*/, u32 pageSize, u32 storageSize)
+{
+    return Mem::Align<16, u32>(storageSize * pageSize);
+}
+
+// Bytes of all columns without wrapping around: the largest u64 stands for all beyond it.
+u64 ComputeTruePageSizeInBytes(u32 pageSize, const SParticleStreamDef &streamDef)
+{
+    u64 sum = 0;
+    for (const SParticleStreamFieldDef &def : streamDef.m_StreamDef.View())
+    {
+        const u64 columnBytes = Mem::Align<16, u64>(u64(def.m_StorageSize) * pageSize);
+        if (columnBytes > TNumericTraits<u64>::kMax - sum)
+            return TNumericTraits<u64>::kMax;
+        sum += columnBytes;
+    }
+    return sum;
+}
+
+} // namespace
+
+u32 CParticleStream_MainMemory::_ComputePageSizeInBytes(u32 pageSize, const SParticleStreamDef *streamDef)
+{
+    TZ_ASSERT(streamDef != null);
+    if (streamDef == null)
+        return 0;
+    u32 sum = 0;
+    for (const SParticleStreamFieldDef &def : streamDef->m_StreamDef.View())
+        sum += _ComputePageStreamSizeInBytes(sum, pageSize, def.m_StorageSize);
+    return sum;
+}
+
+bool CParticleStream_MainMemory::_ClampPageSizeToAllocatorCapsIFN()
+{
+    CParticlesInternals::PageAllocator(); // its existence is asserted; only its cap is used
+    const u32 kMaxAllocSize = CParticlePageAllocator::kMaxAllocSize;
+    const u64 trueSize = ComputeTruePageSizeInBytes(m_PageSize, *m_StreamDef);
+    const bool tooLarge = m_PageSizeInBytes != 0 && trueSize > kMaxAllocSize;
+    if (!tooLarge)
+        return false;
+    const u64 sizePerParticle = trueSize / m_PageSize;
+    TZ_ASSERT(sizePerParticle != 0);
+    const u32 maxParticleCount = sizePerParticle != 0 ? u32(kMaxAllocSize / sizePerParticle) : 0;
+    m_PageSize = maxParticleCount != 0 ? 1u << IntegerTools::Log2(maxParticleCount) : 1u;
+    m_PageSizeInBytes = _ComputePageSizeInBytes(m_PageSize, m_StreamDef);
+    TZ_ASSERT(m_PageSizeInBytes <= kMaxAllocSize);
+    TZ_ASSERT(m_PageSizeInBytes != 0);
+    return tooLarge;
+}
+
+void CParticleStream_MainMemory::SetPageSize(u32 size)
+{
+    TZ_PROFILE_SCOPE("SetPageSize");
+    if (m_PageSize == size)
+        return;
+    TZ_ASSERT(m_Pages.Empty() || m_ConstantDataFieldSlot.Count() == m_StreamDef->m_StreamDef.Count());
+    _DEBUG_CheckParticleCountConsistency();
+    LockPages();
+    m_PageSize = size;
+    if (m_StreamDef != null)
+    {
+        m_PageSizeInBytes = _ComputePageSizeInBytes(size, m_StreamDef);
+        TZ_ASSERT(m_PageSizeInBytes != 0 || m_StreamDef->Empty());
+    }
+    if (size == 0)
+    {
+        m_PageSize = kDefaultPageSize;
+        if (m_StreamDef != null)
+            m_PageSizeInBytes = _ComputePageSizeInBytes(kDefaultPageSize, m_StreamDef);
+    }
+    if (m_StreamDef != null)
+        _ClampPageSizeToAllocatorCapsIFN();
+    u32 outOfSyncCount = 0;
+    for (const PParticlePage &page : m_Pages.View())
+        outOfSyncCount += page->Capacity() != m_PageSize ? 1 : 0;
+    m_PageCount_OutOfSync = outOfSyncCount;
+    TZ_ASSERT(m_Pages.Empty() || m_StreamDef != null);
+    UnlockPages();
+    _DEBUG_CheckParticleCountConsistency();
+}
+
+PParticlePage CParticleStream_MainMemory::AllocNewPage_NoLock(bool addToPageList)
+{
+    return AllocNewPage_NoLock(m_PageSize, m_PageSizeInBytes, addToPageList);
+}
+
+PParticlePage CParticleStream_MainMemory::AllocNewPage_NoLock(u32 pageSize, u32 pageSizeInBytes, bool addToPageList)
+{
+    return _AllocNewPage_NoLock(pageSize, pageSizeInBytes, addToPageList, 0);
+}
+
+PParticlePage CParticleStream_MainMemory::_AllocNewPage_NoLock(u32 pageSize, u32 pageSizeInBytes, bool addToPageList,
+                                                               u32 firstFreshRow)
+{
+    if (m_StreamDef == null)
+        return null;
+    CParticlePageAllocator *allocator = CParticlesInternals::PageAllocator();
+    if (allocator == null)
+        return null;
+    const PParticleRawPage_MainMemory rawPage = allocator->AllocPage(pageSizeInBytes);
+    if (rawPage == null || ComputeTruePageSizeInBytes(pageSize, *m_StreamDef) > rawPage->Size())
+        return null;
+    PParticlePage page = Mem::New<CParticlePage>(TZ_CALL_SITE, this, pageSize);
+    if (page == null)
+        return null;
+    TZ_ASSERT(page->ReadyToWrite());
+    const TArray<SParticleStreamFieldDef> &streamDef = m_StreamDef->m_StreamDef;
+    TZ_ASSERT(m_ConstantDataFieldSlot.Count() == streamDef.Count());
+    if (!TZ_VERIFY(page->m_Streams_Unsafe.Reserve(streamDef.Count())))
+        return null;
+    page->m_RawPage = rawPage;
+    page->m_StreamDef = m_StreamDef;
+    _LayOutPage(*page);
+    page->_FillFreshRows(firstFreshRow);
+    if (addToPageList && !TZ_VERIFY(m_Pages.PushBack(page).Valid()))
+        page = null;
+    return page;
+}
+
+// Gives the page its fields: columns back to back in its block, constants into the constant data.
+void CParticleStream_MainMemory::_LayOutPage(CParticlePage &pageToLayOut) const
+{
+    CParticlePage *page = &pageToLayOut;
+    const TArray<SParticleStreamFieldDef> &streamDef = m_StreamDef->m_StreamDef;
+    u8 *basePageDataPtr = page->m_RawPage->RawDataForWriting();
+    u32 dataOffset = 0;
+    for (u32 sidx = 0; sidx < streamDef.Count(); ++sidx)
+    {
+        const SParticleStreamFieldDef &def = streamDef[sidx];
+        TZ_VERIFY(page->m_Streams_Unsafe.PushBackUnsafe(def) == sidx);
+        u8 *streamPtr = null;
+        if (def.m_StorageSize == 0)
+        {
+            const CGuid cstId = _ConstantSlot(sidx);
+            if (cstId.Valid() && TZ_VERIFY(cstId < m_ConstantData.Count()))
+                streamPtr = _ConstantBlock(cstId);
+        }
+        else
+        {
+            streamPtr = basePageDataPtr + dataOffset;
+            dataOffset += _ComputePageStreamSizeInBytes(dataOffset, page->Capacity(), def.m_StorageSize);
+        }
+        page->m_Streams_Unsafe.RawDataPointer()[sidx].m_RawDataPtr = streamPtr;
+    }
+}
+
+CGuid CParticleStream_MainMemory::_ConstantSlot(u32 streamId) const
+{
+    const SStridedMemoryViewRawStorage &slots = m_ConstantDataFieldSlot.m_Storage;
+    m_ConstantDataFieldSlot._AssertAccessible(streamId);
+    CGuid slot;
+    if (slots.m_RawDataPtr != null && streamId < slots.m_Count)
+        std::memcpy(&slot, slots.m_RawDataPtr + streamId * slots.m_Stride, sizeof(slot)); // the stride may be odd
+    return slot;
+}
+
+u8 *CParticleStream_MainMemory::_ConstantBlock(CGuid cstId) const
+{
+    m_ConstantData._AssertAccessible(cstId);
+    if (m_ConstantData.Data() == null)
+        return null;
+    return reinterpret_cast<u8 *>(const_cast<S64Bytes *>(m_ConstantData.Data() + cstId.Get()));
+}
+
+} // namespace Tessaly

@@ -1,0 +1,158 @@
+// Binding a definition, and moving a living stream to another one.
+#include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
+
+#include <cstring>
+
+#include <tz_kernel/include/kr_mem_utils.h>
+
+#include "storage_ram_convert.h"
+
+namespace Tessaly
+{
+
+namespace
+{
+
+constexpr u8 kNoMapping = 0;    // in a remap table: the new field takes nothing from the old definition
+constexpr u8 kFirstMapping = 1; // plus the old field's index: it takes that field's values
+constexpr u32 kMaxDstStreams = 256;
+constexpr u32 kMaxSrcStreams = 255; // so that every mapping fits a u8
+
+// For each new field the first old one of the same name. An empty name matches the empty name.
+void MapFieldsByName(const TArray<SParticleStreamFieldDef> &dstDefinition,
+                     const TArray<SParticleStreamFieldDef> &srcDefinition, u8 *streamRemap)
+{
+    const TMemoryView<const SParticleStreamFieldDef> dst = dstDefinition.View();
+    const TMemoryView<const SParticleStreamFieldDef> src = srcDefinition.View();
+    const u32 dstCount = TZMin(dst.Count(), kMaxDstStreams);
+    const u32 srcCount = TZMin(src.Count(), kMaxSrcStreams);
+    for (u32 i = 0; i < dstCount; ++i)
+    {
+        for (u32 j = 0; j < srcCount; ++j)
+        {
+            if (dst.Data()[i].m_NameGUID == src.Data()[j].m_NameGUID)
+            {
+                streamRemap[i] = checked_numcast<u8>(j + kFirstMapping);
+                break;
+            }
+        }
+    }
+}
+
+// Fills the particles' rows of a new stored field from its old namesake.
+void TakeOverField(const SParticleStreamField &src, const SParticleStreamField &dst, const CBaseTypeTraits &tDst,
+                   u32 particleCount)
+{
+    const u32 dstCoveredBytes = dst.m_Definition.m_StorageSize * particleCount;
+    const CBaseTypeTraits &tSrc = CBaseTypeTraits::Traits(src.m_Definition.m_Type);
+    if (src.m_RawDataPtr == null) // an old constant without data
+        return Mem::Clear(dst.m_RawDataPtr, dstCoveredBytes);
+    if (src.m_Definition.m_StorageSize == dst.m_Definition.m_StorageSize && tSrc.IsFp == tDst.IsFp)
+        return Mem::Copy(dst.m_RawDataPtr, src.m_RawDataPtr, dstCoveredBytes);
+
+    if (!ConvertOverwritesRows(src, tSrc, dst, tDst))
+        std::memset(dst.m_RawDataPtr, tSrc.Size < tDst.Size ? 0 : kFreshParticleByte, dstCoveredBytes);
+    ConvertField(src, dst, particleCount);
+}
+
+} // namespace
+
+void CParticleStream_MainMemory::BindStreamDef(const SParticleStreamDef *def,
+                                               const TMemoryView<const S64Bytes> &constantData,
+                                               const TStridedMemoryView<const CGuid> &constantDataFieldSlot,
+                                               const SParticleImplementationCache & /*cache*/)
+{
+    _DEBUG_CheckParticleCountConsistency();
+    TZ_ASSERT(def != null);
+    if (def == null || m_StreamDef == def)
+        return;
+    m_ConstantData = constantData;
+    m_ConstantDataFieldSlot = constantDataFieldSlot;
+    TZ_ASSERT(m_ConstantDataFieldSlot.Count() == def->m_StreamDef.Count());
+
+    LockPages();
+    u8 streamRemap[kMaxDstStreams];
+    std::memset(streamRemap, kNoMapping, sizeof(streamRemap));
+    const bool keepContents = m_StreamDef != null && !m_Pages.Empty();
+    if (keepContents)
+        MapFieldsByName(def->m_StreamDef, m_StreamDef->m_StreamDef, streamRemap);
+    m_PageSizeInBytes = _ComputePageSizeInBytes(m_PageSize, def);
+    TZ_ASSERT(m_PageSizeInBytes != 0 || def->Empty());
+    m_StreamDef = def;
+    if (_ClampPageSizeToAllocatorCapsIFN())
+        Cleanup();
+    else if (!m_Pages.Empty())
+        _RebuildPages_NoLock(streamRemap, keepContents);
+    UnlockPages();
+    _DEBUG_CheckParticleCountConsistency();
+}
+
+void CParticleStream_MainMemory::_RebuildPages_NoLock(const u8 *streamRemap, bool keepContents)
+{
+    const u32 oldPCount = m_ParticleCount.Load();
+    u32 newPCount = 0;
+    for (u32 i = 0; i < m_Pages.Count();)
+    {
+        const u32 particleCount = _RebuildPage_NoLock(i, streamRemap, keepContents);
+        newPCount += particleCount;
+        i += particleCount != 0 ? 1 : 0;
+    }
+    TZ_ASSERT(m_ParticleCount.Load() == oldPCount);
+    m_ParticleCount.Store(newPCount);
+}
+
+// Replaces the page at index i by one of the same capacity in the new layout, and returns its particles. An empty page,
+// or one whose replacement was refused, leaves the list instead (the last page moves to i), and 0 is returned.
+u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const u8 *streamRemap, bool keepContents)
+{
+    const PParticlePage page = m_Pages.RawDataPointer()[i];
+    const u32 oldCount = m_Pages.Count();
+    const u32 particleCount = page->ParticleCount();
+    PParticlePage newPage;
+    if (particleCount != 0)
+    {
+        const u32 pageSize = page->Capacity();
+        const u32 pageSizeInBytes = _ComputePageSizeInBytes(pageSize, m_StreamDef);
+        // The particles' rows are written below, each byte once.
+        newPage = _AllocNewPage_NoLock(pageSize, pageSizeInBytes, false, particleCount);
+    }
+    TZ_ASSERT(oldCount == m_Pages.Count());
+    if (newPage == null)
+    {
+        m_Pages.Remove(i);
+        return 0;
+    }
+    TZ_ASSERT(newPage->Capacity() == page->Capacity());
+    m_Pages.RawDataPointer()[i] = newPage;
+    newPage->m_ParticleCount = particleCount;
+    const TMemoryView<SParticleStreamField> dstStreams = newPage->StreamsForWriting();
+    const TMemoryView<const SParticleStreamField> srcStreams = page->Streams();
+    for (u32 j = 0; j < dstStreams.Count(); ++j)
+    {
+        SParticleStreamField &dst = dstStreams.Data()[j];
+        dst.m_ParticleCount = particleCount;
+        if (dst.IsConstant())
+        {
+            _RebindConstantField(j, dst);
+            continue;
+        }
+        const CBaseTypeTraits &tDst = CBaseTypeTraits::Traits(dst.m_Definition.m_Type);
+        const u32 dstCoveredBytes = dst.m_Definition.m_StorageSize * particleCount;
+        TZ_ASSERT(dstCoveredBytes != 0);
+        const u32 mapping = keepContents && j < kMaxDstStreams ? streamRemap[j] : kNoMapping;
+        if (mapping != kNoMapping && mapping - kFirstMapping < srcStreams.Count())
+            TakeOverField(srcStreams.Data()[mapping - kFirstMapping], dst, tDst, particleCount);
+        else
+            Mem::Clear(dst.m_RawDataPtr, dstCoveredBytes);
+    }
+    return particleCount;
+}
+
+void CParticleStream_MainMemory::_RebindConstantField(u32 streamId, SParticleStreamField &field) const
+{
+    const CGuid cstId = _ConstantSlot(streamId);
+    if (TZ_VERIFY(cstId.Valid() && cstId < m_ConstantData.Count()))
+        field.m_RawDataPtr = _ConstantBlock(cstId);
+}
+
+} // namespace Tessaly

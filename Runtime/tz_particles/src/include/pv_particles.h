@@ -1,0 +1,27 @@
+// The runtime's own globals. Not installed: hosts use ps_runtime.h.
+#pragma once
+
+#include <tz_particles/include/Storage/MainMemory/storage_ram_allocator.h>
+
+namespace Tessaly
+{
+
+class CParticlesInternals
+{
+public:
+    // Makes the page allocator; calls are counted. False when memory is refused.
+    static bool Startup();
+    // Balances one Startup. The last one lets the page allocator go, which lives on until its last block is back.
+    static void Shutdown();
+
+    // The page allocator; asserts that it exists, and gives null when it does not.
+    static CParticlePageAllocator *PageAllocator()
+    {
+        TZ_ASSERT(m_PageAllocator != null);
+        return m_PageAllocator;
+    }
+
+    static TSharedPointer<CParticlePageAllocator> m_PageAllocator;
+};
+
+} // namespace Tessaly
