@@ -1,0 +1,157 @@
+#include "allocator_hook.h"
+
+#include <gtest/gtest.h>
+
+namespace Tessaly
+{
+namespace Tests
+{
+
+namespace
+{
+
+CAllocatorHook *g_Hook = null;
+
+} // namespace
+
+CAllocatorHook::CAllocatorHook()
+{
+    static const Mem::SAllocator allocator = {&OnAlloc, &OnRealloc, &OnFree};
+    g_Hook = this;
+    Mem::SetAllocator(&allocator);
+}
+
+CAllocatorHook::~CAllocatorHook()
+{
+    Mem::SetAllocator(null);
+    g_Hook = null;
+    for (const auto &block : m_Live)
+        ADD_FAILURE() << "not given back: " << block.second.m_Size << " bytes from " << block.second.m_Where;
+}
+
+void CAllocatorHook::RefuseNone() { RefuseIf(FnRefuses()); }
+void CAllocatorHook::RefuseAt(u32 n)
+{
+    RefuseIf([this, n](const SMemoryCall &) { return m_RequestCount == n; });
+}
+void CAllocatorHook::RefuseFrom(u32 n)
+{
+    RefuseIf([this, n](const SMemoryCall &) { return m_RequestCount >= n; });
+}
+void CAllocatorHook::RefuseIf(FnRefuses predicate)
+{
+    const std::lock_guard<std::mutex> lock(m_Lock);
+    m_Refuses = std::move(predicate);
+    m_RequestCount = 0;
+    m_RefusalCount = 0;
+}
+
+u32 CAllocatorHook::RequestCount() const
+{
+    const std::lock_guard<std::mutex> lock(m_Lock);
+    return m_RequestCount;
+}
+
+u32 CAllocatorHook::RefusalCount() const
+{
+    const std::lock_guard<std::mutex> lock(m_Lock);
+    return m_RefusalCount;
+}
+
+void CAllocatorHook::AtEachCall(FnAtCall callback)
+{
+    const std::lock_guard<std::mutex> lock(m_Lock);
+    m_AtCall = std::move(callback);
+}
+
+void CAllocatorHook::ServeAtMost(u64 bytes)
+{
+    const std::lock_guard<std::mutex> lock(m_Lock);
+    m_ServeAtMost = bytes;
+}
+
+u32 CAllocatorHook::LiveBlockCount() const
+{
+    const std::lock_guard<std::mutex> lock(m_Lock);
+    return u32(m_Live.size());
+}
+
+u64 CAllocatorHook::LiveBytes() const
+{
+    const std::lock_guard<std::mutex> lock(m_Lock);
+    u64 sum = 0;
+    for (const auto &block : m_Live)
+        sum += block.second.m_Size;
+    return sum;
+}
+
+bool CAllocatorHook::_Begins(const SMemoryCall &call, Mem::EAllocType type, const char *tag)
+{
+    FnAtCall callback;
+    bool isRefused = false;
+    {
+        const std::lock_guard<std::mutex> lock(m_Lock);
+        callback = m_AtCall;
+        if (call.m_Kind != SMemoryCall::Free)
+        {
+            ++m_RequestCount;
+            isRefused = m_Refuses && m_Refuses(call);
+            m_RefusalCount += isRefused ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(type, Mem::AllocType_Generic) << call.m_Function;
+    EXPECT_STREQ(tag, "Kernel|Mem|Default") << call.m_Function;
+    if (callback)
+        callback(call);
+    return !isRefused;
+}
+
+void *CAllocatorHook::OnAlloc(u64 size, u32 alignment, Mem::EAllocType type, Mem::EOrigin origin, const char *tag,
+                              const char *file, int line, const char *function)
+{
+    CAllocatorHook &self = *g_Hook;
+    EXPECT_EQ(alignment, 0u) << function;
+    if (!self._Begins({SMemoryCall::Alloc, null, size, origin, function}, type, tag))
+        return null;
+    const u64 served = self.m_ServeAtMost != 0 ? TZMin(size, self.m_ServeAtMost) : size;
+    void *block = Mem::DefaultAllocator().m_Alloc(served, alignment, type, origin, tag, file, line, function);
+    const std::lock_guard<std::mutex> lock(self.m_Lock);
+    if (block != null)
+        self.m_Live[block] = {size, origin, function};
+    return block;
+}
+
+void *CAllocatorHook::OnRealloc(void *ptr, u64 size, u32 alignment, Mem::EAllocType type, const char *tag,
+                                const char *file, int line, const char *function)
+{
+    CAllocatorHook &self = *g_Hook;
+    EXPECT_EQ(alignment, 0u) << function;
+    if (!self._Begins({SMemoryCall::Realloc, ptr, size, Mem::Origin_Alloc, function}, type, tag))
+        return null;
+    const std::lock_guard<std::mutex> lock(self.m_Lock);
+    self.m_Live.erase(ptr);
+    void *block = Mem::DefaultAllocator().m_Realloc(ptr, size, alignment, type, tag, file, line, function);
+    if (block != null)
+        self.m_Live[block] = {size, Mem::Origin_Alloc, function};
+    return block;
+}
+
+void CAllocatorHook::OnFree(void *ptr, Mem::EAllocType type, Mem::EOrigin origin, const char *tag, const char *file,
+                            int line, const char *function)
+{
+    CAllocatorHook &self = *g_Hook;
+    self._Begins({SMemoryCall::Free, ptr, 0, origin, function}, type, tag);
+    {
+        const std::lock_guard<std::mutex> lock(self.m_Lock);
+        const auto block = self.m_Live.find(ptr);
+        if (block != self.m_Live.end())
+        {
+            EXPECT_EQ(block->second.m_Origin, u32(origin)) << "freed with another origin: " << block->second.m_Where;
+            self.m_Live.erase(block);
+        }
+    }
+    Mem::DefaultAllocator().m_Free(ptr, type, origin, tag, file, line, function);
+}
+
+} // namespace Tests
+} // namespace Tessaly

@@ -1,0 +1,88 @@
+// Stands between the runtime and its memory while it lives: refuses the requests that the test chooses, and fails the
+// test when a block is not given back, is given back with another origin, or comes with an unusual type or tag.
+// Blocks that are older than the hook may be freed under it. One at a time.
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <tz_kernel/include/kr_mem.h>
+
+namespace Tessaly
+{
+namespace Tests
+{
+
+struct SMemoryCall
+{
+    enum EKind
+    {
+        Alloc,
+        Realloc,
+        Free
+    };
+
+    EKind m_Kind;
+    void *m_Ptr; // of Realloc and Free
+    u64 m_Size;  // bytes; of Alloc and Realloc
+    u32 m_Origin;
+    std::string m_Function;
+};
+
+class CAllocatorHook : public CNonCopyable
+{
+public:
+    using FnRefuses = std::function<bool(const SMemoryCall &)>;
+    using FnAtCall = std::function<void(const SMemoryCall &)>;
+
+    CAllocatorHook();
+    ~CAllocatorHook(); // fails the test when blocks are still live
+
+    // Requests (Alloc and Realloc) are counted from 1 on, anew at each of these.
+    void RefuseNone();
+    void RefuseAt(u32 n);   // the n-th request alone
+    void RefuseFrom(u32 n); // the n-th and all behind it
+    void RefuseIf(FnRefuses predicate);
+    u32 RequestCount() const; // since then
+    u32 RefusalCount() const; // since then
+
+    // Hears every call before it is served, under the locks of the caller.
+    void AtEachCall(FnAtCall callback);
+
+    // An Alloc of more bytes than these gets no more: for accounting of sizes that no machine has. 0: none.
+    void ServeAtMost(u64 bytes);
+
+    u32 LiveBlockCount() const;
+    u64 LiveBytes() const; // as asked
+
+private:
+    struct SLiveBlock
+    {
+        u64 m_Size;
+        u32 m_Origin;
+        std::string m_Where;
+    };
+
+    static void *OnAlloc(u64 size, u32 alignment, Mem::EAllocType type, Mem::EOrigin origin, const char *tag,
+                         const char *file, int line, const char *function);
+    static void *OnRealloc(void *ptr, u64 size, u32 alignment, Mem::EAllocType type, const char *tag, const char *file,
+                           int line, const char *function);
+    static void OnFree(void *ptr, Mem::EAllocType type, Mem::EOrigin origin, const char *tag, const char *file,
+                       int line, const char *function);
+
+    bool _Begins(const SMemoryCall &call, Mem::EAllocType type, const char *tag); // false: refuse it
+
+    mutable std::mutex m_Lock;
+    std::unordered_map<void *, SLiveBlock> m_Live;
+    FnRefuses m_Refuses;
+    FnAtCall m_AtCall;
+    u32 m_RequestCount = 0;
+    u32 m_RefusalCount = 0;
+    u64 m_ServeAtMost = 0;
+};
+
+} // namespace Tests
+} // namespace Tessaly
