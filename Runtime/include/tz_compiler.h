@@ -5,6 +5,8 @@
 
 #define TZ_NOINLINE __attribute__((noinline))
 #define TZ_COLD __attribute__((cold, noinline))
+// A default implementation of a service: a host that defines the function itself replaces it when it links.
+#define TZ_REPLACEABLE __attribute__((weak))
 #define TZ_PRINTF_FORMAT(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))
 
 // The full signature of the enclosing function.

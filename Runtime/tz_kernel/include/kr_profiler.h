@@ -58,7 +58,7 @@ private:
     static CSinkAbstract *s_Sink;
 };
 
-// The profiler that the runtime reports to.
+// The profiler that the runtime reports to. Asked only while somebody listens.
 CProfiler *MainEngineProfiler();
 
 // One open scope: from construction to destruction.
@@ -69,8 +69,8 @@ public:
         : m_Profiler(null)
         , m_NodeDescriptor(descriptor)
     {
-        CSinkAbstract *sink = profiler->Sink();
-        if (sink == null)
+        CSinkAbstract *sink = CProfiler::Sink();
+        if (sink == null || profiler == null)
             return;
         m_Profiler = profiler;
         sink->OnScopeBegin(*descriptor);
@@ -80,7 +80,7 @@ public:
     {
         if (m_Profiler == null)
             return;
-        if (CSinkAbstract *sink = m_Profiler->Sink())
+        if (CSinkAbstract *sink = CProfiler::Sink())
             sink->OnScopeEnd(*m_NodeDescriptor);
     }
 
@@ -94,7 +94,9 @@ public:
 // Opens a scope until the end of the enclosing block, in a colour of its own (a CFloat3 or CFloat4 expression).
 #define TZ_PROFILE_SCOPE_COLORED(name, color)                                                                          \
     static const ::Tessaly::Profiler::SNodeDescriptor _profilerDescriptor(name, __FILE__, color, 0u);                  \
-    const ::Tessaly::Profiler::CScopedNode _profilerNode(::Tessaly::Profiler::MainEngineProfiler(),                    \
+    const ::Tessaly::Profiler::CScopedNode _profilerNode(::Tessaly::Profiler::CProfiler::Sink() != ::Tessaly::null     \
+                                                             ? ::Tessaly::Profiler::MainEngineProfiler()               \
+                                                             : ::Tessaly::null,                                        \
                                                          &_profilerDescriptor, true)
 
 // The same in the colour that follows from the name.

@@ -38,21 +38,21 @@ int Report(const SReport &report)
 
 } // namespace
 
-void SetHandler(FnHandler handler, void *userData)
+TZ_REPLACEABLE void SetHandler(FnHandler handler, void *userData)
 {
     const std::lock_guard<std::mutex> lock(g_HandlerLock);
     g_Handler.m_Handler = handler != nullptr ? handler : &DefaultHandler;
     g_Handler.m_UserData = userData;
 }
 
-int EvalAssert(const char *file, const char *function, int line, const char *expression, const char *,
-               const char *message)
+TZ_REPLACEABLE int EvalAssert(const char *file, const char *function, int line, const char *expression, const char *,
+                              const char *message)
 {
     return Report({file, function, line, expression, message, false});
 }
 
-int EvalAssertFormat(const char *file, const char *function, int line, const char *expression, const char *,
-                     const char *format, ...)
+TZ_REPLACEABLE int EvalAssertFormat(const char *file, const char *function, int line, const char *expression,
+                                    const char *, const char *format, ...)
 {
     char message[1024];
     va_list arguments;
@@ -62,8 +62,8 @@ int EvalAssertFormat(const char *file, const char *function, int line, const cha
     return Report({file, function, line, expression, message, false});
 }
 
-bool VerifyAssertFalse_Breaks(bool &ignoredFlag, const char *file, const char *function, int line,
-                              const char *expression, const char *, const char *message)
+TZ_REPLACEABLE bool VerifyAssertFalse_Breaks(bool &ignoredFlag, const char *file, const char *function, int line,
+                                             const char *expression, const char *, const char *message)
 {
     if (_IsIgnored(ignoredFlag))
         return false;

@@ -18,12 +18,6 @@ CCriticalSection::CCriticalSection()
 
 CCriticalSection::~CCriticalSection() { pthread_mutex_destroy(&m_CS); }
 
-void CCriticalSection::Lock() const
-{
-    pthread_mutex_lock(&m_CS);
-    __atomic_store_n(&m_Owner, CCurrentThread::ThreadID(), __ATOMIC_RELAXED);
-}
-
 bool CCriticalSection::TryLock() const
 {
     if (pthread_mutex_trylock(&m_CS) != 0)

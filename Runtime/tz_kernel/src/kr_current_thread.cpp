@@ -8,7 +8,8 @@ namespace
 {
 
 u32 g_LastThreadID = 0;
-thread_local u32 t_ThreadID = 0; // 0: not given yet
+// 0: not given yet. Read at every lock: in a shared library the model spares a call.
+thread_local u32 t_ThreadID __attribute__((tls_model("initial-exec"))) = 0;
 
 TZ_COLD u32 GiveThreadID()
 {
@@ -18,6 +19,6 @@ TZ_COLD u32 GiveThreadID()
 
 } // namespace
 
-u32 CCurrentThread::ThreadID() { return t_ThreadID != 0 ? t_ThreadID : GiveThreadID(); }
+TZ_REPLACEABLE u32 CCurrentThread::ThreadID() { return t_ThreadID != 0 ? t_ThreadID : GiveThreadID(); }
 
 } // namespace Tessaly

@@ -48,27 +48,27 @@ const SAllocator &CurrentAllocator() { return *__atomic_load_n(&g_Allocator, __A
 
 } // namespace
 
-const SAllocator &DefaultAllocator() { return g_DefaultAllocator; }
+TZ_REPLACEABLE const SAllocator &DefaultAllocator() { return g_DefaultAllocator; }
 
-void SetAllocator(const SAllocator *allocator)
+TZ_REPLACEABLE void SetAllocator(const SAllocator *allocator)
 {
     __atomic_store_n(&g_Allocator, allocator != null ? allocator : &g_DefaultAllocator, __ATOMIC_RELEASE);
 }
 
-void *_RawAlloc(u64 size, u32 alignment, EAllocType type, EOrigin origin, const char *tag, const char *file, int line,
-                const char *function)
+TZ_REPLACEABLE void *_RawAlloc(u64 size, u32 alignment, EAllocType type, EOrigin origin, const char *tag,
+                               const char *file, int line, const char *function)
 {
     return CurrentAllocator().m_Alloc(size, alignment, type, origin, tag, file, line, function);
 }
 
-void *_RawRealloc(void *ptr, u64 size, u32 alignment, EAllocType type, const char *tag, const char *file, int line,
-                  const char *function)
+TZ_REPLACEABLE void *_RawRealloc(void *ptr, u64 size, u32 alignment, EAllocType type, const char *tag, const char *file,
+                                 int line, const char *function)
 {
     return CurrentAllocator().m_Realloc(ptr, size, alignment, type, tag, file, line, function);
 }
 
-void _RawFree(void *ptr, EAllocType type, EOrigin origin, const char *tag, const char *file, int line,
-              const char *function)
+TZ_REPLACEABLE void _RawFree(void *ptr, EAllocType type, EOrigin origin, const char *tag, const char *file, int line,
+                             const char *function)
 {
     CurrentAllocator().m_Free(ptr, type, origin, tag, file, line, function);
 }

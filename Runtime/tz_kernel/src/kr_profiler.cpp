@@ -43,11 +43,12 @@ CProfiler g_MainEngineProfiler;
 
 } // namespace
 
-CSinkAbstract *CProfiler::s_Sink = null;
+TZ_REPLACEABLE CSinkAbstract *CProfiler::s_Sink = null;
 
-CProfiler *MainEngineProfiler() { return &g_MainEngineProfiler; }
+TZ_REPLACEABLE CProfiler *MainEngineProfiler() { return &g_MainEngineProfiler; }
 
-SNodeDescriptor::SNodeDescriptor(const char *name, const char *fileAndFunction, const CFloat4 &color, u32 flags)
+TZ_REPLACEABLE SNodeDescriptor::SNodeDescriptor(const char *name, const char *fileAndFunction, const CFloat4 &color,
+                                                u32 flags)
     : m_Color(color)
     , m_ColorRGBA8(Pack(color.m_X, color.m_Y, color.m_Z, color.m_W))
     , m_ColorBGRA8(Pack(color.m_Z, color.m_Y, color.m_X, color.m_W))
@@ -57,12 +58,13 @@ SNodeDescriptor::SNodeDescriptor(const char *name, const char *fileAndFunction, 
 {
 }
 
-SNodeDescriptor::SNodeDescriptor(const char *name, const char *fileAndFunction, const CFloat3 &color, u32 flags)
+TZ_REPLACEABLE SNodeDescriptor::SNodeDescriptor(const char *name, const char *fileAndFunction, const CFloat3 &color,
+                                                u32 flags)
     : SNodeDescriptor(name, fileAndFunction, CFloat4(color.m_X, color.m_Y, color.m_Z, 1.0f), flags)
 {
 }
 
-CFloat4 SNodeDescriptor::AutogenColor(const char *name)
+TZ_REPLACEABLE CFloat4 SNodeDescriptor::AutogenColor(const char *name)
 {
     const float hue = float(HashName(name) % 3600u) / 600.0f;
     return CFloat4(HueComponent(hue, 0.0f), HueComponent(hue, 4.0f), HueComponent(hue, 2.0f), 1.0f);

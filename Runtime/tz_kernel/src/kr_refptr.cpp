@@ -4,7 +4,7 @@
 namespace Tessaly
 {
 
-void CRefCountedObject::_DeleteObject(CRefCountedObject *object, void *memory)
+TZ_REPLACEABLE void CRefCountedObject::_DeleteObject(CRefCountedObject *object, void *memory)
 {
     object->~CRefCountedObject();
     Mem::_RawFree(memory, Mem::AllocType_Generic, Mem::Origin_New, Mem::kDefaultTag, __FILE__, __LINE__,

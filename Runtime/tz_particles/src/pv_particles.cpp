@@ -38,8 +38,11 @@ bool CParticlesInternals::Startup()
 void CParticlesInternals::Shutdown()
 {
     const std::lock_guard<std::mutex> lock(g_StartupLock);
-    TZ_ASSERT(g_StartupCount != 0);
-    if (g_StartupCount == 0 || --g_StartupCount != 0)
+    const u32 startupCount = g_StartupCount;
+    if (!TZ_VERIFY(startupCount != 0))
+        return;
+    g_StartupCount = startupCount - 1;
+    if (startupCount != 1)
         return;
     CParticlePageAllocator *allocator = m_PageAllocator;
     m_PageAllocator = null;

@@ -165,7 +165,8 @@ private:
     CGuid _ConstantSlot(u32 streamId) const; // past the slot table's end: INVALID, after a report
     u8 *_ConstantBlock(CGuid cstId) const;   // requires cstId < m_ConstantData.Count()
     SMediumMemoryReport _ComputeMemoryUsage() const;
-    void _LeaveLock() const;
+    u32 _EnterLock() const;
+    void _LeaveLock(u32 threadId) const;
     PParticlePage _FindPageWithRoom_NoLock(u32 minCount) const;
     u32 _DeepCopyPages_NoLock(const CParticleStream_MainMemory &other);
     void _RebuildPages_NoLock(const u8 *streamRemap, bool keepContents);

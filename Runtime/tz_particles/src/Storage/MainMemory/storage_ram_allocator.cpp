@@ -124,10 +124,15 @@ void CParticlePageAllocator::_FreeBlock(SBlockHeader *header)
 bool CParticlePageAllocator::_TakeBytes(u32 blockBytes)
 {
     const u64 budget = __atomic_load_n(&m_MemoryBudget, __ATOMIC_RELAXED);
+    if (budget == 0)
+    {
+        __atomic_fetch_add(&m_TotalMemoryUsed, blockBytes, __ATOMIC_RELAXED);
+        return true;
+    }
     u64 used = __atomic_load_n(&m_TotalMemoryUsed, __ATOMIC_RELAXED);
     do
     {
-        if (budget != 0 && (used & ~kOwnerShare) + blockBytes > budget)
+        if ((used & ~kOwnerShare) + blockBytes > budget)
             return false;
     } while (!__atomic_compare_exchange_n(&m_TotalMemoryUsed, &used, used + blockBytes, true, __ATOMIC_RELAXED,
                                           __ATOMIC_RELAXED));
@@ -145,7 +150,11 @@ u8 *CParticlePageAllocator::_TakeBlock(u32 slotId, u32 blockBytes)
     if (slotId >= m_Blocks.Count())
     {
         SBlockHeader *header = _NewBlock(blockBytes);
-        return header != null ? _Block(header) : null;
+        if (header == null)
+            return null;
+        __atomic_fetch_add(&m_Stats->m_AllocCount, 1, __ATOMIC_RELAXED);
+        __atomic_fetch_add(&m_Stats->m_BlocksInUse, 1, __ATOMIC_RELAXED);
+        return _Block(header);
     }
 
     SBlockPool &pool = m_Blocks.RawDataPointer()[slotId];
@@ -177,7 +186,10 @@ void CParticlePageAllocator::_GiveBlock(u8 *block, u32 blockBytes)
     SBlockHeader *header = _Header(block);
     const u32 slotId = _SizeToSlotId(blockBytes);
     if (slotId >= m_Blocks.Count())
+    {
+        __atomic_fetch_sub(&m_Stats->m_BlocksInUse, 1, __ATOMIC_RELAXED);
         return _FreeBlock(header);
+    }
 
     SBlockPool &pool = m_Blocks.RawDataPointer()[slotId];
     header->m_RetireDate = __atomic_load_n(&m_CurrentDate, __ATOMIC_RELAXED);
@@ -304,7 +316,11 @@ void CParticlePageAllocator::GetTotalStats(CParticlePageAllocator_Stats &outStat
     outStats = CParticlePageAllocator_Stats();
     outStats.m_BytesInUse = _BytesInUse();
     if (m_Stats != null)
+    {
+        outStats.m_AllocCount = __atomic_load_n(&m_Stats->m_AllocCount, __ATOMIC_RELAXED);
+        outStats.m_BlocksInUse = __atomic_load_n(&m_Stats->m_BlocksInUse, __ATOMIC_RELAXED);
         outStats.m_RefusalCount = __atomic_load_n(&m_Stats->m_RefusalCount, __ATOMIC_RELAXED);
+    }
     for (u32 slotId = 0; slotId < m_Blocks.Count(); ++slotId)
     {
         SBlockPool &pool = const_cast<SBlockPool &>(m_Blocks.RawDataPointer()[slotId]);

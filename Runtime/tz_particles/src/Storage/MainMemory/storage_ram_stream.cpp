@@ -74,56 +74,60 @@ void CParticleStream_MainMemory::Swap(CParticleStream_MainMemory &other)
     _DEBUG_CheckParticleCountConsistency();
 }
 
-// The four lock operations stand written out: each has assertion sites of its own, and only two open a scope.
-
-void CParticleStream_MainMemory::LockPages() const
+// Returns the depth that the lock has now.
+inline u32 CParticleStream_MainMemory::_EnterLock() const
 {
     m_PagesProtectCS.Lock();
     const u32 depth = m_PagesLocked + 1;
     m_PagesLocked = depth;
     if (depth == 1)
-        m_ThreadOwningLock = CGuid(CCurrentThread::ThreadID());
-    else
+        m_ThreadOwningLock = CGuid(m_PagesProtectCS.m_Owner); // the id of this thread, noted by Lock a moment ago
+    return depth;
+}
+
+// Misuse changes nothing: a count of 0 stays, and nobody releases what another thread holds.
+inline void CParticleStream_MainMemory::_LeaveLock(u32 threadId) const
+{
+    const u32 depth = m_PagesLocked;
+    if (depth == 0 || !(m_ThreadOwningLock == threadId))
+        return;
+    m_PagesLocked = depth - 1;
+    // Before the mutex is released: the next owner finds the field empty.
+    if (depth == 1)
+        m_ThreadOwningLock = CGuid::INVALID;
+    m_PagesProtectCS.Unlock();
+}
+
+// The four lock operations have assertion sites of their own, and only two open a scope.
+
+void CParticleStream_MainMemory::LockPages() const
+{
+    if (_EnterLock() != 1)
         TZ_ASSERT(m_ThreadOwningLock == CCurrentThread::ThreadID());
 }
 
 void CParticleStream_MainMemory::UnlockPages() const
 {
     TZ_PROFILE_SCOPE("CParticleStream_MainMemory::UnlockPages");
+    const u32 threadId = CCurrentThread::ThreadID();
     TZ_ASSERT(m_PagesLocked != 0);
-    TZ_ASSERT(m_ThreadOwningLock == CCurrentThread::ThreadID());
-    _LeaveLock();
+    TZ_ASSERT_TEXT("m_ThreadOwningLock == CCurrentThread::ThreadID()", m_ThreadOwningLock == threadId);
+    _LeaveLock(threadId);
 }
 
 void CParticleStream_MainMemory::LockPagesToRender() const
 {
     TZ_PROFILE_SCOPE("CParticleStream_MainMemory::LockPagesToRender");
-    m_PagesProtectCS.Lock();
-    const u32 depth = m_PagesLocked + 1;
-    m_PagesLocked = depth;
-    if (depth == 1)
-        m_ThreadOwningLock = CGuid(CCurrentThread::ThreadID());
-    else
+    if (_EnterLock() != 1)
         TZ_ASSERT(m_ThreadOwningLock == CCurrentThread::ThreadID());
 }
 
 void CParticleStream_MainMemory::UnlockPagesToRender() const
 {
+    const u32 threadId = CCurrentThread::ThreadID();
     TZ_ASSERT(m_PagesLocked != 0);
-    TZ_ASSERT(m_ThreadOwningLock == CCurrentThread::ThreadID());
-    _LeaveLock();
-}
-
-void CParticleStream_MainMemory::_LeaveLock() const
-{
-    if (!LockedByCurrentThread())
-        return; // nothing of this thread's to leave
-    const u32 depth = m_PagesLocked - 1;
-    m_PagesLocked = depth;
-    // Before the mutex is released: the next owner finds the field empty.
-    if (depth == 0)
-        m_ThreadOwningLock = CGuid::INVALID;
-    m_PagesProtectCS.Unlock();
+    TZ_ASSERT_TEXT("m_ThreadOwningLock == CCurrentThread::ThreadID()", m_ThreadOwningLock == threadId);
+    _LeaveLock(threadId);
 }
 
 bool CParticleStream_MainMemory::LockedByCurrentThread() const

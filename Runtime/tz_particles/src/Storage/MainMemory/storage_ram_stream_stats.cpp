@@ -35,7 +35,7 @@ SParticleStreamStats CParticleStream_MainMemory::ComputeStats() const
         stats.m_LiveBytes += particleBytes * count;
         stats.m_FreeBytes += particleBytes * (capacity - count);
         stats.m_PaddingBytes += page->RawPage()->Size() - particleBytes * capacity;
-        stats.m_PagesByTenth[TZMin(count * 10 / capacity, u64(9))] += 1;
+        stats.m_PagesByTenth[TZMin(count * 10 / TZMax(capacity, u64(1)), u64(9))] += 1;
     }
     return stats;
 }
