@@ -83,17 +83,17 @@ SImage CCanvas::Develop() const
     return image;
 }
 
-// Shares a dot out among the four pixels around it.
+// Shares a dot out among the four pixels around it. It may lie up to a width outside the canvas, to the left or right.
 void CCanvas::_Splat(float x, float y, const SColor &light)
 {
-    const float left = std::floor(x - 0.5f);
-    const float top = std::floor(y - 0.5f);
-    const float weightRight = x - 0.5f - left;
-    const float weightBottom = y - 0.5f - top;
-    const s32 width = s32(m_Width);
-    const u32 column = u32((s32(left) % width + width) % width);
+    const float fromLeft = x - 0.5f + float(m_Width);
+    const float fromTop = std::max(0.0f, y - 0.5f);
+    const u32 steps = u32(fromLeft); // truncates: neither is below 0
+    const u32 row = std::min(u32(fromTop), m_Height - 1);
+    const float weightRight = fromLeft - float(steps);
+    const float weightBottom = fromTop - float(row);
+    const u32 column = steps % m_Width;
     const u32 nextColumn = column + 1 < m_Width ? column + 1 : 0;
-    const u32 row = u32(std::clamp(s32(top), 0, s32(m_Height) - 1));
     const u32 nextRow = std::min(row + 1, m_Height - 1);
     _Add(column, row, light, (1.0f - weightRight) * (1.0f - weightBottom));
     _Add(nextColumn, row, light, weightRight * (1.0f - weightBottom));

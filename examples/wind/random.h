@@ -23,6 +23,7 @@ public:
         return u32(mixed >> 32);
     }
 
+    u32 Below(u32 end) { return u32(u64(Next()) * end >> 32); }        // from 0 up to, not including, end
     float Unit() { return float(Next() >> 8) * (1.0f / 16777216.0f); } // from 0 up to, not including, 1
 
 private:

@@ -96,7 +96,7 @@ u32 CParticleStream_MainMemory::TransferPageToPage(CParticlePage &dst, const CPa
     if (transferCount == 0)
         return srcStart;
     const PCParticlePage srcPage = src.OriginalPage();
-    if (!CopySubRangeToPage(dst, *srcPage, src.FirstParticle() + srcStart, transferCount))
+    if (srcPage == null || !CopySubRangeToPage(dst, *srcPage, src.FirstParticle() + srcStart, transferCount))
         return srcStart;
     return srcStart + transferCount;
 }
