@@ -1,0 +1,261 @@
+// The dynamic array: growth, refusals, removal, views, checked iterators, the monitor.
+
+#include <gtest/gtest.h>
+
+#include <support/allocator_hook.h>
+#include <support/report_recorder.h>
+#include <tz_kernel/include/kr_containers_array.h>
+#include <tz_kernel/include/kr_refptr.h>
+
+namespace Tessaly
+{
+namespace Tests
+{
+namespace
+{
+
+constexpr const char *kAliasText = "ureg(&element + 1) <= ureg(BaseImpl::_Data()) || "
+                                   "ureg(&element) >= ureg(BaseImpl::_Data() + BaseImpl::_Count())";
+
+struct SLogged : public CRefCountedObject
+{
+    SLogged(std::vector<int> &deaths, int id)
+        : m_Deaths(deaths)
+        , m_Id(id)
+    {
+    }
+    ~SLogged() override { m_Deaths.push_back(m_Id); }
+
+    std::vector<int> &m_Deaths;
+    int m_Id;
+};
+using PLogged = TRefPtr<SLogged>;
+
+class COpenArray : public TArray<u32>
+{
+public:
+    using TArray<u32>::_Grow;
+};
+
+std::vector<u32> Elements(const TArray<u32> &array)
+{
+    return std::vector<u32>(array.View().begin(), array.View().end());
+}
+
+class Array : public ::testing::Test
+{
+protected:
+    void PushNumbers(TArray<u32> &array, u32 count)
+    {
+        for (u32 i = 0; i < count; ++i)
+            EXPECT_EQ(array.PushBack(i), i);
+    }
+    void PushLogged(TArray<PLogged> &array, int count)
+    {
+        for (int i = 0; i < count; ++i)
+            array.PushBack(PLogged(Mem::New<SLogged>(TZ_CALL_SITE, m_Deaths, i)));
+    }
+
+    std::vector<int> m_Deaths;
+    CAllocatorHook m_Memory;
+    CReportRecorder m_Reports;
+};
+
+TEST_F(Array, CapacityFollowsTheGrowthFactorAndReserveIsExact)
+{
+    TArray<u32> array;
+    EXPECT_EQ(array.RawDataPointer(), nullptr);
+    std::vector<u32> capacities;
+    for (u32 i = 0; i < 45; ++i)
+    {
+        array.PushBack(i);
+        if (capacities.empty() || capacities.back() != array.Capacity())
+            capacities.push_back(array.Capacity());
+    }
+    EXPECT_EQ(capacities, (std::vector<u32>{9, 23, 44, 45 + 22 + 8}));
+    EXPECT_EQ(array.First(), 0u);
+    EXPECT_EQ(array.Last(), 44u);
+
+    TArray<u32> reserved;
+    EXPECT_TRUE(reserved.Reserve(5));
+    EXPECT_EQ(reserved.Capacity(), 5u);
+    const u32 requestCount = m_Memory.RequestCount();
+    EXPECT_TRUE(reserved.Reserve(4));
+    EXPECT_EQ(m_Memory.RequestCount(), requestCount);
+    PushNumbers(reserved, 6);
+    EXPECT_EQ(reserved.Capacity(), 17u);
+    reserved.Clear();
+    EXPECT_EQ(reserved.Capacity(), 17u);
+    reserved.Clean();
+    EXPECT_EQ(reserved.Capacity(), 0u);
+}
+
+TEST_F(Array, RefusedGrowthIsReportedAndChangesNothing)
+{
+    TArray<u32> array;
+    PushNumbers(array, 9);
+    const u32 *data = array.RawDataPointer();
+    m_Memory.RefuseFrom(1);
+    EXPECT_EQ(array.PushBack(9u), CGuid::INVALID);
+    EXPECT_FALSE(array.Reserve(100));
+    const std::vector<SSeenReport> seen = m_Reports.Take();
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0].m_Text, "false");
+    EXPECT_EQ(seen[0].m_Message, "could not grow array of TArray<> to 23 elements (92 bytes)\n");
+    EXPECT_EQ(seen[1].m_Message, "could not grow array of TArray<> to 100 elements (400 bytes)\n");
+    EXPECT_FALSE(seen[0].m_IsVerify);
+    EXPECT_EQ(array.RawDataPointer(), data);
+    EXPECT_EQ(array.Capacity(), 9u);
+    EXPECT_EQ(Elements(array), (std::vector<u32>{0, 1, 2, 3, 4, 5, 6, 7, 8}));
+}
+
+TEST_F(Array, GrowthPastTheCountersRangeIsRefused)
+{
+    COpenArray array;
+    EXPECT_FALSE(array._Grow(0xF0000000u));
+    m_Reports.Expect({"static_cast<typename TType_StripQual<_TypeSrc>::Type>(result) == value"});
+    EXPECT_EQ(m_Memory.RequestCount(), 0u);
+    EXPECT_TRUE(array.Reserve(4));
+    EXPECT_TRUE(array._Grow(4)); // no growth at all
+    m_Reports.Expect({"wishedSize > _MaxCount()"});
+}
+
+TEST_F(Array, OwnElementIsReportedAndAppendedEvenWhileGrowing)
+{
+    TArray<u32> array;
+    PushNumbers(array, 9);
+    array[0] = 77;
+    EXPECT_EQ(array.PushBack(array[0]), 9u);
+    m_Reports.Expect({kAliasText});
+    EXPECT_EQ(array.Last(), 77u);
+    EXPECT_EQ(array.PushBackUnsafe(array[9]), 10u);
+    m_Reports.Expect({kAliasText});
+    EXPECT_EQ(array.Last(), 77u);
+    m_Memory.RefuseFrom(1);
+    TArray<u32> full;
+    EXPECT_EQ(full.PushBackUnsafe(1u), CGuid::INVALID);
+    m_Reports.Expect({"insertionIndex < BaseImpl::_MaxCount()"});
+    EXPECT_TRUE(full.Empty());
+}
+
+TEST_F(Array, RemovalReleasesInOrderAndMovesBytes)
+{
+    TArray<PLogged> array;
+    PushLogged(array, 10); // moved once, by growing
+    for (const PLogged &element : array.View())
+        EXPECT_EQ(element->StrongRefCount(), 1u);
+    array.Remove(9);
+    array.Remove(0);
+    EXPECT_EQ(array[0]->m_Id, 8);
+    EXPECT_EQ(array[0]->StrongRefCount(), 1u);
+    EXPECT_EQ(m_Deaths, (std::vector<int>{9, 0}));
+    m_Deaths.clear();
+    array.Remove_AndKeepOrder(1, 3);
+    EXPECT_EQ(m_Deaths, (std::vector<int>{1, 2}));
+    array.Remove_AndKeepOrder(5);
+    std::vector<int> ids;
+    for (const PLogged &element : array.View())
+        ids.push_back(element->m_Id);
+    EXPECT_EQ(ids, (std::vector<int>{8, 3, 4, 5, 6}));
+    m_Deaths.clear();
+    array.Clear();
+    EXPECT_EQ(m_Deaths, (std::vector<int>{8, 3, 4, 5, 6}));
+}
+
+TEST_F(Array, RemovalOutOfRangeIsReportedAndRemovesNothing)
+{
+    TArray<u32> array;
+    PushNumbers(array, 3);
+    array.Remove(3);
+    m_Reports.Expect({"index < oldCount"});
+    array.Remove_AndKeepOrder(3);
+    m_Reports.Expect({"index < BaseImpl::_Count()", "indexEnd <= BaseImpl::_Count()"});
+    array.Remove_AndKeepOrder(2, 2);
+    m_Reports.Expect({"indexStart < indexEnd"});
+    EXPECT_EQ(Elements(array), (std::vector<u32>{0, 1, 2}));
+}
+
+TEST_F(Array, IndexOutOfRangeIsReportedAtTwoSites)
+{
+    // A type of this test's own, since its site stays silent.
+    struct SOwn
+    {
+        u32 m_Value;
+    };
+    TArray<SOwn> array;
+    array.PushBack(SOwn{5});
+    const TArray<SOwn> &constArray = array;
+    m_Reports.AnswerWith(Assert::Result_Ignore);
+    EXPECT_EQ(array[1].m_Value, 0u);
+    m_Reports.Expect({"pos < BaseImpl::_Count()"});
+    EXPECT_EQ(array[1].m_Value, 0u) << "silencing the site removes no guard";
+    m_Reports.AnswerWith(Assert::Result_Continue);
+    EXPECT_EQ(constArray[1].m_Value, 0u);
+    m_Reports.Expect({"pos < BaseImpl::_Count()"});
+}
+
+TEST_F(Array, IsMadeFromAndAssignedViews)
+{
+    u32 words[4] = {1, 2, 3, 4};
+    TArray<u32> array{TMemoryView<const u32>(words, 4)};
+    array = TStridedMemoryView<const u32>(words, 2, 8);
+    EXPECT_EQ(Elements(array), (std::vector<u32>{1, 3}));
+    array = TMemoryView<const u32>(array.RawDataPointer() + 1, 1);
+    EXPECT_EQ(Elements(array), std::vector<u32>{3}) << "a view on its own elements";
+    TArray<u32> zeros(3);
+    TZSwap(array, zeros);
+    EXPECT_EQ(array.Count(), 3u);
+    EXPECT_EQ(Elements(zeros), std::vector<u32>{3});
+    m_Memory.RefuseFrom(1);
+    array = TMemoryView<const u32>(words, 4);
+    EXPECT_EQ(array.Count(), 3u);
+    m_Reports.Expect({"false"});
+}
+
+TEST_F(Array, IteratorsCheckThemselves)
+{
+    TArray<u32> array;
+    PushNumbers(array, 3);
+    u32 sum = 0;
+    for (const u32 element : array)
+        sum += element;
+    EXPECT_EQ(sum, 3u);
+    EXPECT_EQ(m_Reports.Count(), 0u);
+
+    TArray<u32>::Iterator it = array.end();
+    EXPECT_EQ(*it, 0u);
+    std::vector<SSeenReport> seen = m_Reports.Take();
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].m_Text, "RealType::m_Ptr != m_Owner->_RawEnd()");
+    EXPECT_EQ(seen[0].m_Message, "invalid operation: trying to dereference Iterator::End()");
+    array.Remove(2);
+    --it;
+    const char *kBaseText =
+        "m_Owner != null && RealType::m_Ptr >= m_Owner->_RawBegin() && RealType::m_Ptr <= m_Owner->_RawEnd()";
+    m_Reports.Expect({kBaseText});
+    ++TArray<u32>().begin();
+    const std::vector<SSeenReport> empty = m_Reports.Take();
+    ASSERT_FALSE(empty.empty());
+    EXPECT_EQ(empty.back().m_Text, "RealType::m_Ptr != null");
+}
+
+TEST_F(Array, MonitorHearsOfABufferBeforeItChanges)
+{
+    TArray<u32> array;
+    g_KRContainersConfig_MonitorTArrays = true;
+    const s64 before = CContainersMonitorTArrays::TotalBytes();
+    s64 atRequest = 0;
+    m_Memory.AtEachCall([&](const SMemoryCall &) { atRequest = CContainersMonitorTArrays::TotalBytes() - before; });
+    PushNumbers(array, 1);
+    EXPECT_EQ(atRequest, 36);
+    m_Memory.RefuseAt(1);
+    EXPECT_FALSE(array.Reserve(20));
+    EXPECT_EQ(atRequest, 80) << "also of one that is then refused";
+    g_KRContainersConfig_MonitorTArrays = false;
+    m_Reports.Expect({"false"});
+    m_Memory.AtEachCall(CAllocatorHook::FnAtCall());
+}
+
+} // namespace
+} // namespace Tests
+} // namespace Tessaly

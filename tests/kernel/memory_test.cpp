@@ -1,0 +1,151 @@
+// Byte-range helpers, memory services and the views.
+
+#include <gtest/gtest.h>
+
+#include <support/allocator_hook.h>
+#include <support/profiler_recorder.h>
+#include <support/report_recorder.h>
+#include <tz_kernel/include/kr_memoryviews.h>
+
+namespace Tessaly
+{
+namespace Tests
+{
+namespace
+{
+
+TEST(Overlaps, CountsSharedBytesOnly)
+{
+    const u8 bytes[32] = {};
+    EXPECT_TRUE(Mem::Overlaps(bytes, 8, bytes + 7, 8));
+    EXPECT_TRUE(Mem::Overlaps(bytes + 7, 8, bytes, 8));
+    EXPECT_FALSE(Mem::Overlaps(bytes, 8, bytes + 8, 8));
+    EXPECT_FALSE(Mem::Overlaps(bytes + 8, 8, bytes, 8));
+    EXPECT_TRUE(Mem::Overlaps(bytes, 8, bytes, 8));
+    EXPECT_FALSE(Mem::Overlaps(bytes, 0, bytes, 0));
+    EXPECT_TRUE(Mem::Overlaps(bytes, 32, bytes + 20, 1));
+    EXPECT_FALSE(Mem::Overlaps(bytes + 20, 1, bytes, 20));
+}
+
+TEST(MemoryCopy, OverlapIsReportedAndEmptyRangesAreNot)
+{
+    CReportRecorder reports;
+    u8 bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    Mem::Copy(bytes, bytes + 4, 4);
+    Mem::Copy(bytes, bytes, 0);
+    Mem::Copy(null, null, 0);
+    Mem::Clear(null, 0);
+    Mem::Copy_Overlapped(null, null, 0);
+    EXPECT_EQ(reports.Count(), 0u);
+    EXPECT_EQ(bytes[0], 5);
+    Mem::Copy(bytes + 1, bytes, 4);
+    reports.Expect({"!Mem::Overlaps(dst, byteCount, src, byteCount)"});
+
+    u32 words[6] = {9, 9, 9, 9, 9, 9};
+    Mem::FillIndices32(words + 1, 4, 0xFFFFFFFEu);
+    const u32 expected[6] = {9, 0xFFFFFFFEu, 0xFFFFFFFFu, 0, 1, 9};
+    EXPECT_EQ(std::memcmp(words, expected, sizeof(words)), 0);
+    Mem::Copy_Overlapped(words + 1, words, 16);
+    EXPECT_EQ(words[2], 0xFFFFFFFEu);
+    Mem::Clear(words, 8);
+    EXPECT_EQ(words[1], 0u);
+}
+
+TEST(MemoryServices, DefaultBlocksAreAlignedAndNewTakesARefusal)
+{
+    static int s_Constructed = 0;
+    struct SCounted
+    {
+        SCounted() { ++s_Constructed; }
+        u32 m_Value = 7;
+    };
+    CAllocatorHook memory;
+    SCounted *object = Mem::New<SCounted>(TZ_CALL_SITE);
+    ASSERT_NE(object, nullptr);
+    EXPECT_EQ(ureg(object) % 16, 0u);
+    EXPECT_EQ(memory.LiveBytes(), sizeof(SCounted));
+    Mem::Delete(TZ_CALL_SITE, object);
+    EXPECT_EQ(memory.LiveBlockCount(), 0u) << "of the same origin, or the hook says so";
+    memory.RefuseAt(1);
+    EXPECT_EQ(Mem::New<SCounted>(TZ_CALL_SITE), nullptr);
+    EXPECT_EQ(s_Constructed, 1);
+    Mem::Delete<SCounted>(TZ_CALL_SITE, null);
+
+    const Mem::SAllocator &allocator = Mem::DefaultAllocator();
+    void *block = allocator.m_Alloc(10, 256, Mem::AllocType_Generic, Mem::Origin_Alloc, "", "", 0, "");
+    EXPECT_EQ(ureg(block) % 256, 0u);
+    std::memset(block, 0x5A, 10);
+    block = allocator.m_Realloc(block, 5000, 256, Mem::AllocType_Generic, "", "", 0, "");
+    EXPECT_EQ(ureg(block) % 256, 0u);
+    EXPECT_EQ(static_cast<u8 *>(block)[9], 0x5A);
+    allocator.m_Free(block, Mem::AllocType_Generic, Mem::Origin_Alloc, "", "", 0, "");
+}
+
+TEST(MemoryView, ReadsElementsAndReportsEachMisuse)
+{
+    CReportRecorder reports;
+    u32 words[3] = {10, 20, 30};
+    const TMemoryView<u32> view(words, 3);
+    const TMemoryView<const u32> constView = view;
+    EXPECT_EQ(constView[2], 30u);
+    EXPECT_EQ(view.DataEnd(), words + 3);
+    u32 sum = 0;
+    for (const u32 word : constView)
+        sum += word;
+    EXPECT_EQ(sum, 60u);
+    EXPECT_EQ(reports.Count(), 0u);
+
+    EXPECT_EQ(view[3], 0u) << "a stand-in, not the memory behind the view";
+    reports.Expect({"index < m_Count"});
+    EXPECT_EQ(TMemoryView<u32>()[0], 0u);
+    reports.Expect({"m_Data != null", "index < m_Count"});
+    EXPECT_TRUE(TMemoryView<u32>().Empty());
+}
+
+TEST(StridedMemoryView, StepsInWrappingBytes)
+{
+    CReportRecorder reports;
+    u32 words[6] = {10, 11, 20, 21, 30, 31};
+    const TStridedMemoryView<u32> view(words, 3, 8);
+    const TStridedMemoryView<const u32> constView = view;
+    EXPECT_EQ(constView[2], 30u);
+    u32 sum = 0;
+    for (const u32 word : constView)
+        sum += word;
+    EXPECT_EQ(sum, 60u);
+    EXPECT_EQ((TStridedMemoryView<u32>(words, 0x10001, 0x10000)[0x10000]), 10u) << "the product has 32 bits";
+    EXPECT_EQ((TStridedMemoryView<u32>(words, 100, 0)[99]), 10u);
+    EXPECT_EQ((TStridedMemoryView<const u32>(TMemoryView<const u32>(words, 6))[5]), 31u);
+    EXPECT_EQ(reports.Count(), 0u);
+
+    EXPECT_EQ(view[3], 0u);
+    reports.Expect({"index < m_Storage.m_Count"});
+    EXPECT_EQ(TStridedMemoryView<u32>()[0], 0u);
+    reports.Expect({"m_Storage.m_RawDataPtr != null", "index < m_Storage.m_Count"});
+}
+
+TEST(ProfilerScope, IsHeardFromBeginToEndAndDescribedOnce)
+{
+    const auto profiled = []
+    {
+        TZ_PROFILE_SCOPE("a name");
+        EXPECT_TRUE(true);
+    };
+    profiled(); // nobody listens
+    CProfilerRecorder profiler;
+    profiled();
+    const Profiler::SNodeDescriptor *node = profiler.Find("a name");
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(profiler.Take(), (std::vector<std::string>{"+a name", "-a name"}));
+    EXPECT_EQ(node->m_Flags, 0u);
+    EXPECT_NE(std::string(node->m_FileAndFunction).find("memory_test.cpp"), std::string::npos);
+    EXPECT_EQ(node->m_Color, Profiler::SNodeDescriptor::AutogenColor("a name"));
+    EXPECT_NE(node->m_Color, Profiler::SNodeDescriptor::AutogenColor("another"));
+    const Profiler::SNodeDescriptor red("red", "", CFloat3(1.0f, 0.0f, 0.2f), 0);
+    EXPECT_EQ(red.m_ColorRGBA8, 0xFF3300FFu);
+    EXPECT_EQ(red.m_ColorBGRA8, 0xFFFF0033u);
+}
+
+} // namespace
+} // namespace Tests
+} // namespace Tessaly

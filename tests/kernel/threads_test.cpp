@@ -1,0 +1,111 @@
+// Atomics, the critical section, thread ids.
+
+#include <atomic>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <tz_kernel/include/kr_threads_atomic.h>
+#include <tz_kernel/include/kr_threads_basics.h>
+
+namespace Tessaly
+{
+namespace Tests
+{
+namespace
+{
+
+TEST(Atomic, OperationsReturnWhatTheirNamesSay)
+{
+    TAtomic<u32> atomic(5);
+    EXPECT_EQ(atomic.FetchAdd(3), 5u);
+    EXPECT_EQ(atomic.FetchSub(7), 8u);
+    EXPECT_EQ(atomic.Dec(), 0u) << "the new value";
+    EXPECT_EQ(atomic.Dec(), 0xFFFFFFFFu);
+    EXPECT_EQ(atomic.Inc(), 0u);
+    atomic.Store(9);
+    atomic.Add(1);
+    const TAtomic<u32> copy(atomic);
+    EXPECT_EQ(copy.Load(), 10u);
+
+    using Primitives = SInterlockedPrimitives<u32, 4>;
+    volatile u32 word = 6;
+    EXPECT_EQ(Primitives::_cmpxchg(&word, 1, 7), 6u);
+    EXPECT_EQ(word, 6u);
+    EXPECT_EQ(Primitives::_cmpxchg(&word, 12, 6), 6u);
+    EXPECT_EQ(Primitives::_and(&word, 10), 12u);
+    EXPECT_EQ(Primitives::_or(&word, 1), 8u);
+    EXPECT_EQ(Primitives::_xor(&word, 15), 9u);
+    EXPECT_EQ(Primitives::_xchg(&word, 4), 6u);
+    EXPECT_EQ(Primitives::_xinc(&word), 5u);
+    EXPECT_EQ(Primitives::_xdec(&word), 4u);
+}
+
+TEST(Atomic, NoStepIsLostBetweenThreads)
+{
+    constexpr u32 kSteps = 20000;
+    TAtomic<u32> atomic(0);
+    const auto work = [&atomic]
+    {
+        for (u32 i = 0; i < kSteps; ++i)
+        {
+            atomic.Add(3);
+            atomic.Dec();
+            atomic.FetchSub(1);
+        }
+    };
+    std::thread other(work);
+    work();
+    other.join();
+    EXPECT_EQ(atomic.Load(), 2 * kSteps);
+}
+
+TEST(CriticalSection, IsReentrantAndForgetsItsOwnerAtEachUnlock)
+{
+    Threads::CCriticalSection section;
+    EXPECT_EQ(section.m_Owner, CGuid::INVALID.Get());
+    const auto isFreeForOthers = [&section]
+    {
+        bool isFree = false;
+        std::thread(
+            [&]
+            {
+                isFree = section.TryLock();
+                if (isFree)
+                    section.Unlock();
+            })
+            .join();
+        return isFree;
+    };
+
+    section.Lock();
+    EXPECT_EQ(section.m_Owner, CCurrentThread::ThreadID());
+    section.Lock();
+    const u64 unlockCount = CThreadStats::CSUnlockCount();
+    section.Unlock();
+    EXPECT_EQ(CThreadStats::CSUnlockCount(), unlockCount + 1);
+    EXPECT_EQ(section.m_Owner, CGuid::INVALID.Get());
+    EXPECT_FALSE(isFreeForOthers());
+    section.Lock();
+    section.Unlock();
+    EXPECT_FALSE(isFreeForOthers());
+    section.Unlock();
+    EXPECT_TRUE(isFreeForOthers());
+}
+
+TEST(ThreadId, IsNeverGivenTwice)
+{
+    constexpr u32 kThreads = 400;
+    std::set<u32> ids{CCurrentThread::ThreadID()};
+    EXPECT_EQ(CCurrentThread::ThreadID(), *ids.begin());
+    for (u32 i = 0; i < kThreads; ++i)
+        std::thread([&ids] { ids.insert(CCurrentThread::ThreadID()); }).join();
+    EXPECT_EQ(ids.size(), kThreads + 1);
+    EXPECT_EQ(ids.count(CGuid::INVALID.Get()), 0u);
+}
+
+} // namespace
+} // namespace Tests
+} // namespace Tessaly
