@@ -1,0 +1,220 @@
+// The page lock: nesting, other threads, misuse; and how often each operation takes it.
+
+#include <atomic>
+#include <thread>
+
+#include <support/profiler_recorder.h>
+#include <support/stream_fixture.h>
+
+namespace Tessaly
+{
+namespace Tests
+{
+namespace
+{
+
+constexpr const char *kLockedText = "m_PagesLocked != 0";
+constexpr const char *kOwnerText = "m_ThreadOwningLock == CCurrentThread::ThreadID()";
+
+class StreamLock : public CStreamTest
+{
+protected:
+    // Unlocks that operation makes.
+    template <typename _Operation>
+    u64 Unlocks(_Operation operation)
+    {
+        const u64 before = CThreadStats::CSUnlockCount();
+        operation();
+        return CThreadStats::CSUnlockCount() - before;
+    }
+
+    CTestStream m_Stream{16, m_Definition};
+};
+
+TEST_F(StreamLock, NestsAndMixesItsVariants)
+{
+    const CParticleStreamAbstract &abstract = m_Stream;
+    using FnLock = void (*)(const CTestStream &);
+    const FnLock locks[] = {[](const CTestStream &s) { s.LockPages(); }, [](const CTestStream &s) { s.Lock(); },
+                            [](const CTestStream &s) { s.LockPagesToRender(); }};
+    const FnLock unlocks[] = {[](const CTestStream &s) { s.UnlockPages(); }, [](const CTestStream &s) { s.Unlock(); },
+                              [](const CTestStream &s) { s.UnlockPagesToRender(); }};
+    for (const FnLock lock : locks)
+    {
+        for (const FnLock unlock : unlocks)
+        {
+            lock(m_Stream);
+            m_Stream.LockPagesToRender();
+            unlock(m_Stream);
+            EXPECT_TRUE(m_Stream.LockedByCurrentThread());
+            unlock(m_Stream);
+            EXPECT_FALSE(m_Stream.LockedByCurrentThread());
+        }
+    }
+    abstract.Lock();
+    m_Stream.UnlockPages();
+    {
+        const CScopedPagesLock scope(m_Stream);
+        EXPECT_TRUE(m_Stream.LockedByCurrentThread());
+    }
+    EXPECT_FALSE(m_Stream.LockedByCurrentThread());
+}
+
+TEST_F(StreamLock, KeepsOtherThreadsOutUntilTheLastUnlock)
+{
+    std::atomic<bool> hasEntered{false};
+    m_Stream.LockPages();
+    m_Stream.LockPages();
+    std::thread other(
+        [&]
+        {
+            EXPECT_FALSE(m_Stream.LockedByCurrentThread());
+            m_Stream.LockPagesToRender();
+            hasEntered = true;
+            m_Stream.UnlockPagesToRender();
+        });
+    m_Stream.UnlockPages();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(hasEntered);
+    m_Stream.UnlockPages();
+    other.join();
+    EXPECT_TRUE(hasEntered);
+}
+
+TEST_F(StreamLock, UnlockOfAFreeStreamIsReportedAndNothingElse)
+{
+    EXPECT_EQ(Unlocks([this] { m_Stream.UnlockPages(); }), 0u);
+    m_Reports.Expect({kLockedText, kOwnerText});
+    EXPECT_EQ(Unlocks([this] { m_Stream.UnlockPagesToRender(); }), 0u);
+    const std::vector<SSeenReport> seen = m_Reports.Take();
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_NE(seen[0].m_Function.find("UnlockPagesToRender"), std::string::npos) << "sites of its own";
+    m_Stream.LockPages();
+    EXPECT_TRUE(m_Stream.LockedByCurrentThread());
+    m_Stream.UnlockPages();
+}
+
+TEST_F(StreamLock, UnlockByAnotherThreadIsReportedAndTheLockStays)
+{
+    m_Stream.LockPages();
+    std::thread(
+        [this]
+        {
+            m_Stream.UnlockPages();
+            m_Stream.UnlockPagesToRender();
+        })
+        .join();
+    m_Reports.Expect({kOwnerText, kOwnerText});
+    EXPECT_TRUE(m_Stream.LockedByCurrentThread());
+    m_Stream.UnlockPages();
+    EXPECT_FALSE(m_Stream.LockedByCurrentThread());
+}
+
+TEST_F(StreamLock, TwoOfItsOperationsAreProfiled)
+{
+    using Scopes = std::vector<std::string>;
+    const std::string render = "CParticleStream_MainMemory::LockPagesToRender";
+    const std::string unlock = "CParticleStream_MainMemory::UnlockPages";
+    CProfilerRecorder profiler;
+    m_Stream.LockPages();
+    m_Stream.Lock();
+    EXPECT_EQ(profiler.Take(), Scopes());
+    m_Stream.LockPagesToRender();
+    EXPECT_EQ(profiler.Take(), (Scopes{"+" + render, "-" + render}));
+    m_Stream.UnlockPagesToRender();
+    EXPECT_EQ(profiler.Take(), Scopes());
+    m_Stream.UnlockPages();
+    m_Stream.Unlock();
+    EXPECT_EQ(profiler.Take(), (Scopes{"+" + unlock, "-" + unlock, "+" + unlock, "-" + unlock}));
+    EXPECT_EQ(profiler.Find(unlock)->m_Color, Profiler::SNodeDescriptor::AutogenColor(unlock.c_str()));
+
+    m_Stream.SetPageSize(m_Stream.PageSize());
+    EXPECT_EQ(profiler.Take(), (Scopes{"+SetPageSize", "-SetPageSize"})) << "a scope, and no lock";
+    m_Stream.AllocateParticlesIFP(1, 0);
+    EXPECT_EQ(profiler.Find("AllocateParticlesIFP")->m_Color, CFloat4(0.8f, 0.2f, 1.0f, 1.0f));
+    CTestStream(0).DeepCopy(m_Stream);
+    EXPECT_EQ(profiler.Find("DeepCopy")->m_Color, CFloat4(0.4f, 0.3f, 1.0f, 1.0f));
+    const Scopes scopes = profiler.Take();
+    EXPECT_EQ(scopes.front(), "+AllocateParticlesIFP");
+}
+
+TEST_F(StreamLock, IsTakenAsOftenAsEachOperationSays)
+{
+    EXPECT_EQ(Unlocks([this] { m_Stream._RecomputeParticleCount(); }), 0u);
+    EXPECT_EQ(Unlocks([this] { m_Stream._DEBUG_CheckParticleCountConsistency(); }), 1u);
+    EXPECT_EQ(Unlocks([this] { m_Stream.AllocateParticlesIFP(5, 0); }), 4u);
+    EXPECT_EQ(Unlocks([this] { m_Stream.AllocateParticlesIFP(5, 0); }), 5u);
+    EXPECT_EQ(Unlocks([this] { m_Stream._DEBUG_CheckParticleCountConsistency(); }), 2u);
+    EXPECT_EQ(Unlocks([this] { m_Stream.StreamId(CStringId(Life)); }), 2u);
+    EXPECT_EQ(Unlocks([this] { m_Stream.ComputeMemoryUsage(); }), 1u);
+    EXPECT_EQ(Unlocks([this] { m_Stream.RegisterBornCount_NoConsistencyCheck(0); }), 0u);
+    EXPECT_EQ(Unlocks([this] { m_Stream.RegisterBornCount(0); }), 2u);
+    EXPECT_EQ(Unlocks([this] { m_Stream.RegisterDeadCount(0); }), 2u);
+    EXPECT_EQ(Unlocks([this] { m_Stream.SetPageSize(16); }), 0u);
+    EXPECT_EQ(Unlocks([this] { m_Stream.SetPageSize(20); }), 5u);
+    EXPECT_EQ(Unlocks([this] { m_Stream.ResizePending(0); }), 5u);
+    EXPECT_EQ(Unlocks([this] { m_Stream.GarbageCollectOldPages(null); }), 5u);
+    EXPECT_EQ(Unlocks([this] { m_Definition.BindTo(m_Stream); }), 2u);
+    EXPECT_EQ(Unlocks([this] { m_Stream.ParticleCount(), m_Stream.GetStreamDef(), m_Stream.PageCount(); }), 0u);
+    CTestStream copy(0);
+    // Its own check, cleanup with two checks inside the lock, its own check with the copied page.
+    EXPECT_EQ(Unlocks([&] { copy.DeepCopy(m_Stream); }), 1u + (1 + 1 + 1) + 1 + 2);
+}
+
+TEST_F(StreamLock, ChecksReportUnderItAndConditionsOfCallersOutside)
+{
+    m_Stream.AppendPage(16, 1);
+    std::vector<bool> isLocked;
+    m_Reports.AtEachReport([&](const Assert::SReport &) { isLocked.push_back(m_Stream.LockedByCurrentThread()); });
+    m_Stream.RegisterBornCount(1);
+    m_Reports.Expect({kCountText});
+    m_Stream.RegisterDeadCount(1);
+    CGuid entries[5];
+    TMemoryView<CGuid> reindexer(entries, 5);
+    m_Stream.GarbageCollectOldPages(&reindexer);
+    m_Reports.Expect({"pageReindexer == null || pageReindexer->Count() == m_Pages.Count()"});
+    CDefinition other;
+    other.Stored(Life, BaseType_Float);
+    m_Stream.BindStreamDef(&other.Def(), {}, {}, SParticleImplementationCache());
+    m_Reports.Expect({"m_ConstantDataFieldSlot.Count() == def->m_StreamDef.Count()",
+                      "m_ConstantDataFieldSlot.Count() == streamDef.Count()"});
+    m_Stream.SetPageSize(8);
+    m_Reports.Expect({"m_Pages.Empty() || m_ConstantDataFieldSlot.Count() == m_StreamDef->m_StreamDef.Count()"});
+    EXPECT_EQ(isLocked, (std::vector<bool>{true, false, false, true, false}));
+}
+
+TEST_F(StreamLock, ThreadsShareAStream)
+{
+    constexpr u32 kRounds = 150;
+    const auto work = [this](u32 firstNumber)
+    {
+        for (u32 i = 0; i < kRounds; ++i)
+        {
+            const CScopedPagesLock lock(m_Stream);
+            const CParticlePageView view = m_Stream.AllocateParticlesIFP(3, 0);
+            FillParticles(view, firstNumber + 3 * i);
+            EXPECT_TRUE(HoldsParticles(*view.OriginalPage(), view.FirstParticle(), Numbers(firstNumber + 3 * i, 3)));
+        }
+    };
+    std::thread other(work, 100000);
+    std::thread reader(
+        [this]
+        {
+            for (u32 i = 0; i < kRounds; ++i)
+            {
+                EXPECT_LE(m_Stream.ParticleCount(), 6 * kRounds);
+                EXPECT_FALSE(m_Stream.LockedByCurrentThread());
+                m_Stream.ComputeMemoryUsage();
+                EXPECT_GE(m_Stream.ComputeStats().m_SlotCount, m_Stream.PageCount());
+            }
+        });
+    work(0);
+    other.join();
+    reader.join();
+    EXPECT_EQ(m_Stream.ParticleCount(), 6 * kRounds);
+    EXPECT_EQ(m_Stream._RecomputeParticleCount(), 6 * kRounds);
+}
+
+} // namespace
+} // namespace Tests
+} // namespace Tessaly
