@@ -12,9 +12,9 @@ namespace
 {
 using Json = nlohmann::json;
 
-constexpr int kCategory_Momentum = 2;
-constexpr int kNumber_U = 2;
-constexpr int kNumber_V = 3;
+constexpr int kMomentumCategory = 2;
+constexpr int kEastwardNumber = 2;
+constexpr int kNorthwardNumber = 3;
 constexpr double kFastestWind = 500.0; // metres per second: anything above is a broken file
 
 // A component of the wind as it stands in the file; what is wrong with it is told in m_Error.
@@ -72,7 +72,7 @@ const Json *FindRecord(const Json &records, int parameterNumber)
     for (const Json &record : records)
     {
         const Json *header = HeaderOf(record);
-        if (header != nullptr && NumberIs(*header, "parameterCategory", kCategory_Momentum) &&
+        if (header != nullptr && NumberIs(*header, "parameterCategory", kMomentumCategory) &&
             NumberIs(*header, "parameterNumber", parameterNumber))
             return &record;
     }
@@ -161,9 +161,9 @@ bool ReadBothComponents(const std::string &path, SComponent &outU, SComponent &o
     Json records;
     if (!ReadFile(path, text, outError) || !ParseJson(text, records, outError))
         return false;
-    if (!ReadComponent(records, kNumber_U, "u", outU))
+    if (!ReadComponent(records, kEastwardNumber, "u", outU))
         return outError = outU.m_Error, false;
-    if (!ReadComponent(records, kNumber_V, "v", outV))
+    if (!ReadComponent(records, kNorthwardNumber, "v", outV))
         return outError = outV.m_Error, false;
     if (!SameGrid(outU.m_Grid, outV.m_Grid))
         return outError = "has a u and a v component on different grids", false;

@@ -1,0 +1,186 @@
+#include "particles.h"
+
+#include "drawing.h"
+#include "motion.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace Wind
+{
+namespace
+{
+constexpr float kSecondsPerFrame = 1500.0f;
+constexpr u32 kBurst = 512;       // particles born at once
+constexpr u32 kShortestLife = 30; // frames
+constexpr u32 kLifeSpread = 80; // frames, from the frame whose newborn live shortest to the one where they live longest
+constexpr u32 kLifeSpreadInFrame = 20; // the same within a frame: its newborn go together, so that pages drain
+constexpr float kLightKept = 0.988f;   // of the picture, from frame to frame
+constexpr float kDegreesPerRadian = 180.0f / 3.14159265f;
+
+// Most particles are faint and a few are bright: the picture shows strands instead of a haze. 1 on the average.
+float RandomBrightness(CRandom &random)
+{
+    const float unit = random.Unit();
+    const float cube = unit * unit * unit;
+    return 8.0f * cube * cube * unit;
+}
+
+// A place on the globe, all places alike.
+CFloat2 RandomPlace(CRandom &random)
+{
+    const float longitude = 360.0f * random.Unit() - 180.0f;
+    return {longitude, std::asin(2.0f * random.Unit() - 1.0f) * kDegreesPerRadian};
+}
+
+// Calls `work` with a view on each page that holds particles, a page at a time. The caller holds the page lock.
+template <typename _Work>
+void ForEachPage(const CParticleStream_MainMemory &stream, const _Work &work)
+{
+    for (u32 i = 0; i < stream.PageCount(); ++i)
+    {
+        const CParticlePageView page(*stream.Page(CGuid(i)));
+        if (!page.Empty())
+            work(page);
+    }
+}
+} // namespace
+
+CWindParticles::CWindParticles(const CWindField &field, const CLayout &layout, const CFloat3 &tint, u32 pageSize,
+                               u32 seed)
+    : m_Field(field)
+    , m_Tint(tint)
+    , m_Random(seed)
+    , m_Stream(pageSize)
+{
+    layout.BindTo(m_Stream);
+}
+
+void CWindParticles::Advance(u32 frame, u32 wishedCount)
+{
+    const SFields fields = FindFields(m_Stream);
+    const u32 liveCount = m_Stream.ParticleCount();
+    _Bear(fields, wishedCount - std::min(wishedCount, liveCount));
+    m_Diary.NoteNewPages(m_Stream, frame);
+    m_Clock.AddParticleFrames(m_Stream.ParticleCount());
+    _Advect(fields);
+    _Age(fields);
+    _RemoveDead(fields);
+}
+
+void CWindParticles::Draw(const CPalette &palette, CCanvas &canvas)
+{
+    const CScopedPhase phase(m_Clock, Phase_Drawing);
+    const SFields fields = FindFields(m_Stream);
+    canvas.Fade(kLightKept);
+    m_Stream.LockPagesToRender();
+    ForEachPage(m_Stream, [&](const CParticlePageView &page) { DrawPage(page, fields, palette, canvas); });
+    m_Stream.UnlockPagesToRender();
+}
+
+void CWindParticles::CarePages(u32 maxPageCountToResize, u32 frame)
+{
+    _CollectPages();
+    if (m_Stream.HasPendingResizes())
+        _ResizePages(maxPageCountToResize, frame);
+}
+
+void CWindParticles::ChangePageSize(u32 pageSize) { m_Stream.SetPageSize(pageSize); }
+
+void CWindParticles::EditLayout(const CLayout &layout)
+{
+    const CScopedPhase phase(m_Clock, Phase_Rebinding);
+    m_Clock.AddHandled(Phase_Rebinding, m_Stream.ParticleCount());
+    layout.BindTo(m_Stream);
+}
+
+void CWindParticles::CopyInto(CWindParticles &outCopy)
+{
+    const CScopedPhase phase(m_Clock, Phase_Copying);
+    outCopy.m_Stream.DeepCopy(m_Stream);
+    outCopy.m_Diary = m_Diary;
+    outCopy.m_BirthCount = m_BirthCount;
+    outCopy.m_DeathCount = m_DeathCount;
+    m_Clock.AddHandled(Phase_Copying, outCopy.m_Stream.ParticleCount());
+}
+
+void CWindParticles::_Bear(const SFields &fields, u32 count)
+{
+    const CScopedPhase phase(m_Clock, Phase_Birth);
+    const CScopedPagesLock lock(m_Stream); // nobody sees a particle before it is filled
+    const u32 shortestLife = kShortestLife + m_Random.Below(kLifeSpread);
+    while (count != 0)
+    {
+        const u32 burst = std::min(count, kBurst);
+        const u32 leastRoom = std::max(1u, std::min(burst, m_Stream.PageSize()) / 4);
+        const CParticlePageView newborn = m_Stream.AllocateParticlesIFP(burst, leastRoom);
+        if (newborn.Empty())
+            return; // no memory: fewer are born
+        _FillNewborn(newborn, fields, shortestLife);
+        count -= newborn.ParticleCount();
+        m_BirthCount += newborn.ParticleCount();
+        m_Clock.AddHandled(Phase_Birth, newborn.ParticleCount());
+    }
+}
+
+void CWindParticles::_FillNewborn(const CParticlePageView &newborn, const SFields &fields, u32 shortestLife)
+{
+    const auto positions = newborn.ColumnForWriting<CFloat2>(fields.m_Position);
+    const auto lifetimes = newborn.ColumnForWriting<float>(fields.m_Lifetime);
+    const auto brightness = newborn.ColumnForWriting<float>(fields.m_Brightness);
+    for (u32 i = 0; i < newborn.ParticleCount(); ++i)
+    {
+        positions[i] = RandomPlace(m_Random);
+        lifetimes[i] = float(shortestLife + m_Random.Below(kLifeSpreadInFrame));
+        brightness[i] = RandomBrightness(m_Random);
+    }
+    StartLife(newborn, fields, m_Tint);
+}
+
+void CWindParticles::_Advect(const SFields &fields)
+{
+    const CScopedPhase phase(m_Clock, Phase_Advection);
+    const CScopedPagesLock lock(m_Stream);
+    ForEachPage(m_Stream, [&](const CParticlePageView &page) { Advect(page, fields, m_Field, kSecondsPerFrame); });
+}
+
+void CWindParticles::_Age(const SFields &fields)
+{
+    const CScopedPhase phase(m_Clock, Phase_Ageing);
+    const CScopedPagesLock lock(m_Stream);
+    ForEachPage(m_Stream, [&](const CParticlePageView &page) { Age(page, fields); });
+}
+
+void CWindParticles::_RemoveDead(const SFields &fields)
+{
+    const CScopedPhase phase(m_Clock, Phase_Removal);
+    const CScopedPagesLock lock(m_Stream);
+    for (u32 i = 0; i < m_Stream.PageCount(); ++i)
+    {
+        FindDead(CParticlePageView(*m_Stream.Page(CGuid(i))), fields, m_DeadIndices);
+        if (m_DeadIndices.empty())
+            continue;
+        const TMemoryView<const u32> indices(m_DeadIndices.data(), u32(m_DeadIndices.size()));
+        const u32 removedCount = m_Stream.RemoveParticles(CGuid(i), indices);
+        m_DeathCount += removedCount;
+        m_Clock.AddHandled(Phase_Removal, removedCount);
+    }
+}
+
+void CWindParticles::_ResizePages(u32 maxPageCount, u32 frame)
+{
+    const CScopedPhase phase(m_Clock, Phase_Resizing);
+    {
+        const CScopedPagesLock lock(m_Stream);
+        m_Stream.ComputePendingResizes_NoLock(); // pages that were collected wait no longer
+    }
+    m_Clock.AddHandled(Phase_Resizing, m_Diary.ResizePages(m_Stream, maxPageCount, frame));
+}
+
+void CWindParticles::_CollectPages()
+{
+    const CScopedPhase phase(m_Clock, Phase_Collection);
+    m_Clock.AddHandled(Phase_Collection, m_Stream.PageCount());
+    m_CollectedPageCount += m_Diary.CollectPages(m_Stream);
+}
+} // namespace Wind
