@@ -1,0 +1,142 @@
+#include "program.h"
+
+#include "report.h"
+#include "trace_sink.h"
+#include "wind_run.h"
+
+#include <tz_particles/include/ps_runtime.h>
+
+#include <atomic>
+#include <filesystem>
+
+namespace Wind
+{
+namespace
+{
+constexpr u32 kMaxReportsShown = 10;
+
+// Counts the assertions that are reported while it lives, and shows the first ones.
+class CReportCounter : CNonCopyable
+{
+public:
+    explicit CReportCounter(std::FILE *err)
+        : m_Err(err)
+    {
+        Assert::SetHandler(&_OnReport, this);
+    }
+    ~CReportCounter() { Assert::SetHandler(nullptr, nullptr); }
+
+    u32 Count() const { return m_Count; }
+
+private:
+    static int _OnReport(const Assert::SReport &report, void *userData)
+    {
+        CReportCounter &self = *static_cast<CReportCounter *>(userData);
+        if (self.m_Count++ < kMaxReportsShown)
+            std::fprintf(self.m_Err, "%s:%d: %s\n", report.m_File, report.m_Line, report.m_Message);
+        return Assert::Result_Continue;
+    }
+
+    std::FILE *m_Err;
+    std::atomic<u32> m_Count = 0;
+};
+
+// The library is up for the length of a scope.
+class CScopedRuntime : CNonCopyable
+{
+public:
+    CScopedRuntime()
+        : m_IsUp(Particles::Startup())
+    {
+    }
+    ~CScopedRuntime()
+    {
+        if (m_IsUp)
+            Particles::Shutdown();
+    }
+
+    bool IsUp() const { return m_IsUp; }
+
+private:
+    bool m_IsUp;
+};
+
+int Fail(std::FILE *err, EExit status, const std::string &problem)
+{
+    std::fprintf(err, "wind: %s\n", problem.c_str());
+    return status;
+}
+
+bool MakeFolder(const std::filesystem::path &folder, std::string &outError)
+{
+    std::error_code error;
+    std::filesystem::create_directories(folder, error);
+    if (folder.empty() || std::filesystem::is_directory(folder, error))
+        return true;
+    return outError = folder.string() + " is no folder and cannot be made one", false;
+}
+
+// Before the run: what it writes at its end must have a place.
+bool MakeFolders(const SOptions &options, std::string &outError)
+{
+    return MakeFolder(options.m_OutputFolder, outError) &&
+           MakeFolder(std::filesystem::path(options.m_TraceFile).parent_path(), outError);
+}
+
+void PlayFrames(CWindRun &run, u32 frameCount, std::FILE *out)
+{
+    CProgress progress(out, frameCount);
+    for (u32 frame = 0; frame < frameCount; ++frame)
+    {
+        run.PlayFrame(frame);
+        progress.Show(frame + 1, run.Particles().Stream().ParticleCount());
+    }
+}
+
+bool PlayAndWrite(const SOptions &options, const CWindField &field, std::FILE *out, std::string &outError)
+{
+    const bool traced = !options.m_TraceFile.empty();
+    CTraceSink sink;
+    CWindRun run(options, field);
+    {
+        const CScopedTrace trace(traced ? &sink : nullptr);
+        PlayFrames(run, options.m_FrameCount, out);
+    }
+    PrintTable(out, run);
+    return run.WritePictures(outError) && (!traced || sink.Write(options.m_TraceFile, outError));
+}
+
+int Play(const SOptions &options, const CWindField &field, std::FILE *out, std::FILE *err)
+{
+    const CScopedRuntime runtime;
+    const CReportCounter reports(err);
+    std::string problem;
+    if (!runtime.IsUp())
+        return Fail(err, Exit_Failure, "the particle runtime cannot be started");
+    if (!PlayAndWrite(options, field, out, problem))
+        return Fail(err, Exit_Failure, problem);
+    std::fprintf(out, "%-12s %u\n", "assertions", reports.Count());
+    return reports.Count() == 0 ? Exit_Success : Exit_Failure;
+}
+} // namespace
+
+int RunProgram(int argc, const char *const *argv, std::FILE *out, std::FILE *err)
+{
+    SOptions options;
+    CWindField field;
+    std::string problem;
+    options.m_Input = WIND_DATA_FOLDER "/gfs-wind-2017-10-20.json";
+    switch (ParseOptions(argc, argv, options, problem))
+    {
+    case EParse::Help:
+        return std::fputs(HelpText().c_str(), out) >= 0 ? Exit_Success : Exit_Failure;
+    case EParse::Bad:
+        return Fail(err, Exit_BadInput, problem);
+    case EParse::Run:
+        break;
+    }
+    if (!field.Load(options.m_Input, problem) || !MakeFolders(options, problem))
+        return Fail(err, Exit_BadInput, problem);
+    return Play(options, field, out, err);
+}
+} // namespace Wind

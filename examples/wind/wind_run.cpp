@@ -1,0 +1,90 @@
+#include "wind_run.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace Wind
+{
+namespace
+{
+constexpr u32 kPageSizeFactor = 4;   // what the page size grows by
+constexpr u32 kPagesPerFrame = 8;    // resized in a frame
+constexpr u32 kFramesToFill = 20;    // from the first particle to all
+constexpr float kGustPeriod = 80.0f; // frames
+constexpr float kGustDepth = 0.25f;  // half the share of the particles that a lull takes away
+constexpr u32 kSnapshotSeed = 0x5EED;
+
+// Bright enough that the strands show, whatever the number of particles and the size of the picture.
+CFloat3 TintFor(const SOptions &options)
+{
+    const float particlesPerLine = float(options.m_ParticleCount) / float(options.m_Height);
+    const float gain = std::min(8.0f, 0.24f * (200'000.0f / 720.0f) / particlesPerLine);
+    return {gain, gain, gain};
+}
+
+std::unique_ptr<CWindParticles> MakeParticles(const CWindField &field, const CLayout &layout, const CFloat3 &tint,
+                                              const SOptions &options, u32 seed)
+{
+    return std::make_unique<CWindParticles>(field, layout, tint, options.m_PageSize, seed);
+}
+} // namespace
+
+CWindRun::CWindRun(const SOptions &options, const CWindField &field)
+    : m_Options(options)
+    , m_Field(field)
+    , m_Tint(TintFor(options))
+    , m_Canvas(options.m_Width, options.m_Height)
+    , m_SnapshotCanvas(options.m_Width, options.m_Height)
+    , m_PageStrip(options.m_FrameCount)
+{
+    MakeFirstLayout(m_FirstLayout);
+    MakeEditedLayout(m_EditedLayout, m_Tint);
+    m_Particles = MakeParticles(field, m_FirstLayout, m_Tint, options, options.m_Seed);
+}
+
+void CWindRun::PlayFrame(u32 frame)
+{
+    _Edit(frame);
+    const u32 wishedCount = _WishedCount(frame);
+    m_Particles->Advance(frame, wishedCount);
+    m_Particles->Draw(m_Palette, m_Canvas);
+    m_PageStrip.Record(m_Particles->Stream(), m_Particles->Diary(), frame);
+    m_Particles->CarePages(kPagesPerFrame, frame);
+    if (m_Snapshot == nullptr)
+        return;
+    m_Snapshot->Advance(frame, wishedCount);
+    m_Snapshot->Draw(m_Palette, m_SnapshotCanvas);
+    m_Snapshot->CarePages(kPagesPerFrame, frame);
+}
+
+bool CWindRun::WritePictures(std::string &outError) const
+{
+    const std::string folder = m_Options.m_OutputFolder + "/";
+    return WritePng(folder + "wind.png", m_Canvas.Develop(), outError) &&
+           WritePng(folder + "wind-snapshot.png", m_SnapshotCanvas.Develop(), outError) &&
+           WritePng(folder + "pages.png", m_PageStrip.Paint(m_Options.m_Width, m_Options.m_Height), outError);
+}
+
+void CWindRun::_Edit(u32 frame)
+{
+    const u32 frameCount = m_Options.m_FrameCount;
+    if (frame == frameCount / 3)
+        m_Particles->ChangePageSize(m_Options.m_PageSize * kPageSizeFactor);
+    if (frame == frameCount / 2)
+        m_Particles->EditLayout(m_EditedLayout);
+    if (frame == frameCount * 2 / 3)
+    {
+        m_Snapshot = MakeParticles(m_Field, m_FirstLayout, m_Tint, m_Options, m_Options.m_Seed + kSnapshotSeed);
+        m_Particles->CopyInto(*m_Snapshot);
+    }
+}
+
+// The wind comes in gusts: in a lull fewer are born than die, and pages drain.
+u32 CWindRun::_WishedCount(u32 frame) const
+{
+    const float start = std::min(1.0f, float(frame + 1) / float(kFramesToFill));
+    const float toEnd = float(m_Options.m_FrameCount - 1 - frame); // the run ends with a gust
+    const float lull = kGustDepth * (1.0f - std::cos(toEnd / kGustPeriod * 6.2831853f));
+    return u32(std::ceil(float(m_Options.m_ParticleCount) * start * (1.0f - lull)));
+}
+} // namespace Wind

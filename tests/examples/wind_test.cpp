@@ -1,0 +1,560 @@
+// The wind demo: its parts, and a small run of the whole.
+
+#include <support/report_recorder.h>
+#include <support/scoped_runtime.h>
+
+#include <wind/canvas.h>
+#include <wind/motion.h>
+#include <wind/output_file.h>
+#include <wind/program.h>
+#include <wind/trace_sink.h>
+#include <wind/wind_run.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <png.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace
+{
+using namespace Tessaly;
+using namespace Wind;
+
+namespace fs = std::filesystem;
+
+std::string ReadAll(const fs::path &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+std::string ReadAll(std::FILE *file)
+{
+    std::string text;
+    std::rewind(file);
+    for (int byte = std::fgetc(file); byte != EOF; byte = std::fgetc(file))
+        text += char(byte);
+    return text;
+}
+
+// A folder of its own for each test, and the program run in it.
+class CWindTest : public testing::Test
+{
+protected:
+    struct SResult
+    {
+        int m_Status;
+        std::string m_Out, m_Err;
+    };
+
+    CWindTest()
+    {
+        std::string name = (fs::temp_directory_path() / "wind_test_XXXXXX").string();
+        m_Folder = mkdtemp(name.data());
+    }
+    ~CWindTest() override { fs::remove_all(m_Folder); }
+
+    std::string Path(const std::string &name) const { return (m_Folder / name).string(); }
+
+    std::string Write(const std::string &name, const std::string &text) const
+    {
+        std::ofstream(m_Folder / name, std::ios::binary) << text;
+        return Path(name);
+    }
+
+    static SResult Run(const std::vector<std::string> &arguments)
+    {
+        std::vector<const char *> argv = {"wind"};
+        for (const std::string &argument : arguments)
+            argv.push_back(argument.c_str());
+        std::FILE *out = std::tmpfile();
+        std::FILE *err = std::tmpfile();
+        const int status = RunProgram(int(argv.size()), argv.data(), out, err);
+        SResult result = {status, ReadAll(out), ReadAll(err)};
+        std::fclose(out);
+        std::fclose(err);
+        return result;
+    }
+
+    fs::path m_Folder;
+};
+
+using WindField = CWindTest;
+using WindOutputFile = CWindTest;
+using WindProgram = CWindTest;
+using WindTrace = CWindTest;
+
+// A forecast of 4 by 3 values, 90 degrees apart: u as given, v the same with the sign changed.
+std::string SmallForecast(const std::string &u, int nx = 4, const char *secondRecord = "3")
+{
+    const std::string header = R"("nx":)" + std::to_string(nx) +
+                               R"(,"ny":3,"dx":90,"dy":90,"la1":90,"lo1":0,"parameterCategory":2,"parameterNumber":)";
+    std::string v;
+    for (const char letter : u)
+        v += letter == ',' ? ",-" : std::string(1, letter);
+    return R"([{"header":{)" + header + R"(2},"data":[)" + u + R"(]},{"header":{)" + header + secondRecord +
+           R"(},"data":[-)" + v + "]}]";
+}
+
+const char *const kValues = "1,2,3,4,5,6,7,8,9,10,11,12";
+
+TEST_F(WindField, IsBilinearAndWrapsAroundTheGlobe)
+{
+    CWindField field;
+    std::string error;
+    ASSERT_TRUE(field.Load(Write("small.json", SmallForecast(kValues)), error)) << error;
+    const auto east = [&](float longitude, float latitude) { return field.Sample(longitude, latitude).m_East; };
+    EXPECT_FLOAT_EQ(east(90, 0), 6.0f);
+    EXPECT_FLOAT_EQ(field.Sample(90, 0).m_North, -6.0f);
+    EXPECT_FLOAT_EQ(east(45, 45), (1.0f + 2.0f + 5.0f + 6.0f) / 4.0f);
+    EXPECT_FLOAT_EQ(east(315, 0), (8.0f + 5.0f) / 2.0f) << "between the last column and the first";
+    EXPECT_FLOAT_EQ(east(-45, 0), east(315, 0));
+    EXPECT_FLOAT_EQ(east(405, 0), east(45, 0));
+    EXPECT_FLOAT_EQ(east(180, -90), 11.0f);
+    EXPECT_FLOAT_EQ(east(180, -120), 11.0f) << "beyond the last row";
+    EXPECT_FLOAT_EQ(east(180, 120), 3.0f) << "beyond the first row";
+}
+
+TEST_F(WindProgram, BadForecastIsNamedInOneLineAndNothingIsWritten)
+{
+    const std::string good = SmallForecast(kValues);
+    const auto with = [&](const std::string &from, const std::string &to)
+    { return std::string(good).replace(good.find(from), from.size(), to); };
+    const struct
+    {
+        std::string m_Text, m_Problem;
+    } cases[] = {
+        {"", "cannot be read or is empty"},
+        {"wind!", "is not JSON"},
+        {good.substr(0, good.size() / 2), "is not JSON"},
+        {"{}", "has no u component of the wind"},
+        {"[17,{\"header\":3}]", "has no u component of the wind"},
+        {SmallForecast(kValues, 4, "9"), "has no v component of the wind"},
+        {with("\"nx\":4,", ""), "has a u component that has a header without nx"},
+        {with("\"nx\":4", "\"nx\":-4"), "grid does not go around the globe"},
+        {with("\"dx\":90", "\"dx\":80"), "grid does not go around the globe"},
+        {with("\"ny\":3", "\"ny\":2"), "holds 12 values where its header tells of 8"},
+        {with("[1,2", "[1"), "holds 11 values where its header tells of 12"},
+        {with("[1,2", "[1,null"), "holds a value that is no wind speed"},
+        {with("[1,2", "[1,2e30"), "holds a value that is no wind speed"},
+        {with("\"la1\":90", "\"la1\":89"), "grid"},
+    };
+    for (const auto &bad : cases)
+    {
+        const std::string input = Write("bad.json", bad.m_Text);
+        const SResult result = Run({"--input", input, "--out", Path("out")});
+        EXPECT_EQ(result.m_Status, 2) << bad.m_Problem;
+        EXPECT_NE(result.m_Err.find(input + " "), std::string::npos) << result.m_Err;
+        EXPECT_NE(result.m_Err.find(bad.m_Problem), std::string::npos) << result.m_Err << bad.m_Problem;
+        EXPECT_EQ(result.m_Err.find('\n'), result.m_Err.size() - 1) << result.m_Err;
+        EXPECT_FALSE(fs::exists(m_Folder / "out"));
+    }
+    EXPECT_EQ(Run({"--input", Path("missing.json"), "--out", Path("out")}).m_Err,
+              "wind: " + Path("missing.json") + " cannot be opened\n");
+    EXPECT_EQ(Run({"--input", Path("."), "--out", Path("out")}).m_Status, 2) << "a folder";
+}
+
+TEST_F(WindProgram, BadOptionGivesOneLineAndStatus2)
+{
+    const std::vector<std::string> cases[] = {
+        {"--speed", "3"},        {"wind.json"},         {"--frames"},           {"--frames", "0"},
+        {"--particles", "many"}, {"--particles", "-1"}, {"--particles", "1e3"}, {"--page-size", "4294967297"},
+        {"--size", "1440"},      {"--size", "1440x"},   {"--size", "x720"},     {"--size", "0x0"},
+        {"--seed", "1 "},        {"--out", ""},         {"--input", ""},        {"--size", "100x100x100"},
+    };
+    for (const std::vector<std::string> &arguments : cases)
+    {
+        const SResult result = Run(arguments);
+        EXPECT_EQ(result.m_Status, 2) << arguments[0];
+        EXPECT_NE(result.m_Err.find(arguments[0]), std::string::npos) << result.m_Err;
+        EXPECT_EQ(result.m_Err.find('\n'), result.m_Err.size() - 1) << result.m_Err;
+        EXPECT_EQ(result.m_Out, "");
+    }
+    EXPECT_EQ(Run({"--out", Write("file", "")}).m_Status, 2) << "a file where a folder should be";
+}
+
+TEST_F(WindProgram, HelpNamesEveryOption)
+{
+    const SResult result = Run({"--help"});
+    EXPECT_EQ(result.m_Status, 0);
+    for (const char *option :
+         {"--input", "--particles", "--frames", "--page-size", "--size", "--seed", "--out", "--trace"})
+        EXPECT_NE(result.m_Out.find(option), std::string::npos) << option;
+}
+
+TEST(WindCanvas, LineAcrossTheDateLineLeavesAtOneEdgeAndComesInAtTheOther)
+{
+    CCanvas canvas(360, 180);
+    canvas.DrawLine(canvas.Project(178, 0.5f), canvas.Project(-178, 0.5f), {1.0f, 1.0f, 1.0f});
+    SImage image = canvas.Develop();
+    const u8 ground = *image.Pixel(0, 0);
+    const u32 row = 89;
+    for (const u32 x : {0u, 1u, 358u, 359u})
+        EXPECT_GT(*image.Pixel(x, row), ground) << x;
+    for (u32 x = 3; x < 357; ++x)
+        EXPECT_EQ(*image.Pixel(x, row), ground) << x;
+}
+
+TEST(WindPalette, GrowsLighterWithTheSpeed)
+{
+    const CPalette palette;
+    float last = 0.0f;
+    for (float speed = 0.0f; speed < 40.0f; speed += 0.25f)
+    {
+        const SColor color = palette.ColorOfSpeed(speed);
+        const float luminance = 0.2126f * color.m_Red + 0.7152f * color.m_Green + 0.0722f * color.m_Blue;
+        EXPECT_GE(luminance, last) << speed;
+        last = luminance;
+    }
+}
+
+TEST_F(WindOutputFile, LeavesNothingWithoutCommit)
+{
+    std::string error;
+    Write("old", "old");
+    {
+        COutputFile file(Path("old"));
+        ASSERT_NE(file.Handle(), nullptr);
+        std::fputs("half a fi", file.Handle());
+    }
+    const auto fileCount = [&] { return std::distance(fs::directory_iterator(m_Folder), fs::directory_iterator()); };
+    EXPECT_EQ(ReadAll(m_Folder / "old"), "old");
+    EXPECT_EQ(fileCount(), 1) << "a temporary file is left";
+    {
+        COutputFile file(Path("old"));
+        std::fputs("new", file.Handle());
+        EXPECT_TRUE(file.Commit(error)) << error;
+    }
+    EXPECT_EQ(ReadAll(m_Folder / "old"), "new");
+    EXPECT_FALSE(COutputFile(Path("nowhere/file")).Commit(error));
+    EXPECT_EQ(error, Path("nowhere/file") + " cannot be written");
+    EXPECT_EQ(fileCount(), 1) << "a temporary file is left";
+}
+
+TEST_F(WindTrace, KeepsTheScopesOfAllThreads)
+{
+    using namespace Profiler;
+    const SNodeDescriptor outer("outer \"quoted\"", __FILE__, CFloat3(1, 0, 0), 0);
+    const SNodeDescriptor inner("inner", __FILE__, CFloat3(0, 1, 0), 0);
+    CTraceSink sink;
+    std::string error;
+    sink.OnScopeEnd(inner); // began before the sink listened
+    {
+        const CScopedTrace trace(&sink);
+        const auto work = [&]
+        {
+            for (u32 i = 0; i < 100; ++i)
+            {
+                const CScopedNode outerScope(MainEngineProfiler(), &outer, true);
+                const CScopedNode innerScope(MainEngineProfiler(), &inner, true);
+            }
+        };
+        std::thread first(work), second(work);
+        first.join();
+        second.join();
+    }
+    EXPECT_EQ(CProfiler::Sink(), nullptr);
+    EXPECT_EQ(sink.ScopeCount(), 400u);
+    ASSERT_TRUE(sink.Write(Path("trace.json"), error)) << error;
+
+    const nlohmann::json events = nlohmann::json::parse(ReadAll(m_Folder / "trace.json"))["traceEvents"];
+    ASSERT_EQ(events.size(), 400u);
+    EXPECT_EQ(events[0]["name"], "inner");
+    EXPECT_EQ(events[1]["name"], "outer \"quoted\"");
+    EXPECT_EQ(events[1]["ph"], "X");
+    EXPECT_LE(events[1]["ts"], events[0]["ts"]);
+    EXPECT_GE(events[1]["dur"], events[0]["dur"]);
+}
+
+// The library is up, the forecast is loaded, and no assertion may be reported.
+class CWindRunTest : public CWindTest
+{
+protected:
+    CWindRunTest()
+    {
+        std::string error;
+        EXPECT_TRUE(m_Field.Load(WIND_DATA_FOLDER "/gfs-wind-2017-10-20.json", error)) << error;
+        m_Options.m_OutputFolder = m_Folder.string();
+        m_Options.m_ParticleCount = 4000;
+        m_Options.m_FrameCount = 120;
+        m_Options.m_PageSize = 100;
+        m_Options.m_Width = 160;
+        m_Options.m_Height = 80;
+    }
+
+    Tests::CScopedRuntime m_Runtime;
+    Tests::CReportRecorder m_Reports;
+    CWindField m_Field;
+    SOptions m_Options;
+};
+
+using WindParticles = CWindRunTest;
+using WindRun = CWindRunTest;
+
+u64 CountInPages(const CParticleStream_MainMemory &stream)
+{
+    u64 count = 0;
+    for (u32 i = 0; i < stream.PageCount(); ++i)
+        count += stream.Page(CGuid(i))->ParticleCount();
+    return count;
+}
+
+void ExpectCountsAddUp(const CWindParticles &particles, u32 frame)
+{
+    EXPECT_EQ(particles.BirthCount() - particles.DeathCount(), particles.Stream().ParticleCount()) << frame;
+    EXPECT_EQ(CountInPages(particles.Stream()), particles.Stream().ParticleCount()) << frame;
+}
+
+// What a particle is, whichever way it is stored.
+struct SParticle
+{
+    CFloat2 m_Position;
+    float m_Age, m_Lifetime, m_Brightness, m_Speed;
+    CFloat3 m_Tint;
+
+    bool operator==(const SParticle &other) const
+    {
+        return m_Position == other.m_Position && m_Age == other.m_Age && m_Lifetime == other.m_Lifetime &&
+               m_Brightness == other.m_Brightness && m_Tint == other.m_Tint;
+    }
+};
+
+std::vector<SParticle> AllParticles(const CParticleStream_MainMemory &stream)
+{
+    std::vector<SParticle> particles;
+    const SFields fields = FindFields(stream);
+    for (u32 p = 0; p < stream.PageCount(); ++p)
+    {
+        const CParticlePageView page(*stream.Page(CGuid(p)));
+        for (u32 i = 0; i < page.ParticleCount(); ++i)
+        {
+            float age = 0.0f;
+            WithAges(page, fields, [&](const auto &ages) { age = float(ages[i]); });
+            particles.push_back({page.Column<CFloat2>(fields.m_Position)[i], age,
+                                 page.Column<float>(fields.m_Lifetime)[i], page.Column<float>(fields.m_Brightness)[i],
+                                 Speeds(page, fields)[i], page.Column<CFloat3>(fields.m_Tint)[i]});
+        }
+    }
+    return particles;
+}
+
+TEST_F(WindRun, CountsAddUpInEveryFrame)
+{
+    CWindRun run(m_Options, m_Field);
+    u32 peakCount = 0;
+    for (u32 frame = 0; frame < m_Options.m_FrameCount; ++frame)
+    {
+        run.PlayFrame(frame);
+        ExpectCountsAddUp(run.Particles(), frame);
+        if (run.Snapshot() != nullptr)
+            ExpectCountsAddUp(*run.Snapshot(), frame);
+        peakCount = std::max(peakCount, run.Particles().Stream().ParticleCount());
+    }
+    EXPECT_GT(run.Particles().DeathCount(), 2000u);
+    EXPECT_GT(peakCount, 3900u);
+    EXPECT_LE(peakCount, 4000u);
+    EXPECT_EQ(run.Particles().Stream().PageSize(), 400u) << "changed at a third";
+    EXPECT_FALSE(run.Particles().Stream().HasPendingResizes());
+    ASSERT_NE(run.Snapshot(), nullptr);
+    EXPECT_FALSE(AllParticles(run.Snapshot()->Stream()) == AllParticles(run.Particles().Stream()))
+        << "the snapshot goes on by itself";
+}
+
+TEST_F(WindRun, SameSeedGivesTheSameBirthsDeathsAndPicture)
+{
+    const auto play = [&](u32 seed, u32 pageSize)
+    {
+        m_Options.m_Seed = seed;
+        m_Options.m_PageSize = pageSize;
+        CWindRun run(m_Options, m_Field);
+        std::vector<std::pair<u64, u64>> counts;
+        for (u32 frame = 0; frame < m_Options.m_FrameCount; ++frame)
+        {
+            run.PlayFrame(frame);
+            counts.emplace_back(run.Particles().BirthCount(), run.Particles().DeathCount());
+        }
+        std::string error;
+        EXPECT_TRUE(run.WritePictures(error)) << error;
+        return counts;
+    };
+    const auto counts = play(7, 100);
+    const std::string picture = ReadAll(m_Folder / "wind.png");
+    EXPECT_EQ(play(7, 100), counts);
+    EXPECT_EQ(ReadAll(m_Folder / "wind.png"), picture);
+    EXPECT_EQ(play(7, 33), counts) << "whatever the pages";
+    EXPECT_NE(play(8, 100), counts);
+}
+
+constexpr CFloat3 kTint = {0.5f, 0.25f, 0.125f};
+
+TEST_F(WindParticles, EditedLayoutKeepsEveryParticle)
+{
+    CLayout first, edited;
+    MakeFirstLayout(first);
+    MakeEditedLayout(edited, kTint);
+    CWindParticles particles(m_Field, first, kTint, 100, 1);
+    for (u32 frame = 0; frame < 60; ++frame)
+    {
+        particles.Advance(frame, 3000 - 20 * frame);
+        particles.CarePages(1, frame);
+    }
+    const std::vector<SParticle> before = AllParticles(particles.Stream());
+    ASSERT_GT(before.size(), 1000u);
+    ASSERT_EQ(before.front().m_Tint, kTint);
+
+    particles.EditLayout(edited);
+    const SFields fields = FindFields(particles.Stream());
+    EXPECT_TRUE(fields.m_AgeIsInteger);
+    EXPECT_FALSE(fields.m_TintIsStored);
+    EXPECT_FALSE(fields.m_Speed.Valid());
+    EXPECT_TRUE(AllParticles(particles.Stream()) == before);
+
+    particles.Advance(60, 3000);
+    for (const SParticle &particle : AllParticles(particles.Stream()))
+    {
+        const SWind wind = m_Field.Sample(particle.m_Position.m_X, particle.m_Position.m_Y);
+        EXPECT_NEAR(particle.m_Speed, std::hypot(wind.m_East, wind.m_North), 8.0f) << "the speed has its new place";
+    }
+}
+
+TEST_F(WindParticles, EditedLayoutLeavesNoSeamInThePicture)
+{
+    CLayout first, edited;
+    MakeFirstLayout(first);
+    MakeEditedLayout(edited, kTint);
+    const auto play = [&](u32 editFrame)
+    {
+        const CPalette palette;
+        CCanvas canvas(160, 80);
+        CWindParticles particles(m_Field, first, kTint, 100, 1);
+        for (u32 frame = 0; frame < 100; ++frame)
+        {
+            if (frame == editFrame)
+                particles.EditLayout(edited);
+            particles.Advance(frame, 3000);
+            particles.Draw(palette, canvas);
+            particles.CarePages(1, frame);
+        }
+        return canvas.Develop().m_Bytes;
+    };
+    EXPECT_TRUE(play(50) == play(100)) << "the picture of an unedited run, to the last bit";
+}
+
+TEST_F(WindParticles, PageNotesFollowThePages)
+{
+    CLayout layout;
+    MakeFirstLayout(layout);
+    CWindParticles particles(m_Field, layout, kTint, 100, 1);
+    const CParticleStream_MainMemory &stream = particles.Stream();
+    std::vector<std::pair<PCParticlePage, u32>> births; // holds every page, so that each address names one
+    const auto noteNewPages = [&](u32 frame)
+    {
+        for (u32 i = 0; i < stream.PageCount(); ++i)
+        {
+            const auto isPage = [&](const auto &birth) { return birth.first.Get() == stream.Page(CGuid(i)).Get(); };
+            if (std::none_of(births.begin(), births.end(), isPage))
+                births.emplace_back(PCParticlePage(stream.Page(CGuid(i)).Get()), frame);
+            const auto birth = std::find_if(births.begin(), births.end(), isPage);
+            EXPECT_EQ(particles.Diary().BirthFrame(i), birth->second) << "page " << i << " in frame " << frame;
+        }
+    };
+    for (u32 frame = 0; frame < 240; ++frame)
+    {
+        particles.Advance(frame, frame % 120 < 40 ? 75 * (frame % 120 + 1) : 0); // a page or so a frame, then a lull
+        noteNewPages(frame);
+        if (frame % 40 == 39)
+            particles.ChangePageSize(100 + 17 * frame % 90);
+        particles.CarePages(2, frame);
+        noteNewPages(frame);
+    }
+    EXPECT_GT(births.size(), 2u * stream.PageCount()) << "pages come and go";
+}
+
+// A picture that was written, one pixel a degree.
+class CPicture
+{
+public:
+    explicit CPicture(const std::string &path)
+        : m_Bytes(360 * 180)
+    {
+        png_image png = {};
+        png.version = PNG_IMAGE_VERSION;
+        EXPECT_NE(png_image_begin_read_from_file(&png, path.c_str()), 0) << path << ": " << png.message;
+        EXPECT_EQ(png.width, 360u);
+        EXPECT_EQ(png.height, 180u);
+        png.format = PNG_FORMAT_GRAY;
+        EXPECT_NE(png_image_finish_read(&png, nullptr, m_Bytes.data(), 0, nullptr), 0) << png.message;
+    }
+
+    // The average over a square of 11 by 11 degrees; 0 to 255.
+    double BrightnessAround(int longitude, int latitude) const
+    {
+        double sum = 0;
+        for (int y = 90 - latitude - 5; y <= 90 - latitude + 5; ++y)
+        {
+            for (int x = longitude + 180 - 5; x <= longitude + 180 + 5; ++x)
+                sum += m_Bytes[size_t(y) * 360 + size_t(x)];
+        }
+        return sum / 121;
+    }
+
+private:
+    std::vector<u8> m_Bytes;
+};
+
+TEST_F(WindProgram, DrawsThePicturesAndReports)
+{
+    const std::string out = Path("deep/out");
+    const SResult result = Run({"--particles", "12000", "--frames", "60", "--size", "360x180", "--page-size", "64",
+                                "--out", out, "--trace", Path("trace.json")});
+    EXPECT_EQ(result.m_Status, 0) << result.m_Err;
+    EXPECT_EQ(result.m_Err, "");
+    for (const char *word : {"birth", "advection", "ageing", "removal", "drawing", "resizing", "collection", "copying",
+                             "rebinding", "pages", "bytes", "births", "deaths"})
+        EXPECT_NE(result.m_Out.find(word), std::string::npos) << word;
+
+    for (const char *name : {"/wind.png", "/wind-snapshot.png"})
+    {
+        const CPicture picture(out + name);
+        const double typhoon = picture.BrightnessAround(130, 20);
+        EXPECT_GT(typhoon, 40.0) << name;
+        EXPECT_GT(typhoon, 2.0 * picture.BrightnessAround(130, -20)) << name << " is upside down";
+        EXPECT_GT(typhoon, 2.0 * picture.BrightnessAround(20, 0)) << name << ": it is calm there";
+    }
+    EXPECT_GT(CPicture(out + "/pages.png").BrightnessAround(-170, 80), 20.0);
+
+    const nlohmann::json events = nlohmann::json::parse(ReadAll(m_Folder / "trace.json"))["traceEvents"];
+    const auto heard = [&](const char *name)
+    { return std::any_of(events.begin(), events.end(), [&](const auto &event) { return event["name"] == name; }); };
+    for (const char *name : {"advection", "AllocateParticlesIFP", "DeepCopy", "SetPageSize"})
+        EXPECT_TRUE(heard(name)) << name;
+}
+
+TEST_F(WindProgram, OddRunsWork)
+{
+    const std::vector<std::string> cases[] = {
+        {"--frames", "1"},
+        {"--frames", "2"},
+        {"--frames", "3", "--particles", "1"},
+        {"--frames", "150", "--particles", "300", "--page-size",
+         "1"}, // pages are collected while they wait for a resize
+        {"--frames", "90", "--particles", "2000", "--page-size", "1048576"},
+    };
+    for (std::vector<std::string> arguments : cases)
+    {
+        arguments.insert(arguments.end(), {"--size", "16x16", "--out", Path("out")});
+        const SResult result = Run(arguments);
+        EXPECT_EQ(result.m_Status, 0) << result.m_Err;
+        EXPECT_EQ(result.m_Err, "");
+    }
+}
+} // namespace
