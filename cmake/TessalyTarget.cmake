@@ -6,7 +6,9 @@ function(tessaly_set_warnings target)
     endif()
 endfunction()
 
-# A library of the runtime: Tessaly::<name>, built as Tessaly<name> from the given sources.
+# A library of the runtime: Tessaly::<name>, built as Tessaly<name> from the given sources. It needs neither exceptions
+# nor run-time type information; it carries the latter for hosts that derive from its classes, or whose sanitizers ask
+# its objects for it.
 function(tessaly_add_library name)
     set(target Tessaly${name})
     add_library(${target} ${ARGN})
@@ -18,7 +20,7 @@ function(tessaly_add_library name)
         POSITION_INDEPENDENT_CODE ON
         INSTALL_RPATH $ORIGIN)
     target_compile_features(${target} PUBLIC cxx_std_17)
-    target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti -ffp-contract=off)
+    target_compile_options(${target} PRIVATE -fno-exceptions -ffp-contract=off)
     target_include_directories(${target} PUBLIC
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/Runtime/include>
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/Runtime>

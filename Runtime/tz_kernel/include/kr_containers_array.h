@@ -165,7 +165,7 @@ void TZSwap(TArray<_Type, _Controller> &a, TArray<_Type, _Controller> &b)
 namespace TTypeTraits
 {
 template <typename _Type, typename _Controller>
-constexpr bool HasTrivialRelocate<TArray<_Type, _Controller>> = true;
+inline constexpr bool HasTrivialRelocate<TArray<_Type, _Controller>> = true;
 } // namespace TTypeTraits
 
 } // namespace Tessaly

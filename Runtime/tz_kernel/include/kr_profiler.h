@@ -51,11 +51,11 @@ class CProfiler : public CNonCopyable
 public:
     // Sets the sink of the process, which the caller keeps alive until no scope that saw it is open; null, the
     // default, makes a scope cost one load and one branch. A scope that began without a sink ends without one.
-    static void SetSink(CSinkAbstract *sink) { __atomic_store_n(&s_Sink, sink, __ATOMIC_RELEASE); }
-    static CSinkAbstract *Sink() { return __atomic_load_n(&s_Sink, __ATOMIC_ACQUIRE); }
+    static void SetSink(CSinkAbstract *sink) { __atomic_store_n(&m_Sink, sink, __ATOMIC_RELEASE); }
+    static CSinkAbstract *Sink() { return __atomic_load_n(&m_Sink, __ATOMIC_ACQUIRE); }
 
 private:
-    static CSinkAbstract *s_Sink;
+    static CSinkAbstract *m_Sink;
 };
 
 // The profiler that the runtime reports to. Asked only while somebody listens.

@@ -198,7 +198,7 @@ bool operator!=(std::nullptr_t, const TRefPtr<_A> &a)
 namespace TTypeTraits
 {
 template <typename _Type>
-constexpr bool HasTrivialRelocate<TRefPtr<_Type>> = true;
+inline constexpr bool HasTrivialRelocate<TRefPtr<_Type>> = true;
 } // namespace TTypeTraits
 
 } // namespace Tessaly

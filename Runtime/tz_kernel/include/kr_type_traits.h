@@ -11,7 +11,7 @@ namespace TTypeTraits
 // True when an element moves by copying its bytes, without constructor or destructor calls. A type that is not
 // trivially copyable says so by a specialisation.
 template <typename _Type>
-constexpr bool HasTrivialRelocate = std::is_trivially_copyable<_Type>::value;
+inline constexpr bool HasTrivialRelocate = std::is_trivially_copyable<_Type>::value;
 
 } // namespace TTypeTraits
 } // namespace Tessaly

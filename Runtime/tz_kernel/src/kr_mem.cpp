@@ -41,18 +41,18 @@ void *DefaultRealloc(void *ptr, u64 size, u32 alignment, EAllocType type, const 
 
 void DefaultFree(void *ptr, EAllocType, EOrigin, const char *, const char *, int, const char *) { std::free(ptr); }
 
-const SAllocator g_DefaultAllocator = {&DefaultAlloc, &DefaultRealloc, &DefaultFree};
-const SAllocator *g_Allocator = &g_DefaultAllocator;
+const SAllocator kDefaultAllocator = {&DefaultAlloc, &DefaultRealloc, &DefaultFree};
+const SAllocator *g_Allocator = &kDefaultAllocator;
 
 const SAllocator &CurrentAllocator() { return *__atomic_load_n(&g_Allocator, __ATOMIC_ACQUIRE); }
 
 } // namespace
 
-TZ_REPLACEABLE const SAllocator &DefaultAllocator() { return g_DefaultAllocator; }
+TZ_REPLACEABLE const SAllocator &DefaultAllocator() { return kDefaultAllocator; }
 
 TZ_REPLACEABLE void SetAllocator(const SAllocator *allocator)
 {
-    __atomic_store_n(&g_Allocator, allocator != null ? allocator : &g_DefaultAllocator, __ATOMIC_RELEASE);
+    __atomic_store_n(&g_Allocator, allocator != null ? allocator : &kDefaultAllocator, __ATOMIC_RELEASE);
 }
 
 TZ_REPLACEABLE void *_RawAlloc(u64 size, u32 alignment, EAllocType type, EOrigin origin, const char *tag,

@@ -43,7 +43,7 @@ CProfiler g_MainEngineProfiler;
 
 } // namespace
 
-TZ_REPLACEABLE CSinkAbstract *CProfiler::s_Sink = null;
+TZ_REPLACEABLE CSinkAbstract *CProfiler::m_Sink = null;
 
 TZ_REPLACEABLE CProfiler *MainEngineProfiler() { return &g_MainEngineProfiler; }
 

@@ -60,7 +60,7 @@ private:
 namespace TTypeTraits
 {
 template <>
-constexpr bool HasTrivialRelocate<SParticleStreamField> = true;
+inline constexpr bool HasTrivialRelocate<SParticleStreamField> = true;
 } // namespace TTypeTraits
 
 class CParticlePage : public CRefCountedObject
@@ -211,7 +211,7 @@ private:
 namespace TTypeTraits
 {
 template <>
-constexpr bool HasTrivialRelocate<CParticlePageView> = true;
+inline constexpr bool HasTrivialRelocate<CParticlePageView> = true;
 } // namespace TTypeTraits
 
 } // namespace Tessaly
