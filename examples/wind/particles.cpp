@@ -13,8 +13,8 @@ namespace
 constexpr float kSecondsPerFrame = 1500.0f;
 constexpr u32 kBurst = 512;       // particles born at once
 constexpr u32 kShortestLife = 30; // frames
-constexpr u32 kLifeSpread = 80; // frames, from the frame whose newborn live shortest to the one where they live longest
-constexpr u32 kLifeSpreadInFrame = 20; // the same within a frame: its newborn go together, so that pages drain
+constexpr u32 kLifeSpread = 60; // frames, from the frame whose newborn live shortest to the one where they live longest
+constexpr u32 kLifeSpreadInFrame = 10; // the same within a frame: its newborn go together, so that pages drain
 constexpr float kLightKept = 0.988f;   // of the picture, from frame to frame
 constexpr float kDegreesPerRadian = 180.0f / 3.14159265f;
 
