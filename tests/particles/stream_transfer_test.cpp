@@ -132,6 +132,7 @@ protected:
             m_Stream->AppendPage(page.first, page.second);
         FillParticles(*m_Stream, 0);
         m_Stream->SetPageSize(pageSize);
+        m_Runtime.Allocator().CleanAllFreePages(); // what is made next is made of unused memory
         return *m_Stream;
     }
     Pages List() const

@@ -1,5 +1,7 @@
 #include "allocator_hook.h"
 
+#include <cstring>
+
 #include <gtest/gtest.h>
 
 namespace Tessaly
@@ -115,6 +117,8 @@ void *CAllocatorHook::OnAlloc(u64 size, u32 alignment, Mem::EAllocType type, Mem
         return null;
     const u64 served = self.m_ServeAtMost != 0 ? TZMin(size, self.m_ServeAtMost) : size;
     void *block = Mem::DefaultAllocator().m_Alloc(served, alignment, type, origin, tag, file, line, function);
+    if (block != null)
+        std::memset(block, 0x5A, size_t(served)); // nobody may take new memory for cleared or fresh
     const std::lock_guard<std::mutex> lock(self.m_Lock);
     if (block != null)
         self.m_Live[block] = {size, origin, function};
