@@ -61,6 +61,10 @@ constexpr TGuid<_Type> TGuid<_Type>::INVALID{TNumericTraits<_Type>::kMax};
 
 using CGuid = TGuid<u32>;
 
+// What a guid is compared in with an integer: its own width, so that -1 is INVALID, unless the integer is wider.
+template <typename _Type, typename _Int>
+using TGuidComparand = std::conditional_t<(sizeof(_Int) > sizeof(_Type)), std::common_type_t<_Type, _Int>, _Type>;
+
 // Comparisons with another guid and, on either side, with any integer: the exact overloads keep "guid == 0" from being
 // ambiguous between the conversion to the integer and the one from it.
 #define TZ_GUID_COMPARISON(op)                                                                                         \
@@ -72,12 +76,12 @@ using CGuid = TGuid<u32>;
     template <typename _Type, typename _Int, typename = std::enable_if_t<std::is_integral<_Int>::value>>               \
     constexpr bool operator op(TGuid<_Type> a, _Int b)                                                                 \
     {                                                                                                                  \
-        return a.m_Guid op static_cast<_Type>(b);                                                                      \
+        return TGuidComparand<_Type, _Int>(a.m_Guid) op TGuidComparand<_Type, _Int>(b);                                \
     }                                                                                                                  \
     template <typename _Type, typename _Int, typename = std::enable_if_t<std::is_integral<_Int>::value>>               \
     constexpr bool operator op(_Int a, TGuid<_Type> b)                                                                 \
     {                                                                                                                  \
-        return static_cast<_Type>(a) op b.m_Guid;                                                                      \
+        return TGuidComparand<_Type, _Int>(a) op TGuidComparand<_Type, _Int>(b.m_Guid);                                \
     }
 
 TZ_GUID_COMPARISON(==)

@@ -117,21 +117,21 @@ TEST_F(PageAllocator, IdleBlocksGoBackAndBusyOnesStay)
     const u32 blockCount = m_Memory.LiveBlockCount();
     Pages().AllocPage(700);
     Pages().AllocPage(9000);
-    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 2);
+    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 4) << "two raw pages and their arenas";
     for (u32 i = 0; i < Allocator::kMaxIdleUpdates; ++i)
     {
         Pages().AllocPage(9000);
         Pages().Update();
     }
-    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 2);
+    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 4);
     Pages().AllocPage(9000);
     Pages().Update();
-    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 1) << "the one that nobody asked for";
+    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 2) << "the one that nobody asked for";
     EXPECT_EQ(Pages().TotalMemoryAvailable(), Stats().m_BytesFree);
     const PParticleRawPage_MainMemory inUse = Pages().AllocPage(700);
     Pages().CleanAllFreePages();
     EXPECT_EQ(Pages().TotalMemoryAvailable(), 0u);
-    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 2) << "block and page object in use";
+    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 2) << "those in use";
 }
 
 TEST_F(PageAllocator, EveryRefusalGivesNullAndLosesNothing)
@@ -139,7 +139,7 @@ TEST_F(PageAllocator, EveryRefusalGivesNullAndLosesNothing)
     const u32 blockCount = m_Memory.LiveBlockCount();
     for (u32 n = 1;; ++n)
     {
-        m_Memory.RefuseAt(n);
+        m_Memory.RefuseFrom(n);
         const bool isServed = Pages().AllocPage(2000) != null;
         EXPECT_EQ(isServed, m_Memory.RefusalCount() == 0);
         EXPECT_EQ(Pages().TotalMemoryAllocated(), 0u);

@@ -211,13 +211,12 @@ TEST_F(NewPage, ConstantsPointAtTheirBlocksOrNowhere)
 TEST_F(NewPage, EveryRefusalGivesNullAndLosesNothing)
 {
     using Texts = std::vector<std::string>;
-    // In the order in which memory is asked for: raw page, page, its fields, the list.
+    // In the order in which memory is asked for: page, its fields, the list. Its raw page waits for reuse.
     const std::vector<Texts> reports = {{},
-                                        {},
                                         {"false", "page->m_Streams_Unsafe.Reserve(streamDef.Count())"},
                                         {"false", "m_Pages.PushBack(page).Valid()"}};
     CTestStream stream(10, m_Definition);
-    stream.AllocNewPage_NoLock(false); // its block waits for reuse
+    stream.AllocNewPage_NoLock(false);
     const u32 blockCount = m_Memory.LiveBlockCount();
     for (u32 n = 1; n <= reports.size(); ++n)
     {

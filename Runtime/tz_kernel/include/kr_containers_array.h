@@ -101,12 +101,12 @@ public:
 
     // Appends a copy of element and returns its index, or CGuid::INVALID when the array cannot grow. An element that
     // lives inside the array is reported; its value is appended all the same. Amortised O(1).
-    template <typename _Other>
+    template <typename _Other = _Type>
     CGuid PushBack(const _Other &element);
 
     // The same into capacity that was reserved before; constructs the element from any type that it can be made of.
     // A full array is reported, stays as it is, and gives the value of CGuid::INVALID.
-    template <typename _Other>
+    template <typename _Other = _Type>
     u32 PushBackUnsafe(const _Other &element);
 
     // Destroys the element at index and moves the last one into its place. O(1). Out of range: reported, no change.

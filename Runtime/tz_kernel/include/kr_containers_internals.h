@@ -48,7 +48,7 @@ struct TRangeDestructor
     static void Destroy(_Type *data, u32 start, u32 end)
     {
         TZ_ASSERT(start <= end && (data != null || start == end));
-        for (u32 i = start; i < end; ++i)
+        for (u32 i = start; data != null && i < end; ++i)
             data[i].~_Type();
     }
 };

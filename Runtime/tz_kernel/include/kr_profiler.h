@@ -49,8 +49,8 @@ public:
 class CProfiler : public CNonCopyable
 {
 public:
-    // Sets the sink of the process, which the caller keeps alive until no scope that saw it is open; null, the
-    // default, makes a scope cost one load and one branch. A scope that began without a sink ends without one.
+    // Sets the sink of the process, which the caller keeps alive until no scope that began with it is open; null, the
+    // default, makes a scope cost one load and one branch. A scope ends with the sink that it began with.
     static void SetSink(CSinkAbstract *sink) { __atomic_store_n(&m_Sink, sink, __ATOMIC_RELEASE); }
     static CSinkAbstract *Sink() { return __atomic_load_n(&m_Sink, __ATOMIC_ACQUIRE); }
 
@@ -58,7 +58,7 @@ private:
     static CSinkAbstract *m_Sink;
 };
 
-// The profiler that the runtime reports to. Asked only while somebody listens.
+// The profiler that the runtime reports to.
 CProfiler *MainEngineProfiler();
 
 // One open scope: from construction to destruction.
@@ -66,26 +66,23 @@ class CScopedNode : public CNonCopyable
 {
 public:
     CScopedNode(CProfiler *profiler, const SNodeDescriptor *descriptor, bool)
-        : m_Profiler(null)
+        : m_Profiler(profiler)
         , m_NodeDescriptor(descriptor)
+        , m_Sink(CProfiler::Sink())
     {
-        CSinkAbstract *sink = CProfiler::Sink();
-        if (sink == null || profiler == null)
-            return;
-        m_Profiler = profiler;
-        sink->OnScopeBegin(*descriptor);
+        if (m_Sink != null)
+            m_Sink->OnScopeBegin(*m_NodeDescriptor);
     }
 
     ~CScopedNode()
     {
-        if (m_Profiler == null)
-            return;
-        if (CSinkAbstract *sink = CProfiler::Sink())
-            sink->OnScopeEnd(*m_NodeDescriptor);
+        if (m_Sink != null)
+            m_Sink->OnScopeEnd(*m_NodeDescriptor);
     }
 
-    CProfiler *m_Profiler; // null when nobody listened at the beginning
+    CProfiler *m_Profiler;
     const SNodeDescriptor *m_NodeDescriptor;
+    CSinkAbstract *m_Sink; // that heard the beginning, and hears the end
 };
 
 } // namespace Profiler
@@ -94,9 +91,7 @@ public:
 // Opens a scope until the end of the enclosing block, in a colour of its own (a CFloat3 or CFloat4 expression).
 #define TZ_PROFILE_SCOPE_COLORED(name, color)                                                                          \
     static const ::Tessaly::Profiler::SNodeDescriptor _profilerDescriptor(name, __FILE__, color, 0u);                  \
-    const ::Tessaly::Profiler::CScopedNode _profilerNode(::Tessaly::Profiler::CProfiler::Sink() != ::Tessaly::null     \
-                                                             ? ::Tessaly::Profiler::MainEngineProfiler()               \
-                                                             : ::Tessaly::null,                                        \
+    const ::Tessaly::Profiler::CScopedNode _profilerNode(::Tessaly::Profiler::MainEngineProfiler(),                    \
                                                          &_profilerDescriptor, true)
 
 // The same in the colour that follows from the name.

@@ -52,8 +52,12 @@ public:
         _DeleteObject(dead, dead);
     }
 
-    // The service that ends an object: runs the destructor and frees memory, which came from the kernel's new.
+    // The service that ends an object: runs the destructor and frees memory, which came from the kernel's new. The
+    // default one asks the object first whether it is kept.
     static void _DeleteObject(CRefCountedObject *object, void *memory);
+
+    // True when an object without references goes to where it waits for reuse instead of dying.
+    virtual bool _KeepForReuse() { return false; }
 };
 
 template <typename _Type, bool _IsWeak>
@@ -173,6 +177,16 @@ template <typename _A, typename _B>
 bool operator!=(const TRefPtr<_A> &a, _B *b)
 {
     return a.m_Ptr != b;
+}
+template <typename _A, typename _B>
+bool operator==(_A *a, const TRefPtr<_B> &b)
+{
+    return a == b.m_Ptr;
+}
+template <typename _A, typename _B>
+bool operator!=(_A *a, const TRefPtr<_B> &b)
+{
+    return a != b.m_Ptr;
 }
 template <typename _A>
 bool operator==(const TRefPtr<_A> &a, std::nullptr_t)

@@ -72,7 +72,7 @@ void TZSwap(TAtomic<_Type> &a, TAtomic<_Type> &b)
 }
 
 // A field that is written under a lock and may be read without it: every access is one atomic load or store of the
-// given order, and it has the size and alignment of its value. It gives no atomic read-modify-write.
+// given order, and it has the size and alignment of its value. It has no atomic read-modify-write.
 template <typename _Type, int _LoadOrder = __ATOMIC_RELAXED, int _StoreOrder = __ATOMIC_RELAXED>
 class TSharedField
 {
@@ -105,6 +105,12 @@ public:
     }
     operator _Type() const { return Load(); }
     _Type operator->() const { return Load(); }
+
+    // A load and a store each, not one atomic step: for the holder of the lock.
+    TSharedField &operator+=(_Type value) { return *this = _Type(Load() + value); }
+    TSharedField &operator-=(_Type value) { return *this = _Type(Load() - value); }
+    TSharedField &operator++() { return *this += _Type(1); }
+    TSharedField &operator--() { return *this -= _Type(1); }
 
     // Records compare by their own operators; integers and pointers convert.
     template <typename _Other, typename _Record = _Type, typename = std::enable_if_t<std::is_class<_Record>::value>>

@@ -3,6 +3,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 
 namespace Tessaly
@@ -15,7 +16,10 @@ namespace
 
 int DefaultHandler(const SReport &report, void *)
 {
-    std::fprintf(stderr, "%s:%d: %s: %s\n", report.m_File, report.m_Line, report.m_Function, report.m_Message);
+    const size_t length = std::strlen(report.m_Message);
+    const bool endsLine = length != 0 && report.m_Message[length - 1] == '\n';
+    std::fprintf(stderr, "%s:%d: %s: %s%s", report.m_File, report.m_Line, report.m_Function, report.m_Message,
+                 endsLine ? "" : "\n");
     return Result_Continue;
 }
 

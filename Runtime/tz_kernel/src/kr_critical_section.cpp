@@ -6,7 +6,7 @@ namespace Tessaly
 namespace Threads
 {
 
-CCriticalSection::CCriticalSection()
+TZ_REPLACEABLE CCriticalSection::CCriticalSection()
     : m_Owner(CGuid::INVALID)
 {
     pthread_mutexattr_t attributes;
@@ -16,9 +16,15 @@ CCriticalSection::CCriticalSection()
     pthread_mutexattr_destroy(&attributes);
 }
 
-CCriticalSection::~CCriticalSection() { pthread_mutex_destroy(&m_CS); }
+TZ_REPLACEABLE CCriticalSection::~CCriticalSection() { pthread_mutex_destroy(&m_CS); }
 
-bool CCriticalSection::TryLock() const
+TZ_REPLACEABLE void CCriticalSection::Lock() const
+{
+    pthread_mutex_lock(&m_CS);
+    __atomic_store_n(&m_Owner, CCurrentThread::ThreadID(), __ATOMIC_RELAXED);
+}
+
+TZ_REPLACEABLE bool CCriticalSection::TryLock() const
 {
     if (pthread_mutex_trylock(&m_CS) != 0)
         return false;

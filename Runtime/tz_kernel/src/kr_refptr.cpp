@@ -6,6 +6,8 @@ namespace Tessaly
 
 TZ_REPLACEABLE void CRefCountedObject::_DeleteObject(CRefCountedObject *object, void *memory)
 {
+    if (object->_KeepForReuse())
+        return;
     object->~CRefCountedObject();
     Mem::_RawFree(memory, Mem::AllocType_Generic, Mem::Origin_New, Mem::kDefaultTag, __FILE__, __LINE__,
                   TZ_FUNCTION_SIGNATURE);

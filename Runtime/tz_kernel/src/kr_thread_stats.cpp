@@ -14,17 +14,21 @@ struct alignas(64) SSlot
     u64 m_Unlocks;
 };
 
-// The threads with the first ids count in a slot of their own, all others together in slot 0, which is nobody's id.
+// The first threads that come count in a slot of their own, all others together in slot 0.
 SSlot g_Slots[kSlotCount];
+u32 g_OwnedSlotCount = 0;
 thread_local u64 *t_OwnUnlocks __attribute__((tls_model("initial-exec"))) = null; // null: not known, or none
+thread_local bool t_HasAsked = false;
 
 TZ_COLD void RegisterWithoutOwnSlot()
 {
-    const u32 threadId = CCurrentThread::ThreadID();
-    const bool hasOwnSlot = threadId != 0 && threadId < kSlotCount;
-    u64 *unlocks = &g_Slots[hasOwnSlot ? threadId : 0].m_Unlocks;
-    __atomic_fetch_add(unlocks, 1, __ATOMIC_RELAXED);
-    t_OwnUnlocks = hasOwnSlot ? unlocks : null;
+    if (!t_HasAsked)
+    {
+        t_HasAsked = true;
+        const u32 slot = __atomic_add_fetch(&g_OwnedSlotCount, 1, __ATOMIC_RELAXED);
+        t_OwnUnlocks = slot < kSlotCount ? &g_Slots[slot].m_Unlocks : null;
+    }
+    __atomic_fetch_add(t_OwnUnlocks != null ? t_OwnUnlocks : &g_Slots[0].m_Unlocks, 1, __ATOMIC_RELAXED);
 }
 
 } // namespace

@@ -1,10 +1,11 @@
 // The page allocator: raw byte blocks for pages, recycled by size class.
 //
 // Blocks of up to kMaxAllocSize bytes come in size classes, four to a doubling from kMinAllocSize on, so that rounding
-// costs at most a fifth of a block; larger ones are made to measure and never pooled. A block given back waits in its
-// class, last in first out, until it is asked for again, grows old (Update) or is cleaned out (CleanAllFreePages).
-// Each class has a small lock of its own; no memory service is called and no byte is filled under it. Any thread may
-// call any operation but Setup and the destructor.
+// costs at most a fifth of a block; larger ones are made to measure and never pooled. Blocks are carved out of arenas,
+// one class each, which grow with their number. A raw page whose last reference went waits in its class, last in first
+// out, until it is asked for again, grows old (Update) or is cleaned out (CleanAllFreePages); an arena goes back to the
+// memory services when no block of it is left. Each class has a small lock of its own; no memory service is called
+// and no byte is filled under it. Any thread may call any operation but Setup and the destructor.
 //
 //   TotalMemoryAllocated() == sum of Size() over the raw pages that are alive (and of blocks taken with Alloc)
 #pragma once
@@ -19,19 +20,10 @@ namespace Tessaly
 
 class CParticlePageAllocator;
 
-// One raw byte block, shared by reference. Dies with its last reference and then gives the block back.
+// One raw byte block, shared by reference. With its last reference it goes back to its allocator.
 class CParticleRawPage_MainMemory : public CRefCountedObject
 {
 public:
-    CParticleRawPage_MainMemory(u8 *data, u32 size, CParticlePageAllocator *allocator)
-        : m_Data(data)
-        , m_Size(size)
-        , m_ReadersCount(0)
-        , m_Allocator(allocator)
-    {
-    }
-    ~CParticleRawPage_MainMemory() override;
-
     u32 Size() const { return m_Size; } // bytes
     u32 ReadersCount() const { return __atomic_load_n(&m_ReadersCount, __ATOMIC_ACQUIRE); }
 
@@ -52,10 +44,35 @@ public:
     void EndRead() const { __atomic_fetch_sub(&m_ReadersCount, 1, __ATOMIC_ACQ_REL); }
 
 private:
+    friend class CParticlePageAllocator;
+    template <typename _Type, typename... _Args>
+    friend _Type *Mem::Construct(void *place, _Args &&...args);
+    template <typename _Type>
+    friend void Mem::Delete(const Mem::SCallSite &site, _Type *object);
+
+    CParticleRawPage_MainMemory(u8 *data, u32 size, CParticlePageAllocator *allocator)
+        : m_Data(data)
+        , m_Size(size)
+        , m_ReadersCount(0)
+        , m_Allocator(allocator)
+        , m_Newer(null)
+        , m_Older(null)
+        , m_RetireDate(0)
+        , m_IsWaiting(false)
+    {
+    }
+    ~CParticleRawPage_MainMemory() override;
+    bool _KeepForReuse() override;
+
     u8 *m_Data;
     u32 m_Size;
     mutable u32 m_ReadersCount;
     CParticlePageAllocator *m_Allocator;
+    // While it waits in its size class, under the class's lock.
+    CParticleRawPage_MainMemory *m_Newer;
+    CParticleRawPage_MainMemory *m_Older;
+    u32 m_RetireDate; // the allocator's date when it came back
+    bool m_IsWaiting;
 };
 
 using PParticleRawPage_MainMemory = TRefPtr<CParticleRawPage_MainMemory>;
@@ -147,48 +164,75 @@ private:
     friend class CParticleRawPage_MainMemory;
     friend class CParticlesInternals;
 
+    struct SArena;
+
     // Stands in front of a block's bytes, at a multiple of 64.
     struct SBlockHeader
     {
-        void *m_Memory; // what the memory service gave
-        SBlockHeader *m_Newer;
-        SBlockHeader *m_Older;
-        u32 m_RetireDate; // m_CurrentDate when it was given back
+        SArena *m_Arena;
+        CParticleRawPage_MainMemory *m_RawPage; // null while the block is bare
+        SBlockHeader *m_NextBare;
     };
 
-    // The waiting blocks of one size class, newest first.
+    // A run of blocks of one class, in one piece of memory that begins with this record.
+    struct SArena
+    {
+        SArena *m_Next; // among the arenas of its class that have a block to give; the others are in no list
+        SArena *m_Previous;
+        u32 m_BlockBytes;
+        u32 m_BlockCount;
+        u32 m_CarvedCount; // blocks that were ever used; the others have not been touched
+        u32 m_BareCount;   // of these, blocks without a raw page
+        SBlockHeader *m_FirstBare;
+    };
+
+    // One size class: the raw pages that wait, newest first, and the arenas.
     struct SBlockPool
     {
         u32 m_IsLocked; // guards the rest; held for a few instructions only
-        u32 m_FreeCount;
-        SBlockHeader *m_Newest;
-        SBlockHeader *m_Oldest;
-        u64 m_AllocCount;   // blocks handed out
-        u64 m_RecycleCount; // of these, blocks that had waited here
-        u64 m_RetireCount;  // blocks taken back
+        u32 m_WaitingCount;
+        CParticleRawPage_MainMemory *m_Newest;
+        CParticleRawPage_MainMemory *m_Oldest;
+        SArena *m_Arenas;   // that have a block to give
+        u32 m_ArenaCount;   // all of them
+        u64 m_AllocCount;   // raw pages handed out
+        u64 m_RecycleCount; // of these, raw pages that had waited here
+        u64 m_RetireCount;  // raw pages taken back
     };
     class CPoolLock;
 
     // The owner's share of m_TotalMemoryUsed: its top bit. The allocator is destroyed by whoever takes the last share.
     static constexpr u64 kOwnerShare = u64(1) << 63;
 
-    static SBlockHeader *_Header(u8 *block) { return reinterpret_cast<SBlockHeader *>(block) - 1; }
-    static u8 *_Block(SBlockHeader *header) { return reinterpret_cast<u8 *>(header + 1); }
+    static SBlockHeader *_Header(u8 *block);
+    static u8 *_Block(SBlockHeader *header);
     static u32 _BlockSize(u32 sizeInBytes); // bytes of the block that serves a request
-    static SBlockHeader *_NewBlock(u32 blockBytes);
-    static void _FreeBlock(SBlockHeader *header);
+    static u32 _ArenaBlockCount(u32 blockBytes, u32 arenaCount);
+    static SArena *_NewArena(u32 blockBytes, u32 blockCount);
+    static void _FreeArena(SArena *arena);
+    static bool _HasBareBlock(const SArena &arena);
+    static SBlockHeader *_TakeBareBlock(SArena &arena);
+    static SBlockHeader *_TakeBareBlock(SBlockPool &pool);
+    static void _LinkArena(SBlockPool &pool, SArena &arena);
+    static void _UnlinkArena(SBlockPool &pool, SArena &arena);
 
+    SBlockPool &_Pool(u32 slotId) { return m_Blocks.RawDataPointer()[slotId]; }
     u64 _BytesInUse() const { return __atomic_load_n(&m_TotalMemoryUsed, __ATOMIC_RELAXED) & ~kOwnerShare; }
     bool _TakeBytes(u32 blockBytes); // false: the budget is out
-    void _GiveShare(u64 share);
-    u8 *_TakeBlock(u32 slotId, u32 blockBytes);
-    void _GiveBlock(u8 *block, u32 blockBytes);
+    void _GiveShare(u64 share);      // may destroy this
     void _CountRefusal() { __atomic_fetch_add(&m_Stats->m_RefusalCount, 1, __ATOMIC_RELAXED); }
-    void _FreeBlocksRetiredBefore(u32 date);
+    CParticleRawPage_MainMemory *_TakeRawPage(u32 sizeInBytes);
+    CParticleRawPage_MainMemory *_TakeWaiting(SBlockPool &pool);
+    CParticleRawPage_MainMemory *_NewRawPage(u32 slotId, u32 blockBytes);
+    SBlockHeader *_NewBlock(u32 slotId, u32 blockBytes);
+    bool _TakeBack(CParticleRawPage_MainMemory &rawPage); // false: it is not to wait
+    void _ReturnBlock(CParticleRawPage_MainMemory &rawPage);
+    void _BareBlock(u32 slotId, SBlockHeader *header);
+    void _FreeRawPagesRetiredBefore(u32 date);
     void _LeaveToBlocks(); // destroys this when its last block is back
 
     TArray<SBlockPool> m_Blocks;
-    Threads::CCriticalSection m_Lock;      // serialises maintenance; never taken by Alloc and Retire
+    Threads::CCriticalSection m_Lock;      // serialises maintenance; never taken by AllocPage, Alloc and Retire
     u64 m_TotalMemoryUsed;                 // bytes in use; the top bit is the owner's share
     u32 m_CurrentDate;                     // counts Update() calls
     CParticlePageAllocator_Stats *m_Stats; // what no class counts: oversized blocks and refusals

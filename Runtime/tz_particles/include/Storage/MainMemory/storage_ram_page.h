@@ -23,7 +23,7 @@ class CParticleStream_MainMemory;
 constexpr u8 kFreshParticleByte = 0xF3;
 
 // The storage of one field inside one page. It never owns the bytes.
-struct SParticleStreamField
+struct SParticleStreamField : public CNonCopyable
 {
     u8 *m_RawDataPtr;    // the column, or the constant's 64 bytes; null when there is none
     u32 m_ParticleCount; // particles whose values the field holds
@@ -183,8 +183,8 @@ public:
     const SParticleStreamDef *GetStreamDef() const; // that the page was laid out for; null without a page
 
     // The values of one field on the view's particles: stride = storage size, 0 on a constant field, which can not be
-    // written. A type that is larger than the value or that its stride would misalign is reported and gives an empty
-    // view, and so does a field that is not there or holds no data.
+    // written. A type that is larger than the value or that would be misaligned is reported and gives an empty view,
+    // and so does a field that is not there or holds no data.
     template <typename _Type>
     TStridedMemoryView<const _Type> Column(CGuid streamId) const;
     template <typename _Type>

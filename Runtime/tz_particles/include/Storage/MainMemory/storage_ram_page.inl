@@ -11,10 +11,10 @@ TStridedMemoryView<_Type> CParticlePageView::_TypedColumn(const SParticleStreamF
 {
     const u32 stride = field.m_Definition.m_StorageSize;
     const u32 valueSize = field.IsConstant() ? u32(sizeof(S64Bytes)) : stride;
-    if (!TZ_VERIFY(sizeof(_Type) <= valueSize) || !TZ_VERIFY(stride % alignof(_Type) == 0))
+    if (!TZ_VERIFY(sizeof(_Type) <= valueSize))
         return TStridedMemoryView<_Type>();
     u8 *start = _ColumnStart(field);
-    if (start == null)
+    if (start == null || !TZ_VERIFY((ureg(start) | stride) % alignof(_Type) == 0))
         return TStridedMemoryView<_Type>();
     return TStridedMemoryView<_Type>(reinterpret_cast<_Type *>(start), m_Count, stride);
 }

@@ -75,18 +75,18 @@ void CParticleStream_MainMemory::Swap(CParticleStream_MainMemory &other)
 }
 
 // Returns the depth that the lock has now.
-inline u32 CParticleStream_MainMemory::_EnterLock() const
+u32 CParticleStream_MainMemory::_EnterLock() const
 {
     m_PagesProtectCS.Lock();
     const u32 depth = m_PagesLocked + 1;
     m_PagesLocked = depth;
     if (depth == 1)
-        m_ThreadOwningLock = CGuid(m_PagesProtectCS.m_Owner); // the id of this thread, noted by Lock a moment ago
+        m_ThreadOwningLock = CGuid(CCurrentThread::ThreadID());
     return depth;
 }
 
 // Misuse changes nothing: a count of 0 stays, and nobody releases what another thread holds.
-inline void CParticleStream_MainMemory::_LeaveLock(u32 threadId) const
+void CParticleStream_MainMemory::_LeaveLock(u32 threadId) const
 {
     const u32 depth = m_PagesLocked;
     if (depth == 0 || !(m_ThreadOwningLock == threadId))

@@ -53,8 +53,10 @@ bool CParticleStream_MainMemory::_ClampPageSizeToAllocatorCapsIFN()
 {
     CParticlesInternals::PageAllocator(); // its existence is asserted; only its cap is used
     const u32 kMaxAllocSize = CParticlePageAllocator::kMaxAllocSize;
+    if (m_StreamDef == null || m_PageSizeInBytes == 0)
+        return false;
     const u64 trueSize = ComputeTruePageSizeInBytes(m_PageSize, *m_StreamDef);
-    const bool tooLarge = m_PageSizeInBytes != 0 && trueSize > kMaxAllocSize;
+    const bool tooLarge = trueSize > kMaxAllocSize;
     if (!tooLarge)
         return false;
     const u64 sizePerParticle = trueSize / m_PageSize;

@@ -101,7 +101,7 @@ u32 CParticleStream_MainMemory::_RecomputeParticleCount() const
     LockPages();
     u32 sum = 0;
     for (const PParticlePage &page : m_Pages.View())
-        sum += page->ParticleCount();
+        sum += page != null ? page->ParticleCount() : 0; // null: in the midst of a resize pass
     UnlockPages();
     return sum;
 }

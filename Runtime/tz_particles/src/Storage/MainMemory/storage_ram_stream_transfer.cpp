@@ -125,6 +125,9 @@ void CParticleStream_MainMemory::ResizePending(u32 maxPageCountToProcess)
 //
 //   [0, m_GapStart) pages that stay   [m_GapStart, m_GapEnd) null   [m_GapEnd, Count()) not searched yet, or new
 //
+// The gap is closed before anything is reported, so that a handler finds the list as it is; only the memory services
+// are called with the gap open.
+//
 // Destinations are looked for from the end down. A page that was passed over never qualifies later in the pass (its
 // room does not grow), so that search goes on where it left off, too.
 class CParticleStream_MainMemory::CResizePass
@@ -138,8 +141,6 @@ public:
         , m_DestinationEnd(stream.m_Pages.Count())
     {
     }
-    ~CResizePass() { _CloseGap(); }
-
     // Old pages wait, or one is in progress.
     bool HasWork() const
     {
@@ -160,12 +161,14 @@ public:
     // Puts a page in progress, with what was not copied of it, back into the list.
     void PutBackOldPage();
 
+    // Makes the list whole. Returns false: it stands behind conditions that are about to be reported.
+    bool CloseGap();
+
 private:
     bool _StartOldPage();
     bool _TransferOldPage(CParticlePage &newPage, u32 &dstSpaceLeft);
     void _TakeOldPage();
     void _MovePageDown();
-    void _CloseGap();
 
     CParticleStream_MainMemory &m_Stream;
     TArray<PParticlePage> &m_Pages;
@@ -211,18 +214,19 @@ void CParticleStream_MainMemory::CResizePass::_TakeOldPage()
     m_OldPage = std::move(m_Pages.RawDataPointer()[m_GapEnd]);
     ++m_GapEnd;
     const u32 waitingCount = m_Stream.m_PageCount_OutOfSync;
-    TZ_ASSERT_TEXT("m_PageCount_OutOfSync > 0", waitingCount > 0);
+    TZ_ASSERT_TEXT("m_PageCount_OutOfSync > 0", waitingCount > 0 || CloseGap());
     m_Stream.m_PageCount_OutOfSync = waitingCount > 0 ? waitingCount - 1 : 0;
 }
 
-void CParticleStream_MainMemory::CResizePass::_CloseGap()
+bool CParticleStream_MainMemory::CResizePass::CloseGap()
 {
     if (m_GapStart == m_GapEnd)
-        return;
+        return false;
     m_Pages.Remove_AndKeepOrder(m_GapStart, m_GapEnd);
     if (m_DestinationEnd >= m_GapEnd)
         m_DestinationEnd -= m_GapEnd - m_GapStart;
     m_GapEnd = m_GapStart;
+    return false;
 }
 
 PParticlePage CParticleStream_MainMemory::CResizePass::ChooseDestination()
@@ -239,7 +243,7 @@ PParticlePage CParticleStream_MainMemory::CResizePass::ChooseDestination()
             return page;
     }
     if (m_Pages.Count() == m_Pages.Capacity())
-        _CloseGap(); // the list grows only when it is truly full
+        CloseGap(); // the list grows only when it is truly full
     m_IsDestinationFresh = true;
     // Its rows are filled behind the particles that it gets.
     return m_Stream._AllocNewPage_NoLock(m_PageSize, m_Stream.m_PageSizeInBytes, true, m_PageSize);
@@ -265,10 +269,14 @@ bool CParticleStream_MainMemory::CResizePass::_StartOldPage()
 // Copies what fits of the old page. False when nothing was copied.
 bool CParticleStream_MainMemory::CResizePass::_TransferOldPage(CParticlePage &newPage, u32 &dstSpaceLeft)
 {
+    if (!newPage.PrepareForWriting())
+        CloseGap(); // the copy is about to report
     const u32 oldEnd = TransferPageToPage(newPage, CParticlePageView(*m_OldPage), m_OldStart);
     const u32 actuallyTransferred = oldEnd - m_OldStart;
     const u32 totalToTransfer = m_OldPage->ParticleCount() - m_OldStart;
     const u32 totalTransferrable = TZMin(totalToTransfer, dstSpaceLeft);
+    if (totalTransferrable == 0 || actuallyTransferred != totalTransferrable)
+        CloseGap();
     TZ_ASSERT(totalTransferrable != 0);
     TZ_ASSERT(actuallyTransferred == TZMin(totalToTransfer, dstSpaceLeft));
     dstSpaceLeft -= actuallyTransferred;
@@ -322,10 +330,13 @@ void CParticleStream_MainMemory::_ResizePending_NoLock(u32 maxPageCountToProcess
     CResizePass pass(*this, maxPageCountToProcess);
     while (pass.HasWork())
     {
-        TZ_ASSERT_TEXT("m_PageCount_OutOfSync <= m_Pages.Count()", m_PageCount_OutOfSync <= pass.PageCount());
+        TZ_ASSERT_TEXT("m_PageCount_OutOfSync <= m_Pages.Count()",
+                       m_PageCount_OutOfSync <= pass.PageCount() || pass.CloseGap());
         if (!pass.HasOldPage() && !pass.FindOldPage())
             break;
         const PParticlePage newPage = pass.ChooseDestination();
+        if (newPage == null)
+            pass.CloseGap();
         if (!TZ_VERIFY(newPage != null))
             break;
         TZ_ASSERT(!newPage->Full() && newPage->Capacity() == m_PageSize);
@@ -335,6 +346,7 @@ void CParticleStream_MainMemory::_ResizePending_NoLock(u32 maxPageCountToProcess
             break;
         }
     }
+    pass.CloseGap();
     const u32 oldAccCount = pass.OldAccCount();
     const u32 newAccCount = pass.NewAccCount();
     TZ_ASSERT(oldAccCount <= m_ParticleCount.Load());
