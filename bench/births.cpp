@@ -133,13 +133,14 @@ void AddSpawnRow(const char *title, const char *reference, double target, bool k
 
 constexpr float kTimeStep = 1.0f / 60.0f;
 
-void AgeRows(float *life, u32 count)
+// Both sides call the same code, not each a copy of its own that the compiler lays out in another way.
+TZ_NOINLINE void AgeRows(float *life, u32 count)
 {
     for (u32 i = 0; i < count; ++i)
         life[i] -= kTimeStep;
 }
 
-void MoveRows(CFloat3 *position, const CFloat3 *velocity, u32 count)
+TZ_NOINLINE void MoveRows(CFloat3 *position, const CFloat3 *velocity, u32 count)
 {
     float *to = &position->m_X;
     const float *from = &velocity->m_X;
@@ -147,9 +148,11 @@ void MoveRows(CFloat3 *position, const CFloat3 *velocity, u32 count)
         to[i] += from[i] * kTimeStep;
 }
 
-// A pass over particleCount particles, as often as makes a million.
-template <typename _OnView, typename _OnColumns>
-void AddPassRow(const char *title, u32 particleCount, double target, _OnView onView, _OnColumns onColumns)
+// A pass over particleCount particles, as often as makes a million; beside it the same on the columns of a page, got
+// without a view and without a check, or on flat arrays.
+template <typename _OnView, typename _OnPage, typename _OnColumns>
+void AddPassRow(const char *title, u32 particleCount, bool againstFlat, double target, _OnView onView, _OnPage onPage,
+                _OnColumns onColumns)
 {
     const auto body = [=](const RunSides &run)
     {
@@ -175,11 +178,20 @@ void AddPassRow(const char *title, u32 particleCount, double target, _OnView onV
             for (u32 i = 0; i < stream.PageCount(); ++i)
                 onView(CParticlePageView(*stream.Page(CGuid(i))));
         };
-        run([&](CStopwatch &watch) { repeat(watch, ours); },
-            [&](CStopwatch &watch) { repeat(watch, [&] { onColumns(columns, particleCount); }); });
+        const auto reference = [&]
+        {
+            if (againstFlat)
+                return onColumns(columns, particleCount);
+            for (u32 i = 0; i < stream.PageCount(); ++i)
+            {
+                const CParticlePage &page = *stream._UnsafePage(CGuid(i)).Get();
+                onPage(page.Streams().Data(), page.ParticleCount());
+            }
+        };
+        run([&](CStopwatch &watch) { repeat(watch, ours); }, [&](CStopwatch &watch) { repeat(watch, reference); });
     };
-    AddRow({std::string(title) + ", " + std::to_string(particleCount), "the same on raw arrays", target, kParticleCount,
-            "particle"},
+    AddRow({std::string(title) + ", " + std::to_string(particleCount),
+            againstFlat ? "flat arrays" : "raw pointers into the same pages", target, kParticleCount, "particle"},
            body);
 }
 
@@ -197,33 +209,48 @@ void AddBirthRows()
 void AddColumnRows()
 {
     const auto ageColumns = [](SColumns &columns, u32 count) { AgeRows(columns.m_Life.data(), count); };
+    const auto agePage = [](const SParticleStreamField *fields, u32 count)
+    { AgeRows(reinterpret_cast<float *>(fields[Field_Life].m_RawDataPtr), count); };
+    const auto ageDense = [](const CParticlePageView &view)
+    {
+        const TMemoryView<float> life = view.DenseColumnForWriting<float>(CGuid(Field_Life));
+        AgeRows(life.Data(), life.Count());
+    };
+    const auto ageStrided = [](const CParticlePageView &view)
+    {
+        for (float &life : view.ColumnForWriting<float>(CGuid(Field_Life)))
+            life -= kTimeStep;
+    };
+    const auto agePageByStride = [](const SParticleStreamField *fields, u32 count)
+    {
+        u8 *life = fields[Field_Life].m_RawDataPtr;
+        for (u32 i = 0; i < count; ++i, life += fields[Field_Life].m_Definition.m_StorageSize)
+            *reinterpret_cast<float *>(life) -= kTimeStep;
+    };
+    const auto moveColumns = [](SColumns &columns, u32 count)
+    { MoveRows(columns.m_Position.data(), columns.m_Velocity.data(), count); };
+    const auto movePage = [](const SParticleStreamField *fields, u32 count)
+    {
+        MoveRows(reinterpret_cast<CFloat3 *>(fields[Field_Position].m_RawDataPtr),
+                 reinterpret_cast<const CFloat3 *>(fields[Field_Velocity].m_RawDataPtr), count);
+    };
+    const auto moveDense = [](const CParticlePageView &view)
+    {
+        MoveRows(view.DenseColumnForWriting<CFloat3>(CGuid(Field_Position)).Data(),
+                 view.DenseColumn<CFloat3>(CGuid(Field_Velocity)).Data(), view.ParticleCount());
+    };
     for (const u32 count : {10000u, kParticleCount})
     {
-        AddPassRow(
-            "life -= dt, dense column", count, 1.05,
-            [](const CParticlePageView &view)
-            {
-                const TMemoryView<float> life = view.DenseColumnForWriting<float>(CGuid(Field_Life));
-                AgeRows(life.Data(), life.Count());
-            },
-            ageColumns);
-        AddPassRow(
-            "life -= dt, strided column by iterator", count, 1.05,
-            [](const CParticlePageView &view)
-            {
-                for (float &life : view.ColumnForWriting<float>(CGuid(Field_Life)))
-                    life -= kTimeStep;
-            },
-            ageColumns);
-        AddPassRow(
-            "position += velocity * dt, dense columns", count, count == kParticleCount ? 1.3 : 1.1,
-            [](const CParticlePageView &view)
-            {
-                MoveRows(view.DenseColumnForWriting<CFloat3>(CGuid(Field_Position)).Data(),
-                         view.DenseColumn<CFloat3>(CGuid(Field_Velocity)).Data(), view.ParticleCount());
-            },
-            [](SColumns &columns, u32 rowCount)
-            { MoveRows(columns.m_Position.data(), columns.m_Velocity.data(), rowCount); });
+        const double flatTarget = count == kParticleCount ? 1.3 : 1.1;
+        for (const bool againstFlat : {false, true})
+        {
+            const double target = againstFlat ? flatTarget : 1.05;
+            AddPassRow("life -= dt, dense column", count, againstFlat, target, ageDense, agePage, ageColumns);
+            AddPassRow("position += velocity * dt, dense columns", count, againstFlat, target, moveDense, movePage,
+                       moveColumns);
+        }
+        AddPassRow("life -= dt, strided column by iterator", count, false, 1.05, ageStrided, agePageByStride,
+                   ageColumns);
     }
 }
 
