@@ -6,6 +6,40 @@
 namespace Tessaly
 {
 
+inline CParticlePageView::CParticlePageView(const CParticlePage &page)
+    : m_Page(const_cast<CParticlePage *>(&page))
+    , m_First(0)
+    , m_Count(page.ParticleCount())
+{
+}
+
+inline CParticlePageView::CParticlePageView(const CParticlePage &page, u32 first, u32 count)
+    : m_Page(const_cast<CParticlePage *>(&page))
+    , m_First(first)
+    , m_Count(count)
+{
+    TZ_ASSERT(first + count <= page.ParticleCount());
+}
+
+inline const SParticleStreamField &CParticlePageView::RawStream(CGuid streamId) const
+{
+    if (!TZ_VERIFY(m_Page != null))
+        return Internal::MissingElement<const SParticleStreamField>();
+    return m_Page->RawStream(streamId);
+}
+
+inline bool CParticlePageView::_HasParticles() const
+{
+    return m_Page != null && u64(m_First) + m_Count <= m_Page->Capacity();
+}
+
+inline u8 *CParticlePageView::_ColumnStart(const SParticleStreamField &field) const
+{
+    if (!TZ_VERIFY(_HasParticles()) || field.m_RawDataPtr == null)
+        return null;
+    return field.m_RawDataPtr + size_t(field.m_Definition.m_StorageSize) * m_First;
+}
+
 template <typename _Type>
 TStridedMemoryView<_Type> CParticlePageView::_TypedColumn(const SParticleStreamField &field) const
 {

@@ -39,9 +39,15 @@ struct SColumnPair
     u32 m_Lanes;    // components converted per row
     u32 m_SrcWidth; // bytes of one component
     u32 m_DstWidth;
+    u8 m_RestByte; // what the rest of a destination row gets
 
     bool SrcIsDense() const { return m_SrcStride == size_t(m_Lanes) * m_SrcWidth; }
     bool DstIsDense() const { return m_DstStride == size_t(m_Lanes) * m_DstWidth; }
+    void FillRest() const
+    {
+        if (!DstIsDense())
+            std::memset(m_Dst, m_RestByte, m_DstStride * m_RowCount);
+    }
 };
 
 struct SCopyLane
@@ -73,17 +79,55 @@ void ConvertRun(const u8 *__restrict src, u8 *__restrict dst, size_t count)
         Store(dst + i * sizeof(TOut), _Op::Do(Load<TIn>(src + i * sizeof(TIn))));
 }
 
-template <typename _Op, u32 _Lanes>
+// Rows of _Lanes components; the rest of the destination's _DstLanes words is written along with them.
+template <typename _Op, u32 _Lanes, u32 _DstLanes>
 void ConvertRows(const SColumnPair &pair)
 {
     using TIn = typename _Op::TIn;
-    using TOut = decltype(_Op::Do(TIn()));
     const u8 *__restrict src = pair.m_Src;
     u8 *__restrict dst = pair.m_Dst;
-    for (u32 row = 0; row < pair.m_RowCount; ++row, src += pair.m_SrcStride, dst += pair.m_DstStride)
+    const size_t srcStride = pair.m_SrcStride;
+    const size_t dstStride = pair.m_DstStride;
+    const u32 rest = pair.m_RestByte * 0x01010101u;
+    for (u32 row = 0; row < pair.m_RowCount; ++row, src += srcStride, dst += dstStride)
     {
+        u32 words[_DstLanes];
         for (u32 lane = 0; lane < _Lanes; ++lane)
-            Store(dst + lane * sizeof(TOut), _Op::Do(Load<TIn>(src + lane * sizeof(TIn))));
+            Store(reinterpret_cast<u8 *>(&words[lane]), _Op::Do(Load<TIn>(src + lane * sizeof(TIn))));
+        for (u32 lane = _Lanes; lane < _DstLanes; ++lane)
+            words[lane] = rest;
+        std::memcpy(dst, words, sizeof(words));
+    }
+}
+
+template <typename _Op, u32 _DstLanes>
+void ConvertRowsOf(const SColumnPair &pair)
+{
+    switch (pair.m_Lanes)
+    {
+    case 1:
+        return ConvertRows<_Op, 1, _DstLanes>(pair);
+    case 2:
+        return ConvertRows<_Op, TZMin(2u, _DstLanes), _DstLanes>(pair);
+    case 3:
+        return ConvertRows<_Op, TZMin(3u, _DstLanes), _DstLanes>(pair);
+    default:
+        return ConvertRows<_Op, TZMin(4u, _DstLanes), _DstLanes>(pair);
+    }
+}
+
+// Rows of any number of components and any stride. What is left of a row is written first.
+template <typename _Op>
+void ConvertAnyRows(const SColumnPair &pair)
+{
+    using TIn = typename _Op::TIn;
+    pair.FillRest();
+    for (u32 row = 0; row < pair.m_RowCount; ++row)
+    {
+        const u8 *src = pair.m_Src + row * pair.m_SrcStride;
+        u8 *dst = pair.m_Dst + row * pair.m_DstStride;
+        for (u32 lane = 0; lane < pair.m_Lanes; ++lane)
+            Store(dst + lane * sizeof(_Op::Do(TIn())), _Op::Do(Load<TIn>(src + lane * sizeof(TIn))));
     }
 }
 
@@ -92,18 +136,18 @@ void ConvertColumn(const SColumnPair &pair)
 {
     if (pair.SrcIsDense() && pair.DstIsDense())
         return ConvertRun<_Op>(pair.m_Src, pair.m_Dst, size_t(pair.m_RowCount) * pair.m_Lanes);
-    switch (pair.m_Lanes)
+    switch (pair.m_DstStride)
     {
-    case 1:
-        return ConvertRows<_Op, 1>(pair);
-    case 2:
-        return ConvertRows<_Op, 2>(pair);
-    case 3:
-        return ConvertRows<_Op, 3>(pair);
     case 4:
-        return ConvertRows<_Op, 4>(pair);
+        return ConvertRowsOf<_Op, 1>(pair);
+    case 8:
+        return ConvertRowsOf<_Op, 2>(pair);
+    case 12:
+        return ConvertRowsOf<_Op, 3>(pair);
+    case 16:
+        return ConvertRowsOf<_Op, 4>(pair);
     default:
-        return;
+        return ConvertAnyRows<_Op>(pair);
     }
 }
 
@@ -255,6 +299,7 @@ void ConvertThroughBuffer(const SColumnPair &pair, const CBaseTypeTraits &tSrc, 
     const FnStore store = SelectStore(tDst.ScalarType, tSrc.ScalarType, tSrc.IsFp);
     const u32 rowsAtATime = kBufferCount / pair.m_Lanes;
     UBuffer buffer;
+    pair.FillRest();
     for (u32 row = 0; row < pair.m_RowCount; row += rowsAtATime)
     {
         const u32 rowCount = TZMin(rowsAtATime, pair.m_RowCount - row);
@@ -268,7 +313,10 @@ void ConvertThroughBuffer(const SColumnPair &pair, const CBaseTypeTraits &tSrc, 
     }
 }
 
-bool HasComponentsOf(const CBaseTypeTraits &traits, u32 width) { return traits.Size == width * traits.VectorDimension; }
+u32 ComponentSize(const CBaseTypeTraits &traits)
+{
+    return traits.VectorDimension != 0 ? traits.Size / traits.VectorDimension : 0;
+}
 
 // Components converted per row: those of the smaller type, as far as they lie within both rows. 0 for a type without.
 u32 ComputeLanes(const SParticleStreamField &srcStream, const CBaseTypeTraits &tSrc,
@@ -279,44 +327,35 @@ u32 ComputeLanes(const SParticleStreamField &srcStream, const CBaseTypeTraits &t
     const u32 rowIterCount = tSrc.Size < tDst.Size ? tSrc.VectorDimension : tDst.VectorDimension;
     const u32 srcRowBytes = srcStream.IsConstant() ? u32(sizeof(S64Bytes)) : srcStream.m_Definition.m_StorageSize;
     const u32 dstRowBytes = dstStream.m_Definition.m_StorageSize;
-    const u32 srcLanes = srcRowBytes / (tSrc.Size / tSrc.VectorDimension);
-    const u32 dstLanes = dstRowBytes / (tDst.Size / tDst.VectorDimension);
+    const u32 srcLanes = srcRowBytes / ComponentSize(tSrc);
+    const u32 dstLanes = dstRowBytes / ComponentSize(tDst);
     return TZMin(rowIterCount, TZMin(srcLanes, dstLanes));
 }
 
 } // namespace
 
-bool ConvertOverwritesRows(const SParticleStreamField &srcStream, const CBaseTypeTraits &tSrc,
-                           const SParticleStreamField &dstStream, const CBaseTypeTraits &tDst)
-{
-    const u32 lanes = ComputeLanes(srcStream, tSrc, dstStream, tDst);
-    return lanes != 0 && lanes * (tDst.Size / tDst.VectorDimension) == dstStream.m_Definition.m_StorageSize;
-}
-
 void ConvertField(const SParticleStreamField &srcStream, const SParticleStreamField &dstStream, u32 particleCount)
 {
     const CBaseTypeTraits &tSrc = CBaseTypeTraits::Traits(srcStream.m_Definition.m_Type);
     const CBaseTypeTraits &tDst = CBaseTypeTraits::Traits(dstStream.m_Definition.m_Type);
-    const u32 lanes = ComputeLanes(srcStream, tSrc, dstStream, tDst);
-    if (lanes == 0)
-        return;
     const SColumnPair pair = {srcStream.m_RawDataPtr,
                               dstStream.m_RawDataPtr,
                               srcStream.m_Definition.m_StorageSize,
                               dstStream.m_Definition.m_StorageSize,
                               particleCount,
-                              lanes,
-                              tSrc.Size / tSrc.VectorDimension,
-                              tDst.Size / tDst.VectorDimension};
-    if (HasComponentsOf(tSrc, 4) && HasComponentsOf(tDst, 4))
-    {
-        if (tSrc.IsFp == tDst.IsFp)
-            ConvertColumn<SCopyLane>(pair);
-        else if (tSrc.IsFp)
-            ConvertColumn<SFloatToInt>(pair);
-        else
-            ConvertColumn<SIntToFloat<s32>>(pair);
-    }
+                              ComputeLanes(srcStream, tSrc, dstStream, tDst),
+                              ComponentSize(tSrc),
+                              ComponentSize(tDst),
+                              tSrc.Size < tDst.Size ? u8(0) : kFreshParticleByte};
+    const bool isOfWords = pair.m_SrcWidth == 4 && pair.m_DstWidth == 4;
+    if (pair.m_Lanes == 0)
+        pair.FillRest();
+    else if (isOfWords && tSrc.IsFp == tDst.IsFp)
+        ConvertColumn<SCopyLane>(pair);
+    else if (isOfWords && tSrc.IsFp)
+        ConvertColumn<SFloatToInt>(pair);
+    else if (isOfWords)
+        ConvertColumn<SIntToFloat<s32>>(pair);
     else if (tSrc.ScalarType == BaseType_U8 && tDst.ScalarType == BaseType_Float)
         ConvertColumn<SIntToFloat<u8>>(pair); // colours
     else

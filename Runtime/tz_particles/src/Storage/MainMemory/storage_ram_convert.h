@@ -6,9 +6,9 @@
 namespace Tessaly
 {
 
-// Writes the leading components of each of particleCount rows of srcStream, converted to the type of dstStream. The
-// rest of a row is not touched: see ConvertOverwritesRows. Each row is read and written at its field's stride; a
-// constant source (stride 0) is repeated.
+// Writes particleCount rows of dstStream: the leading components of the rows of srcStream, converted, and behind them
+// zero where the destination's type is larger than the source's, else kFreshParticleByte. Each row is read and written
+// at its field's stride; a constant source (stride 0) is repeated.
 //
 // As many components as the smaller type has (dstStream's, when both are of one size), and no more than lie within both
 // rows. Between types of 32-bit components: the bits as they are where both are floating point or neither is; float to
@@ -16,9 +16,5 @@ namespace Tessaly
 // nearest even and reads every integer as signed. Where a component is narrower or wider, values are converted: an
 // integer as by a C cast, a float or double to an integer by way of the rule above.
 void ConvertField(const SParticleStreamField &srcStream, const SParticleStreamField &dstStream, u32 particleCount);
-
-// True when ConvertField writes every byte of dstStream's rows.
-bool ConvertOverwritesRows(const SParticleStreamField &srcStream, const CBaseTypeTraits &tSrc,
-                           const SParticleStreamField &dstStream, const CBaseTypeTraits &tDst);
 
 } // namespace Tessaly

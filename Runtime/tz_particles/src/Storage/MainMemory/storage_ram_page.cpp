@@ -239,21 +239,6 @@ void CParticlePage::_DropFirstParticles(u32 first)
     _SetParticleCount(count);
 }
 
-CParticlePageView::CParticlePageView(const CParticlePage &page)
-    : m_Page(const_cast<CParticlePage *>(&page))
-    , m_First(0)
-    , m_Count(page.ParticleCount())
-{
-}
-
-CParticlePageView::CParticlePageView(const CParticlePage &page, u32 first, u32 count)
-    : m_Page(const_cast<CParticlePage *>(&page))
-    , m_First(first)
-    , m_Count(count)
-{
-    TZ_ASSERT(first + count <= page.ParticleCount());
-}
-
 void CParticlePageView::Clear() { *this = CParticlePageView(); }
 
 TMemoryView<const SParticleStreamField> CParticlePageView::Streams() const
@@ -266,28 +251,12 @@ TMemoryView<SParticleStreamField> CParticlePageView::StreamsForWriting() const
     return m_Page != null ? m_Page->StreamsForWriting() : TMemoryView<SParticleStreamField>();
 }
 
-const SParticleStreamField &CParticlePageView::RawStream(CGuid streamId) const
-{
-    if (!TZ_VERIFY(m_Page != null))
-        return Internal::MissingElement<const SParticleStreamField>();
-    return m_Page->RawStream(streamId);
-}
-
 SParticleStreamField &CParticlePageView::RawStreamForWriting(CGuid streamId) const
 {
     if (!TZ_VERIFY(m_Page != null))
         return Internal::MissingElement<SParticleStreamField>();
     TZ_ASSERT(m_Page->ReadyToWrite());
     return const_cast<SParticleStreamField &>(m_Page->RawStream(streamId));
-}
-
-bool CParticlePageView::_HasParticles() const { return m_Page != null && u64(m_First) + m_Count <= m_Page->Capacity(); }
-
-u8 *CParticlePageView::_ColumnStart(const SParticleStreamField &field) const
-{
-    if (!TZ_VERIFY(_HasParticles()) || field.m_RawDataPtr == null)
-        return null;
-    return field.m_RawDataPtr + size_t(field.m_Definition.m_StorageSize) * m_First;
 }
 
 const u8 *CParticlePageView::RawStreamBegin(CGuid streamId) const { return _ColumnStart(RawStream(streamId)); }

@@ -49,9 +49,6 @@ void TakeOverField(const SParticleStreamField &src, const SParticleStreamField &
         return Mem::Clear(dst.m_RawDataPtr, dstCoveredBytes);
     if (src.m_Definition.m_StorageSize == dst.m_Definition.m_StorageSize && tSrc.IsFp == tDst.IsFp)
         return Mem::Copy(dst.m_RawDataPtr, src.m_RawDataPtr, dstCoveredBytes);
-
-    if (!ConvertOverwritesRows(src, tSrc, dst, tDst))
-        std::memset(dst.m_RawDataPtr, tSrc.Size < tDst.Size ? 0 : kFreshParticleByte, dstCoveredBytes);
     ConvertField(src, dst, particleCount);
 }
 
