@@ -1,0 +1,144 @@
+// Runs scripts on streams of the library and on their models, and tells the first thing in which they differ.
+//
+// It needs the runtime to be started, and no other stream beside its own. It ends a script by releasing everything:
+// nothing of the page allocator may then be in use.
+#pragma once
+
+#include <functional>
+#include <map>
+
+#include <support/report_recorder.h>
+#include <support/test_stream.h>
+
+#include "naive_stream.h"
+#include "operation.h"
+
+namespace Tessaly
+{
+namespace Model
+{
+
+class CInterpreter : public CNonCopyable
+{
+public:
+    // Tells whether memory has been refused since the operation began; then the model follows the library.
+    using FnWasRefused = std::function<bool()>;
+
+    explicit CInterpreter(FnWasRefused wasRefused = FnWasRefused());
+    ~CInterpreter();
+
+    // Runs one operation on both sides; returns what differs, or nothing.
+    std::string Run(const SOperation &operation);
+    // Releases everything; the same.
+    std::string Finish();
+    // All of it.
+    static std::string RunAll(const Script &script);
+
+private:
+    static constexpr u32 kStreamCount = 3;
+
+    struct SPair
+    {
+        std::unique_ptr<Tests::CTestStream> m_Real;
+        std::unique_ptr<CNaiveStream> m_Naive;
+    };
+    struct SHeldView
+    {
+        CParticlePageView m_Real;
+        SNaiveView m_Naive;
+    };
+    struct SHeldReader
+    {
+        PParticlePage m_Page;
+        std::unique_ptr<CScopedRawPageReader> m_Reader;
+        PNaivePage m_Naive;
+    };
+    struct SPagePair
+    {
+        PParticlePage m_Real;
+        PNaivePage m_Naive;
+        u32 m_Index = 0;
+        bool m_IsListed = false;
+    };
+
+    // What the model takes over from the library after a refusal whose outcome is not one alone.
+    enum class EAdoption
+    {
+        None,
+        Pages, // their choice; their rows are predicted
+        Rows,
+    };
+
+    using FnHandler = void (CInterpreter::*)(const SOperation &);
+    static const FnHandler kHandlers[u32(EOperation::Count)];
+
+    void _Bind(const SOperation &operation);
+    void _BindTwin(const SOperation &operation);
+    void _Rebirth(const SOperation &operation);
+    void _Allocate(const SOperation &operation);
+    void _AllocateAll(const SOperation &operation);
+    void _Fill(const SOperation &operation);
+    void _Remove(const SOperation &operation);
+    void _AllocateInPage(const SOperation &operation);
+    void _Misregister(const SOperation &operation);
+    void _Repair(const SOperation &operation);
+    void _SetPageSize(const SOperation &operation);
+    void _Resize(const SOperation &operation);
+    void _Recount(const SOperation &operation);
+    void _Collect(const SOperation &operation);
+    void _DeepCopy(const SOperation &operation);
+    void _Swap(const SOperation &operation);
+    void _Clear(const SOperation &operation);
+    void _Cleanup(const SOperation &operation);
+    void _MakePage(const SOperation &operation);
+    void _TakeView(const SOperation &operation);
+    void _DropView(const SOperation &operation);
+    void _BeginRead(const SOperation &operation);
+    void _EndRead(const SOperation &operation);
+    void _CopySubRange(const SOperation &operation);
+    void _CopyPage(const SOperation &operation);
+    void _Transfer(const SOperation &operation);
+    void _Query(const SOperation &operation);
+    void _SetBudget(const SOperation &operation);
+
+    SPair &_Stream(u32 index) { return m_Streams[index % kStreamCount]; }
+    // The page that a code names: of the stream's list, at times of a held view. Null pages when there is none.
+    SPagePair _Page(const SOperation &operation, u32 code);
+    // A page and a view to copy from one to the other; false when there is none.
+    bool _CopyPair(const SOperation &operation, SPagePair &dst, SHeldView &src);
+    // Registers births in a page with the stream that lists it, unchecked.
+    void _CountBirths(const PNaivePage &page, u32 count);
+    void _BindTo(SPair &stream, const PLoan &loan, const PLoan &constants);
+    // Whether so many more pages stay within what a run may use.
+    bool _Affords(u64 pageBytes, u64 pageCount);
+    bool _AffordsPages(const CNaiveStream &stream, u64 pageCount);
+    bool _AffordsRebuild(const CNaiveStream &stream, const SLoan &loan);
+    bool _WasRefused() const { return m_WasRefused && m_WasRefused(); }
+    // To be called when the model has done its part.
+    void _AdoptIfRefused(EAdoption adoption) { m_Adoption = _WasRefused() ? adoption : EAdoption::None; }
+    void _Differ(const std::string &what, u64 real, u64 expected);
+
+    std::string _Compare();
+    void _CompareReports();
+    void _CompareStream(const SPair &stream);
+    void _ComparePage(CNaivePage &naive, const CParticlePage &real);
+    void _CompareRows(CNaivePage &naive, u32 column, const SParticleStreamField &field, bool isNew);
+    void _CompareSums(const SPair &stream);
+    void _Adopt();
+    void _AdoptPages(SPair &stream, std::map<const void *, PNaivePage> &known);
+
+    FnWasRefused m_WasRefused;
+    Tests::CReportRecorder m_Recorder;
+    SNaiveWorld m_World;
+    std::vector<SPair> m_Streams;
+    std::vector<SHeldView> m_Views;
+    std::vector<SHeldReader> m_Readers;
+    CRandom m_Values; // for what rows are filled with
+    std::string m_Difference;
+    bool m_NeedsReport = false; // at least one, of any text
+    EAdoption m_Adoption = EAdoption::None;
+    u32 m_BudgetLife = 0; // operations
+};
+
+} // namespace Model
+} // namespace Tessaly

@@ -1,0 +1,105 @@
+#include "operation.h"
+
+#include <cstdio>
+
+namespace Tessaly
+{
+namespace Model
+{
+
+namespace
+{
+
+constexpr size_t kBytes = 8;
+constexpr u32 kStreamCount = 3;
+
+struct SKind
+{
+    const char *m_Name;
+    u32 m_Weight;
+};
+
+const SKind kKinds[u32(EOperation::Count)] = {
+    {"Bind", 9},     {"BindTwin", 3},    {"Rebirth", 1},      {"Allocate", 14},      {"AllocateAll", 5},
+    {"Fill", 10},    {"Remove", 6},      {"RemoveInPage", 2}, {"AllocateInPage", 3}, {"Misregister", 1},
+    {"Repair", 2},   {"SetPageSize", 6}, {"Resize", 7},       {"Recount", 1},        {"Collect", 3},
+    {"DeepCopy", 3}, {"Swap", 2},        {"Clear", 1},        {"Cleanup", 1},        {"MakePage", 3},
+    {"TakeView", 2}, {"DropView", 2},    {"BeginRead", 4},    {"EndRead", 2},        {"CopySubRange", 3},
+    {"CopyPage", 2}, {"Transfer", 3},    {"Query", 2},        {"SetBudget", 1}};
+
+} // namespace
+
+u32 CountOf(u16 code)
+{
+    static const u32 kCounts[] = {0, 1, 2, 3, 5, 17, 63, 64, 65, 100, 255, 256, 300, 512, 1000, 1025};
+    static const u32 kHuge[] = {65536, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF};
+    if (code % 64 == 63)
+        return kHuge[code / 64 % 4];
+    return code % 2 == 0 ? kCounts[code / 2 % 16] : code / 2 % 150;
+}
+
+u32 PageSizeOf(u16 code)
+{
+    static const u32 kSizes[] = {1, 3, 63, 64, 65, 100, 512, 1024, 2, 7, 20, 65, 256, 1000, 64, 0};
+    static const u32 kHuge[] = {4096, 65535, 65536, 65537, 1000000, 0x10000000, 0x80000000, 0xFFFFFFFF};
+    return code % 8 == 7 ? kHuge[code / 8 % 8] : kSizes[code / 8 % 16];
+}
+
+Script Decode(const u8 *bytes, size_t size)
+{
+    Script script;
+    const auto word = [&](size_t at) { return u16(bytes[at] | bytes[at + 1] << 8); };
+    for (size_t i = 0; i + kBytes <= size; i += kBytes)
+        script.push_back({EOperation(bytes[i] % u32(EOperation::Count)), u8(bytes[i + 1] % kStreamCount), word(i + 2),
+                          word(i + 4), word(i + 6)});
+    return script;
+}
+
+std::vector<u8> Encode(const Script &script)
+{
+    std::vector<u8> bytes;
+    for (const SOperation &operation : script)
+        bytes.insert(bytes.end(),
+                     {u8(operation.m_Kind), operation.m_Stream, u8(operation.m_A), u8(operation.m_A >> 8),
+                      u8(operation.m_B), u8(operation.m_B >> 8), u8(operation.m_C), u8(operation.m_C >> 8)});
+    return bytes;
+}
+
+Script RandomScript(u64 seed, u32 length)
+{
+    CRandom random(seed);
+    u32 weightSum = 0;
+    for (const SKind &kind : kKinds)
+        weightSum += kind.m_Weight;
+    Script script;
+    const u32 streamCount = 1 + random.Below(kStreamCount);
+    while (script.size() < length)
+    {
+        u32 kind = 0;
+        for (u32 weight = random.Below(weightSum); weight >= kKinds[kind].m_Weight; ++kind)
+            weight -= kKinds[kind].m_Weight;
+        const u64 bits = random.Bits();
+        script.push_back({EOperation(kind), u8(random.Below(streamCount)), u16(bits), u16(bits >> 16),
+                          u16(random.OneIn(4) ? 0 : bits >> 32)});
+    }
+    return script;
+}
+
+std::string ToString(const Script &script)
+{
+    std::string text;
+    for (const SOperation &operation : script)
+    {
+        char line[160];
+        const int count = std::snprintf(
+            line, sizeof(line),
+            "    {EOperation::%s, %u, %u, %u, %u}, // count %u or page size %u; count %u; count %u\n",
+            kKinds[u32(operation.m_Kind)].m_Name, operation.m_Stream, operation.m_A, operation.m_B, operation.m_C,
+            CountOf(operation.m_A), PageSizeOf(operation.m_A), CountOf(operation.m_B), CountOf(operation.m_C));
+        text.append(line, size_t(count));
+    }
+    return text;
+}
+
+} // namespace Model
+} // namespace Tessaly
