@@ -61,6 +61,7 @@ TEST_F(Definition, FieldStorageIsTrashedSwappedAndCleared)
     EXPECT_EQ(column[11], kFreshParticleByte);
     EXPECT_EQ(column[12], 0);
     field.TrashFrom(4);
+    field.TrashFrom(5);
     field.Swap(other);
     EXPECT_EQ(other.m_RawDataPtr, column);
     EXPECT_EQ(other.m_Definition.m_StorageSize, 3u);

@@ -182,7 +182,9 @@ TEST_F(Rebind, TooLargePagesDiscardTheParticles)
     stream.AppendPage(3, 2);
     CDefinition large;
     large.Stored(Life, BaseType_Float, 4096);
+    const CParticlePageView oldView(*stream.Page(CGuid(0)));
     large.BindTo(stream);
+    EXPECT_EQ(oldView.OriginalPage()->ParticleCount(), 2u) << "as they are, for those who hold them";
     EXPECT_EQ(stream.PageSize(), 256u);
     EXPECT_EQ(stream.PageCount() + stream.ParticleCount(), 0u);
     m_Definition.BindTo(stream);
@@ -272,12 +274,15 @@ TEST_F(Conversion, OtherWidthsConvertByComponent)
 {
     EXPECT_EQ((Convert<CFloat4, CUByte4>(BaseType_UByte4, {{0, 1, 128, 255}}, BaseType_Float4)),
               (std::vector<CFloat4>{{0, 1, 128, 255}}));
+    EXPECT_EQ((Convert<CFloat4, CUByte4>(BaseType_UByte4, {{7, 8, 9, 10}}, BaseType_Float2)),
+              (std::vector<CFloat4>{{7, 8, 9, 10}}))
+        << "the components of the smaller type, as far as they fit the row";
     EXPECT_EQ((Convert<CByte2, CInt4>(BaseType_Int4, {{-1, 300, 5, 6}}, BaseType_Byte2)),
               (std::vector<CByte2>{{-1, 44}}));
     EXPECT_EQ((Convert<CInt3, CWord2>(BaseType_Word2, {{-7, 8}}, BaseType_Int3)), (std::vector<CInt3>{{-7, 8, 0}}));
     EXPECT_EQ((Convert<u8, float>(BaseType_Float, {300.7f, -1.5f, 1e10f}, BaseType_U8)), (std::vector<u8>{44, 255, 0}));
-    EXPECT_EQ((Convert<s64, double>(BaseType_Double, {-3.9, 5e9, 7.0}, BaseType_I64)),
-              (std::vector<s64>{-3, std::numeric_limits<s32>::min(), 7}));
+    EXPECT_EQ((Convert<s64, double>(BaseType_Double, {-3.9, 5e9, -5e9}, BaseType_I64)),
+              (std::vector<s64>{-3, std::numeric_limits<s32>::min(), std::numeric_limits<s32>::min()}));
     EXPECT_EQ((Convert<double, u64>(BaseType_U64, {0xFFFFFFFFFFFFFFFFull, 9}, BaseType_Double)),
               (std::vector<double>{18446744073709551616.0, 9.0}));
     EXPECT_EQ((Convert<float, double>(BaseType_Double, {1.5, 1e300}, BaseType_Float)),
