@@ -13,6 +13,7 @@
 #include <tz_particles/include/ps_stream.h>
 
 #include "storage_ram_allocator.h"
+#include "storage_ram_page_index.h"
 
 namespace Tessaly
 {
@@ -120,7 +121,11 @@ public:
     // Bytes: page object, field table, raw page object and raw block.
     u32 MemoryFootprint() const;
 
-    void ReassignParentStream(CParticleStream_MainMemory *parent) { m_Parent = parent; }
+    void ReassignParentStream(CParticleStream_MainMemory *parent)
+    {
+        m_Parent = parent;
+        m_ListIndex = null;
+    }
 
 private:
     friend class CParticleStream_MainMemory;
@@ -139,6 +144,8 @@ private:
     TArray<SParticleStreamField> m_Streams_Unsafe;
     CParticleStream_MainMemory *m_Parent;
     const SParticleStreamDef *m_StreamDef;
+    CPageListIndex *m_ListIndex; // of the list that the page is in, told of each change of the count; or null
+    u32 m_IndexInList;
 };
 
 using PParticlePage = TRefPtr<CParticlePage>;

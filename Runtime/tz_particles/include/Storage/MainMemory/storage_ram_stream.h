@@ -168,6 +168,9 @@ private:
     u32 _EnterLock() const;
     void _LeaveLock(u32 threadId) const;
     PParticlePage _FindPageWithRoom_NoLock(u32 minCount) const;
+    const CPageListIndex *_PageIndex_NoLock() const;  // up to date; null when the list is to be walked
+    void _AddToPageIndex_NoLock(CParticlePage &page); // that was appended to the list
+    void _LeavePageIndex_NoLock(CParticlePage &page); // that is about to leave the list
     u32 _DeepCopyPages_NoLock(const CParticleStream_MainMemory &other);
     void _RebuildPages_NoLock(const u8 *streamRemap, bool keepContents);
     u32 _RebuildPage_NoLock(u32 i, const u8 *streamRemap, bool keepContents);
@@ -184,6 +187,7 @@ private:
     TAtomic<u32> m_ParticleCount;
     mutable TSharedField<u32> m_PagesLocked; // nesting depth of the page lock; written by its holder
     mutable TSharedField<CGuid> m_ThreadOwningLock;
+    mutable CPageListIndex m_PageIndex; // follows m_Pages; see _PageIndex_NoLock
 };
 
 // Holds a stream's page lock for a scope.

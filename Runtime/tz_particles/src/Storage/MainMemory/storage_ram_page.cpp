@@ -129,6 +129,8 @@ CParticlePage::CParticlePage(CParticleStream_MainMemory *parent, u32 capacity)
     , m_Capacity(capacity)
     , m_Parent(parent)
     , m_StreamDef(null)
+    , m_ListIndex(null)
+    , m_IndexInList(0)
 {
 }
 
@@ -207,7 +209,10 @@ u32 CParticlePage::MemoryFootprint() const
 
 void CParticlePage::_SetParticleCount(u32 count)
 {
+    const u32 oldCount = m_ParticleCount;
     m_ParticleCount = count;
+    if (m_ListIndex != null)
+        m_ListIndex->Update(m_IndexInList, m_Capacity - count, oldCount, count);
     for (SParticleStreamField &field : m_Streams_Unsafe.ViewForWriting())
         field.m_ParticleCount = count;
 }

@@ -31,7 +31,10 @@ void CParticleStream_MainMemory::Clear()
     _DEBUG_CheckParticleCountConsistency();
     LockPages();
     for (const PParticlePage &page : m_Pages.View())
+    {
+        _LeavePageIndex_NoLock(*page);
         page->Clear();
+    }
     m_Pages.Clear();
     m_ParticleCount.Store(0);
     m_PageCount_OutOfSync = 0;
@@ -44,6 +47,9 @@ void CParticleStream_MainMemory::Cleanup()
     _DEBUG_CheckParticleCountConsistency();
     TArray<PParticlePage> pageList;
     LockPages();
+    for (const PParticlePage &page : m_Pages.View())
+        _LeavePageIndex_NoLock(*page);
+    m_PageIndex.Release();
     TZSwap(m_Pages, pageList);
     m_ParticleCount.Store(0);
     UnlockPages();
@@ -66,6 +72,8 @@ void CParticleStream_MainMemory::Swap(CParticleStream_MainMemory &other)
     TZSwap(m_ParticleCount, other.m_ParticleCount);
     TZSwap(m_Pages, other.m_Pages);
     TZSwap(m_PageCount_OutOfSync, other.m_PageCount_OutOfSync);
+    m_PageIndex.Invalidate();
+    other.m_PageIndex.Invalidate();
     for (const PParticlePage &page : m_Pages.View())
         page->ReassignParentStream(this);
     for (const PParticlePage &page : other.m_Pages.View())

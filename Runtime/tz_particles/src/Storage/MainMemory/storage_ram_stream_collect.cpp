@@ -33,6 +33,7 @@ void CParticleStream_MainMemory::GarbageCollectOldPages(TMemoryView<CGuid> *page
         if (m_Pages.RawDataPointer()[i]->Empty())
         {
             const u32 last = m_Pages.Count() - 1;
+            _LeavePageIndex_NoLock(*m_Pages.RawDataPointer()[i]);
             m_Pages.Remove(i);
             WriteEntry(pageReindexer, last, CGuid(i));
             WriteEntry(pageReindexer, formerIndex, CGuid(last));

@@ -133,8 +133,12 @@ PParticlePage CParticleStream_MainMemory::_AllocNewPage_NoLock(u32 pageSize, u32
     page->m_StreamDef = m_StreamDef;
     _LayOutPage(*page);
     page->_FillFreshRows(firstFreshRow);
-    if (addToPageList && !TZ_VERIFY(m_Pages.PushBack(page).Valid()))
+    if (!addToPageList)
+        return page;
+    if (!TZ_VERIFY(m_Pages.PushBack(page).Valid()))
         page = null;
+    else
+        _AddToPageIndex_NoLock(*page);
     return page;
 }
 

@@ -41,12 +41,55 @@ CParticlePageView CParticleStream_MainMemory::AllocateParticlesIFP(u32 wishedCou
 
 PParticlePage CParticleStream_MainMemory::_FindPageWithRoom_NoLock(u32 minCount) const
 {
+    if (const CPageListIndex *index = _PageIndex_NoLock())
+    {
+        const CGuid pageId = index->FindFirst(minCount);
+        return pageId.Valid() ? m_Pages.RawDataPointer()[pageId.Get()] : PParticlePage();
+    }
     for (const PParticlePage &page : m_Pages.View())
     {
         if (page->FreeCount() >= minCount)
             return page;
     }
     return null;
+}
+
+const CPageListIndex *CParticleStream_MainMemory::_PageIndex_NoLock() const
+{
+    const u32 pageCount = m_Pages.Count();
+    if (pageCount < CPageListIndex::kMinPageCount)
+        return null;
+    if (m_PageIndex.IsValidFor(pageCount))
+        return &m_PageIndex;
+    if (!m_PageIndex.Reserve(pageCount))
+        return null;
+    m_PageIndex.Begin();
+    for (u32 i = 0; i < pageCount; ++i)
+    {
+        CParticlePage *page = m_Pages.RawDataPointer()[i].Get();
+        if (page == null) // in the midst of a resize pass
+            return null;
+        m_PageIndex.Add(page->FreeCount(), page->ParticleCount());
+        page->m_ListIndex = &m_PageIndex;
+        page->m_IndexInList = i;
+    }
+    m_PageIndex.End();
+    return &m_PageIndex;
+}
+
+void CParticleStream_MainMemory::_AddToPageIndex_NoLock(CParticlePage &page)
+{
+    if (!m_PageIndex.IsValidFor(m_Pages.Count() - 1))
+        return m_PageIndex.Invalidate();
+    page.m_ListIndex = &m_PageIndex;
+    page.m_IndexInList = m_Pages.Count() - 1;
+    m_PageIndex.Append(page.FreeCount(), page.ParticleCount());
+}
+
+void CParticleStream_MainMemory::_LeavePageIndex_NoLock(CParticlePage &page)
+{
+    page.m_ListIndex = null;
+    m_PageIndex.Invalidate();
 }
 
 u32 CParticleStream_MainMemory::AllocateParticles(u32 count, TArray<CParticlePageView> &outViews)
@@ -100,8 +143,13 @@ u32 CParticleStream_MainMemory::_RecomputeParticleCount() const
         return 0;
     LockPages();
     u32 sum = 0;
-    for (const PParticlePage &page : m_Pages.View())
-        sum += page != null ? page->ParticleCount() : 0; // null: in the midst of a resize pass
+    if (const CPageListIndex *index = _PageIndex_NoLock())
+        sum = index->ParticleCount();
+    else
+    {
+        for (const PParticlePage &page : m_Pages.View())
+            sum += page != null ? page->ParticleCount() : 0; // null: in the midst of a resize pass
+    }
     UnlockPages();
     return sum;
 }

@@ -114,6 +114,7 @@ u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const u8 *streamRemap
         newPage = _AllocNewPage_NoLock(pageSize, pageSizeInBytes, false, particleCount);
     }
     TZ_ASSERT(oldCount == m_Pages.Count());
+    _LeavePageIndex_NoLock(*page);
     if (newPage == null)
     {
         m_Pages.Remove(i);

@@ -212,6 +212,7 @@ void CParticleStream_MainMemory::CResizePass::_TakeOldPage()
     if (m_DestinationEnd == m_GapEnd)
         m_DestinationEnd = m_GapStart;
     m_OldPage = std::move(m_Pages.RawDataPointer()[m_GapEnd]);
+    m_Stream._LeavePageIndex_NoLock(*m_OldPage);
     ++m_GapEnd;
     const u32 waitingCount = m_Stream.m_PageCount_OutOfSync;
     TZ_ASSERT_TEXT("m_PageCount_OutOfSync > 0", waitingCount > 0 || CloseGap());
