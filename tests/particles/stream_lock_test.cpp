@@ -161,6 +161,47 @@ TEST_F(StreamLock, IsTakenAsOftenAsEachOperationSays)
     EXPECT_EQ(Unlocks([&] { copy.DeepCopy(m_Stream); }), 1u + (1 + 1 + 1) + 1 + 2);
 }
 
+// Whenever a lock is about to be left, the live count is that of the pages.
+class CCountWatcher : public CProfilerRecorder
+{
+public:
+    explicit CCountWatcher(const CTestStream &stream)
+        : m_Stream(stream)
+    {
+    }
+    void OnScopeBegin(const Profiler::SNodeDescriptor &node) override
+    {
+        u32 sum = 0;
+        for (const u32 count : m_Stream.ParticleCounts())
+            sum += count;
+        const bool isUnlock = std::string(node.m_Name) == "CParticleStream_MainMemory::UnlockPages";
+        EXPECT_TRUE(!isUnlock || sum == m_Stream.ParticleCount());
+    }
+
+private:
+    const CTestStream &m_Stream;
+};
+
+TEST_F(StreamLock, CountAndPagesChangeInOneLockedStep)
+{
+    CDefinition other;
+    other.Stored(Life, BaseType_I32);
+    CTestStream source(16, m_Definition);
+    source.AppendPage(16, 9);
+    const CCountWatcher watcher(m_Stream);
+    const u32 removed[] = {1, 2};
+    m_Stream.AllocateParticlesIFP(7, 0);
+    m_Stream.RemoveParticles(CGuid(0), TMemoryView<const u32>(removed, 2));
+    m_Stream.SetPageSize(9);
+    m_Stream.ResizePending(9);
+    other.BindTo(m_Stream);
+    m_Stream.GarbageCollectOldPages(null);
+    m_Stream.Clear();
+    m_Stream.AllocateParticlesIFP(7, 0);
+    m_Stream.DeepCopy(source);
+    m_Stream.Cleanup();
+}
+
 TEST_F(StreamLock, ChecksReportUnderItAndConditionsOfCallersOutside)
 {
     m_Stream.AppendPage(16, 1);
