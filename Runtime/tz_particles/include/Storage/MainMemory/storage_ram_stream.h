@@ -8,8 +8,8 @@
 //   m_PageSizeInBytes == _ComputePageSizeInBytes(m_PageSize, m_StreamDef)   while a definition is bound
 //
 // Bodies: storage_ram_stream.cpp (life, lock, queries), ..._pages (page size, making pages), ..._particles (births,
-// deaths, counts), ..._transfer (page-to-page copies, pending resizes), ..._deep_copy, ..._rebind (a new definition),
-// ..._convert (its field conversion), ..._collect (emptied pages), ..._stats.
+// deaths, counts), ..._transfer (page-to-page copies, pending resizes), ..._deep_copy, ..._rebind (a new definition;
+// its conversion of fields: storage_ram_convert.cpp), ..._collect (emptied pages), ..._stats.
 #pragma once
 
 #include <tz_kernel/include/kr_threads_basics.h>
@@ -132,7 +132,8 @@ public:
 
     // Drops every page without particles; the order of the others changes. pageReindexer may be null; of its
     // PageCount() entries, entry k becomes the new index of the page that was at k, or CGuid::INVALID. Takes the lock;
-    // the list must not be changed by another thread meanwhile. O(pages).
+    // the list must not be changed by another thread meanwhile. Pages that waited to be resized stay counted: while
+    // HasPendingResizes(), recount with ComputePendingResizes_NoLock before the next pass. O(pages).
     void GarbageCollectOldPages(TMemoryView<CGuid> *pageReindexer);
 
     // Pages, particles, slots and bytes at this moment. Takes the lock. O(pages * fields).
@@ -165,8 +166,8 @@ private:
     CGuid _ConstantSlot(u32 streamId) const; // past the slot table's end: INVALID, after a report
     u8 *_ConstantBlock(CGuid cstId) const;   // requires cstId < m_ConstantData.Count()
     SMediumMemoryReport _ComputeMemoryUsage() const;
-    u32 _EnterLock() const;
-    void _LeaveLock(u32 threadId) const;
+    inline u32 _EnterLock() const;
+    inline void _LeaveLock(u32 threadId) const;
     PParticlePage _FindPageWithRoom_NoLock(u32 minCount) const;
     const CPageListIndex *_PageIndex_NoLock() const;  // up to date; null when the list is to be walked
     void _AddToPageIndex_NoLock(CParticlePage &page); // that was appended to the list
