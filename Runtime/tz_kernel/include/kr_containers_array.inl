@@ -76,13 +76,15 @@ public:
     TDebugContiguousBaseIterator &operator++()
     {
         _Check();
-        ++RealType::m_Ptr;
+        if (RealType::m_Ptr != null)
+            ++RealType::m_Ptr;
         return *this;
     }
     TDebugContiguousBaseIterator &operator--()
     {
         _Check();
-        --RealType::m_Ptr;
+        if (RealType::m_Ptr != null)
+            --RealType::m_Ptr;
         return *this;
     }
     bool operator==(const TDebugContiguousBaseIterator &other) const { return RealType::m_Ptr == other.m_Ptr; }
