@@ -31,8 +31,6 @@ public:
     std::string Run(const SOperation &operation);
     // Releases everything; the same.
     std::string Finish();
-    // All of it.
-    static std::string RunAll(const Script &script);
 
 private:
     static constexpr u32 kStreamCount = 3;
@@ -57,8 +55,8 @@ private:
     {
         PParticlePage m_Real;
         PNaivePage m_Naive;
-        u32 m_Index = 0;
-        bool m_IsListed = false;
+        SPair *m_Lister = null; // the stream that lists it, if one does,
+        u32 m_Index = 0;        // and where
     };
 
     // What the model takes over from the library after a refusal whose outcome is not one alone.
@@ -69,46 +67,37 @@ private:
         Rows,
     };
 
-    using FnHandler = void (CInterpreter::*)(const SOperation &);
-    static const FnHandler kHandlers[u32(EOperation::Count)];
-
-    void _Bind(const SOperation &operation);
-    void _BindTwin(const SOperation &operation);
-    void _Rebirth(const SOperation &operation);
-    void _Allocate(const SOperation &operation);
-    void _AllocateAll(const SOperation &operation);
-    void _Fill(const SOperation &operation);
-    void _Remove(const SOperation &operation);
-    void _AllocateInPage(const SOperation &operation);
-    void _Misregister(const SOperation &operation);
-    void _Repair(const SOperation &operation);
-    void _SetPageSize(const SOperation &operation);
-    void _Resize(const SOperation &operation);
-    void _Recount(const SOperation &operation);
-    void _Collect(const SOperation &operation);
-    void _DeepCopy(const SOperation &operation);
-    void _Swap(const SOperation &operation);
-    void _Clear(const SOperation &operation);
-    void _Cleanup(const SOperation &operation);
-    void _MakePage(const SOperation &operation);
-    void _TakeView(const SOperation &operation);
-    void _DropView(const SOperation &operation);
-    void _BeginRead(const SOperation &operation);
-    void _EndRead(const SOperation &operation);
-    void _CopySubRange(const SOperation &operation);
-    void _CopyPage(const SOperation &operation);
-    void _Transfer(const SOperation &operation);
-    void _Query(const SOperation &operation);
-    void _SetBudget(const SOperation &operation);
+    // Each does its operation on both sides.
+    void _Do(const SOperation &operation, SPair &stream);
+    void _BindTo(SPair &stream, const PLoan &loan, const PLoan &constants);
+    void _Bind(const SOperation &operation, SPair &stream);
+    void _Rebirth(SPair &stream, u32 pageSize);
+    void _Allocate(const SOperation &operation, SPair &stream);
+    void _AllocateAll(SPair &stream, u32 count);
+    void _Resize(SPair &stream, u32 bound);
+    void _Recount(SPair &stream);
+    void _Collect(const SOperation &operation, SPair &stream);
+    void _DeepCopy(SPair &stream, SPair &other);
+    void _MakePage(const SOperation &operation, SPair &stream);
+    void _Query(const SOperation &operation, SPair &stream);
+    void _SetBudget(const SOperation &operation, SPair &stream);
+    void _DoInPage(const SOperation &operation, const SPagePair &page);
+    void _Fill(const SOperation &operation, const SPagePair &page);
+    void _Remove(const SOperation &operation, const SPagePair &page);
+    void _AllocateInPage(const SOperation &operation, const SPagePair &page);
+    void _TakeView(const SOperation &operation, const SPagePair &page);
+    void _DropView(u32 code);
+    void _BeginRead(const SPagePair &page);
+    void _EndRead(u32 code);
+    void _Copy(const SOperation &operation, const SPagePair &dst);
 
     SPair &_Stream(u32 index) { return m_Streams[index % kStreamCount]; }
     // The page that a code names: of the stream's list, at times of a held view. Null pages when there is none.
     SPagePair _Page(const SOperation &operation, u32 code);
-    // A page and a view to copy from one to the other; false when there is none.
-    bool _CopyPair(const SOperation &operation, SPagePair &dst, SHeldView &src);
     // Registers births in a page with the stream that lists it, unchecked.
-    void _CountBirths(const PNaivePage &page, u32 count);
-    void _BindTo(SPair &stream, const PLoan &loan, const PLoan &constants);
+    void _CountBirths(const SPagePair &page, u32 count);
+    // What to copy from: a held view, or a part of a page.
+    SHeldView _CopySource(const SOperation &operation);
     // Whether so many more pages stay within what a run may use.
     bool _Affords(u64 pageBytes, u64 pageCount);
     bool _AffordsPages(const CNaiveStream &stream, u64 pageCount);

@@ -1,5 +1,7 @@
 #include "loan.h"
 
+#include <cstring>
+
 #include "naive_types.h"
 #include "random.h"
 
@@ -75,10 +77,14 @@ SLoan::SLoan(u32 number)
             word = InterestingWord(random);
     }
 
-    static const u32 kStrides[] = {4, 4, 4, 0, 8, 12, 20};
+    static const u32 kStrides[] = {4, 4, 4, 0, 8, 12, 20, 5, 7};
     m_SlotStride = random.Pick(kStrides);
-    for (u32 i = 0; i < (fieldCount + 4) * (m_SlotStride / 4 + 1); ++i)
-        m_SlotWords.push_back(MakeSlot(random, u32(m_Constants.size())));
+    m_SlotTable.resize(size_t(fieldCount + 4) * (m_SlotStride + 4));
+    for (u32 i = 0; i < fieldCount + 4; ++i)
+    {
+        const u32 slot = MakeSlot(random, u32(m_Constants.size()));
+        std::memcpy(&m_SlotTable[size_t(i) * m_SlotStride], &slot, sizeof(slot));
+    }
     const u32 wrongCounts[] = {0, fieldCount / 2, fieldCount + 3};
     m_SlotCount = random.OneIn(16) ? random.Pick(wrongCounts) : fieldCount;
     m_HasSlots = m_SlotCount != 0 || random.OneIn(2);
@@ -86,12 +92,16 @@ SLoan::SLoan(u32 number)
 
 TStridedMemoryView<const CGuid> SLoan::Slots() const
 {
-    static_assert(sizeof(CGuid) == sizeof(u32), "a slot is a word");
-    const CGuid *slots = reinterpret_cast<const CGuid *>(m_SlotWords.data());
+    const CGuid *slots = reinterpret_cast<const CGuid *>(m_SlotTable.data());
     return {m_HasSlots ? slots : null, m_SlotCount, m_SlotStride};
 }
 
-u32 SLoan::Slot(u32 field) const { return m_SlotWords[size_t(field) * (m_SlotStride / 4)]; }
+u32 SLoan::Slot(u32 field) const
+{
+    u32 slot;
+    std::memcpy(&slot, &m_SlotTable[size_t(field) * m_SlotStride], sizeof(slot));
+    return slot;
+}
 
 } // namespace Model
 } // namespace Tessaly

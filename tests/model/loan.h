@@ -39,8 +39,8 @@ struct SLoan
     std::vector<SNaiveField> m_Fields;
     SParticleStreamDef m_Def; // m_Fields again, as the library wants them
     std::vector<S64Bytes> m_Constants;
-    std::vector<u32> m_SlotWords; // m_SlotStride / 4 words an entry
-    u32 m_SlotStride;             // bytes
+    std::vector<u8> m_SlotTable;
+    u32 m_SlotStride; // bytes; at times odd
     u32 m_SlotCount;
     bool m_HasSlots; // false: the table is a null pointer
 

@@ -204,14 +204,14 @@ SNaiveView CNaiveStream::AllocateIfPossible(u32 wishedCount, u32 minCountHint)
     return view;
 }
 
-void CNaiveStream::RegisterDead(u32 count)
+void CNaiveStream::RegisterDeadCount(u32 count)
 {
     m_Count -= count;
     CheckCount();
     m_World.Check(s32(m_Count) >= 0, "s32(m_ParticleCount.Load()) >= 0");
 }
 
-void CNaiveStream::RegisterBorn(u32 count)
+void CNaiveStream::RegisterBornCount(u32 count)
 {
     m_Count += count;
     CheckCount();

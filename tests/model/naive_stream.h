@@ -26,8 +26,8 @@ public:
     PNaivePage AllocNewPage(u32 capacity, u32 bytes, bool isListed);
     u32 StreamId(u32 name);
     SNaiveView AllocateIfPossible(u32 wishedCount, u32 minCountHint);
-    void RegisterDead(u32 count);
-    void RegisterBorn(u32 count);
+    void RegisterDeadCount(u32 count);
+    void RegisterBornCount(u32 count);
     void Recount();
     void ResizePending(u32 maxPageCount);
     void DeepCopy(CNaiveStream &other);

@@ -22,7 +22,7 @@ struct SKind
 const SKind kKinds[u32(EOperation::Count)] = {
     {"Bind", 9},     {"BindTwin", 3},    {"Rebirth", 1},      {"Allocate", 14},      {"AllocateAll", 5},
     {"Fill", 10},    {"Remove", 6},      {"RemoveInPage", 2}, {"AllocateInPage", 3}, {"Misregister", 1},
-    {"Repair", 2},   {"SetPageSize", 6}, {"Resize", 7},       {"Recount", 1},        {"Collect", 3},
+    {"Repair", 2},   {"SetPageSize", 6}, {"Resize", 7},       {"Recount", 1},        {"Collect", 5},
     {"DeepCopy", 3}, {"Swap", 2},        {"Clear", 1},        {"Cleanup", 1},        {"MakePage", 3},
     {"TakeView", 2}, {"DropView", 2},    {"BeginRead", 4},    {"EndRead", 2},        {"CopySubRange", 3},
     {"CopyPage", 2}, {"Transfer", 3},    {"Query", 2},        {"SetBudget", 1}};

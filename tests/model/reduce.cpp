@@ -1,6 +1,10 @@
 #include "reduce.h"
 
 #include <algorithm>
+#include <chrono>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace Tessaly
 {
@@ -10,14 +14,17 @@ namespace Model
 namespace
 {
 
-bool LeaveOut(Script &script, size_t count, const FnFails &fails)
+constexpr u32 kChildSeconds = 20;
+constexpr std::chrono::seconds kReducing(30);
+
+bool LeaveOut(Script &script, size_t count, const FnRun &run)
 {
     bool isShorter = false;
     for (size_t end = script.size(); end > 0; end -= std::min(end, count))
     {
         Script shorter = script;
         shorter.erase(shorter.begin() + s64(end - std::min(end, count)), shorter.begin() + s64(end));
-        if (!fails(shorter))
+        if (run(shorter).empty())
             continue;
         script = shorter;
         isShorter = true;
@@ -25,31 +32,61 @@ bool LeaveOut(Script &script, size_t count, const FnFails &fails)
     return isShorter;
 }
 
-void SetToZero(Script &script, u16 SOperation::*argument, const FnFails &fails)
+void SetToZero(Script &script, u16 SOperation::*argument, const FnRun &run)
 {
     for (size_t i = 0; i < script.size(); ++i)
     {
         Script simpler = script;
         simpler[i].*argument = 0;
-        if (script[i].*argument != 0 && fails(simpler))
+        if (script[i].*argument != 0 && !run(simpler).empty())
             script = simpler;
     }
 }
 
+std::string RunToTheEnd(const Script &script, const FnRun &run)
+{
+    int ends[2];
+    if (pipe(ends) != 0)
+        return "no pipe to a child process";
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        alarm(kChildSeconds);
+        const std::string difference = run(script);
+        _exit(write(ends[1], difference.data(), difference.size()) == ssize_t(difference.size()) ? 0 : 1);
+    }
+    close(ends[1]);
+    std::string difference;
+    char buffer[512];
+    for (ssize_t count; (count = read(ends[0], buffer, sizeof(buffer))) > 0;)
+        difference.append(buffer, size_t(count));
+    close(ends[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return status == 0 ? difference : "died with status " + std::to_string(status) + difference;
+}
+
 } // namespace
 
-Script Reduce(Script script, const FnFails &fails)
+std::string RunAndReduce(const Script &script, const FnRun &run)
 {
-    for (size_t count = std::max(script.size() / 2, size_t(1));;)
-    {
-        const bool isShorter = LeaveOut(script, count, fails);
-        if (count == 1 && !isShorter)
-            break;
-        count = isShorter ? count : count / 2;
-    }
+    const std::string difference = run(script);
+    if (difference.empty())
+        return difference;
+    const auto end = std::chrono::steady_clock::now() + kReducing;
+    const FnRun runInTime = [&](const Script &shorter)
+    { return std::chrono::steady_clock::now() < end ? run(shorter) : std::string(); };
+    Script shortest = script;
+    for (size_t count = std::max(script.size() / 2, size_t(1)); count != 0;)
+        count = LeaveOut(shortest, count, runInTime) ? count : count / 2;
     for (u16 SOperation::*argument : {&SOperation::m_C, &SOperation::m_B, &SOperation::m_A})
-        SetToZero(script, argument, fails);
-    return script;
+        SetToZero(shortest, argument, runInTime);
+    return difference + "\nreduced: " + run(shortest) + "\n" + ToString(shortest);
+}
+
+FnRun InChild(const FnRun &run)
+{
+    return [run](const Script &script) { return RunToTheEnd(script, run); };
 }
 
 } // namespace Model

@@ -1,4 +1,4 @@
-// Makes a failing script short.
+// Makes failing scripts short.
 #pragma once
 
 #include <functional>
@@ -10,10 +10,15 @@ namespace Tessaly
 namespace Model
 {
 
-using FnFails = std::function<bool(const Script &)>;
+// Runs a script; returns what went wrong, or nothing.
+using FnRun = std::function<std::string(const Script &)>;
 
-// A short script that still fails: operations are left out and arguments set to 0 for as long as it does.
-Script Reduce(Script script, const FnFails &fails);
+// What goes wrong with the script and with the shortest that could be made of it, which is told, too; or nothing.
+// Operations are left out and arguments set to 0 for as long as something still goes wrong.
+std::string RunAndReduce(const Script &script, const FnRun &run);
+
+// The same in a child process: death and a run of more than 20 seconds are told, too.
+FnRun InChild(const FnRun &run);
 
 } // namespace Model
 } // namespace Tessaly

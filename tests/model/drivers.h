@@ -1,0 +1,38 @@
+// The drivers: each runs what follows from one number, and tells what went wrong, or nothing.
+//
+// A driver starts and ends the runtime by itself and wants the process to be otherwise without streams. Tests run them
+// on fixed numbers; who has more time goes on with others.
+#pragma once
+
+#include "operation.h"
+
+namespace Tessaly
+{
+namespace Model
+{
+
+// What has been done so far.
+struct SFigures
+{
+    u64 m_Operations = 0;
+    u64 m_Refusals = 0; // runs of a script with memory refused at another place
+    u64 m_Rounds = 0;
+};
+
+// Runs go on in child processes, so that a crash and an endless loop are told and reduced like any other difference.
+extern bool g_IsIsolated;
+
+// A random script against the model.
+std::string DriveRandom(u64 seed, SFigures &figures);
+// A random script, with every request for memory refused in turn: it alone, all from it on, every second from it on.
+std::string DriveRefusedMemory(u64 seed, SFigures &figures);
+// The same for blocks of the page allocator: before each operation in turn, what is in use becomes the budget.
+std::string DriveRefusedBlocks(u64 seed, SFigures &figures);
+// A round of threads: on one stream, on streams of their own, on the page allocator.
+std::string DriveThreads(u64 seed, SFigures &figures);
+
+// One script against the model; what a fuzzer calls.
+std::string RunScript(const Script &script);
+
+} // namespace Model
+} // namespace Tessaly
