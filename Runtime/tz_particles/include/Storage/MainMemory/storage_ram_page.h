@@ -124,6 +124,8 @@ public:
     void ReassignParentStream(CParticleStream_MainMemory *parent)
     {
         m_Parent = parent;
+        if (m_ListIndex != null)
+            m_ListIndex->Invalidate();
         m_ListIndex = null;
     }
 
