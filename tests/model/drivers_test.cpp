@@ -1,6 +1,8 @@
 #include <chrono>
 #include <cstdlib>
 
+#include <gtest/gtest.h>
+
 #include <support/allocator_hook.h>
 #include <support/report_recorder.h>
 #include <tz_particles/include/ps_runtime.h>
