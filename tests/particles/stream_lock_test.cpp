@@ -1,4 +1,5 @@
-// The page lock: nesting, other threads, misuse; and how often each operation takes it.
+// The page lock: nesting, other threads, misuse; how often each operation takes it, and what stands inside it. The
+// ends of a stream: construction, emptying, exchange.
 
 #include <atomic>
 #include <thread>
@@ -33,30 +34,13 @@ protected:
 
 TEST_F(StreamLock, NestsAndMixesItsVariants)
 {
-    const CParticleStreamAbstract &abstract = m_Stream;
-    using FnLock = void (*)(const CTestStream &);
-    const FnLock locks[] = {[](const CTestStream &s) { s.LockPages(); }, [](const CTestStream &s) { s.Lock(); },
-                            [](const CTestStream &s) { s.LockPagesToRender(); }};
-    const FnLock unlocks[] = {[](const CTestStream &s) { s.UnlockPages(); }, [](const CTestStream &s) { s.Unlock(); },
-                              [](const CTestStream &s) { s.UnlockPagesToRender(); }};
-    for (const FnLock lock : locks)
-    {
-        for (const FnLock unlock : unlocks)
-        {
-            lock(m_Stream);
-            m_Stream.LockPagesToRender();
-            unlock(m_Stream);
-            EXPECT_TRUE(m_Stream.LockedByCurrentThread());
-            unlock(m_Stream);
-            EXPECT_FALSE(m_Stream.LockedByCurrentThread());
-        }
-    }
-    abstract.Lock();
+    m_Stream.LockPages();
+    m_Stream.Lock();
+    m_Stream.LockPagesToRender();
     m_Stream.UnlockPages();
-    {
-        const CScopedPagesLock scope(m_Stream);
-        EXPECT_TRUE(m_Stream.LockedByCurrentThread());
-    }
+    m_Stream.Unlock();
+    EXPECT_TRUE(m_Stream.LockedByCurrentThread());
+    m_Stream.UnlockPagesToRender();
     EXPECT_FALSE(m_Stream.LockedByCurrentThread());
 }
 
@@ -81,7 +65,7 @@ TEST_F(StreamLock, KeepsOtherThreadsOutUntilTheLastUnlock)
     EXPECT_TRUE(hasEntered);
 }
 
-TEST_F(StreamLock, UnlockOfAFreeStreamIsReportedAndNothingElse)
+TEST_F(StreamLock, UnlockByAnyoneButTheOwnerIsReportedAndNothingElse)
 {
     EXPECT_EQ(Unlocks([this] { m_Stream.UnlockPages(); }), 0u);
     m_Reports.Expect({kLockedText, kOwnerText});
@@ -90,20 +74,7 @@ TEST_F(StreamLock, UnlockOfAFreeStreamIsReportedAndNothingElse)
     ASSERT_EQ(seen.size(), 2u);
     EXPECT_NE(seen[0].m_Function.find("UnlockPagesToRender"), std::string::npos) << "sites of its own";
     m_Stream.LockPages();
-    EXPECT_TRUE(m_Stream.LockedByCurrentThread());
-    m_Stream.UnlockPages();
-}
-
-TEST_F(StreamLock, UnlockByAnotherThreadIsReportedAndTheLockStays)
-{
-    m_Stream.LockPages();
-    std::thread(
-        [this]
-        {
-            m_Stream.UnlockPages();
-            m_Stream.UnlockPagesToRender();
-        })
-        .join();
+    std::thread([this] { m_Stream.UnlockPages(), m_Stream.UnlockPagesToRender(); }).join();
     m_Reports.Expect({kOwnerText, kOwnerText});
     EXPECT_TRUE(m_Stream.LockedByCurrentThread());
     m_Stream.UnlockPages();
@@ -232,6 +203,7 @@ TEST_F(StreamLock, ThreadsShareAStream)
         for (u32 i = 0; i < kRounds; ++i)
         {
             m_Stream.AllocateParticlesIFP(1, 0); // the next check, on whatever thread, finds it counted
+            m_Stream.ComputeStats();
             const CScopedPagesLock lock(m_Stream);
             const CParticlePageView view = m_Stream.AllocateParticlesIFP(3, 0);
             FillParticles(view, firstNumber + 3 * i);
@@ -239,23 +211,111 @@ TEST_F(StreamLock, ThreadsShareAStream)
         }
     };
     std::thread other(work, 100000);
-    std::thread reader(
-        [this]
-        {
-            for (u32 i = 0; i < kRounds; ++i)
-            {
-                EXPECT_LE(m_Stream.ParticleCount(), 8 * kRounds);
-                EXPECT_FALSE(m_Stream.LockedByCurrentThread());
-                m_Stream._DEBUG_CheckParticleCountConsistency();
-                m_Stream.ComputeMemoryUsage();
-                EXPECT_GE(m_Stream.ComputeStats().m_SlotCount, m_Stream.PageCount());
-            }
-        });
     work(0);
     other.join();
-    reader.join();
     EXPECT_EQ(m_Stream.ParticleCount(), 8 * kRounds);
     EXPECT_EQ(m_Stream._RecomputeParticleCount(), 8 * kRounds);
+}
+
+TEST_F(StreamLock, UnboundStreamIsEmptyAndMakesNothing)
+{
+    CTestStream stream(0);
+    EXPECT_EQ(stream.PageSize(), 1024u);
+    EXPECT_EQ(stream.GetStreamDef(), nullptr);
+    EXPECT_TRUE(stream.Empty() && !stream.HasPendingResizes() && stream.ConstantData().Empty());
+    EXPECT_EQ(stream.StreamDef(CGuid(3)), SParticleStreamFieldDef());
+    EXPECT_TRUE(stream.AllocateParticlesIFP(5, 0).Empty());
+    EXPECT_EQ(m_Reports.Count(), 0u);
+    EXPECT_EQ(stream.StreamId(CStringId(Life)), CGuid::INVALID);
+    const std::vector<SSeenReport> seen = m_Reports.Take();
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].m_Text, "m_StreamDef != null");
+    EXPECT_TRUE(seen[0].m_IsVerify);
+    EXPECT_NE(seen[0].m_Function.find("CParticleStream_MainMemory::StreamId("), std::string::npos);
+    EXPECT_EQ(m_Stream.StreamDef(CGuid(4)), SParticleStreamFieldDef());
+    EXPECT_TRUE(m_Stream.Page(CGuid(0)) == null);
+    m_Reports.Expect({"pos < BaseImpl::_Count()", "pos < BaseImpl::_Count()"});
+    Particles::Shutdown();
+    EXPECT_TRUE(m_Stream.AllocateParticlesIFP(1, 0).Empty());
+    m_Reports.Expect({"m_PageAllocator != null"});
+    EXPECT_TRUE(Particles::Startup());
+}
+
+TEST_F(StreamLock, PagesGoInsideItWhenClearedAndOutsideInCleanup)
+{
+    struct SDeath
+    {
+        bool m_IsLocked;
+        u64 m_Unlocks; // since the operation began
+    };
+    std::vector<SDeath> deaths;
+    u64 unlocksBefore = 0;
+    for (const bool isCleanup : {false, true})
+    {
+        for (const u32 count : {4u, 3u, 1u})
+            m_Stream.AppendPage(16, count);
+        const CParticlePageView view(*m_Stream.Page(CGuid(1)));
+        FillParticles(m_Stream, 7);
+        deaths.clear();
+        unlocksBefore = CThreadStats::CSUnlockCount();
+        m_Memory.AtEachCall(
+            [&](const SMemoryCall &call)
+            {
+                if (call.m_Kind == SMemoryCall::Free &&
+                    (call.m_Function.find("_DeleteObject") != std::string::npos ||
+                     call.m_Function.find("TRefPtr<Tessaly::CParticlePage>") != std::string::npos))
+                    deaths.push_back({m_Stream.LockedByCurrentThread(), CThreadStats::CSUnlockCount() - unlocksBefore});
+            });
+        isCleanup ? m_Stream.Cleanup() : m_Stream.Clear();
+        m_Memory.AtEachCall(CAllocatorHook::FnAtCall());
+        // Two pages; in a cleanup after the entry check (two unlocks) and the exchange, and then the list, after the
+        // exit check.
+        ASSERT_EQ(deaths.size(), isCleanup ? 3u : 2u);
+        for (size_t i = 0; i < deaths.size(); ++i)
+        {
+            EXPECT_EQ(deaths[i].m_IsLocked, !isCleanup);
+            EXPECT_EQ(deaths[i].m_Unlocks, !isCleanup ? 2u : i == 2 ? 4u : 3u);
+        }
+        EXPECT_EQ(m_Stream.PageCount() + m_Stream.ParticleCount(), 0u);
+        EXPECT_TRUE(HoldsRun(*view.OriginalPage(), 7 + 4, isCleanup ? 3 : 0)) << "cleared for all, or theirs to keep";
+    }
+}
+
+TEST_F(StreamLock, SwapExchangesSixMembersAndTheParents)
+{
+    CDefinition otherDefinition;
+    otherDefinition.Stored(Extra, BaseType_Int2).Constant(Tag, BaseType_Float, 3.0f);
+    CTestStream other(25, otherDefinition);
+    m_Stream.AppendPage(12, 5);
+    m_Stream.ComputePendingResizes_NoLock();
+    const CParticlePage &page = *m_Stream.Page(CGuid(0)), &otherPage = other.AppendPage(25, 1);
+    EXPECT_EQ(Unlocks([&] { m_Stream.Swap(other); }), 5u) << "the other stream's lock is not taken";
+    EXPECT_TRUE(other.Page(CGuid(0)).Get() == &page && m_Stream.Page(CGuid(0)).Get() == &otherPage);
+    EXPECT_TRUE(page.ParentStream() == &other && otherPage.ParentStream() == &m_Stream);
+    EXPECT_EQ(m_Stream.ParticleCount(), 1u);
+    EXPECT_TRUE(other.HasPendingResizes() && !m_Stream.HasPendingResizes());
+    EXPECT_EQ(m_Stream.PageSize(), 25u);
+    EXPECT_EQ(other.GetStreamDef(), &m_Definition.Def());
+    EXPECT_EQ(m_Stream.ConstantData().Data(), m_Definition.ConstantData().Data()) << "constants stay";
+    EXPECT_EQ(other.ConstantDataFieldSlot().Data(), otherDefinition.Slots().Data());
+    other.LockPages();
+    m_Stream.Swap(other);
+    m_Reports.Expect({"other.m_PagesLocked == 0"});
+    other.Swap(m_Stream);
+    m_Reports.Expect({"m_PagesLocked == 0"});
+    other.UnlockPages();
+}
+
+TEST_F(StreamLock, SwappedDefinitionWithoutItsSlotsIsReportedAndSafe)
+{
+    CTestStream other(10);
+    m_Stream.Swap(other);
+    const CParticlePageView view = other.AllocateParticlesIFP(3, 0);
+    m_Reports.Expect({"m_ConstantDataFieldSlot.Count() == streamDef.Count()", "m_Storage.m_RawDataPtr != null",
+                      "index < m_Storage.m_Count"});
+    EXPECT_EQ(view.ParticleCount(), 3u);
+    EXPECT_EQ(view.Streams()[2].m_RawDataPtr, nullptr);
+    EXPECT_TRUE(view.Column<CFloat4>(CGuid(2)).Empty());
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// Page sizes, and the making of pages: layout and every refusal.
+// Page sizes, the making of pages, and the particles in them.
 
 #include <support/stream_fixture.h>
 
@@ -9,36 +9,9 @@ namespace Tests
 namespace
 {
 
-constexpr const char *kBytesText = "m_PageSizeInBytes != 0 || m_StreamDef->Empty()";
-
-class PageSize : public CStreamTest
-{
-};
-
-class NewPage : public CStreamTest
-{
-};
-
-TEST_F(PageSize, BytesAreRoundedColumnByColumn)
-{
-    const auto bytes = [](u32 pageSize, const std::vector<u32> &storageSizes)
-    {
-        CDefinition definition;
-        for (const u32 storageSize : storageSizes)
-            definition.Stored(Life, BaseType_Float, storageSize);
-        return CTestStream::_ComputePageSizeInBytes(pageSize, &definition.Def());
-    };
-    EXPECT_EQ(bytes(1024, {4, 12, 16}), 32768u);
-    EXPECT_EQ(bytes(3, {4, 12, 16}), 112u);
-    EXPECT_EQ(bytes(1, {4, 12, 16}), 48u);
-    EXPECT_EQ(bytes(3, {4, 0, 4}), 32u);
-    EXPECT_EQ(bytes(77, {}), 0u);
-    EXPECT_EQ(bytes(0x10001, {0x10000}), 0x10000u) << "32-bit arithmetic";
-    EXPECT_EQ(bytes(0x20000001, {8}), 16u);
-    EXPECT_EQ(m_Reports.Count(), 0u);
-    EXPECT_EQ(CTestStream::_ComputePageSizeInBytes(1, null), 0u);
-    m_Reports.Expect({"streamDef != null"});
-}
+using PageSize = CStreamTest;
+using NewPage = CStreamTest;
+using Births = CStreamTest;
 
 struct SClampCase
 {
@@ -54,13 +27,15 @@ TEST_F(PageSize, IsClampedToTheLargestBlock)
     const std::vector<std::string> tooLarge = {"m_PageSizeInBytes <= kMaxAllocSize"};
     const std::vector<std::string> zero = {"m_PageSizeInBytes != 0 || def->Empty()"};
     const std::vector<SClampCase> cases = {
+        {1024, {4, 12, 16}, 1024, 32768, {}},
+        {3, {4, 12, 16}, 3, 112, {}},
+        {1, {4, 12, 16}, 1, 48, {}},
         {1024, {4096}, 256, 1048576, {}},
         {100000, {12, 4}, 65536, 1048576, {}},
         {200000, {12}, 65536, 786432, {}},
         {5000, {64, 64, 64, 64}, 4096, 1048576, {}},
         {65536, {16}, 65536, 1048576, {}},
         {65537, {16}, 65536, 1048576, {}},
-        {1, {4}, 1, 16, {}},
         // Bytes past 32 bits: a small remainder hides nothing, an exact 0 is stored.
         {0x10001, {0x10000}, 16, 1048576, {}},
         {0x20000001, {8}, 131072, 1048576, {}},
@@ -74,21 +49,20 @@ TEST_F(PageSize, IsClampedToTheLargestBlock)
         CDefinition definition;
         for (const u32 storageSize : row.m_StorageSizes)
             definition.Stored(Life, BaseType_Float, storageSize);
-        CTestStream stream(row.m_Requested, definition);
+        CTestStream stream(row.m_Requested, definition), later(64);
         m_Reports.Expect(row.m_Reports);
         EXPECT_EQ(stream.PageSize(), row.m_Capacity);
         EXPECT_EQ(CTestStream::_ComputePageSizeInBytes(stream.PageSize(), stream.GetStreamDef()), row.m_Bytes);
         const PParticlePage page = stream.AllocNewPage_NoLock(false);
         ASSERT_EQ(page != null, row.m_Bytes != 0) << "no page whose columns leave its block";
         EXPECT_TRUE(page == null || page->RawPage()->Size() >= row.m_Bytes);
-
-        CTestStream later(64);
         definition.BindTo(later);
-        m_Reports.Take();
         later.SetPageSize(row.m_Requested);
         EXPECT_EQ(later.PageSize(), row.m_Capacity);
         m_Reports.Take();
     }
+    EXPECT_EQ(CTestStream::_ComputePageSizeInBytes(1, null), 0u);
+    m_Reports.Expect({"streamDef != null"});
 }
 
 TEST_F(PageSize, UnchangedDoesNothingAndClampedIsNotUnchanged)
@@ -105,107 +79,33 @@ TEST_F(PageSize, UnchangedDoesNothingAndClampedIsNotUnchanged)
     {
         stream.SetPageSize(1024);
         m_Reports.Expect({kCountText, kCountText});
-        EXPECT_EQ(stream.PageSize(), 256u);
         EXPECT_FALSE(stream.HasPendingResizes()) << "by the clamped size";
     }
-    EXPECT_TRUE(stream._ClampPageSizeToAllocatorCapsIFN() == false);
+    EXPECT_FALSE(stream._ClampPageSizeToAllocatorCapsIFN());
     stream.RegisterDeadCount(1);
-}
-
-TEST_F(PageSize, PagesOfAnotherCapacityArePending)
-{
-    CTestStream stream(1024, m_Definition);
-    stream.AppendPage(1024, 5);
-    stream.AppendPage(1024, 0);
-    FillParticles(stream, 0);
-    const std::vector<const CParticlePage *> pages = stream.Pages();
-    stream.SetPageSize(512);
-    EXPECT_EQ(stream.PageSize(), 512u);
-    EXPECT_TRUE(stream.HasPendingResizes());
-    EXPECT_EQ(stream.Pages(), pages);
-    EXPECT_TRUE(HoldsRun(*pages[0], 0, 5));
-    stream.SetPageSize(1024);
-    EXPECT_FALSE(stream.HasPendingResizes());
-    // An empty page counts here, and not there.
-    CTestStream empty(10, m_Definition);
-    empty.AppendPage(10, 0);
-    empty.SetPageSize(20);
-    EXPECT_TRUE(empty.HasPendingResizes());
-    empty.ComputePendingResizes_NoLock();
-    EXPECT_FALSE(empty.HasPendingResizes());
-}
-
-TEST_F(PageSize, ZeroTakesTheDefault)
-{
-    CTestStream stream(10);
     stream.SetPageSize(0);
-    EXPECT_EQ(stream.PageSize(), 1024u);
-    EXPECT_EQ(m_Reports.Count(), 0u);
-    m_Definition.BindTo(stream);
-    stream.SetPageSize(10);
-    stream.SetPageSize(0);
-    m_Reports.Expect({kBytesText});
-    EXPECT_EQ(stream.PageSize(), 1024u);
-    EXPECT_EQ(stream.AllocateParticlesIFP(2000, 0).ParticleCount(), 1024u);
-    CDefinition empty;
-    CTestStream ofNothing(10, empty);
-    ofNothing.SetPageSize(0);
-    EXPECT_EQ(ofNothing.PageSize(), 1024u);
+    m_Reports.Expect({"m_PageSizeInBytes != 0 || m_StreamDef->Empty()"});
+    EXPECT_TRUE(stream.HasPendingResizes() || stream.PageSize() == 256u) << "the default, clamped";
 }
 
 TEST_F(NewPage, LaysColumnsOutBackToBackAndFresh)
 {
-    CTestStream stream(10, m_Definition);
-    for (const u32 capacity : {1000u, 1001u, 3u, 1u})
-    {
-        const u32 bytes = stream._ComputePageSizeInBytes(capacity, stream.GetStreamDef());
-        const PParticlePage page = stream.AllocNewPage_NoLock(capacity, bytes, false);
-        const TMemoryView<const SParticleStreamField> fields = page->Streams();
-        const u8 *data = page->RawPage()->RawDataForWriting();
-        const auto rounded = [](u32 byteCount) { return (byteCount + 15) / 16 * 16; };
-        ASSERT_EQ(fields.Count(), 4u);
-        EXPECT_EQ(fields[0].m_RawDataPtr - data, 0);
-        EXPECT_EQ(fields[1].m_RawDataPtr - data, rounded(12 * capacity));
-        EXPECT_EQ(fields[3].m_RawDataPtr - data, rounded(12 * capacity) + rounded(4 * capacity));
-        for (u32 i = 0; i < bytes; ++i)
-            ASSERT_EQ(data[i], 0xF3) << i;
-        for (u32 i = 0; i < 4; ++i)
-        {
-            EXPECT_EQ(fields[i].m_ParticleCount, 0u);
-            EXPECT_EQ(fields[i].m_Definition, m_Definition.Def().m_StreamDef[i]);
-        }
-        EXPECT_EQ(fields[2].m_RawDataPtr, reinterpret_cast<const u8 *>(m_Definition.ConstantData().Data()));
-        EXPECT_EQ(page->ParentStream(), &stream);
-        EXPECT_EQ(page->StrongRefCount(), 1u);
-        EXPECT_EQ(page->RawPage()->StrongRefCount(), 1u);
-    }
-    EXPECT_EQ(stream.PageCount(), 0u);
-    const PParticlePage listed = stream.AllocNewPage_NoLock(true);
-    EXPECT_EQ(listed->StrongRefCount(), 2u);
-    EXPECT_EQ(stream.Page(CGuid(0)), listed);
-    EXPECT_FALSE(stream.HasPendingResizes());
-}
-
-TEST_F(NewPage, ConstantsPointAtTheirBlocksOrNowhere)
-{
     CDefinition definition;
-    definition.Constant(1, BaseType_Float, 1.0f).Constant(2, BaseType_Float, 2.0f);
-    definition.ConstantAt(3, BaseType_Float, CGuid(1)).ConstantAt(4, BaseType_Float, CGuid::INVALID);
+    definition.Stored(1, BaseType_Float3).Constant(2, BaseType_Float, 1.0f).Constant(3, BaseType_Float, 2.0f);
+    definition.ConstantAt(4, BaseType_Float, CGuid(1)).ConstantAt(5, BaseType_Float, CGuid::INVALID);
+    definition.ConstantAt(6, BaseType_Float, CGuid(2)).Stored(7, BaseType_UByte3);
     CTestStream stream(10, definition);
-    m_Reports.Expect({"m_PageSizeInBytes != 0 || def->Empty()"});
-    PParticlePage page = stream.AllocNewPage_NoLock(false);
-    const u8 *blocks = reinterpret_cast<const u8 *>(definition.ConstantData().Data());
-    const u8 *expected[] = {blocks, blocks + 64, blocks + 64, null};
-    for (u32 i = 0; i < 4; ++i)
-        EXPECT_EQ(page->Streams()[i].m_RawDataPtr, expected[i]);
-
-    CDefinition outOfRange;
-    outOfRange.Constant(1, BaseType_Float, 1.0f).ConstantAt(2, BaseType_Float, CGuid(1)).Stored(3, BaseType_Float);
-    outOfRange.BindTo(stream);
-    page = stream.AllocNewPage_NoLock(false);
+    const PParticlePage page = stream.AllocNewPage_NoLock(true);
     m_Reports.Expect({"cstId < m_ConstantData.Count()"});
-    EXPECT_EQ(page->Streams()[1].m_RawDataPtr, nullptr);
-    EXPECT_EQ(page->Streams()[2].m_RawDataPtr, page->RawPage()->RawDataForWriting());
+    const u8 *data = page->RawPage()->RawDataForWriting();
+    const u8 *blocks = reinterpret_cast<const u8 *>(definition.ConstantData().Data());
+    const u8 *expected[] = {data, blocks, blocks + 64, blocks + 64, null, null, data + 128};
+    for (u32 i = 0; i < 7; ++i)
+        EXPECT_EQ(page->Streams()[i].m_RawDataPtr, expected[i]);
+    EXPECT_TRUE(IsFreshFrom(*page, 0));
+    EXPECT_EQ(page->ParentStream(), &stream);
+    EXPECT_EQ(page->StrongRefCount(), 2u);
+    EXPECT_EQ(page->RawPage()->StrongRefCount(), 1u);
 }
 
 TEST_F(NewPage, EveryRefusalGivesNullAndLosesNothing)
@@ -223,7 +123,6 @@ TEST_F(NewPage, EveryRefusalGivesNullAndLosesNothing)
         m_Memory.RefuseAt(n);
         EXPECT_TRUE(stream.AllocNewPage_NoLock(true) == null);
         m_Reports.Expect(reports[n - 1]);
-        EXPECT_EQ(stream.PageCount(), 0u);
         EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount);
         EXPECT_EQ(m_Memory.RequestCount(), n);
     }
@@ -232,7 +131,62 @@ TEST_F(NewPage, EveryRefusalGivesNullAndLosesNothing)
     EXPECT_TRUE(stream.AllocNewPage_NoLock(true) == null);
     EXPECT_EQ(m_Memory.RequestCount(), 0u) << "no page object without its block";
     m_Runtime.AllowPages();
-    EXPECT_TRUE(stream.AllocNewPage_NoLock(true) != null);
+}
+
+TEST_F(Births, RequestAcrossPagesIsServedUntilNothingIsLeft)
+{
+    CTestStream stream(1000, m_Definition);
+    stream.AppendPage(1000, 990);
+    stream.AppendPage(1000, 500);
+    TArray<CParticlePageView> views, refused;
+    EXPECT_EQ(stream.AllocateParticles(2000, views), 2000u);
+    std::vector<u32> counts;
+    for (const CParticlePageView &view : views.View())
+        counts.push_back(view.ParticleCount());
+    EXPECT_EQ(counts, (std::vector<u32>{10, 500, 1000, 490}));
+    m_Runtime.RefusePages();
+    EXPECT_EQ(stream.AllocateParticles(2000, views), 510u);
+    m_Runtime.AllowPages();
+    m_Memory.RefuseFrom(1);
+    EXPECT_EQ(stream.AllocateParticles(5, refused), 0u) << "no particle that nobody is told of";
+    m_Reports.Take();
+    m_Memory.RefuseNone();
+    EXPECT_EQ(stream.ParticleCount(), 4000u);
+}
+
+TEST_F(Births, MiscountIsReportedAndNothingRepaired)
+{
+    CTestStream stream(10, m_Definition);
+    stream.RegisterDeadCount(1);
+    m_Reports.Expect({kCountText, "s32(m_ParticleCount.Load()) >= 0"});
+    EXPECT_EQ(stream.ParticleCount(), 0xFFFFFFFFu);
+    stream.RegisterBornCount(4);
+    m_Reports.Expect({kCountText});
+    stream.StreamId(CStringId(Life));
+    m_Reports.Expect({kCountText});
+    stream.RegisterBornCount_NoConsistencyCheck(1);
+    stream.RegisterDeadCount(4);
+}
+
+TEST_F(Births, StatisticsAreSummedAndPrinted)
+{
+    CTestStream stream(10, m_Definition);
+    stream.AppendPage(10, 10);
+    SMediumMemoryReport report = stream.ComputeMemoryUsage();
+    const u64 footprint = stream.Page(CGuid(0))->MemoryFootprint();
+    report.m_StaticBytes = 100;
+    report.m_StaticBytes_IR = 60;
+    report.m_DebugBytes = 8;
+    EXPECT_EQ((report + report).Total(), 2 * (footprint + 108)) << "parts of a counter are not added again";
+    EXPECT_EQ((report += report).m_StaticBytes_IR, 120u);
+    report.Clear();
+    EXPECT_EQ(report.Total() + report.m_StaticBytes_IR, 0u);
+    char line[400];
+    const int length = stream.ComputeStats().Print(line, sizeof(line));
+    EXPECT_EQ(length, int(std::strlen(line)));
+    EXPECT_EQ(std::strchr(line, '\n'), nullptr);
+    stream.ComputeStats().Print(line, 8);
+    EXPECT_EQ(std::strlen(line), 7u);
 }
 
 } // namespace
