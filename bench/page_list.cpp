@@ -81,7 +81,7 @@ void AddBirthRow(u32 pageCount)
         };
         run(ours, reference);
     };
-    AddRow({OnPages("one birth, each page walked thrice,", pageCount), "bare walk of as many page objects", 1.25,
+    AddRow({OnPages("one birth,", pageCount), "bare walk of as many page objects", 1.25,
             double(pageCount) * kWalksPerBirth * kBirthCount, "page"},
            body);
 }

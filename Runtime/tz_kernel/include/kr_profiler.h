@@ -58,7 +58,7 @@ private:
     static CSinkAbstract *m_Sink;
 };
 
-// The profiler that the runtime reports to.
+// The profiler that the runtime reports to. Asked only while somebody listens.
 CProfiler *MainEngineProfiler();
 
 // One open scope: from construction to destruction.
@@ -68,7 +68,7 @@ public:
     CScopedNode(CProfiler *profiler, const SNodeDescriptor *descriptor, bool)
         : m_Profiler(profiler)
         , m_NodeDescriptor(descriptor)
-        , m_Sink(CProfiler::Sink())
+        , m_Sink(profiler != null ? CProfiler::Sink() : null)
     {
         if (m_Sink != null)
             m_Sink->OnScopeBegin(*m_NodeDescriptor);
@@ -80,7 +80,7 @@ public:
             m_Sink->OnScopeEnd(*m_NodeDescriptor);
     }
 
-    CProfiler *m_Profiler;
+    CProfiler *m_Profiler; // null when nobody listens
     const SNodeDescriptor *m_NodeDescriptor;
     CSinkAbstract *m_Sink; // that heard the beginning, and hears the end
 };
@@ -91,7 +91,9 @@ public:
 // Opens a scope until the end of the enclosing block, in a colour of its own (a CFloat3 or CFloat4 expression).
 #define TZ_PROFILE_SCOPE_COLORED(name, color)                                                                          \
     static const ::Tessaly::Profiler::SNodeDescriptor _profilerDescriptor(name, __FILE__, color, 0u);                  \
-    const ::Tessaly::Profiler::CScopedNode _profilerNode(::Tessaly::Profiler::MainEngineProfiler(),                    \
+    const ::Tessaly::Profiler::CScopedNode _profilerNode(::Tessaly::Profiler::CProfiler::Sink() != ::Tessaly::null     \
+                                                             ? ::Tessaly::Profiler::MainEngineProfiler()               \
+                                                             : ::Tessaly::null,                                        \
                                                          &_profilerDescriptor, true)
 
 // The same in the colour that follows from the name.

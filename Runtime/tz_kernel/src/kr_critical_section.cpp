@@ -18,12 +18,6 @@ TZ_REPLACEABLE CCriticalSection::CCriticalSection()
 
 TZ_REPLACEABLE CCriticalSection::~CCriticalSection() { pthread_mutex_destroy(&m_CS); }
 
-TZ_REPLACEABLE void CCriticalSection::Lock() const
-{
-    pthread_mutex_lock(&m_CS);
-    __atomic_store_n(&m_Owner, CCurrentThread::ThreadID(), __ATOMIC_RELAXED);
-}
-
 TZ_REPLACEABLE bool CCriticalSection::TryLock() const
 {
     if (pthread_mutex_trylock(&m_CS) != 0)

@@ -8,6 +8,12 @@ namespace Tessaly
 namespace Threads
 {
 
+inline void CCriticalSection::Lock() const
+{
+    pthread_mutex_lock(&m_CS);
+    __atomic_store_n(&m_Owner, CCurrentThread::ThreadID(), __ATOMIC_RELAXED);
+}
+
 inline void CCriticalSection::Unlock() const
 {
     CThreadStats::RegisterCSUnlock();

@@ -50,8 +50,8 @@ public:
     // The page lock: re-entrant, counted; every lock is matched by one unlock on the same thread, of either kind.
     // The render variants are the same lock; UnlockPages and LockPagesToRender open a profiler scope. An unlock
     // without a lock, or by another thread, is reported and changes nothing.
-    void LockPages() const;
-    void UnlockPages() const;
+    inline void LockPages() const;
+    inline void UnlockPages() const;
     bool LockedByCurrentThread() const;
     void LockPagesToRender() const;
     void UnlockPagesToRender() const;

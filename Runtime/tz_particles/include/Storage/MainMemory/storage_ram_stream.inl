@@ -1,6 +1,8 @@
 // Bodies of storage_ram_stream.h.
 #pragma once
 
+#include <tz_kernel/include/kr_profiler.h>
+
 #include "storage_ram_stream.h"
 
 namespace Tessaly
@@ -17,7 +19,7 @@ inline u32 CParticleStream_MainMemory::_EnterLock() const
     const u32 depth = m_PagesLocked + 1;
     m_PagesLocked = depth;
     if (depth == 1)
-        m_ThreadOwningLock = CGuid(CCurrentThread::ThreadID());
+        m_ThreadOwningLock = CGuid(m_PagesProtectCS.m_Owner); // ThreadID(), which Lock has just asked
     return depth;
 }
 
@@ -32,6 +34,24 @@ inline void CParticleStream_MainMemory::_LeaveLock(u32 threadId) const
     if (depth == 1)
         m_ThreadOwningLock = CGuid::INVALID;
     m_PagesProtectCS.Unlock();
+}
+
+// The four lock operations have assertion sites of their own, and only two open a scope. These two are inline: each
+// call between the mutex's two locked instructions is felt.
+
+inline void CParticleStream_MainMemory::LockPages() const
+{
+    if (_EnterLock() != 1)
+        TZ_ASSERT(m_ThreadOwningLock == CCurrentThread::ThreadID());
+}
+
+inline void CParticleStream_MainMemory::UnlockPages() const
+{
+    TZ_PROFILE_SCOPE("CParticleStream_MainMemory::UnlockPages");
+    const u32 threadId = CCurrentThread::ThreadID();
+    TZ_ASSERT(m_PagesLocked != 0);
+    TZ_ASSERT_TEXT("m_ThreadOwningLock == CCurrentThread::ThreadID()", m_ThreadOwningLock == threadId);
+    _LeaveLock(threadId);
 }
 
 } // namespace Tessaly

@@ -82,23 +82,6 @@ void CParticleStream_MainMemory::Swap(CParticleStream_MainMemory &other)
     _DEBUG_CheckParticleCountConsistency();
 }
 
-// The four lock operations have assertion sites of their own, and only two open a scope.
-
-void CParticleStream_MainMemory::LockPages() const
-{
-    if (_EnterLock() != 1)
-        TZ_ASSERT(m_ThreadOwningLock == CCurrentThread::ThreadID());
-}
-
-void CParticleStream_MainMemory::UnlockPages() const
-{
-    TZ_PROFILE_SCOPE("CParticleStream_MainMemory::UnlockPages");
-    const u32 threadId = CCurrentThread::ThreadID();
-    TZ_ASSERT(m_PagesLocked != 0);
-    TZ_ASSERT_TEXT("m_ThreadOwningLock == CCurrentThread::ThreadID()", m_ThreadOwningLock == threadId);
-    _LeaveLock(threadId);
-}
-
 void CParticleStream_MainMemory::LockPagesToRender() const
 {
     TZ_PROFILE_SCOPE("CParticleStream_MainMemory::LockPagesToRender");
