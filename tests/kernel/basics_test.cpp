@@ -1,13 +1,16 @@
-// Guids, string ids, numeric helpers, base types.
+// Guids, base types, byte-range helpers, memory services, views, and the profiler's scopes.
 
 #include <cstring>
+#include <numeric>
 
 #include <gtest/gtest.h>
 
+#include <support/allocator_hook.h>
+#include <support/profiler_recorder.h>
 #include <support/report_recorder.h>
 #include <tz_guid.h>
 #include <tz_kernel/include/kr_base_types.h>
-#include <tz_kernel/include/kr_containers_internals.h>
+#include <tz_kernel/include/kr_memoryviews.h>
 #include <tz_kernel/include/kr_string_id.h>
 #include <tz_memory.h>
 
@@ -46,83 +49,165 @@ TEST(Guid, ComparesWithIntegersAndWraps)
     EXPECT_TRUE(guid == 0 && guid == 0u && 0u == guid && guid != 1 && guid < 1u && guid <= CGuid(0u));
     EXPECT_EQ((CGuid::INVALID + 1u).Get(), 0u);
     EXPECT_EQ((guid += 5u).Get(), 5u);
-    EXPECT_EQ((guid++).Get(), 5u);
-    EXPECT_EQ((++guid).Get(), 7u);
-    EXPECT_EQ((guid--).Get(), 7u);
-    EXPECT_EQ((--guid).Get(), 5u);
-    EXPECT_EQ(u32(guid), 5u);
-}
-
-TEST(StringId, ZeroIsEmpty)
-{
-    EXPECT_TRUE(CStringId().Empty());
-    EXPECT_FALSE(CStringId(1).Empty());
-    EXPECT_TRUE(CStringId(7) == CStringId(7) && CStringId(7) != CStringId(8));
-}
-
-TEST(Numcast, LossIsReportedAndTheLowBitsReturned)
-{
-    CReportRecorder reports;
-    EXPECT_EQ(checked_numcast<u8>(255u), 255u);
-    EXPECT_EQ(checked_numcast<u32>(u64(0xFFFFFFFFu)), 0xFFFFFFFFu);
-    EXPECT_EQ(reports.Count(), 0u);
-    EXPECT_EQ(checked_numcast<u32>(u64(0x500000007u)), 7u);
-    reports.Expect({"static_cast<typename TType_StripQual<_TypeSrc>::Type>(result) == value"});
-}
-
-TEST(ArrayController, GrowsByHalfAndEight)
-{
-    CReportRecorder reports;
-    using Controller = TArrayStaticController<0, 8, 8, 0, 2>;
-    EXPECT_EQ(Controller::GrowSize(0), 8u);
-    EXPECT_EQ(Controller::GrowSize(1), 9u);
-    EXPECT_EQ(Controller::GrowSize(10), 23u);
-    EXPECT_EQ(Controller::GrowSize(24), 44u);
-    EXPECT_EQ(reports.Count(), 0u);
-    EXPECT_EQ(Controller::GrowSize(0xFFFFFFF0u), u32(0xFFFFFFF0ull + 0x7FFFFFF8ull + 8));
-    reports.Expect({"static_cast<typename TType_StripQual<_TypeSrc>::Type>(result) == value"});
-}
-
-TEST(Align, RoundsUpAndWraps)
-{
+    EXPECT_EQ((guid++).Get() + (++guid).Get(), 5u + 7u);
+    EXPECT_EQ((guid--).Get() + (--guid).Get(), 7u + 5u);
     EXPECT_EQ((Mem::Align<16, u32>(0)), 0u);
     EXPECT_EQ((Mem::Align<16, u32>(1)), 16u);
     EXPECT_EQ((Mem::Align<16, u32>(16)), 16u);
     EXPECT_EQ((Mem::Align<16, u32>(0xFFFFFFF1u)), 0u);
     EXPECT_EQ((Mem::Align<16, u64>(0xFFFFFFF1u)), 0x100000000u);
+    EXPECT_TRUE(CStringId().Empty() && !CStringId(1).Empty());
 }
 
 TEST(BaseTypeTraits, RowsAreWhatTheNamesSay)
 {
+    CReportRecorder reports;
+    const auto traits = [](int type) -> const CBaseTypeTraits &
+    { return CBaseTypeTraits::Traits(static_cast<EBaseTypeID>(type)); };
     for (int type = BaseType_Evolved; type < __MaxBaseTypes; ++type)
     {
-        const CBaseTypeTraits &traits = CBaseTypeTraits::Traits(EBaseTypeID(type));
-        EXPECT_EQ(traits.Self, type);
-        EXPECT_EQ(&traits, &CBaseTypeTraits::m_BaseTypeTraits[type + 1]);
-        EXPECT_EQ(traits.Size, traits.VectorDimension * CBaseTypeTraits::Traits(traits.ScalarType).Size);
-        EXPECT_EQ(traits.IsFp, type >= BaseType_Float);
+        EXPECT_EQ(traits(type).Self, type);
+        EXPECT_EQ(traits(type).Size, traits(type).VectorDimension * traits(traits(type).ScalarType).Size);
+        EXPECT_EQ(traits(type).IsFp, type >= BaseType_Float);
     }
-    for (int type = BaseType_U32; type <= BaseType_Int4; ++type)
-        EXPECT_EQ(CBaseTypeTraits::Traits(EBaseTypeID(type)).Size, 4u * (u32(type - BaseType_U32) % 4 + 1));
-    for (int type = BaseType_Float; type <= BaseType_Float4; ++type)
-        EXPECT_EQ(CBaseTypeTraits::Traits(EBaseTypeID(type)).Size, 4u * u32(type - BaseType_Float + 1));
-    EXPECT_EQ(CBaseTypeTraits::Traits(BaseType_Evolved).Size, 0u);
-    EXPECT_EQ(CBaseTypeTraits::Traits(BaseType_Word3).Size, 6u);
-    EXPECT_EQ(CBaseTypeTraits::Traits(BaseType_Double).Size, 8u);
-    EXPECT_EQ(CBaseTypeTraits::Traits(BaseType_Quaternion).Size, 16u);
+    for (u32 i = 0; i < 4; ++i)
+        EXPECT_TRUE(traits(BaseType_U32 + int(i)).Size == 4 * i + 4 &&
+                    traits(BaseType_Float + int(i)).Size == 4 * i + 4);
+    const std::pair<int, u32> sizes[] = {{BaseType_Evolved, 0},
+                                         {BaseType_Word3, 6},
+                                         {BaseType_Int4, 16},
+                                         {BaseType_Double, 8},
+                                         {BaseType_Quaternion, 16}};
+    for (const auto &row : sizes)
+        EXPECT_EQ(traits(row.first).Size, row.second);
     EXPECT_EQ(CBaseTypeTraits::Revectorize(BaseType_Float, 3), BaseType_Float3);
     EXPECT_EQ(CBaseTypeTraits::Revectorize(BaseType_UByte4, 1), BaseType_U8);
     EXPECT_EQ(CBaseTypeTraits::Revectorize(BaseType_Double, 2), BaseType_Void);
-}
-
-TEST(BaseTypeTraits, OutOfRangeIsReportedAndGivesVoid)
-{
-    CReportRecorder reports;
+    EXPECT_EQ(reports.Count(), 0u);
     for (const int type : {int(__MaxBaseTypes), -2, 1000000, int(0x80000000u)})
     {
-        EXPECT_EQ(CBaseTypeTraits::Traits(static_cast<EBaseTypeID>(type)).Self, BaseType_Void);
+        EXPECT_EQ(traits(type).Self, BaseType_Void);
         reports.Expect({"type >= BaseType_Evolved && type < __MaxBaseTypes"});
     }
+}
+
+TEST(Overlaps, CountsSharedBytesOnly)
+{
+    const u8 bytes[32] = {};
+    EXPECT_TRUE(Mem::Overlaps(bytes, 8, bytes + 7, 8) && Mem::Overlaps(bytes + 7, 8, bytes, 8));
+    EXPECT_FALSE(Mem::Overlaps(bytes, 8, bytes + 8, 8) || Mem::Overlaps(bytes + 8, 8, bytes, 8));
+    EXPECT_TRUE(Mem::Overlaps(bytes, 8, bytes, 8) && Mem::Overlaps(bytes, 32, bytes + 20, 1));
+    EXPECT_FALSE(Mem::Overlaps(bytes, 0, bytes, 0));
+}
+
+TEST(MemoryCopy, OverlapIsReportedAndEmptyRangesAreNot)
+{
+    CReportRecorder reports;
+    u8 bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    Mem::Copy(bytes, bytes + 4, 4);
+    Mem::Copy(bytes, bytes, 0);
+    Mem::Copy(null, null, 0);
+    Mem::Clear(null, 0);
+    Mem::Copy_Overlapped(null, null, 0);
+    EXPECT_EQ(reports.Count(), 0u);
+    EXPECT_EQ(bytes[0], 5);
+    Mem::Copy(bytes + 1, bytes, 4);
+    reports.Expect({"!Mem::Overlaps(dst, byteCount, src, byteCount)"});
+
+    u32 words[6] = {9, 9, 9, 9, 9, 9};
+    Mem::FillIndices32(words + 1, 4, 0xFFFFFFFEu);
+    const u32 expected[6] = {9, 0xFFFFFFFEu, 0xFFFFFFFFu, 0, 1, 9};
+    EXPECT_EQ(std::memcmp(words, expected, sizeof(words)), 0);
+    Mem::Copy_Overlapped(words + 1, words, 16);
+    EXPECT_EQ(words[2], 0xFFFFFFFEu);
+    Mem::Clear(words, 8);
+    EXPECT_EQ(words[1], 0u);
+}
+
+TEST(MemoryServices, DefaultBlocksAreAlignedAndNewTakesARefusal)
+{
+    static int s_Constructed = 0;
+    struct SCounted
+    {
+        SCounted() { ++s_Constructed; }
+        u32 m_Value = 7;
+    };
+    CAllocatorHook memory;
+    SCounted *object = Mem::New<SCounted>(TZ_CALL_SITE);
+    ASSERT_NE(object, nullptr);
+    EXPECT_EQ(ureg(object) % 16, 0u);
+    EXPECT_EQ(memory.LiveBytes(), sizeof(SCounted));
+    Mem::Delete(TZ_CALL_SITE, object);
+    EXPECT_EQ(memory.LiveBlockCount(), 0u) << "of the same origin, or the hook says so";
+    memory.RefuseAt(1);
+    EXPECT_EQ(Mem::New<SCounted>(TZ_CALL_SITE), nullptr);
+    EXPECT_EQ(s_Constructed, 1);
+    Mem::Delete<SCounted>(TZ_CALL_SITE, null);
+
+    const Mem::SAllocator &allocator = Mem::DefaultAllocator();
+    void *block = allocator.m_Alloc(10, 256, Mem::AllocType_Generic, Mem::Origin_Alloc, "", "", 0, "");
+    EXPECT_EQ(ureg(block) % 256, 0u);
+    std::memset(block, 0x5A, 10);
+    block = allocator.m_Realloc(block, 5000, 256, Mem::AllocType_Generic, "", "", 0, "");
+    EXPECT_EQ(ureg(block) % 256, 0u);
+    EXPECT_EQ(static_cast<u8 *>(block)[9], 0x5A);
+    allocator.m_Free(block, Mem::AllocType_Generic, Mem::Origin_Alloc, "", "", 0, "");
+}
+
+TEST(MemoryView, ReadsElementsAndReportsEachMisuse)
+{
+    CReportRecorder reports;
+    u32 words[3] = {10, 20, 30};
+    const TMemoryView<u32> view(words, 3);
+    const TMemoryView<const u32> constView = view;
+    EXPECT_EQ(std::accumulate(constView.begin(), constView.end(), 0u), 60u);
+    EXPECT_EQ(reports.Count(), 0u);
+    EXPECT_EQ(view[3], 0u) << "a stand-in, not the memory behind the view";
+    reports.Expect({"index < m_Count"});
+    EXPECT_EQ(TMemoryView<u32>()[0], 0u);
+    reports.Expect({"m_Data != null", "index < m_Count"});
+}
+
+TEST(StridedMemoryView, StepsInWrappingBytes)
+{
+    CReportRecorder reports;
+    u32 words[6] = {10, 11, 20, 21, 30, 31};
+    const TStridedMemoryView<u32> view(words, 3, 8);
+    const TStridedMemoryView<const u32> constView = view;
+    EXPECT_EQ(constView[2], 30u);
+    u32 sum = 0;
+    for (const u32 word : constView)
+        sum += word;
+    EXPECT_EQ(sum, 60u);
+    EXPECT_EQ((TStridedMemoryView<u32>(words, 0x10001, 0x10000)[0x10000]), 10u) << "the product has 32 bits";
+    EXPECT_EQ((TStridedMemoryView<u32>(words, 100, 0)[99]), 10u);
+    EXPECT_EQ((TStridedMemoryView<const u32>(TMemoryView<const u32>(words, 6))[5]), 31u);
+    EXPECT_EQ(reports.Count(), 0u);
+
+    EXPECT_EQ(TStridedMemoryView<u32>()[0], 0u);
+    reports.Expect({"m_Storage.m_RawDataPtr != null", "index < m_Storage.m_Count"});
+}
+
+TEST(ProfilerScope, IsHeardFromBeginToEndAndDescribedOnce)
+{
+    const auto profiled = []
+    {
+        TZ_PROFILE_SCOPE("a name");
+        EXPECT_TRUE(true);
+    };
+    profiled(); // nobody listens
+    CProfilerRecorder profiler;
+    profiled();
+    const Profiler::SNodeDescriptor *node = profiler.Find("a name");
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(profiler.Take(), (std::vector<std::string>{"+a name", "-a name"}));
+    EXPECT_EQ(node->m_Flags, 0u);
+    EXPECT_NE(std::string(node->m_FileAndFunction).find("basics_test.cpp"), std::string::npos);
+    EXPECT_EQ(node->m_Color, Profiler::SNodeDescriptor::AutogenColor("a name"));
+    EXPECT_NE(node->m_Color, Profiler::SNodeDescriptor::AutogenColor("another"));
+    const Profiler::SNodeDescriptor red("red", "", CFloat3(1.0f, 0.0f, 0.2f), 0);
+    EXPECT_EQ(red.m_ColorRGBA8, 0xFF3300FFu);
+    EXPECT_EQ(red.m_ColorBGRA8, 0xFFFF0033u);
 }
 
 } // namespace

@@ -66,33 +66,17 @@ TEST(CriticalSection, IsReentrantAndForgetsItsOwnerAtEachUnlock)
 {
     Threads::CCriticalSection section;
     EXPECT_EQ(section.m_Owner, CGuid::INVALID.Get());
-    const auto isFreeForOthers = [&section]
-    {
-        bool isFree = false;
-        std::thread(
-            [&]
-            {
-                isFree = section.TryLock();
-                if (isFree)
-                    section.Unlock();
-            })
-            .join();
-        return isFree;
-    };
-
     section.Lock();
     EXPECT_EQ(section.m_Owner, CCurrentThread::ThreadID());
     section.Lock();
-    const u64 unlockCount = CThreadStats::CSUnlockCount();
-    section.Unlock();
-    EXPECT_EQ(CThreadStats::CSUnlockCount(), unlockCount + 1);
-    EXPECT_EQ(section.m_Owner, CGuid::INVALID.Get());
-    EXPECT_FALSE(isFreeForOthers());
-    section.Lock();
-    section.Unlock();
-    EXPECT_FALSE(isFreeForOthers());
-    section.Unlock();
-    EXPECT_TRUE(isFreeForOthers());
+    for (const bool isFree : {false, true})
+    {
+        const u64 unlockCount = CThreadStats::CSUnlockCount();
+        section.Unlock();
+        EXPECT_EQ(CThreadStats::CSUnlockCount(), unlockCount + 1);
+        EXPECT_EQ(section.m_Owner, CGuid::INVALID.Get());
+        std::thread([&] { EXPECT_EQ(section.TryLock() && (section.Unlock(), true), isFree); }).join();
+    }
 }
 
 TEST(ThreadId, IsNeverGivenTwice)
