@@ -87,7 +87,7 @@ private:
     void _AllocateInPage(const SOperation &operation, const SPagePair &page);
     void _TakeView(const SOperation &operation, const SPagePair &page);
     void _DropView(u32 code);
-    void _BeginRead(const SPagePair &page);
+    void _BeginRead(const SOperation &operation, SPagePair page);
     void _EndRead(u32 code);
     void _Copy(const SOperation &operation, const SPagePair &dst);
 

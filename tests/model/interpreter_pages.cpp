@@ -130,7 +130,7 @@ void CInterpreter::_DoInPage(const SOperation &operation, const SPagePair &page)
     case EOperation::TakeView:
         return _TakeView(operation, page);
     case EOperation::BeginRead:
-        return _BeginRead(page);
+        return _BeginRead(operation, page);
     case EOperation::CopySubRange:
     case EOperation::CopyPage:
     case EOperation::Transfer:
@@ -235,10 +235,17 @@ void CInterpreter::_DropView(u32 code)
         m_Views.erase(m_Views.begin() + s64(code % m_Views.size()));
 }
 
-void CInterpreter::_BeginRead(const SPagePair &page)
+// Half of the time of the page that a resize pass would fill first.
+void CInterpreter::_BeginRead(const SOperation &operation, SPagePair page)
 {
     if (m_Readers.size() > 5)
         return;
+    const CNaiveStream *naive = page.m_Lister != null ? page.m_Lister->m_Naive.get() : null;
+    for (u32 i = 0; naive != null && operation.m_B % 2 == 0 && i < naive->m_Pages.size(); ++i)
+    {
+        if (naive->m_Pages[i]->m_Capacity == naive->m_PageSize && naive->m_Pages[i]->Free() >= 64)
+            page = {page.m_Lister->m_Real->_UnsafePage(CGuid(i)), naive->m_Pages[i], page.m_Lister, i};
+    }
     ++page.m_Naive->m_ReaderCount;
     m_Readers.push_back({page.m_Real, std::make_unique<CScopedRawPageReader>(page.m_Real->RawPage()), page.m_Naive});
 }

@@ -13,18 +13,39 @@ namespace
 
 constexpr u8 kFresh = 0xF3;
 
-const char *const kRefusal = "dstStartId.Valid() && dst.PrepareForWriting()";
-const char *const kSameField = "srcField.m_Definition == dstField.m_Definition";
-
 void CopyColumn(CNaivePage &dst, u32 column, u32 dstStart, const CNaivePage &src, u32 start, u32 count)
 {
-    const SNaiveColumn &from = src.m_Columns[column];
-    const u32 liveCount = start < src.m_Count ? std::min(count, src.m_Count - start) : 0;
-    if (from.m_Field.m_Size != dst.m_Columns[column].m_Field.m_Size || liveCount != count)
+    const bool isAlive = u64(start) + count <= src.m_Count;
+    if (src.m_Columns[column].m_Field.m_Size != dst.m_Columns[column].m_Field.m_Size || !isAlive)
         dst.Forget(column, dstStart);
     else
         dst.Overwrite(column, dstStart, std::vector<u8>(src.Row(column, start), src.Row(column, start + count)).data(),
                       count);
+}
+
+// Takes slots and copies into them, unless the range lies outside src or dst refuses.
+bool CopyRun(CNaivePage &dst, const CNaivePage &src, u32 start, u32 count, bool checksConstants)
+{
+    SNaiveWorld &world = dst.m_World;
+    if (u64(start) + count > src.m_Capacity)
+    {
+        world.m_AnyReports = true;
+        return false;
+    }
+    if (!world.Check(count <= dst.Free() && dst.IsWritable(), "dstStartId.Valid() && dst.PrepareForWriting()"))
+        return false;
+    const u32 dstStart = dst.m_Count;
+    dst.Append(count);
+    for (u32 i = 0; i < std::min(src.m_Columns.size(), dst.m_Columns.size()); ++i)
+    {
+        const bool isStored = dst.m_Columns[i].m_Field.m_Size != 0;
+        if (isStored || checksConstants)
+            world.Check(src.m_Columns[i].m_Field == dst.m_Columns[i].m_Field,
+                        "srcField.m_Definition == dstField.m_Definition");
+        if (isStored)
+            CopyColumn(dst, i, dstStart, src, start, count);
+    }
+    return true;
 }
 
 } // namespace
@@ -80,51 +101,14 @@ void CNaivePage::Forget(u32 column, u32 first) { m_Unknown.push_back({column, fi
 
 bool CopySubRange(CNaivePage &dst, const CNaivePage &src, u32 start, u32 count)
 {
-    SNaiveWorld &world = dst.m_World;
-    world.Check(count <= dst.Free(), "transferCount <= dst.Capacity() - dst.ParticleCount()");
-    if (count == 0)
-        return true;
-    if (u64(start) + count > src.m_Capacity)
-    {
-        world.m_AnyReports = true;
-        return false;
-    }
-    if (!world.Check(count <= dst.Free() && dst.IsWritable(), kRefusal))
-        return false;
-    const u32 dstStart = dst.m_Count;
-    dst.Append(count);
-    for (u32 i = 0; i < std::min(src.m_Columns.size(), dst.m_Columns.size()); ++i)
-    {
-        world.Check(src.m_Columns[i].m_Field == dst.m_Columns[i].m_Field, kSameField);
-        if (dst.m_Columns[i].m_Field.m_Size != 0)
-            CopyColumn(dst, i, dstStart, src, start, count);
-    }
-    return true;
+    dst.m_World.Check(count <= dst.Free(), "transferCount <= dst.Capacity() - dst.ParticleCount()");
+    return count == 0 || CopyRun(dst, src, start, count, true);
 }
 
 bool CopyPage(CNaivePage &dst, const SNaiveView &src)
 {
-    SNaiveWorld &world = dst.m_World;
-    world.Check(src.m_Count <= dst.Free(), "src.ParticleCount() <= dst.Capacity() - dst.ParticleCount()");
-    if (src.m_Count == 0 || dst.m_Columns.empty())
-        return true;
-    if (u64(src.m_First) + src.m_Count > src.m_Page->m_Capacity)
-    {
-        world.m_AnyReports = true;
-        return false;
-    }
-    if (!world.Check(src.m_Count <= dst.Free() && dst.IsWritable(), kRefusal))
-        return false;
-    const u32 dstStart = dst.m_Count;
-    dst.Append(src.m_Count);
-    for (u32 i = 0; i < std::min(src.m_Page->m_Columns.size(), dst.m_Columns.size()); ++i)
-    {
-        if (dst.m_Columns[i].m_Field.m_Size == 0)
-            continue;
-        world.Check(src.m_Page->m_Columns[i].m_Field == dst.m_Columns[i].m_Field, kSameField);
-        CopyColumn(dst, i, dstStart, *src.m_Page, src.m_First, src.m_Count);
-    }
-    return true;
+    dst.m_World.Check(src.m_Count <= dst.Free(), "src.ParticleCount() <= dst.Capacity() - dst.ParticleCount()");
+    return src.m_Count == 0 || dst.m_Columns.empty() || CopyRun(dst, *src.m_Page, src.m_First, src.m_Count, false);
 }
 
 u32 Transfer(CNaivePage &dst, const SNaiveView &src, u32 start)
