@@ -84,6 +84,7 @@ TEST_F(PageAllocator, BudgetRefusesWhatWouldExceedIt)
     EXPECT_EQ(Pages().SpaceLeft(), 0u);
     Pages().SetMemoryBudget(0);
     EXPECT_TRUE(Pages().AllocPage(4096) != null);
+    EXPECT_TRUE(Allocator().AllocPage(1) == null) << "not set up";
 }
 
 TEST_F(PageAllocator, IdleBlocksGoBackAndBusyOnesStay)
@@ -104,22 +105,6 @@ TEST_F(PageAllocator, IdleBlocksGoBackAndBusyOnesStay)
     Pages().CleanAllFreePages();
     EXPECT_EQ(Pages().TotalMemoryAvailable(), 0u);
     EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 2) << "those in use";
-}
-
-TEST_F(PageAllocator, EveryRefusalGivesNullAndLosesNothing)
-{
-    const u32 blockCount = m_Memory.LiveBlockCount();
-    bool isServed = false;
-    for (u32 n = 1; !isServed; ++n)
-    {
-        m_Memory.RefuseFrom(n);
-        isServed = Pages().AllocPage(2000) != null;
-        EXPECT_EQ(isServed, m_Memory.RefusalCount() == 0);
-        EXPECT_EQ(Pages().TotalMemoryAllocated(), 0u);
-        Pages().CleanAllFreePages();
-        EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount);
-    }
-    EXPECT_TRUE(Allocator().AllocPage(1) == null) << "not set up";
 }
 
 TEST_F(PageAllocator, CountsPastFourGigabytes)

@@ -195,28 +195,6 @@ TEST_F(StreamLock, ChecksReportUnderItAndConditionsOfCallersOutside)
     EXPECT_EQ(isLocked, (std::vector<bool>{true, false, false, true, false}));
 }
 
-TEST_F(StreamLock, ThreadsShareAStream)
-{
-    constexpr u32 kRounds = 150;
-    const auto work = [this](u32 firstNumber)
-    {
-        for (u32 i = 0; i < kRounds; ++i)
-        {
-            m_Stream.AllocateParticlesIFP(1, 0); // the next check, on whatever thread, finds it counted
-            m_Stream.ComputeStats();
-            const CScopedPagesLock lock(m_Stream);
-            const CParticlePageView view = m_Stream.AllocateParticlesIFP(3, 0);
-            FillParticles(view, firstNumber + 3 * i);
-            EXPECT_TRUE(HoldsParticles(*view.OriginalPage(), view.FirstParticle(), Numbers(firstNumber + 3 * i, 3)));
-        }
-    };
-    std::thread other(work, 100000);
-    work(0);
-    other.join();
-    EXPECT_EQ(m_Stream.ParticleCount(), 8 * kRounds);
-    EXPECT_EQ(m_Stream._RecomputeParticleCount(), 8 * kRounds);
-}
-
 TEST_F(StreamLock, UnboundStreamIsEmptyAndMakesNothing)
 {
     CTestStream stream(0);
@@ -304,18 +282,6 @@ TEST_F(StreamLock, SwapExchangesSixMembersAndTheParents)
     other.Swap(m_Stream);
     m_Reports.Expect({"m_PagesLocked == 0"});
     other.UnlockPages();
-}
-
-TEST_F(StreamLock, SwappedDefinitionWithoutItsSlotsIsReportedAndSafe)
-{
-    CTestStream other(10);
-    m_Stream.Swap(other);
-    const CParticlePageView view = other.AllocateParticlesIFP(3, 0);
-    m_Reports.Expect({"m_ConstantDataFieldSlot.Count() == streamDef.Count()", "m_Storage.m_RawDataPtr != null",
-                      "index < m_Storage.m_Count"});
-    EXPECT_EQ(view.ParticleCount(), 3u);
-    EXPECT_EQ(view.Streams()[2].m_RawDataPtr, nullptr);
-    EXPECT_TRUE(view.Column<CFloat4>(CGuid(2)).Empty());
 }
 
 } // namespace

@@ -74,18 +74,17 @@ TEST_F(PageSize, UnchangedDoesNothingAndClampedIsNotUnchanged)
     stream.RegisterBornCount_NoConsistencyCheck(1);
     stream.SetPageSize(16);
     EXPECT_FALSE(stream.HasPendingResizes()) << "nothing is counted, nor checked";
-    EXPECT_EQ(m_Reports.Count(), 0u);
     for (int i = 0; i < 2; ++i)
     {
+        EXPECT_EQ(m_Reports.Count(), 0u);
         stream.SetPageSize(1024);
         m_Reports.Expect({kCountText, kCountText});
         EXPECT_FALSE(stream.HasPendingResizes()) << "by the clamped size";
     }
-    EXPECT_FALSE(stream._ClampPageSizeToAllocatorCapsIFN());
     stream.RegisterDeadCount(1);
     stream.SetPageSize(0);
     m_Reports.Expect({"m_PageSizeInBytes != 0 || m_StreamDef->Empty()"});
-    EXPECT_TRUE(stream.HasPendingResizes() || stream.PageSize() == 256u) << "the default, clamped";
+    EXPECT_EQ(stream.PageSize(), 256u) << "the default, clamped";
 }
 
 TEST_F(NewPage, LaysColumnsOutBackToBackAndFresh)
@@ -137,13 +136,10 @@ TEST_F(Births, RequestAcrossPagesIsServedUntilNothingIsLeft)
 {
     CTestStream stream(1000, m_Definition);
     stream.AppendPage(1000, 990);
-    stream.AppendPage(1000, 500);
     TArray<CParticlePageView> views, refused;
-    EXPECT_EQ(stream.AllocateParticles(2000, views), 2000u);
-    std::vector<u32> counts;
-    for (const CParticlePageView &view : views.View())
-        counts.push_back(view.ParticleCount());
-    EXPECT_EQ(counts, (std::vector<u32>{10, 500, 1000, 490}));
+    EXPECT_EQ(stream.AllocateParticles(1500, views), 1500u);
+    ASSERT_EQ(views.Count(), 3u);
+    EXPECT_EQ(views[2].ParticleCount(), 490u);
     m_Runtime.RefusePages();
     EXPECT_EQ(stream.AllocateParticles(2000, views), 510u);
     m_Runtime.AllowPages();
@@ -151,21 +147,6 @@ TEST_F(Births, RequestAcrossPagesIsServedUntilNothingIsLeft)
     EXPECT_EQ(stream.AllocateParticles(5, refused), 0u) << "no particle that nobody is told of";
     m_Reports.Take();
     m_Memory.RefuseNone();
-    EXPECT_EQ(stream.ParticleCount(), 4000u);
-}
-
-TEST_F(Births, MiscountIsReportedAndNothingRepaired)
-{
-    CTestStream stream(10, m_Definition);
-    stream.RegisterDeadCount(1);
-    m_Reports.Expect({kCountText, "s32(m_ParticleCount.Load()) >= 0"});
-    EXPECT_EQ(stream.ParticleCount(), 0xFFFFFFFFu);
-    stream.RegisterBornCount(4);
-    m_Reports.Expect({kCountText});
-    stream.StreamId(CStringId(Life));
-    m_Reports.Expect({kCountText});
-    stream.RegisterBornCount_NoConsistencyCheck(1);
-    stream.RegisterDeadCount(4);
 }
 
 TEST_F(Births, StatisticsAreSummedAndPrinted)

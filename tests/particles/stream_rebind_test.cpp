@@ -41,20 +41,6 @@ protected:
 
 using Conversion = Rebind;
 
-TEST_F(Rebind, OfTheBoundObjectOrOfNoneChangesNothing)
-{
-    CTestStream stream(10, m_Definition);
-    stream.AppendPage(10, 3);
-    const S64Bytes block = {};
-    stream.BindStreamDef(&m_Definition.Def(), TMemoryView<const S64Bytes>(&block, 1), {}, {});
-    EXPECT_EQ(m_Reports.Count(), 0u);
-    stream.BindStreamDef(null, TMemoryView<const S64Bytes>(&block, 1), {}, {});
-    m_Reports.Expect({"def != null"});
-    EXPECT_EQ(stream.GetStreamDef(), &m_Definition.Def());
-    EXPECT_EQ(stream.ConstantData().Data(), m_Definition.ConstantData().Data());
-    EXPECT_EQ(stream.ParticleCount(), 3u);
-}
-
 TEST_F(Rebind, FieldsKeepTheirValuesByNameAndNewOnesAreZero)
 {
     CTestStream stream(10, m_Definition);

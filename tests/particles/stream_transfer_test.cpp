@@ -115,16 +115,6 @@ TEST_F(Resize, FillsPagesWithEnoughRoomFirst)
     EXPECT_TRUE(HoldsRun(*stream->Page(CGuid(1)), 0, 400));
 }
 
-TEST_F(Resize, CounterThatIsTooHighEndsThePass)
-{
-    CTestStream &stream = Make(100, {{50, 0}, {50, 0}, {100, 20}});
-    stream.GarbageCollectOldPages(null);
-    stream.ResizePending(9);
-    m_Reports.Expect({kSyncText, kSyncText});
-    EXPECT_EQ(stream.ParticleCounts(), Counts{20}) << "no page is made for nothing";
-    EXPECT_FALSE(stream.HasPendingResizes());
-}
-
 TEST_F(Resize, RefusalsAreReportedAndTheOthersGoOn)
 {
     CTestStream *stream = &Make(100, {{50, 30}, {100, 0}, {100, 10}});
