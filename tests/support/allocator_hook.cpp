@@ -31,15 +31,6 @@ CAllocatorHook::~CAllocatorHook()
         ADD_FAILURE() << "not given back: " << block.second.m_Size << " bytes from " << block.second.m_Where;
 }
 
-void CAllocatorHook::RefuseNone() { RefuseIf(FnRefuses()); }
-void CAllocatorHook::RefuseAt(u32 n)
-{
-    RefuseIf([this, n](const SMemoryCall &) { return m_RequestCount == n; });
-}
-void CAllocatorHook::RefuseFrom(u32 n)
-{
-    RefuseIf([this, n](const SMemoryCall &) { return m_RequestCount >= n; });
-}
 void CAllocatorHook::RefuseIf(FnRefuses predicate)
 {
     const std::lock_guard<std::mutex> lock(m_Lock);
@@ -48,43 +39,16 @@ void CAllocatorHook::RefuseIf(FnRefuses predicate)
     m_RefusalCount = 0;
 }
 
-u32 CAllocatorHook::RequestCount() const
-{
-    const std::lock_guard<std::mutex> lock(m_Lock);
-    return m_RequestCount;
-}
-
-u32 CAllocatorHook::RefusalCount() const
-{
-    const std::lock_guard<std::mutex> lock(m_Lock);
-    return m_RefusalCount;
-}
-
 void CAllocatorHook::AtEachCall(FnAtCall callback)
 {
     const std::lock_guard<std::mutex> lock(m_Lock);
     m_AtCall = std::move(callback);
 }
 
-void CAllocatorHook::ServeAtMost(u64 bytes)
-{
-    const std::lock_guard<std::mutex> lock(m_Lock);
-    m_ServeAtMost = bytes;
-}
-
 u32 CAllocatorHook::LiveBlockCount() const
 {
     const std::lock_guard<std::mutex> lock(m_Lock);
     return u32(m_Live.size());
-}
-
-u64 CAllocatorHook::LiveBytes() const
-{
-    const std::lock_guard<std::mutex> lock(m_Lock);
-    u64 sum = 0;
-    for (const auto &block : m_Live)
-        sum += block.second.m_Size;
-    return sum;
 }
 
 bool CAllocatorHook::_Begins(const SMemoryCall &call, Mem::EAllocType type, const char *tag)
@@ -115,7 +79,7 @@ void *CAllocatorHook::OnAlloc(u64 size, u32 alignment, Mem::EAllocType type, Mem
     EXPECT_EQ(alignment, 0u) << function;
     if (!self._Begins({SMemoryCall::Alloc, null, size, origin, function}, type, tag))
         return null;
-    const u64 served = self.m_ServeAtMost != 0 ? TZMin(size, self.m_ServeAtMost) : size;
+    const u64 served = self.m_ServeAtMost != 0 ? TZMin(size, self.m_ServeAtMost.load()) : size;
     void *block = Mem::DefaultAllocator().m_Alloc(served, alignment, type, origin, tag, file, line, function);
     if (block != null)
         std::memset(block, 0x5A, size_t(served)); // nobody may take new memory for cleared or fresh

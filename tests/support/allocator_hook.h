@@ -3,6 +3,7 @@
 // Blocks that are older than the hook may be freed under it. One at a time.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -42,21 +43,27 @@ public:
     ~CAllocatorHook(); // fails the test when blocks are still live
 
     // Requests (Alloc and Realloc) are counted from 1 on, anew at each of these.
-    void RefuseNone();
-    void RefuseAt(u32 n);   // the n-th request alone
-    void RefuseFrom(u32 n); // the n-th and all behind it
     void RefuseIf(FnRefuses predicate);
-    u32 RequestCount() const; // since then
-    u32 RefusalCount() const; // since then
+    void RefuseNone() { RefuseIf(FnRefuses()); }
+    // The n-th request alone; or it and all behind it.
+    void RefuseAt(u32 n)
+    {
+        RefuseIf([this, n](const SMemoryCall &) { return m_RequestCount == n; });
+    }
+    void RefuseFrom(u32 n)
+    {
+        RefuseIf([this, n](const SMemoryCall &) { return m_RequestCount >= n; });
+    }
+    u32 RequestCount() const { return m_RequestCount; } // since then
+    u32 RefusalCount() const { return m_RefusalCount; } // since then
 
     // Hears every call before it is served, under the locks of the caller.
     void AtEachCall(FnAtCall callback);
 
     // An Alloc of more bytes than these gets no more: for accounting of sizes that no machine has. 0: none.
-    void ServeAtMost(u64 bytes);
+    void ServeAtMost(u64 bytes) { m_ServeAtMost = bytes; }
 
     u32 LiveBlockCount() const;
-    u64 LiveBytes() const; // as asked
 
 private:
     struct SLiveBlock
@@ -79,9 +86,9 @@ private:
     std::unordered_map<void *, SLiveBlock> m_Live;
     FnRefuses m_Refuses;
     FnAtCall m_AtCall;
-    u32 m_RequestCount = 0;
-    u32 m_RefusalCount = 0;
-    u64 m_ServeAtMost = 0;
+    std::atomic<u32> m_RequestCount{0};
+    std::atomic<u32> m_RefusalCount{0};
+    std::atomic<u64> m_ServeAtMost{0};
 };
 
 } // namespace Tests

@@ -1,6 +1,7 @@
 #include "particle_values.h"
 
-#include <cstring>
+#include <algorithm>
+#include <numeric>
 
 #include <tz_memory.h>
 
@@ -9,28 +10,37 @@ namespace Tessaly
 namespace Tests
 {
 
-void MakeValue(u32 number, CStringId fieldName, u32 storageSize, u8 *out)
+namespace
 {
-    for (u32 i = 0; i < storageSize; ++i)
+
+// The value of particle number in a field.
+std::vector<u8> MakeValue(u32 number, const SParticleStreamFieldDef &field)
+{
+    std::vector<u8> value(field.m_StorageSize);
+    for (u32 i = 0; i < value.size(); ++i)
     {
         // Odd factors: different numbers give different words.
-        const u32 word = (number + 1) * 2654435761u + fieldName.m_Id * 40503u + (i / 4) * 97u;
-        out[i] = static_cast<u8>(word >> (8 * (i % 4)));
+        const u32 word = (number + 1) * 2654435761u + field.m_NameGUID.m_Id * 40503u + (i / 4) * 97u;
+        value[i] = static_cast<u8>(word >> (8 * (i % 4)));
     }
+    return value;
 }
+
+} // namespace
 
 void FillParticles(const CParticlePageView &view, u32 firstNumber)
 {
     for (const SParticleStreamField &field : view.Streams())
     {
-        const u32 size = field.m_Definition.m_StorageSize;
-        for (u32 i = 0; size != 0 && i < view.ParticleCount(); ++i)
-            MakeValue(firstNumber + i, field.m_Definition.m_NameGUID, size,
-                      field.m_RawDataPtr + size_t(size) * (view.FirstParticle() + i));
+        for (u32 i = 0; !field.IsConstant() && i < view.ParticleCount(); ++i)
+        {
+            const std::vector<u8> value = MakeValue(firstNumber + i, field.m_Definition);
+            std::copy(value.begin(), value.end(), field.m_RawDataPtr + value.size() * (view.FirstParticle() + i));
+        }
     }
 }
 
-u32 FillParticles(const CParticleStream_MainMemory &stream, u32 firstNumber)
+void FillParticles(const CParticleStream_MainMemory &stream, u32 firstNumber)
 {
     for (u32 i = 0; i < stream.PageCount(); ++i)
     {
@@ -38,7 +48,6 @@ u32 FillParticles(const CParticleStream_MainMemory &stream, u32 firstNumber)
         FillParticles(view, firstNumber);
         firstNumber += view.ParticleCount();
     }
-    return firstNumber;
 }
 
 ::testing::AssertionResult HoldsParticles(const CParticlePage &page, u32 first, const std::vector<u32> &numbers)
@@ -47,15 +56,12 @@ u32 FillParticles(const CParticleStream_MainMemory &stream, u32 firstNumber)
         return ::testing::AssertionFailure() << "the page holds only " << page.ParticleCount() << " particles";
     for (const SParticleStreamField &field : page.Streams())
     {
-        const u32 size = field.m_Definition.m_StorageSize;
         if (field.m_ParticleCount != page.ParticleCount())
-            return ::testing::AssertionFailure()
-                   << "a field counts " << field.m_ParticleCount << " particles, the page " << page.ParticleCount();
-        std::vector<u8> expected(size);
-        for (u32 i = 0; size != 0 && i < numbers.size(); ++i)
+            return ::testing::AssertionFailure() << "a field counts " << field.m_ParticleCount << " particles";
+        for (u32 i = 0; !field.IsConstant() && i < numbers.size(); ++i)
         {
-            MakeValue(numbers[i], field.m_Definition.m_NameGUID, size, expected.data());
-            if (std::memcmp(expected.data(), field.m_RawDataPtr + size_t(size) * (first + i), size) != 0)
+            const std::vector<u8> value = MakeValue(numbers[i], field.m_Definition);
+            if (!std::equal(value.begin(), value.end(), field.m_RawDataPtr + value.size() * (first + i)))
                 return ::testing::AssertionFailure() << "field " << field.m_Definition.m_NameGUID.m_Id << ": slot "
                                                      << first + i << " is not particle " << numbers[i];
         }
@@ -89,8 +95,7 @@ u32 FillParticles(const CParticleStream_MainMemory &stream, u32 firstNumber)
 std::vector<u32> Numbers(u32 first, u32 count)
 {
     std::vector<u32> numbers(count);
-    for (u32 i = 0; i < count; ++i)
-        numbers[i] = first + i;
+    std::iota(numbers.begin(), numbers.end(), first);
     return numbers;
 }
 

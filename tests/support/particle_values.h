@@ -14,13 +14,10 @@ namespace Tessaly
 namespace Tests
 {
 
-// The value of particle number in a field: storageSize bytes at out.
-void MakeValue(u32 number, CStringId fieldName, u32 storageSize, u8 *out);
-
 // Gives the view's particles the numbers firstNumber, firstNumber + 1, ... in every stored field.
 void FillParticles(const CParticlePageView &view, u32 firstNumber);
-// The same for all particles of a stream, page after page; returns the number behind the last one.
-u32 FillParticles(const CParticleStream_MainMemory &stream, u32 firstNumber);
+// The same for all particles of a stream, page after page.
+void FillParticles(const CParticleStream_MainMemory &stream, u32 firstNumber);
 
 // Whether the particles of page from first on are those numbers, in every stored field.
 ::testing::AssertionResult HoldsParticles(const CParticlePage &page, u32 first, const std::vector<u32> &numbers);

@@ -36,11 +36,6 @@ CReportRecorder::~CReportRecorder()
     EXPECT_EQ(Texts(m_Seen), std::vector<std::string>()) << "reports that nobody expected";
 }
 
-void CReportRecorder::Expect(std::initializer_list<const char *> texts)
-{
-    Expect(std::vector<std::string>(texts.begin(), texts.end()));
-}
-
 void CReportRecorder::Expect(const std::vector<std::string> &texts) { EXPECT_EQ(Texts(Take()), texts); }
 
 std::vector<SSeenReport> CReportRecorder::Take()

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <functional>
-#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -37,7 +36,6 @@ public:
     ~CReportRecorder(); // fails the test when reports are left that were neither expected nor taken
 
     // Demands that exactly these texts, in this order, were reported since the last Expect or Take.
-    void Expect(std::initializer_list<const char *> texts);
     void Expect(const std::vector<std::string> &texts);
     // The reports since the last Expect or Take, for a closer look; they count as expected.
     std::vector<SSeenReport> Take();
