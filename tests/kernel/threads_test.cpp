@@ -75,7 +75,15 @@ TEST(CriticalSection, IsReentrantAndForgetsItsOwnerAtEachUnlock)
         section.Unlock();
         EXPECT_EQ(CThreadStats::CSUnlockCount(), unlockCount + 1);
         EXPECT_EQ(section.m_Owner, CGuid::INVALID.Get());
-        std::thread([&] { EXPECT_EQ(section.TryLock() && (section.Unlock(), true), isFree); }).join();
+        std::thread(
+            [&]
+            {
+                EXPECT_EQ(section.TryLock(), isFree);
+                EXPECT_EQ(section.m_Owner, isFree ? CCurrentThread::ThreadID() : CGuid::INVALID.Get());
+                if (isFree)
+                    section.Unlock();
+            })
+            .join();
     }
 }
 
