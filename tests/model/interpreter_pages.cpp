@@ -102,13 +102,14 @@ void MakeRow(CRandom &random, const SNaiveType &type, std::vector<u8> &row)
 CInterpreter::SPagePair CInterpreter::_Page(const SOperation &operation, u32 code)
 {
     SPair &stream = _Stream(operation.m_Stream);
-    const u32 listed = u32(stream.m_Naive->m_Pages.size()), all = listed + u32(m_Views.size());
-    if (all == 0)
+    const u32 listed = u32(stream.m_Naive->m_Pages.size()), held = u32(m_Views.size());
+    if (listed + held == 0)
         return {};
-    const u32 index = code % all;
-    if (index < listed)
+    const bool isHeld = held != 0 && (listed == 0 || code % 4 == 3);
+    const u32 index = code / 4 % (isHeld ? held : listed);
+    if (!isHeld)
         return {stream.m_Real->_UnsafePage(CGuid(index)), stream.m_Naive->m_Pages[index], &stream, index};
-    SHeldView &view = m_Views[index - listed];
+    SHeldView &view = m_Views[index];
     for (SPair &lister : m_Streams)
     {
         const std::vector<PNaivePage> &pages = lister.m_Naive->m_Pages;

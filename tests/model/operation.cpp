@@ -65,6 +65,19 @@ std::vector<u8> Encode(const Script &script)
     return bytes;
 }
 
+Script LongListScript(u64 seed)
+{
+    CRandom random(seed);
+    Script script;
+    for (u8 stream = 0; stream < 2; ++stream)
+        script.insert(script.end(), {{EOperation::Bind, stream, u16(random.Bits()), 0, 0},
+                                     {EOperation::SetPageSize, stream, 8, 0, 0},
+                                     {EOperation::AllocateAll, stream, 24, 0, 0},
+                                     {EOperation::TakeView, stream, u16(random.Bits()), 0, 0},
+                                     {EOperation::TakeView, stream, u16(random.Bits()), 0, 0}});
+    return script;
+}
+
 Script RandomScript(u64 seed, u32 length)
 {
     CRandom random(seed);
