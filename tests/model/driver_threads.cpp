@@ -1,5 +1,6 @@
 // A round of threads. Every particle has a number, from which follows what its columns hold; what was born and has not
-// died must be there at the end, each once and whole. Nothing may be reported, whatever the threads do to each other.
+// died must be there at the end, each once and whole. On a second stream particles are counted only, and no thread
+// holds the lock around an operation. Nothing may be reported, whatever the threads do to each other.
 #include "drivers.h"
 
 #include <algorithm>
@@ -74,10 +75,14 @@ public:
         : m_Seed(seed)
         , m_Barrier(threadCount)
         , m_Shared(64)
+        , m_Growing(10)
+        , m_Changing(10)
     {
         m_Definition.Stored(kNumber, BaseType_U32, 4).Stored(kVector, BaseType_Float3, 12);
         m_Definition.Stored(kOdd, BaseType_U8, 13).Constant(kShared, BaseType_U32, u32(77));
         m_Definition.BindTo(m_Shared);
+        m_Definition.BindTo(m_Growing);
+        m_Definition.BindTo(m_Changing);
     }
 
     using FnStep = void (CRound::*)(CRandom &random);
@@ -133,6 +138,37 @@ public:
                    (m_Shared.HasPendingResizes() ? 1 : 0) + m_Shared.PageCount();
     }
 
+    void CountedBirth(CRandom &random)
+    {
+        m_Balance += m_Growing.AllocateParticlesIFP(1 + random.Below(9), 1).ParticleCount();
+        // The view is made behind the allocation's own lock: where others remove, it takes one around both.
+        const CScopedPagesLock lock(m_Changing);
+        m_Balance += m_Changing.AllocateParticlesIFP(1 + random.Below(9), 1).ParticleCount();
+    }
+
+    // One thread alone does this: what it sees of a page can only grow until it comes back.
+    void CountedDeath(CRandom &random)
+    {
+        std::vector<u32> rows;
+        u32 pageId = 0;
+        {
+            const CScopedPagesLock lock(m_Changing);
+            pageId = m_Changing.PageCount() != 0 ? random.Below(m_Changing.PageCount()) : 0;
+            for (u32 i = 0; m_Changing.PageCount() != 0 && i < m_Changing.Page(CGuid(pageId))->ParticleCount(); i += 2)
+                rows.push_back(i);
+        }
+        std::this_thread::yield();
+        if (!rows.empty())
+            m_Balance -= m_Changing.RemoveParticles(CGuid(pageId), {rows.data(), u32(rows.size())});
+    }
+
+    void CountedPageSize(CRandom &random)
+    {
+        m_Growing.SetPageSize(10 + random.Below(40));
+        if (m_Growing.StreamId(CStringId(kVector)) != CGuid(1))
+            _Tell("an answer that can not be");
+    }
+
     // Streams of the thread's own: filled, copied and swapped, with the others only in the allocator.
     void Own(CRandom &random)
     {
@@ -170,6 +206,9 @@ public:
     std::string Finish()
     {
         _Expect(m_Shared, m_Alive);
+        if (m_Growing.ParticleCount() + m_Changing.ParticleCount() != m_Balance ||
+            m_Growing.ComputeStats().m_ParticleCount + m_Changing.ComputeStats().m_ParticleCount != m_Balance)
+            _Tell("another count than births less deaths");
         return m_Wrong;
     }
 
@@ -252,15 +291,19 @@ private:
     Tests::CDefinition m_Definition;
     CParticleStream_MainMemory m_Shared;
     std::vector<u32> m_Alive; // in m_Shared, guarded by its lock
+    CParticleStream_MainMemory m_Growing, m_Changing;
+    std::atomic<u32> m_Balance{0}; // births less deaths in both
     std::atomic<u32> m_NextNumber{1};
     std::atomic<u64> m_Asked{0};
     std::mutex m_WrongLock;
     std::string m_Wrong;
 };
 
-const CRound::FnStep kSteps_Of[] = {&CRound::Birth,   &CRound::Birth,  &CRound::Death, &CRound::Resize,
-                                    &CRound::Collect, &CRound::Render, &CRound::Ask,   &CRound::Own,
-                                    &CRound::Own,     &CRound::Blocks, &CRound::Blocks};
+// A thread each.
+const CRound::FnStep kThreads[] = {
+    &CRound::Birth,  &CRound::Birth,        &CRound::Death,        &CRound::Resize,       &CRound::Collect,
+    &CRound::Render, &CRound::Ask,          &CRound::Own,          &CRound::Own,          &CRound::Blocks,
+    &CRound::Blocks, &CRound::CountedBirth, &CRound::CountedBirth, &CRound::CountedDeath, &CRound::CountedPageSize};
 
 } // namespace
 
@@ -270,11 +313,11 @@ std::string DriveThreads(u64 seed, SFigures &figures)
     Tests::CReportRecorder reports;
     std::string wrong;
     {
-        constexpr u32 kThreadCount = u32(sizeof(kSteps_Of) / sizeof(kSteps_Of[0]));
+        constexpr u32 kThreadCount = u32(sizeof(kThreads) / sizeof(kThreads[0]));
         CRound round(seed, kThreadCount);
         std::vector<std::thread> threads;
         for (u32 i = 0; i < kThreadCount; ++i)
-            threads.emplace_back([&round, i] { round.Run(i, kSteps_Of[i]); });
+            threads.emplace_back([&round, i] { round.Run(i, kThreads[i]); });
         for (std::thread &thread : threads)
             thread.join();
         wrong = round.Finish();
