@@ -76,8 +76,8 @@ public:
 
     // Takes up to wishedCount slots, in particles, of one page: the first in the list with room for minCountHint of
     // them (0 or more than wishedCount: for all), else a new page. Returns the view on them, already counted; empty
-    // when no page can be had. The new values read 0xF3 until the caller writes them: where other threads may look,
-    // allocate and fill under one lock. Takes the lock. O(pages).
+    // when no page can be had. The new values read 0xF3 until the caller writes them: where other threads may look, or
+    // remove particles, allocate and fill under one lock. Takes the lock. O(pages).
     CParticlePageView AllocateParticlesIFP(u32 wishedCount, u32 minCountHint);
     // Asks AllocateParticlesIFP until count particles are served or nothing more can be had; free slots of existing
     // pages are used up first. Appends the views to outViews and returns how many particles they hold.
