@@ -100,23 +100,6 @@ void ConvertRows(const SColumnPair &pair)
     }
 }
 
-// Three words into four, the most usual change of all: in halves of a row, which the compiler does not find by itself.
-template <>
-void ConvertRows<SCopyLane, 3, 4>(const SColumnPair &pair)
-{
-    const u8 *__restrict src = pair.m_Src;
-    u8 *__restrict dst = pair.m_Dst;
-    const size_t srcStride = pair.m_SrcStride;
-    const u64 rest = u64(pair.m_RestByte * 0x01010101u) << 32;
-    for (u32 row = 0; row < pair.m_RowCount; ++row, src += srcStride, dst += 16)
-    {
-        const u64 firstHalf = Load<u64>(src);
-        const u64 secondHalf = Load<u32>(src + 8) | rest;
-        Store(dst, firstHalf);
-        Store(dst + 8, secondHalf);
-    }
-}
-
 template <typename _Op, u32 _DstLanes>
 void ConvertRowsOf(const SColumnPair &pair)
 {
