@@ -158,6 +158,8 @@ private:
     static bool Startup() { return true; }
     static void Shutdown() {}
 
+    static constexpr u32 kDefaultPageSize = 1024; // particles
+
     class CResizePass;
 
     // The same as AllocNewPage_NoLock, but leaves the rows before firstFreshRow as they are: the caller writes them.

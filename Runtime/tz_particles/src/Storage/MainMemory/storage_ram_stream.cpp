@@ -6,13 +6,6 @@
 namespace Tessaly
 {
 
-namespace
-{
-
-constexpr u32 kDefaultPageSize = 1024; // particles
-
-} // namespace
-
 CParticleStream_MainMemory::CParticleStream_MainMemory(u32 pageSize)
     : m_PageSize(pageSize)
     , m_PageSizeInBytes(0)

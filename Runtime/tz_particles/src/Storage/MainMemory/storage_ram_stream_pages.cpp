@@ -14,8 +14,6 @@ namespace Tessaly
 namespace
 {
 
-constexpr u32 kDefaultPageSize = 1024; // particles
-
 // Bytes of one column, wherever it starts in the page. Wraps around.
 u32 _ComputePageStreamSizeInBytes(u32 /*streamOffsetInPage*/, u32 pageSize, u32 storageSize)
 {

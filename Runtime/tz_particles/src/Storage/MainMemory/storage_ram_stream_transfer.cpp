@@ -125,8 +125,9 @@ void CParticleStream_MainMemory::ResizePending(u32 maxPageCountToProcess)
 //
 //   [0, m_GapStart) pages that stay   [m_GapStart, m_GapEnd) null   [m_GapEnd, Count()) not searched yet, or new
 //
-// The gap is closed before anything is reported, so that a handler finds the list as it is; only the memory services
-// are called with the gap open.
+// The gap is closed before the pass or a copy reports, so that a handler finds the list as it is. While a destination
+// is made (memory services, and what page allocation reports) it may be open: the list then holds null references,
+// which the walks that only look skip.
 //
 // Destinations are looked for from the end down. A page that was passed over never qualifies later in the pass (its
 // room does not grow), so that search goes on where it left off, too.
@@ -141,6 +142,7 @@ public:
         , m_DestinationEnd(stream.m_Pages.Count())
     {
     }
+
     // Old pages wait, or one is in progress.
     bool HasWork() const
     {
