@@ -18,18 +18,19 @@ namespace
 
 constexpr u32 kLength = 200;
 constexpr u32 kRefusedLength = 40;
-constexpr u32 kMostRequests = 150; // of a script, that are refused in turn
 
 struct SRefusal
 {
     const char *m_Name;
     bool (*m_Refuses)(u32 request, u32 n);
+    u32 m_RunCount; // with n = 1, 2, ...; 0: until nothing is refused any more
 };
 
 const SRefusal kRefusals[] = {
-    {"only", [](u32 request, u32 n) { return request == n; }},
-    {"all from", [](u32 request, u32 n) { return request >= n; }},
-    {"every second from", [](u32 request, u32 n) { return request >= n && (request - n) % 2 == 0; }}};
+    {"only", [](u32 request, u32 n) { return request == n; }, 0},
+    {"all from", [](u32 request, u32 n) { return request >= n; }, 0},
+    {"every second from", [](u32 request, u32 n) { return request >= n && (request - n) % 2 == 0; }, 0},
+    {"a random tenth by", [](u32 request, u32 n) { return CRandom(n * u64(100000) + request).OneIn(10); }, 15}};
 
 // A definition is its owner's, who does not share the library's lack of memory.
 bool IsOfOwner(const Tests::SMemoryCall &call)
@@ -63,7 +64,7 @@ Script RefusedScript(u64 seed)
 }
 
 // Runs the script with the refusal at request n; *outWasRefused: there was such a request.
-std::string RunRefused(const Script &script, const SRefusal &refusal, u32 n, bool *outWasRefused)
+std::string RunRefusedMemory(const Script &script, const SRefusal &refusal, u32 n, bool *outWasRefused)
 {
     Tests::CAllocatorHook hook;
     const Tests::CScopedRuntime runtime;
@@ -84,30 +85,45 @@ std::string RunRefused(const Script &script, const SRefusal &refusal, u32 n, boo
     }
     hook.RefuseNone();
     refusalsBefore = 0;
-    difference = difference.empty() ? interpreter.Finish() : difference;
-    return difference.empty() ? difference : std::string(refusal.m_Name) + " " + std::to_string(n) + ": " + difference;
+    return difference.empty() ? interpreter.Finish() : difference;
 }
 
-std::string RunAllRefusals(const Script &script, SFigures &figures)
+// The same for blocks of the page allocator, and no more than that: what becomes of streams is known exactly.
+std::string RunRefusedBlocks(const Script &script, const SRefusal &refusal, u32 n, bool *outWasRefused)
+{
+    Tests::CAllocatorHook hook;
+    const Tests::CScopedRuntime runtime;
+    CInterpreter interpreter;
+    interpreter.RefuseBlocks([&](u32 request) { return refusal.m_Refuses(request, n); });
+    hook.AtEachCall(
+        [&](const Tests::SMemoryCall &call)
+        {
+            if (call.m_Kind == Tests::SMemoryCall::Alloc && call.m_Function.find("_AllocNewPage") != std::string::npos)
+                interpreter.OnPageMade();
+        });
+    std::string difference;
+    for (size_t i = 0; i < script.size() && difference.empty(); ++i)
+        difference = interpreter.Run(script[i]);
+    *outWasRefused = interpreter.WasBlockRefused();
+    return difference.empty() ? interpreter.Finish() : difference;
+}
+
+using FnRunRefused = std::string (*)(const Script &script, const SRefusal &refusal, u32 n, bool *outWasRefused);
+
+std::string RunAllRefusals(const Script &script, FnRunRefused run, SFigures &figures)
 {
     std::string difference;
     for (const SRefusal &refusal : kRefusals)
     {
-        bool wasRefused = true;
-        for (u32 n = 1; n <= kMostRequests && wasRefused && difference.empty(); ++n, ++figures.m_Refusals)
-            difference = RunRefused(script, refusal, n, &wasRefused);
-    }
-    return difference;
-}
-
-std::string RunAllBudgets(const Script &script, SFigures &figures)
-{
-    std::string difference;
-    for (size_t i = 0; i < script.size() * 4 && difference.empty(); ++i, ++figures.m_Refusals)
-    {
-        Script limited = script;
-        limited.insert(limited.begin() + s64(i / 4), {EOperation::SetBudget, script[i / 4].m_Stream, u16(i % 4), 0, 0});
-        difference = RunScript(limited);
+        bool goesOn = true;
+        for (u32 n = 1; goesOn && difference.empty(); ++n, ++figures.m_Refusals)
+        {
+            bool wasRefused = false;
+            difference = run(script, refusal, n, &wasRefused);
+            if (!difference.empty())
+                difference = std::string(refusal.m_Name) + " " + std::to_string(n) + ": " + difference;
+            goesOn = refusal.m_RunCount != 0 ? n < refusal.m_RunCount : wasRefused;
+        }
     }
     return difference;
 }
@@ -135,13 +151,15 @@ std::string DriveRandom(u64 seed, SFigures &figures) { return Drive(RandomScript
 std::string DriveRefusedMemory(u64 seed, SFigures &figures)
 {
     return Drive(
-        RefusedScript(seed), [&](const Script &script) { return RunAllRefusals(script, figures); }, figures);
+        RefusedScript(seed), [&](const Script &script) { return RunAllRefusals(script, RunRefusedMemory, figures); },
+        figures);
 }
 
 std::string DriveRefusedBlocks(u64 seed, SFigures &figures)
 {
     return Drive(
-        RefusedScript(seed), [&](const Script &script) { return RunAllBudgets(script, figures); }, figures);
+        RefusedScript(seed), [&](const Script &script) { return RunAllRefusals(script, RunRefusedBlocks, figures); },
+        figures);
 }
 
 } // namespace Model

@@ -24,9 +24,10 @@ extern bool g_IsIsolated;
 
 // A random script against the model.
 std::string DriveRandom(u64 seed, SFigures &figures);
-// A random script, with every request for memory refused in turn: it alone, all from it on, every second from it on.
+// A random script, with every request for memory refused in turn: it alone, all from it on, every second from it on;
+// and with a random tenth of them.
 std::string DriveRefusedMemory(u64 seed, SFigures &figures);
-// The same for blocks of the page allocator: before each operation in turn, what is in use becomes the budget.
+// The same for blocks of the page allocator.
 std::string DriveRefusedBlocks(u64 seed, SFigures &figures);
 // A round of threads: on one stream, on streams of their own, on the page allocator.
 std::string DriveThreads(u64 seed, SFigures &figures);

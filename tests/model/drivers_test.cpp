@@ -64,8 +64,8 @@ TEST(RandomOperations, OfANewSeedAgreeWithTheModel)
     Drive(DriveRandom, seed, NumberOf("TESSALY_MODEL_COUNT", 1));
 }
 
-TEST(RefusedMemory, LeavesStreamsAsToldAndUsable) { Drive(DriveRefusedMemory, 1, 40 / kSlowness); }
-TEST(RefusedBlocks, AgreeWithTheModel) { Drive(DriveRefusedBlocks, 101, 20 / kSlowness); }
+TEST(RefusedMemory, LeavesStreamsAsToldAndUsable) { Drive(DriveRefusedMemory, 1, 20 / kSlowness); }
+TEST(RefusedBlocks, AgreeWithTheModel) { Drive(DriveRefusedBlocks, 101, 60 / kSlowness); }
 
 TEST(RefusedMemory, AtStartupLeavesNothing)
 {

@@ -34,8 +34,37 @@ CInterpreter::~CInterpreter()
     m_Recorder.Take();
 }
 
+void CInterpreter::RefuseBlocks(std::function<bool(u32 request)> refuses)
+{
+    m_RefusesBlock = std::move(refuses);
+    m_World.m_AtPageMade = [this]
+    {
+        if (m_RefusesBlock)
+            m_World.m_Budget = m_RefusesBlock(++m_NaiveBlockRequest) ? 1 : 0;
+    };
+    _BeginBlockRequest();
+}
+
+void CInterpreter::OnPageMade()
+{
+    if (m_RefusesBlock)
+        Particles::PageAllocator()->SetMemoryBudget(m_RefusesBlock(++m_RealBlockRequest) ? 1 : 0);
+}
+
+// One that was refused is over with its operation.
+void CInterpreter::_BeginBlockRequest()
+{
+    m_WasBlockRefused = m_WasBlockRefused || m_World.m_WasBlockRefused;
+    m_World.m_WasBlockRefused = false;
+    _Differ("blocks asked for", m_RealBlockRequest, m_NaiveBlockRequest);
+    m_World.m_AtPageMade();
+    OnPageMade();
+}
+
 std::string CInterpreter::Run(const SOperation &operation)
 {
+    if (m_RefusesBlock && m_World.m_WasBlockRefused)
+        _BeginBlockRequest();
     if (m_World.m_Budget != 0 && m_BudgetLife-- == 0)
     {
         m_World.m_Budget = 0;
@@ -47,6 +76,7 @@ std::string CInterpreter::Run(const SOperation &operation)
 
 std::string CInterpreter::Finish()
 {
+    m_RefusesBlock = null;
     Particles::PageAllocator()->SetMemoryBudget(0);
     m_World.m_Budget = 0;
     m_Views.clear();

@@ -27,6 +27,12 @@ public:
     explicit CInterpreter(FnWasRefused wasRefused = FnWasRefused());
     ~CInterpreter();
 
+    // Refuses requests for blocks of the page allocator on both sides, by their number from 1 on, and with one all that
+    // follow in the same operation. OnPageMade is to be called when the library makes a page object.
+    void RefuseBlocks(std::function<bool(u32 request)> refuses);
+    void OnPageMade();
+    bool WasBlockRefused() const { return m_WasBlockRefused || m_World.m_WasBlockRefused; } // ever
+
     // Runs one operation on both sides; returns what differs, or nothing.
     std::string Run(const SOperation &operation);
     // Releases everything; the same.
@@ -102,6 +108,7 @@ private:
     bool _Affords(u64 pageBytes, u64 pageCount);
     bool _AffordsPages(const CNaiveStream &stream, u64 pageCount);
     bool _AffordsRebuild(const CNaiveStream &stream, const SLoan &loan);
+    void _BeginBlockRequest();
     bool _WasRefused() const { return m_WasRefused && m_WasRefused(); }
     // To be called when the model has done its part.
     void _AdoptIfRefused(EAdoption adoption) { m_Adoption = _WasRefused() ? adoption : EAdoption::None; }
@@ -127,6 +134,9 @@ private:
     bool m_NeedsReport = false; // at least one, of any text
     EAdoption m_Adoption = EAdoption::None;
     u32 m_BudgetLife = 0; // operations
+    std::function<bool(u32 request)> m_RefusesBlock;
+    u32 m_RealBlockRequest = 0, m_NaiveBlockRequest = 0;
+    bool m_WasBlockRefused = false;
 };
 
 } // namespace Model

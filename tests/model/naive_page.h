@@ -1,6 +1,7 @@
 // A page as the model has it: rows of bytes in plain vectors, one vector a column.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,7 +20,8 @@ struct SNaiveWorld
     bool m_AnyReports = false; // what is reported now is not told
     u64 m_BlockBytes = 0;
     u64 m_Budget = 0; // 0: none
-
+    bool m_WasBlockRefused = false;
+    std::function<void()> m_AtPageMade;
     bool Check(bool holds, const char *text)
     {
         if (!holds)

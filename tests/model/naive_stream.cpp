@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include <tz_particles/include/Storage/MainMemory/storage_ram_allocator.h>
-
 #include "naive_types.h"
 
 namespace Tessaly
@@ -18,10 +16,18 @@ namespace
 constexpr u32 kNone = 0xFFFFFFFF;
 constexpr u32 kBlockCap = 1048576;
 
+// Blocks come in sizes of 4, 5, 6 and 7 times a power of two, from 512 bytes to the cap.
 u64 BlockBytes(u32 bytes)
 {
-    const u32 slotId = CParticlePageAllocator::_SizeToSlotId(bytes);
-    return bytes > kBlockCap ? bytes : CParticlePageAllocator::_SlotIdToSize(slotId);
+    for (u64 unit = 128; bytes <= kBlockCap; unit *= 2)
+    {
+        for (u64 i = 4; i < 8; ++i)
+        {
+            if (unit * i >= bytes)
+                return unit * i;
+        }
+    }
+    return bytes;
 }
 
 } // namespace
@@ -145,7 +151,10 @@ PNaivePage CNaiveStream::AllocNewPage(u32 capacity, u32 bytes, bool isListed)
         return null;
     const u64 blockBytes = BlockBytes(bytes);
     if (m_World.m_Budget != 0 && m_World.m_BlockBytes + blockBytes > m_World.m_Budget)
+    {
+        m_World.m_WasBlockRefused = true;
         return null;
+    }
     const bool isSlotCountRight = _SlotCount() == m_Loan->m_Fields.size();
     if (TruePageBytes(capacity, *m_Loan) > blockBytes)
     {
@@ -154,6 +163,8 @@ PNaivePage CNaiveStream::AllocNewPage(u32 capacity, u32 bytes, bool isListed)
     }
     m_World.Check(isSlotCountRight, "m_ConstantDataFieldSlot.Count() == streamDef.Count()");
     const PNaivePage page = std::make_shared<CNaivePage>(m_World, capacity, blockBytes);
+    if (m_World.m_AtPageMade)
+        m_World.m_AtPageMade();
     page->m_Parent = m_Real;
     page->m_Constants = m_Constants;
     for (u32 i = 0; i < m_Loan->m_Fields.size(); ++i)
