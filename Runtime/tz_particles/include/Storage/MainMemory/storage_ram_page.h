@@ -64,6 +64,13 @@ template <>
 inline constexpr bool HasTrivialRelocate<SParticleStreamField> = true;
 } // namespace TTypeTraits
 
+// A particle that filled the hole of a removed one: what was at index m_From of its page is now at m_To.
+struct SParticleMove
+{
+    u32 m_From;
+    u32 m_To;
+};
+
 class CParticlePage : public CRefCountedObject
 {
 public:
@@ -110,7 +117,10 @@ public:
     // Removes the particles at indices (ascending, unique); the page's last particles fill the holes. Returns how many
     // went. A bad list or a page with readers is reported, changes nothing and gives 0. Registers nothing with the
     // stream: for a page of a stream use CParticleStream_MainMemory::RemoveParticles.
-    u32 RemoveParticles(const TMemoryView<const u32> &indices);
+    // outMoves, when given, receives a move for each particle that changed its index, and its count becomes theirs: at
+    // most indices.Count(), at most what stays in the page. One that is too small is reported and gets the first moves;
+    // the removal itself is the same.
+    u32 RemoveParticles(const TMemoryView<const u32> &indices, TMemoryView<SParticleMove> *outMoves = null);
 
     // Makes this page's particles a copy of other's, one block copy a column. Requires the same fields, capacity and
     // block size; whatever they are, no byte outside the two pages' columns is touched.

@@ -83,8 +83,10 @@ public:
     // pages are used up first. Appends the views to outViews and returns how many particles they hold.
     u32 AllocateParticles(u32 count, TArray<CParticlePageView> &outViews);
     // Removes particles of the page at pageId as CParticlePage::RemoveParticles does, and lowers the count in the same
-    // locked step. Returns how many went; 0, after a report, for a bad page id or a bad list. Takes the lock.
-    u32 RemoveParticles(CGuid pageId, const TMemoryView<const u32> &indices);
+    // locked step. Returns how many went; 0, after a report, for a bad page id or a bad list. outMoves, when given,
+    // receives where particles of the page moved, as there. Takes the lock.
+    u32 RemoveParticles(CGuid pageId, const TMemoryView<const u32> &indices,
+                        TMemoryView<SParticleMove> *outMoves = null);
 
     // Counts births and deaths that happened in the pages by other means. The last one checks nothing.
     void RegisterDeadCount(u32 deadCount);

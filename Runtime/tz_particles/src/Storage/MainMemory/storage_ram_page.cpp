@@ -18,22 +18,15 @@ void FillFresh(u8 *bytes, size_t count)
         std::memset(bytes, kFreshParticleByte, count);
 }
 
-// One particle that moves into the slot of a removed one.
-struct SRowMove
-{
-    u32 m_From;
-    u32 m_To;
-};
-
 template <u32 _RowBytes>
-void MoveRows(u8 *column, const SRowMove *moves, u32 moveCount)
+void MoveRows(u8 *column, const SParticleMove *moves, u32 moveCount)
 {
     for (u32 i = 0; i < moveCount; ++i)
         std::memcpy(column + size_t(moves[i].m_To) * _RowBytes, column + size_t(moves[i].m_From) * _RowBytes,
                     _RowBytes);
 }
 
-void MoveRows(u8 *column, u32 rowBytes, const SRowMove *moves, u32 moveCount)
+void MoveRows(u8 *column, u32 rowBytes, const SParticleMove *moves, u32 moveCount)
 {
     switch (rowBytes)
     {
@@ -81,8 +74,10 @@ public:
         m_RemovedEnd = indices.end();
     }
 
+    u32 HolesLeft() const { return u32(m_HolesEnd - m_NextHole); }
+
     // Writes up to maxCount moves; returns how many. 0: every hole is filled.
-    u32 Next(SRowMove *outMoves, u32 maxCount)
+    u32 Next(SParticleMove *outMoves, u32 maxCount)
     {
         u32 count = 0;
         for (; count < maxCount && m_NextHole != m_HolesEnd; ++count)
@@ -100,6 +95,34 @@ private:
     const u32 *m_NextRemoved; // among those from newCount on
     const u32 *m_RemovedEnd;
     u32 m_NextSurvivor;
+};
+
+// What the caller learns of the moves: what fits into a view, whose count follows; of null, nothing.
+class CMoveRecord
+{
+public:
+    explicit CMoveRecord(TMemoryView<SParticleMove> *view)
+        : m_View(view)
+        , m_Capacity(view != null && view->Data() != null ? view->Count() : 0)
+    {
+        if (view != null)
+            view->m_Count = 0;
+    }
+
+    u32 Capacity() const { return m_Capacity; }
+    void Append(const SParticleMove *moves, u32 moveCount)
+    {
+        if (m_View == null)
+            return;
+        const u32 count = TZMin(moveCount, m_Capacity - m_View->m_Count);
+        if (count != 0)
+            std::memcpy(m_View->DataEnd(), moves, count * sizeof(SParticleMove));
+        m_View->m_Count += count;
+    }
+
+private:
+    TMemoryView<SParticleMove> *m_View;
+    u32 m_Capacity;
 };
 
 } // namespace
@@ -159,16 +182,18 @@ CGuid CParticlePage::AllocateParticles(u32 count)
     return CGuid(first);
 }
 
-u32 CParticlePage::RemoveParticles(const TMemoryView<const u32> &indices)
+u32 CParticlePage::RemoveParticles(const TMemoryView<const u32> &indices, TMemoryView<SParticleMove> *outMoves)
 {
     const u32 oldCount = m_ParticleCount;
+    CMoveRecord record(outMoves);
     if (!TZ_VERIFY(IsListOfParticles(indices, oldCount)) || !TZ_VERIFY(PrepareForWriting()))
         return 0;
 
     constexpr u32 kMovesAtATime = 256;
-    SRowMove moves[kMovesAtATime];
+    SParticleMove moves[kMovesAtATime];
     const u32 newCount = oldCount - indices.Count();
     CHoleFiller filler(indices, newCount);
+    TZ_ASSERT(outMoves == null || filler.HolesLeft() <= record.Capacity());
     while (const u32 moveCount = filler.Next(moves, kMovesAtATime))
     {
         for (SParticleStreamField &field : m_Streams_Unsafe.ViewForWriting())
@@ -176,6 +201,7 @@ u32 CParticlePage::RemoveParticles(const TMemoryView<const u32> &indices)
             if (!field.IsConstant())
                 MoveRows(field.m_RawDataPtr, field.m_Definition.m_StorageSize, moves, moveCount);
         }
+        record.Append(moves, moveCount);
     }
     _SetParticleCount(newCount);
     return indices.Count();

@@ -112,12 +112,17 @@ u32 CParticleStream_MainMemory::AllocateParticles(u32 count, TArray<CParticlePag
     return served;
 }
 
-u32 CParticleStream_MainMemory::RemoveParticles(CGuid pageId, const TMemoryView<const u32> &indices)
+u32 CParticleStream_MainMemory::RemoveParticles(CGuid pageId, const TMemoryView<const u32> &indices,
+                                                TMemoryView<SParticleMove> *outMoves)
 {
     const CScopedPagesLock lock(*this);
     if (!TZ_VERIFY(pageId < m_Pages.Count()))
+    {
+        if (outMoves != null)
+            outMoves->m_Count = 0;
         return 0;
-    const u32 removedCount = m_Pages.RawDataPointer()[pageId.Get()]->RemoveParticles(indices);
+    }
+    const u32 removedCount = m_Pages.RawDataPointer()[pageId.Get()]->RemoveParticles(indices, outMoves);
     m_ParticleCount.FetchSub(removedCount);
     return removedCount;
 }
