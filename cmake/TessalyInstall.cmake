@@ -1,25 +1,30 @@
 # Headers, package files for CMake and for pkg-config. The libraries install themselves in tessaly_add_library.
+# Component lib is what a program needs to run, dev what is needed to build one.
 include(CMakePackageConfigHelpers)
 
 set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Tessaly)
 set(header_dir ${CMAKE_INSTALL_INCLUDEDIR}/Tessaly)
 
-install(DIRECTORY Runtime/include DESTINATION ${header_dir}
+install(DIRECTORY Runtime/include DESTINATION ${header_dir} COMPONENT dev
     FILES_MATCHING PATTERN "*.h" PATTERN "*.inl")
 foreach(module IN ITEMS tz_kernel tz_particles)
-    install(DIRECTORY Runtime/${module}/include DESTINATION ${header_dir}/${module}
+    install(DIRECTORY Runtime/${module}/include DESTINATION ${header_dir}/${module} COMPONENT dev
         FILES_MATCHING PATTERN "*.h" PATTERN "*.inl")
 endforeach()
 
-install(EXPORT TessalyTargets NAMESPACE Tessaly:: DESTINATION ${cmake_dir})
+install(EXPORT ${TESSALY_EXPORT} NAMESPACE Tessaly:: DESTINATION ${cmake_dir} COMPONENT dev)
 configure_package_config_file(cmake/TessalyConfig.cmake.in ${PROJECT_BINARY_DIR}/TessalyConfig.cmake
     INSTALL_DESTINATION ${cmake_dir})
-write_basic_package_version_file(${PROJECT_BINARY_DIR}/TessalyConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+set(compatibility SameMajorVersion)
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+    set(compatibility SameMinorVersion)
+endif()
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/TessalyConfigVersion.cmake COMPATIBILITY ${compatibility})
 install(FILES ${PROJECT_BINARY_DIR}/TessalyConfig.cmake ${PROJECT_BINARY_DIR}/TessalyConfigVersion.cmake
-    DESTINATION ${cmake_dir})
+    DESTINATION ${cmake_dir} COMPONENT dev)
 
 # The prefix is told relative to the .pc file, so that an installed tree may be moved.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
     OUTPUT_VARIABLE prefix_from_pc)
 configure_file(cmake/tessaly.pc.in ${PROJECT_BINARY_DIR}/tessaly.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/tessaly.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${PROJECT_BINARY_DIR}/tessaly.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)

@@ -6,9 +6,22 @@ function(tessaly_set_warnings target)
     endif()
 endfunction()
 
+# While the major version is 0, a minor one may break hosts.
+set(TESSALY_SOVERSION ${PROJECT_VERSION_MAJOR})
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+    set(TESSALY_SOVERSION 0.${PROJECT_VERSION_MINOR})
+endif()
+
+# The export that a build's libraries belong to: static and shared ones of two builds may be installed side by side.
+set(TESSALY_EXPORT TessalyTargets-static)
+if(BUILD_SHARED_LIBS)
+    set(TESSALY_EXPORT TessalyTargets-shared)
+endif()
+
 # A library of the runtime: Tessaly::<name>, built as Tessaly<name> from the given sources. It needs neither exceptions
 # nor run-time type information; it carries the latter for hosts that derive from its classes, or whose sanitizers ask
-# its objects for it.
+# its objects for it. Its debug information is what a debugger knows of pages and streams: it is made in every
+# configuration, and `cmake --install --strip` leaves it out.
 function(tessaly_add_library name)
     set(target Tessaly${name})
     add_library(${target} ${ARGN})
@@ -16,16 +29,19 @@ function(tessaly_add_library name)
     set_target_properties(${target} PROPERTIES
         EXPORT_NAME ${name}
         VERSION ${PROJECT_VERSION}
-        SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
+        SOVERSION ${TESSALY_SOVERSION}
+        CXX_VISIBILITY_PRESET hidden
         POSITION_INDEPENDENT_CODE ON
         INSTALL_RPATH $ORIGIN)
     target_compile_features(${target} PUBLIC cxx_std_17)
-    target_compile_options(${target} PRIVATE -fno-exceptions -ffp-contract=off)
+    target_compile_options(${target} PRIVATE -fno-exceptions -ffp-contract=off -g)
     target_include_directories(${target} PUBLIC
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/Runtime/include>
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/Runtime>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/Tessaly/include>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/Tessaly>)
     tessaly_set_warnings(${target})
-    install(TARGETS ${target} EXPORT TessalyTargets)
+    install(TARGETS ${target} EXPORT ${TESSALY_EXPORT}
+        LIBRARY COMPONENT lib NAMELINK_COMPONENT dev
+        ARCHIVE COMPONENT dev)
 endfunction()

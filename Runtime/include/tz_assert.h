@@ -38,17 +38,17 @@ using FnHandler = int (*)(const SReport &report, void *userData);
 
 // Sets the handler that the default services below ask. Null restores the default handler: one line on the standard
 // error stream, then Result_Continue. May be called at any time from any thread.
-void SetHandler(FnHandler handler, void *userData);
+TZ_API void SetHandler(FnHandler handler, void *userData);
 
 // The services behind the macros. A host may define all of them itself instead of linking the default ones.
-int EvalAssert(const char *file, const char *function, int line, const char *expression, const char *expression2,
-               const char *message);
-int EvalAssertFormat(const char *file, const char *function, int line, const char *expression, const char *expression2,
-                     const char *format, ...) TZ_PRINTF_FORMAT(6, 7);
+TZ_API int EvalAssert(const char *file, const char *function, int line, const char *expression, const char *expression2,
+                      const char *message);
+TZ_API int EvalAssertFormat(const char *file, const char *function, int line, const char *expression,
+                            const char *expression2, const char *format, ...) TZ_PRINTF_FORMAT(6, 7);
 // Called at each failure of a verification. True asks the site to break. The default one reports nothing when the
 // flag is set, and sets it when the handler answers Result_Ignore.
-bool VerifyAssertFalse_Breaks(bool &ignoredFlag, const char *file, const char *function, int line,
-                              const char *expression, const char *expression2, const char *message);
+TZ_API bool VerifyAssertFalse_Breaks(bool &ignoredFlag, const char *file, const char *function, int line,
+                                     const char *expression, const char *expression2, const char *message);
 
 inline bool _IsIgnored(const bool &ignoredFlag) { return __atomic_load_n(&ignoredFlag, __ATOMIC_RELAXED); }
 inline void _SetIgnored(bool &ignoredFlag) { __atomic_store_n(&ignoredFlag, true, __ATOMIC_RELAXED); }

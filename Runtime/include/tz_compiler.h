@@ -3,6 +3,8 @@
 
 #include <csignal>
 
+// What a shared library shows to its hosts: everything else stays inside.
+#define TZ_API __attribute__((visibility("default")))
 #define TZ_NOINLINE __attribute__((noinline))
 #define TZ_COLD __attribute__((cold, noinline))
 // A default implementation of a service: a host that defines the function itself replaces it when it links.

@@ -1,7 +1,9 @@
-// A host outside the tree: starts the runtime, binds a stream, allocates particles, writes and reads a column.
+// A host outside the tree: checks the version, starts the runtime, binds a stream, allocates particles, writes and
+// reads a column.
 #include <tz_kernel/include/kr_refptr.h>
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 #include <tz_particles/include/ps_runtime.h>
+#include <tz_version.h>
 
 #include <cstdio>
 
@@ -37,7 +39,7 @@ bool PlayOneStream()
 
 int main()
 {
-    if (!Particles::Startup())
+    if (!CheckVersion() || !Particles::Startup())
         return 1;
     const bool isPlayed = PlayOneStream();
     Particles::Shutdown();

@@ -54,7 +54,7 @@ enum EBaseTypeID : int
 struct SBaseTypeTraitsStorage;
 
 // The description of one base type.
-class CBaseTypeTraits : public CNonCopyable
+class TZ_API CBaseTypeTraits : public CNonCopyable
 {
 public:
     EBaseTypeID Self;

@@ -11,9 +11,9 @@ namespace Tessaly
 {
 
 // When set, every array reports each change of its buffer's size before it makes it.
-extern bool g_KRContainersConfig_MonitorTArrays;
+TZ_API extern bool g_KRContainersConfig_MonitorTArrays;
 
-class CContainersMonitorTArrays
+class TZ_API CContainersMonitorTArrays
 {
 public:
     // Adds bytes (negative when a buffer shrinks) to the total. Any thread.

@@ -33,14 +33,14 @@ enum EOrigin : u32
 constexpr const char *kDefaultTag = "Kernel|Mem|Default";
 
 // Returns a block of size bytes or null. Alignment 0 means the default: 16 bytes at least.
-void *_RawAlloc(u64 size, u32 alignment, EAllocType type, EOrigin origin, const char *tag, const char *file, int line,
-                const char *function);
+TZ_API void *_RawAlloc(u64 size, u32 alignment, EAllocType type, EOrigin origin, const char *tag, const char *file,
+                       int line, const char *function);
 // Resizes ptr to size bytes (null allocates). On null the old block stays valid and unchanged.
-void *_RawRealloc(void *ptr, u64 size, u32 alignment, EAllocType type, const char *tag, const char *file, int line,
-                  const char *function);
+TZ_API void *_RawRealloc(void *ptr, u64 size, u32 alignment, EAllocType type, const char *tag, const char *file,
+                         int line, const char *function);
 // Frees a block of the same type and origin; null is allowed.
-void _RawFree(void *ptr, EAllocType type, EOrigin origin, const char *tag, const char *file, int line,
-              const char *function);
+TZ_API void _RawFree(void *ptr, EAllocType type, EOrigin origin, const char *tag, const char *file, int line,
+                     const char *function);
 
 struct SAllocator
 {
@@ -53,11 +53,11 @@ struct SAllocator
 };
 
 // The C library's allocator behind the three signatures.
-const SAllocator &DefaultAllocator();
+TZ_API const SAllocator &DefaultAllocator();
 
 // Makes the services call allocator, which the caller keeps alive; null restores the default one. A block is freed by
 // the allocator of that moment: change it while no block is live, or by one that forwards what it does not know.
-void SetAllocator(const SAllocator *allocator);
+TZ_API void SetAllocator(const SAllocator *allocator);
 
 // The place in the source that asks for memory.
 struct SCallSite

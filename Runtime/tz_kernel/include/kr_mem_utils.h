@@ -36,10 +36,10 @@ inline void Clear(void *ptr, ureg byteCount)
 }
 
 // Copies byteCount bytes; the ranges may overlap.
-void Copy_Overlapped(void *dst, const void *src, u64 byteCount);
+TZ_API void Copy_Overlapped(void *dst, const void *src, u64 byteCount);
 
 // Writes count consecutive values start, start + 1, ... (4 bytes each).
-void FillIndices32(void *dst, u32 count, u32 start);
+TZ_API void FillIndices32(void *dst, u32 count, u32 start);
 
 } // namespace Mem
 

@@ -11,7 +11,7 @@ namespace Profiler
 {
 
 // The static description of one scope, built once per site.
-struct SNodeDescriptor
+struct TZ_API SNodeDescriptor
 {
     enum EFlags : u32
     {
@@ -38,7 +38,7 @@ struct SNodeDescriptor
 };
 
 // Hears every scope of every thread. Called on the thread of the scope, under whatever locks it holds.
-class CSinkAbstract
+class TZ_API CSinkAbstract
 {
 public:
     virtual ~CSinkAbstract() = default;
@@ -46,7 +46,7 @@ public:
     virtual void OnScopeEnd(const SNodeDescriptor &node) = 0;
 };
 
-class CProfiler : public CNonCopyable
+class TZ_API CProfiler : public CNonCopyable
 {
 public:
     // Sets the sink of the process, which the caller keeps alive until no scope that began with it is open; null, the
@@ -59,7 +59,7 @@ private:
 };
 
 // The profiler that the runtime reports to. Asked only while somebody listens.
-CProfiler *MainEngineProfiler();
+TZ_API CProfiler *MainEngineProfiler();
 
 // One open scope: from construction to destruction.
 class CScopedNode : public CNonCopyable

@@ -35,7 +35,7 @@ private:
 };
 
 // The base of shared objects. They are made by the kernel's new.
-class CRefCountedObject : public CRefCountedObjectBase
+class TZ_API CRefCountedObject : public CRefCountedObjectBase
 {
 public:
     virtual ~CRefCountedObject() {}

@@ -10,14 +10,14 @@ namespace Tessaly
 {
 
 // The calling thread's id: given at its first call, never given again, never the value of CGuid::INVALID.
-class CCurrentThread
+class TZ_API CCurrentThread
 {
 public:
     static u32 ThreadID();
 };
 
 // Diagnostic counters. RegisterCSUnlock is called at every release of a critical section, nested ones included.
-class CThreadStats
+class TZ_API CThreadStats
 {
 public:
     static void RegisterCSUnlock();
@@ -28,7 +28,7 @@ namespace Threads
 {
 
 // Mutual exclusion between threads, re-entrant for its holder: each Lock is balanced by one Unlock on the same thread.
-class CCriticalSection : public CNonCopyable
+class TZ_API CCriticalSection : public CNonCopyable
 {
 public:
     CCriticalSection();

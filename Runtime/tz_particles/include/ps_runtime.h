@@ -13,13 +13,13 @@ namespace Particles
 
 // Makes the page allocator of the process. Calls are counted; each is balanced by one Shutdown. False when memory is
 // refused (then there is nothing to shut down). Any thread.
-bool Startup();
+TZ_API bool Startup();
 
 // The last one destroys the page allocator. Pages that are still held stay valid and free themselves later.
-void Shutdown();
+TZ_API void Shutdown();
 
 // The page allocator, for its budget, maintenance and statistics; null while the runtime is not started.
-CParticlePageAllocator *PageAllocator();
+TZ_API CParticlePageAllocator *PageAllocator();
 
 } // namespace Particles
 } // namespace Tessaly

@@ -7,7 +7,7 @@ namespace Tessaly
 {
 
 // Bytes used, shared by several kinds of memory users. A main-memory stream fills m_ParticleBytes only.
-struct SMediumMemoryReport
+struct TZ_API SMediumMemoryReport
 {
     u64 m_StaticBytes = 0;
     u64 m_StaticBytes_Declaration = 0; // part of m_StaticBytes
@@ -32,7 +32,7 @@ struct SMediumMemoryReport
 };
 
 // How a stream's pages are used at one moment.
-struct SParticleStreamStats
+struct TZ_API SParticleStreamStats
 {
     u32 m_PageCount = 0;
     u32 m_PageCount_OutOfSync = 0; // pages whose capacity is not the stream's page size

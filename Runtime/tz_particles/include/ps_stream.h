@@ -43,7 +43,7 @@ struct SParticleStreamFieldDef
 
 // The fields of a stream, in order. The owner fills m_StreamDef before a stream is bound to it, and keeps the object
 // alive and unchanged meanwhile: a stream knows a definition by its address.
-struct SParticleStreamDef : public CNonCopyable
+struct TZ_API SParticleStreamDef : public CNonCopyable
 {
     TArray<SParticleStreamFieldDef> m_StreamDef;
 
@@ -70,7 +70,7 @@ struct S64Bytes
 };
 
 // What the rest of a runtime sees of any particle stream.
-class CParticleStreamAbstract : public CNonCopyable
+class TZ_API CParticleStreamAbstract : public CNonCopyable
 {
 public:
     CParticleStreamAbstract() = default;

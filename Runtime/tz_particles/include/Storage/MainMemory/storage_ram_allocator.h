@@ -21,7 +21,7 @@ namespace Tessaly
 class CParticlePageAllocator;
 
 // One raw byte block, shared by reference. With its last reference it goes back to its allocator.
-class CParticleRawPage_MainMemory : public CRefCountedObject
+class TZ_API CParticleRawPage_MainMemory : public CRefCountedObject
 {
 public:
     u32 Size() const { return m_Size; } // bytes
@@ -118,7 +118,7 @@ struct CParticlePageAllocator_Stats
     u64 m_RefusalCount = 0; // requests refused by the budget or for want of memory
 };
 
-class CParticlePageAllocator : public CNonCopyable
+class TZ_API CParticlePageAllocator : public CNonCopyable
 {
 public:
     static constexpr u32 kPoolSlotCount = 64;

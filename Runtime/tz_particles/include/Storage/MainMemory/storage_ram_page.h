@@ -24,7 +24,7 @@ class CParticleStream_MainMemory;
 constexpr u8 kFreshParticleByte = 0xF3;
 
 // The storage of one field inside one page. It never owns the bytes.
-struct SParticleStreamField : public CNonCopyable
+struct TZ_API SParticleStreamField : public CNonCopyable
 {
     u8 *m_RawDataPtr;    // the column, or the constant's 64 bytes; null when there is none
     u32 m_ParticleCount; // particles whose values the field holds
@@ -71,7 +71,7 @@ struct SParticleMove
     u32 m_To;
 };
 
-class CParticlePage : public CRefCountedObject
+class TZ_API CParticlePage : public CRefCountedObject
 {
 public:
     // An empty page without a block and without fields; the stream lays it out. capacity is in particles.
@@ -166,7 +166,7 @@ using PCParticlePage = TRefPtr<const CParticlePage>;
 // A run of particles of one page, which it keeps alive. Operations on fields speak of the view's own particles.
 //
 // Writing through a view: the columns of particles that no other thread touches, or under the page lock.
-class CParticlePageView
+class TZ_API CParticlePageView
 {
 public:
     CParticlePageView()

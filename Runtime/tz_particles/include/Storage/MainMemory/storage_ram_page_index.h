@@ -11,7 +11,7 @@
 namespace Tessaly
 {
 
-class CPageListIndex : public CNonCopyable
+class TZ_API CPageListIndex : public CNonCopyable
 {
 public:
     static constexpr u32 kMinPageCount = 32; // shorter lists are walked

@@ -21,7 +21,7 @@
 namespace Tessaly
 {
 
-class CParticleStream_MainMemory : public CParticleStreamAbstract
+class TZ_API CParticleStream_MainMemory : public CParticleStreamAbstract
 {
 public:
     // An unbound stream. pageSize: capacity, in particles, of the pages that it will make; 0 gives the default, 1024.

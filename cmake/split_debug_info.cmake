@@ -1,0 +1,19 @@
+# Run by cpack before it packs: moves the debug information of the shared libraries from their package to the
+# development one, where debuggers find it by build id.
+file(GLOB_RECURSE libraries LIST_DIRECTORIES false ${CPACK_TEMPORARY_DIRECTORY}/lib/*.so.*)
+foreach(library IN LISTS libraries)
+    if(IS_SYMLINK ${library})
+        continue()
+    endif()
+    execute_process(COMMAND readelf --notes ${library} OUTPUT_VARIABLE notes COMMAND_ERROR_IS_FATAL ANY)
+    if(NOT notes MATCHES "Build ID: ([0-9a-f][0-9a-f])([0-9a-f]+)")
+        message(FATAL_ERROR "${library} has no build id")
+    endif()
+    set(folder ${CPACK_TEMPORARY_DIRECTORY}/dev/usr/lib/debug/.build-id/${CMAKE_MATCH_1})
+    file(MAKE_DIRECTORY ${folder})
+    execute_process(
+        COMMAND objcopy --only-keep-debug --compress-debug-sections ${library} ${folder}/${CMAKE_MATCH_2}.debug
+        COMMAND_ERROR_IS_FATAL ANY)
+    file(CHMOD ${folder}/${CMAKE_MATCH_2}.debug PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+    execute_process(COMMAND strip --strip-unneeded --remove-section=.comment ${library} COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
