@@ -1,16 +1,21 @@
 // Runs the rows and prints them as a table, each line when its row is done.
-//   --quick      few rounds: shows that everything works
-//   all other arguments are Google Benchmark's: --benchmark_filter, --benchmark_out=FILE for JSON, ...
+//   --quick           few rounds: shows that everything works
+//   --rounds N        at least so many rounds a row; 11 unless said
+//   --filter REGEX    only the rows whose "group: work" matches
+//   --json FILE       the same as JSON
+//   --markdown FILE   the same as a text to be read: machine, date, table
 // Ends with status 1 when the runtime reported anything, whatever the figures.
-#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <vector>
+#include <regex>
+
+#include <unistd.h>
 
 #include <tz_particles/include/ps_runtime.h>
 
-#include "row.h"
+#include "block_peers.h"
+#include "table.h"
 
 namespace Bench
 {
@@ -18,7 +23,16 @@ namespace Bench
 namespace
 {
 
-unsigned g_RoundCount = 21;
+struct SOptions
+{
+    unsigned m_RoundCount = 11;
+    std::string m_Filter;
+    std::string m_JsonPath;
+    std::string m_MarkdownPath;
+};
+
+SOptions g_Options;
+std::vector<SRowResult> g_Results;
 unsigned g_ReportCount = 0;
 
 int CountReport(const Assert::SReport &report, void *)
@@ -28,145 +42,135 @@ int CountReport(const Assert::SReport &report, void *)
     return Assert::Result_Ignore;
 }
 
-double Measure(const Side &side)
+double Measure(const SSide &side)
 {
-    CStopwatch watch;
-    side(watch);
-    return double(watch.Nanoseconds());
+    CMeter meter;
+    side.m_Run(meter);
+    return meter.Sum();
 }
 
-double Quantile(std::vector<double> values, double part)
+void RunRow(const SRow &row, const std::vector<SSide> &sides)
 {
-    std::sort(values.begin(), values.end());
-    return values[size_t(part * double(values.size() - 1) + 0.5)];
-}
-
-void RunRow(benchmark::State &state, const SRow &row, const Side &ours, const Side &reference)
-{
-    std::vector<double> oursTimes, referenceTimes, ratios;
-    for ([[maybe_unused]] auto _ : state)
+    for (const SSide &side : sides)
+        Measure(side); // warms caches and free lists, and is forgotten
+    SRowResult result = {row, sides, std::vector<std::vector<double>>(sides.size())};
+    for (unsigned round = 0; round < g_Options.m_RoundCount; ++round)
     {
-        Measure(ours); // warms caches and free lists, and is forgotten
-        Measure(reference);
-        for (unsigned round = 0; round < g_RoundCount; ++round)
+        for (size_t i = 0; i < sides.size(); ++i)
         {
-            const bool oursFirst = round % 2 == 0;
-            const double first = Measure(oursFirst ? ours : reference);
-            const double second = Measure(oursFirst ? reference : ours);
-            oursTimes.push_back(oursFirst ? first : second);
-            referenceTimes.push_back(oursFirst ? second : first);
-            ratios.push_back(oursTimes.back() / referenceTimes.back());
+            const size_t side = (i + round) % sides.size();
+            result.m_Values[side].push_back(Measure(sides[side]));
         }
-        state.SetIterationTime(Quantile(oursTimes, 0.5) * 1e-9);
     }
-    state.counters["ours_ns"] = Quantile(oursTimes, 0.5) / row.m_ItemCount;
-    state.counters["reference_ns"] = Quantile(referenceTimes, 0.5) / row.m_ItemCount;
-    state.counters["ratio"] = Quantile(ratios, 0.5);
-    state.counters["ratio_q1"] = Quantile(ratios, 0.25);
-    state.counters["ratio_q3"] = Quantile(ratios, 0.75);
-    state.counters["target"] = row.m_Target;
-    state.SetLabel(row.m_Reference + '|' + row.m_ItemName);
+    g_Results.push_back(std::move(result));
+    PrintTableLine(stdout, g_Results.back());
+    std::fflush(stdout);
 }
 
-class CTableReporter : public benchmark::BenchmarkReporter
+bool ReadOptions(int count, char **arguments)
 {
-public:
-    bool ReportContext(const Context &) override
+    for (int i = 1; i < count; ++i)
     {
-        std::printf("%-53s %-38s %19s %-9s %6s %15s %6s\n", "row", "limit or peer", "ns: ours, peer", "each", "ratio",
-                    "(quartiles)", "target");
-        return true;
-    }
-
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        for (const Run &run : runs)
+        const std::string option = arguments[i];
+        const char *value = i + 1 < count ? arguments[i + 1] : nullptr;
+        if (option == "--quick")
         {
-            if (run.run_type == Run::RT_Iteration)
-                _PrintRow(run);
+            g_Options.m_RoundCount = 1;
+            continue;
         }
-        std::fflush(stdout);
+        if (value == nullptr)
+            return false;
+        if (option == "--rounds")
+            g_Options.m_RoundCount = unsigned(std::max(1, std::atoi(value)));
+        else if (option == "--filter")
+            g_Options.m_Filter = value;
+        else if (option == "--json")
+            g_Options.m_JsonPath = value;
+        else if (option == "--markdown")
+            g_Options.m_MarkdownPath = value;
+        else
+            return false;
+        ++i;
     }
-
-    void Finalize() override
-    {
-        std::printf("%u of %u rows hold their target; medians over %u rounds\n", m_HeldCount, m_RowCount, g_RoundCount);
-    }
-
-private:
-    void _PrintRow(const Run &run)
-    {
-        const auto counter = [&](const char *name) { return double(run.counters.at(name)); };
-        const size_t separator = run.report_label.find('|');
-        const bool isHeld = counter("ratio") <= counter("target");
-        std::printf("%-53s %-38s %9.2f %9.2f %-9s %6.3f (%6.3f-%6.3f) %6.2f %s\n", run.run_name.function_name.c_str(),
-                    run.report_label.substr(0, separator).c_str(), counter("ours_ns"), counter("reference_ns"),
-                    run.report_label.substr(separator + 1).c_str(), counter("ratio"), counter("ratio_q1"),
-                    counter("ratio_q3"), counter("target"), isHeld ? "held" : "not held");
-        m_RowCount += 1;
-        m_HeldCount += isHeld ? 1 : 0;
-    }
-
-    unsigned m_RowCount = 0;
-    unsigned m_HeldCount = 0;
-};
+    return true;
+}
 
 void AddAllRows()
 {
-    AddBirthRows();
-    AddColumnRows();
-    AddLockRows();
-    AddBlockRows();
-    AddCopyRows();
+    AddSpawnRows();
+    AddLifeRows();
+    AddPassRows();
+    AddRemovalRows();
+    AddDeepCopyRows();
     AddConversionRows();
+    AddRebindRows();
     AddPageListRows();
+    AddBlockRows();
+    AddMemoryRows();
+    AddLockRows();
 }
 
-// Takes out of the arguments what is ours.
-int TakeOwnArguments(int count, char **arguments)
+template <typename _Print>
+bool WriteFile(const std::string &path, _Print print)
 {
-    int kept = 0;
-    for (int i = 0; i < count; ++i)
+    if (path.empty())
+        return true;
+    std::FILE *file = std::fopen(path.c_str(), "w");
+    if (file == nullptr)
     {
-        if (std::strcmp(arguments[i], "--quick") == 0)
-            g_RoundCount = 3;
-        else
-            arguments[kept++] = arguments[i];
+        std::fprintf(stderr, "%s: can not be written\n", path.c_str());
+        return false;
     }
-    return kept;
+    print(file);
+    return std::fclose(file) == 0;
+}
+
+bool WriteResults()
+{
+    const bool isJsonWritten = WriteFile(g_Options.m_JsonPath, [](std::FILE *file) { PrintJson(file, g_Results); });
+    return WriteFile(g_Options.m_MarkdownPath,
+                     [](std::FILE *file)
+                     {
+                         std::fprintf(file, "%s; medians over %u rounds.\n\n", MachineAndDate().c_str(),
+                                      g_Options.m_RoundCount);
+                         PrintTableHead(file);
+                         for (const SRowResult &result : g_Results)
+                             PrintTableLine(file, result);
+                     }) &&
+           isJsonWritten;
+}
+
+int Run()
+{
+    Assert::SetHandler(&CountReport, nullptr);
+    if (!Particles::Startup())
+        return 1;
+    std::printf("%s; medians over %u rounds\n\n", MachineAndDate().c_str(), g_Options.m_RoundCount);
+    PrintTableHead(stdout);
+    AddAllRows();
+    const bool isWritten = WriteResults();
+    Particles::Shutdown();
+    return isWritten && g_ReportCount == 0 && !g_Results.empty() ? 0 : 1;
 }
 
 } // namespace
 
-s64 CStopwatch::_Now()
-{
-    timespec now;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return s64(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
-
 void AddRow(const SRow &row, const std::function<void(const RunSides &)> &body)
 {
-    const auto run = [=](benchmark::State &state)
-    { body([&](const Side &ours, const Side &reference) { RunRow(state, row, ours, reference); }); };
-    benchmark::RegisterBenchmark(row.m_Title.c_str(), run)->Iterations(1)->UseManualTime();
+    if (std::regex_search(row.m_Group + ": " + row.m_Work, std::regex(g_Options.m_Filter)))
+        body([&](const std::vector<SSide> &sides) { RunRow(row, sides); });
 }
 
 } // namespace Bench
 
 int main(int argc, char **argv)
 {
-    argc = Bench::TakeOwnArguments(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+    if (!Bench::ReadOptions(argc, argv))
+    {
+        std::fprintf(stderr, "usage: %s [--quick] [--rounds N] [--filter REGEX] [--json FILE] [--markdown FILE]\n",
+                     argv[0]);
         return 2;
-    Tessaly::Assert::SetHandler(&Bench::CountReport, nullptr);
-    if (!Tessaly::Particles::Startup())
-        return 1;
-    Bench::AddAllRows();
-    Bench::CTableReporter table;
-    benchmark::RunSpecifiedBenchmarks(&table);
-    benchmark::Shutdown();
-    Tessaly::Particles::Shutdown();
-    return Bench::g_ReportCount == 0 ? 0 : 1;
+    }
+    Bench::MakeRoomForBlockPeers(argv);
+    return Bench::Run();
 }

@@ -1,13 +1,12 @@
-// One row of the table: our way to do some work, and beside it a limit or a peer that does the same work.
+// One row of the table: our way to do some work, and beside it limits and peers that do the same.
 //
-// Both sides run in turn, round by round, and the row's figure is the median of the rounds' ratios: what else the
-// machine does hits both. Time is the processor time of the calling thread.
+// All sides of a row run in turn, round by round, and a figure is the median over the rounds of ours by theirs: what
+// else the machine does hits all. A side measures nanoseconds, or anything else that is to be small (bytes).
 #pragma once
 
 #include <functional>
 #include <string>
-
-#include <benchmark/benchmark.h>
+#include <vector>
 
 #include "workloads.h"
 
@@ -16,51 +15,119 @@ namespace Bench
 
 using namespace Workloads;
 
-// A side starts it behind its preparations and stops it before it tidies up; what it measures adds up.
-class CStopwatch
+// Keeps what work wrote, and what it reads, from being optimised away.
+inline void ClobberMemory() { __asm__ volatile("" ::: "memory"); }
+template <typename _Type>
+void Keep(const _Type &value)
+{
+    __asm__ volatile("" : : "r,m"(value) : "memory");
+}
+
+// What a side measures: it adds up.
+class CMeter
 {
 public:
-    void Start() { m_Nanoseconds -= _Now(); }
-    void Stop() { m_Nanoseconds += _Now(); }
-    s64 Nanoseconds() const { return m_Nanoseconds; }
-
+    // The processor time of the calling thread, so that other programs do not count.
     template <typename _Work>
     void Time(_Work work)
     {
-        Start();
+        const double begin = ThreadNanoseconds();
         work();
-        benchmark::ClobberMemory();
-        Stop();
+        ClobberMemory();
+        Add(ThreadNanoseconds() - begin);
     }
+    void Add(double value) { m_Sum += value; }
+    double Sum() const { return m_Sum; }
+
+    static double ThreadNanoseconds();
+    static double WallNanoseconds();
 
 private:
-    static s64 _Now();
-
-    s64 m_Nanoseconds = 0;
+    double m_Sum = 0.0;
 };
+
+enum ESide
+{
+    Side_Ours,
+    Side_Limit,
+    Side_Peer,
+};
+
+struct SSide
+{
+    ESide m_Kind;
+    std::string m_Name;
+    std::function<void(CMeter &)> m_Run;
+    double m_Target; // each of ours by this side is to stay at or below; 0: shown beside, no more
+};
+
+inline SSide Ours(std::function<void(CMeter &)> run) { return {Side_Ours, "", std::move(run), 0.0}; }
+inline SSide Ours(std::string name, std::function<void(CMeter &)> run)
+{
+    return {Side_Ours, std::move(name), std::move(run), 0.0};
+}
+inline SSide Limit(std::string name, double target, std::function<void(CMeter &)> run)
+{
+    return {Side_Limit, std::move(name), std::move(run), target};
+}
+inline SSide Peer(std::string name, double target, std::function<void(CMeter &)> run)
+{
+    return {Side_Peer, std::move(name), std::move(run), target};
+}
 
 struct SRow
 {
-    std::string m_Title;     // what is done
-    std::string m_Reference; // what it is compared with
-    double m_Target;         // the ratio to stay at or below
-    double m_ItemCount;      // of one round; the table gives nanoseconds for each
-    const char *m_ItemName;
+    std::string m_Group; // a filter finds "group: work"
+    std::string m_Work;
+    double m_ItemCount;            // of one round; the table gives the measured for each
+    std::string m_Unit;            // of the figures: "ns a particle"
+    double m_BestPeerTarget = 0.0; // ours by the fastest of the peers is to stay at or below; 0: no such target
 };
 
-using Side = std::function<void(CStopwatch &)>;
-using RunSides = std::function<void(const Side &ours, const Side &reference)>;
+// Measures and prints a row. Most have one side of ours; the others name theirs.
+using RunSides = std::function<void(std::vector<SSide> sides)>;
 
 // Adds a row. body prepares what the sides share, and calls its argument once.
 void AddRow(const SRow &row, const std::function<void(const RunSides &)> &body);
 
+// What threads do at the same time, each of it in a function of its own: it prepares, calls Begin, works, calls End
+// and tidies up. Measured is the wall clock's time from the last Begin to the last End, with one thread its processor
+// time.
+class CRendezvous
+{
+public:
+    CRendezvous(unsigned threadCount, CMeter &meter)
+        : m_ThreadCount(threadCount)
+        , m_Meter(meter)
+    {
+    }
+
+    void Begin(unsigned thread);
+    void End(unsigned thread);
+
+private:
+    void _WaitForAll();
+    double _Now() const;
+
+    unsigned m_ThreadCount;
+    CMeter &m_Meter;
+    unsigned m_ArrivedCount = 0;
+    double m_Begin = 0.0;
+};
+
+void RunOnThreads(unsigned threadCount, CMeter &meter, const std::function<void(unsigned thread, CRendezvous &)> &body);
+
 // The rows, by theme.
-void AddBirthRows();
-void AddColumnRows();
-void AddLockRows();
-void AddBlockRows();
-void AddCopyRows();
+void AddSpawnRows();
+void AddLifeRows();
+void AddPassRows();
+void AddRemovalRows();
+void AddDeepCopyRows();
 void AddConversionRows();
+void AddRebindRows();
 void AddPageListRows();
+void AddBlockRows();
+void AddMemoryRows();
+void AddLockRows();
 
 } // namespace Bench

@@ -13,8 +13,8 @@ namespace Workloads
 using namespace Tessaly;
 
 constexpr u32 kParticleCount = 1000000;
-constexpr u32 kBurstSize = 1000; // particles born at a time
-constexpr u32 kPageSize = 1024;  // particles
+constexpr u32 kBurstSize = 64;  // particles born at a time
+constexpr u32 kPageSize = 1024; // particles; a stream's default
 
 // 48 bytes in five columns.
 struct SParticle
@@ -35,6 +35,7 @@ enum EField : u32
     Field_Color,
     Field_Life,
     Field_Size,
+    Field_Force, // not in Particle()
 };
 
 // A field of that name, as wide as its type.

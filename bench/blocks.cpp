@@ -1,0 +1,177 @@
+// Raw pages of the page allocator beside blocks of general allocators.
+#include <tz_particles/include/ps_runtime.h>
+
+#include "block_peers.h"
+#include "row.h"
+
+namespace Bench
+{
+
+namespace
+{
+
+constexpr u32 kRequestCount = 50000;
+constexpr u32 kAliveCount = 64; // blocks of a thread
+
+// Blocks of our allocator as the others are called: get, and let go.
+struct SOwnBlocks
+{
+    using Block = u8 *;
+
+    Block Get(u32 bytes) const { return Particles::PageAllocator()->Alloc(bytes); }
+    void Release(Block &block, u32 bytes) const
+    {
+        Particles::PageAllocator()->Retire(block, bytes);
+        block = null;
+    }
+    u8 *Bytes(Block block) const { return block; }
+};
+
+// The same, each with the reference-counted object that a page holds.
+struct SRawPages
+{
+    using Block = PParticleRawPage_MainMemory;
+
+    Block Get(u32 bytes) const { return Particles::PageAllocator()->AllocPage(bytes); }
+    void Release(Block &block, u32 /*bytes*/) const { block = null; }
+    u8 *Bytes(const Block &block) const { return block->RawDataForWriting(); }
+};
+
+struct SPeerBlocks
+{
+    using Block = void *;
+
+    Block Get(u32 bytes) const { return m_Peer.m_Alloc(bytes); }
+    void Release(Block &block, u32 /*bytes*/) const
+    {
+        m_Peer.m_Free(block);
+        block = nullptr;
+    }
+    u8 *Bytes(Block block) const { return static_cast<u8 *>(block); }
+
+    SBlockPeer m_Peer;
+};
+
+// Places of blocks: places[i] is the next one whose block is released and got again.
+std::vector<u32> Places(bool atRandom)
+{
+    std::vector<u32> places;
+    for (u32 i = 0; i < kRequestCount; ++i)
+        places.push_back((atRandom ? Scramble(i) : i) % kAliveCount);
+    return places;
+}
+
+// Each block that is got has a byte written.
+template <typename _Blocks>
+void GetAgain(const _Blocks &blocks, u32 bytes, const std::vector<u32> &places, unsigned thread,
+              CRendezvous &rendezvous)
+{
+    typename _Blocks::Block alive[kAliveCount];
+    const auto get = [&](typename _Blocks::Block &block)
+    {
+        block = blocks.Get(bytes);
+        *blocks.Bytes(block) = 1;
+    };
+    for (auto &block : alive)
+        get(block);
+    rendezvous.Begin(thread);
+    for (const u32 place : places)
+    {
+        blocks.Release(alive[place], bytes);
+        get(alive[place]);
+    }
+    rendezvous.End(thread);
+    for (auto &block : alive)
+        blocks.Release(block, bytes);
+}
+
+template <typename _Blocks>
+void GetAllThenReleaseAll(const _Blocks &blocks, u32 bytes, u32 count, CMeter &meter)
+{
+    std::vector<typename _Blocks::Block> alive(count);
+    meter.Time(
+        [&]
+        {
+            for (auto &block : alive)
+            {
+                block = blocks.Get(bytes);
+                *blocks.Bytes(block) = 1;
+            }
+            for (auto &block : alive)
+                blocks.Release(block, bytes);
+        });
+}
+
+// All sides of a row; side(blocks) is the function of one of them.
+template <typename _Side>
+std::vector<SSide> SidesOf(_Side side, double mimallocTarget)
+{
+    std::vector<SSide> sides = {Ours(side(SOwnBlocks())), Ours("raw page", side(SRawPages()))};
+    for (const SBlockPeer &peer : BlockPeers())
+        sides.push_back(
+            Peer(peer.m_Name, peer.m_Name == std::string("mimalloc") ? mimallocTarget : 0.0, side(SPeerBlocks{peer})));
+    return sides;
+}
+
+std::string SizeName(u32 bytes)
+{
+    return bytes < 1024 ? std::to_string(bytes) + " bytes" : std::to_string(bytes >> 10) + " KiB";
+}
+
+void AddGetAgainRow(u32 bytes, bool atRandom, unsigned threadCount)
+{
+    const auto body = [=](const RunSides &run)
+    {
+        const std::vector<u32> places = Places(atRandom);
+        run(SidesOf(
+            [&](auto blocks)
+            {
+                return [=, &places](CMeter &meter)
+                {
+                    RunOnThreads(threadCount, meter,
+                                 [&](unsigned thread, CRendezvous &rendezvous)
+                                 { GetAgain(blocks, bytes, places, thread, rendezvous); });
+                };
+            },
+            0.0));
+        Particles::PageAllocator()->CleanAllFreePages();
+    };
+    AddRow({"11",
+            SizeName(bytes) + (atRandom ? ", at random" : ", in order") + (threadCount > 1 ? ", two threads" : ""),
+            kRequestCount, "ns a block", bytes <= (256u << 10) ? 1.0 : 0.35},
+           body);
+}
+
+void AddBulkRow(u32 bytes)
+{
+    const u32 count = TZMin(4096u, (256u << 20) / bytes);
+    const auto body = [=](const RunSides &run)
+    {
+        run(SidesOf([&](auto blocks)
+                    { return [=](CMeter &meter) { GetAllThenReleaseAll(blocks, bytes, count, meter); }; },
+                    0.5));
+        Particles::PageAllocator()->CleanAllFreePages();
+    };
+    AddRow(
+        {"11", SizeName(bytes) + ", " + std::to_string(count) + " gotten, then released", double(count), "ns a block"},
+        body);
+}
+
+} // namespace
+
+void AddBlockRows()
+{
+    constexpr u32 sizes[] = {512, 4096, 48u << 10, 256u << 10, 1u << 20};
+    for (const unsigned threadCount : {1u, 2u})
+    {
+        for (const u32 bytes : sizes)
+        {
+            AddGetAgainRow(bytes, false, threadCount);
+            AddGetAgainRow(bytes, true, threadCount);
+        }
+    }
+    for (const u32 bytes : sizes)
+        AddBulkRow(bytes);
+}
+
+} // namespace Bench

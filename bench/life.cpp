@@ -1,0 +1,247 @@
+// Deaths: a steady life of births and deaths, and the removal alone.
+#include "containers.h"
+#include "row.h"
+
+namespace Bench
+{
+
+namespace
+{
+
+constexpr u32 kAliveCount = 102400;
+constexpr u32 kFrameCount = u32(kBornLife); // in each of which a tenth dies: the ages of one frame's dead are mixed
+constexpr u32 kBornCount = kAliveCount / kFrameCount;
+
+// Takes one frame off everyone's life, and lists who has none left. Everyone's columns run through this.
+TZ_NOINLINE u32 Age(float *life, u32 count, u32 *outDead)
+{
+    u32 deadCount = 0;
+    for (u32 i = 0; i < count; ++i)
+    {
+        life[i] -= 1.0f;
+        outDead[deadCount] = i;
+        deadCount += life[i] < 0.5f ? 1 : 0;
+    }
+    return deadCount;
+}
+
+// The lives that the particles start with: each number of frames for a tenth of them, in no order.
+std::vector<float> FirstLives()
+{
+    std::vector<float> lives;
+    for (u32 i = 0; i < kAliveCount; ++i)
+        lives.push_back(float(1 + i % kFrameCount));
+    for (u32 i = kAliveCount - 1; i > 0; --i)
+        std::swap(lives[i], lives[Scramble(i) % (i + 1)]);
+    return lives;
+}
+
+void BirthsOfFrame(CParticleStream_MainMemory &stream)
+{
+    for (u32 born = 0; born < kBornCount; born += kBurstSize)
+        Birth(stream, kBurstSize);
+}
+
+void Frame(CParticleStream_MainMemory &stream, std::vector<u32> &dead)
+{
+    for (u32 i = 0; i < stream.PageCount(); ++i)
+    {
+        const TMemoryView<float> life =
+            CParticlePageView(*stream.Page(CGuid(i))).DenseColumnForWriting<float>(CGuid(Field_Life));
+        const u32 deadCount = Age(life.Data(), life.Count(), dead.data());
+        stream.RemoveParticles(CGuid(i), TMemoryView<const u32>(dead.data(), deadCount));
+    }
+    BirthsOfFrame(stream);
+}
+
+// The dead are removed as they are met.
+void Frame(SColumns &columns)
+{
+    u32 count = columns.Count();
+    for (u32 i = 0; i < count;)
+    {
+        columns.m_Life[i] -= 1.0f;
+        if (columns.m_Life[i] < 0.5f)
+            columns.Move(--count, i);
+        else
+            ++i;
+    }
+    columns.Resize(count);
+    for (u32 born = 0; born < kBornCount; born += kBurstSize)
+        columns.Birth(kBurstSize);
+}
+
+// The dead are listed before they are removed, as a page's are: what a careful hand makes of vectors.
+void FrameByList(SColumns &columns, std::vector<u32> &dead)
+{
+    u32 count = columns.Count();
+    for (u32 deadCount = Age(columns.m_Life.data(), count, dead.data()); deadCount > 0;)
+        columns.Move(--count, dead[--deadCount]);
+    columns.Resize(count);
+    for (u32 born = 0; born < kBornCount; born += kBurstSize)
+        columns.Birth(kBurstSize);
+}
+
+void Frame(CStructs &structs)
+{
+    for (size_t i = 0; i < structs.size();)
+    {
+        structs[i].m_Life -= 1.0f;
+        if (structs[i].m_Life >= 0.5f)
+        {
+            ++i;
+            continue;
+        }
+        structs[i] = structs.back();
+        structs.pop_back();
+    }
+    for (u32 born = 0; born < kBornCount; born += kBurstSize)
+        Birth(structs, kBurstSize);
+}
+
+void Frame(CColony &colony)
+{
+    for (CColony::iterator it = colony.begin(); it != colony.end();)
+    {
+        it->m_Life -= 1.0f;
+        if (it->m_Life < 0.5f)
+            it = colony.erase(it);
+        else
+            ++it;
+    }
+    for (u32 born = 0; born < kBornCount; born += kBurstSize)
+        Birth(colony, kBurstSize);
+}
+
+template <typename _Frame>
+void LiveOn(CMeter &meter, _Frame frame)
+{
+    meter.Time(
+        [&]
+        {
+            for (u32 i = 0; i < kFrameCount; ++i)
+                frame();
+        });
+}
+
+void SteadyLife(const RunSides &run)
+{
+    const std::vector<float> firstLives = FirstLives();
+    std::vector<u32> dead(kAliveCount);
+    CParticleStream_MainMemory stream(0);
+    Bind(stream, Particle());
+    AppendParticles(stream, kAliveCount);
+    const float *lives = firstLives.data();
+    for (u32 i = 0; i < stream.PageCount(); ++i)
+    {
+        for (float &life : CParticlePageView(*stream.Page(CGuid(i))).DenseColumnForWriting<float>(CGuid(Field_Life)))
+            life = *lives++;
+    }
+    SColumns columns, listedColumns;
+    columns.Resize(kAliveCount);
+    columns.m_Life = firstLives;
+    listedColumns = columns;
+    CStructs structs;
+    CColony colony;
+    for (const float life : firstLives)
+    {
+        structs.push_back(Born(0, life));
+        colony.insert(Born(0, life));
+    }
+    run({Ours([&](CMeter &meter) { LiveOn(meter, [&] { Frame(stream, dead); }); }),
+         Peer("vector per column", 0.6, [&](CMeter &meter) { LiveOn(meter, [&] { Frame(columns); }); }),
+         Peer("the same by lists", 0.0,
+              [&](CMeter &meter) { LiveOn(meter, [&] { FrameByList(listedColumns, dead); }); }),
+         Peer("vector of structs", 0.0, [&](CMeter &meter) { LiveOn(meter, [&] { Frame(structs); }); }),
+         Peer("plf::colony", 0.15, [&](CMeter &meter) { LiveOn(meter, [&] { Frame(colony); }); })});
+}
+
+// One in ten, in no order: the indices within pages of pageSize particles, and where each page's list ends.
+struct SRandomTenth
+{
+    std::vector<u32> m_Indices;
+    std::vector<u32> m_ListEnds;
+
+    SRandomTenth(u32 count, u32 pageSize)
+    {
+        for (u32 i = 0; i < count; ++i)
+        {
+            if (Scramble(i) % 10 == 0)
+                m_Indices.push_back(i % pageSize);
+            if ((i + 1) % pageSize == 0 || i + 1 == count)
+                m_ListEnds.push_back(u32(m_Indices.size()));
+        }
+    }
+};
+
+void RemoveTenth(CParticleStream_MainMemory &stream, const SRandomTenth &tenth)
+{
+    u32 begin = 0;
+    for (u32 i = 0; i < stream.PageCount(); ++i)
+    {
+        const u32 end = tenth.m_ListEnds[i];
+        stream.RemoveParticles(CGuid(i), TMemoryView<const u32>(tenth.m_Indices.data() + begin, end - begin));
+        begin = end;
+    }
+}
+
+// The removed slots are taken again, and hold what they held.
+void Refill(CParticleStream_MainMemory &stream, u32 particleCount)
+{
+    u32 bornCount = 0;
+    for (u32 i = 0; i < stream.PageCount(); ++i)
+    {
+        CParticlePage &page = *stream.Page(CGuid(i));
+        const u32 wanted = TZMin(page.Capacity(), particleCount - i * page.Capacity());
+        bornCount += wanted - page.ParticleCount();
+        page.AllocateParticles(wanted - page.ParticleCount());
+    }
+    stream.RegisterBornCount(bornCount);
+}
+
+void RemoveRandomTenth(const RunSides &run)
+{
+    const SRandomTenth paged(kParticleCount, kPageSize), flat(kParticleCount, kParticleCount);
+    CParticleStream_MainMemory stream(0);
+    Bind(stream, Particle());
+    AppendParticles(stream, kParticleCount);
+    FillColumns(stream, true);
+    SColumns columns;
+    columns.Resize(kParticleCount);
+    CStructs structs(kParticleCount, Born(0));
+    const auto ours = [&](CMeter &meter)
+    {
+        Refill(stream, kParticleCount);
+        meter.Time([&] { RemoveTenth(stream, paged); });
+    };
+    const auto swapRemove = [&](CMeter &meter, auto move)
+    {
+        meter.Time(
+            [&]
+            {
+                u32 count = kParticleCount;
+                for (auto dead = flat.m_Indices.rbegin(); dead != flat.m_Indices.rend(); ++dead)
+                    move(--count, *dead);
+            });
+    };
+    run({Ours(ours),
+         Limit("swap-remove, flat columns", 1.2,
+               [&](CMeter &meter) { swapRemove(meter, [&](u32 last, u32 i) { columns.Move(last, i); }); }),
+         Peer("vector of structs", 0.0,
+              [&](CMeter &meter) { swapRemove(meter, [&](u32 last, u32 i) { structs[i] = structs[last]; }); })});
+}
+
+} // namespace
+
+void AddLifeRows()
+{
+    AddRow({"4", "steady life, 102,400 alive, a tenth dies and is born", kFrameCount * kAliveCount, "ns a particle"},
+           &SteadyLife);
+}
+
+void AddRemovalRows()
+{
+    AddRow({"6", "remove a random tenth of a million", kParticleCount / 10, "ns a removed one"}, &RemoveRandomTenth);
+}
+
+} // namespace Bench
