@@ -12,6 +12,8 @@
 #include <support/report_recorder.h>
 #include <support/scoped_runtime.h>
 
+#include "planted.h"
+
 namespace Tessaly
 {
 namespace Model
@@ -220,6 +222,12 @@ private:
         TArray<CParticlePageView> views;
         if (stream.AllocateParticles(count, views) != count)
             _Tell("particles that could not be had");
+        if (g_Planted == EPlanted::EarlyUnlock)
+        {
+            stream.UnlockPages();
+            std::this_thread::yield();
+            stream.LockPages();
+        }
         for (const CParticlePageView &view : views.View())
         {
             const u32 number = m_NextNumber.fetch_add(view.ParticleCount());

@@ -4,6 +4,7 @@
 #include <support/scoped_runtime.h>
 
 #include "interpreter.h"
+#include "planted.h"
 #include "reduce.h"
 
 namespace Tessaly
@@ -11,7 +12,7 @@ namespace Tessaly
 namespace Model
 {
 
-bool g_IsIsolated = false;
+EPlanted g_Planted = EPlanted::None;
 
 namespace
 {
@@ -131,7 +132,7 @@ std::string RunAllRefusals(const Script &script, FnRunRefused run, SFigures &fig
 std::string Drive(const Script &script, const FnRun &run, SFigures &figures)
 {
     figures.m_Operations += script.size();
-    return RunAndReduce(script, g_IsIsolated ? InChild(run) : run);
+    return RunAndReduce(script, run);
 }
 
 } // namespace
@@ -146,7 +147,13 @@ std::string RunScript(const Script &script)
     return difference.empty() ? interpreter.Finish() : difference;
 }
 
-std::string DriveRandom(u64 seed, SFigures &figures) { return Drive(RandomScript(seed, kLength), RunScript, figures); }
+std::string DriveRandom(u64 seed, SFigures &figures)
+{
+    Script script = seed % 8 == 0 ? LongListScript(seed) : Script();
+    const Script rest = RandomScript(seed, script.empty() ? kLength : kLength / 4);
+    script.insert(script.end(), rest.begin(), rest.end());
+    return Drive(script, RunScript, figures);
+}
 
 std::string DriveRefusedMemory(u64 seed, SFigures &figures)
 {

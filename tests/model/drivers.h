@@ -19,9 +19,6 @@ struct SFigures
     u64 m_Rounds = 0;
 };
 
-// Runs go on in child processes, so that a crash and an endless loop are told and reduced like any other difference.
-extern bool g_IsIsolated;
-
 // A random script against the model.
 std::string DriveRandom(u64 seed, SFigures &figures);
 // A random script, with every request for memory refused in turn: it alone, all from it on, every second from it on;

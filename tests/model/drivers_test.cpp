@@ -1,5 +1,9 @@
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 
 #include <gtest/gtest.h>
 
@@ -8,6 +12,7 @@
 #include <tz_particles/include/ps_runtime.h>
 
 #include "drivers.h"
+#include "planted.h"
 
 namespace Tessaly
 {
@@ -30,10 +35,8 @@ constexpr u64 kSlowness = 1;
 
 using FnDriver = std::string (*)(u64 seed, SFigures &figures);
 
-// TESSALY_MODEL_ISOLATED: in child processes, when a crash has to be found.
 void Drive(FnDriver driver, u64 firstSeed, u64 seedCount)
 {
-    g_IsIsolated = std::getenv("TESSALY_MODEL_ISOLATED") != null;
     SFigures figures;
     for (u64 seed = firstSeed; seed < firstSeed + seedCount && !::testing::Test::HasFailure(); ++seed)
     {
@@ -64,6 +67,26 @@ TEST(RandomOperations, OfANewSeedAgreeWithTheModel)
     Drive(DriveRandom, seed, NumberOf("TESSALY_MODEL_COUNT", 1));
 }
 
+// What goes wrong with the first file of the corpus with which something does, or nothing.
+static std::string DriveCorpus(u64 fileCount, SFigures &figures)
+{
+    std::string difference;
+    for (const auto &file : std::filesystem::directory_iterator(TZ_CORPUS_FOLDER))
+    {
+        std::ifstream stream(file.path(), std::ios::binary);
+        const std::vector<char> bytes{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+        const Script script = Decode(reinterpret_cast<const u8 *>(bytes.data()), bytes.size());
+        figures.m_Operations += script.size();
+        fileCount -= fileCount != 0 ? 1 : 0;
+        difference = RunScript(script);
+        if (!difference.empty())
+            return file.path().filename().string() + ": " + difference;
+    }
+    return fileCount == 0 ? difference : "files are missing";
+}
+
+TEST(Corpus, AgreesWithTheModel) { Drive(DriveCorpus, 20, 1); }
+
 TEST(RefusedMemory, LeavesStreamsAsToldAndUsable) { Drive(DriveRefusedMemory, 1, 20 / kSlowness); }
 TEST(RefusedBlocks, AgreeWithTheModel) { Drive(DriveRefusedBlocks, 101, 60 / kSlowness); }
 
@@ -84,6 +107,29 @@ TEST(RefusedMemory, AtStartupLeavesNothing)
 }
 
 TEST(Threads, LeaveWhatTheyWrote) { Drive(DriveThreads, 1, 100 / kSlowness); }
+
+// What the driver tells of the planted fault, with the seeds that it runs anyway.
+static std::string FindPlanted(EPlanted fault, FnDriver driver, u64 firstSeed, u64 seedCount)
+{
+    g_Planted = fault;
+    SFigures figures;
+    std::string difference;
+    for (u64 seed = firstSeed; seed < firstSeed + seedCount && difference.empty(); ++seed)
+        difference = driver(seed, figures);
+    g_Planted = EPlanted::None;
+    return difference;
+}
+
+TEST(PlantedFault, IsFoundByEachDriver)
+{
+    const std::string reduced = FindPlanted(EPlanted::LostRow, DriveRandom, 1, 200 / kSlowness);
+    EXPECT_NE(reduced, "");
+    EXPECT_LE(std::count(reduced.begin(), reduced.end(), '{'), 6) << reduced;
+    EXPECT_NE(FindPlanted(EPlanted::FlippedBit, DriveCorpus, 20, 1), "");
+    EXPECT_NE(FindPlanted(EPlanted::Miscount, DriveRefusedMemory, 1, 20 / kSlowness), "");
+    EXPECT_NE(FindPlanted(EPlanted::ForgottenBlock, DriveRefusedBlocks, 101, 60 / kSlowness), "");
+    EXPECT_NE(FindPlanted(EPlanted::EarlyUnlock, DriveThreads, 1, 100 / kSlowness), "");
+}
 
 } // namespace Model
 } // namespace Tessaly

@@ -4,6 +4,8 @@
 
 #include <tz_particles/include/ps_runtime.h>
 
+#include "planted.h"
+
 namespace Tessaly
 {
 namespace Model
@@ -71,7 +73,31 @@ std::string CInterpreter::Run(const SOperation &operation)
         Particles::PageAllocator()->SetMemoryBudget(0);
     }
     _Do(operation, _Stream(operation.m_Stream));
+    if (g_Planted != EPlanted::None)
+        _Plant(operation, _Stream(operation.m_Stream));
     return _Compare();
+}
+
+void CInterpreter::_Plant(const SOperation &operation, SPair &stream)
+{
+    CParticleStream_MainMemory &real = *stream.m_Real;
+    if (g_Planted == EPlanted::Miscount && _WasRefused())
+        real.RegisterBornCount_NoConsistencyCheck(1);
+    if (g_Planted == EPlanted::ForgottenBlock && m_World.m_WasBlockRefused)
+    {
+        Particles::PageAllocator()->SetMemoryBudget(0);
+        m_ForgottenBlock = Particles::PageAllocator()->AllocPage(1);
+    }
+    const PParticlePage page = real.PageCount() != 0 ? real.Page(CGuid(real.PageCount() - 1)) : null;
+    if (page == null || page->Empty() || !page->ReadyToWrite())
+        return;
+    const u32 last = page->ParticleCount() - 1;
+    if (g_Planted == EPlanted::LostRow && operation.m_Kind == EOperation::Resize)
+        real.RemoveParticles(CGuid(real.PageCount() - 1), {&last, 1});
+    const SParticleStreamField *field = page->StreamsCount() != 0 ? page->Streams().end() - 1 : null;
+    if (g_Planted == EPlanted::FlippedBit && operation.m_Kind == EOperation::BindTwin && field != null &&
+        !field->IsConstant())
+        field->m_RawDataPtr[size_t(field->m_Definition.m_StorageSize) * last] ^= 1;
 }
 
 std::string CInterpreter::Finish()
@@ -274,7 +300,7 @@ void CInterpreter::_Collect(const SOperation &operation, SPair &stream)
     stream.m_Real->GarbageCollectOldPages(hasReindexer ? &view : null);
     stream.m_Naive->Collect(hasReindexer ? &naive : null);
     for (size_t i = 0; hasReindexer && i < naive.size(); ++i)
-        _Differ("reindexer entry " + std::to_string(i), real[i].Get(), naive[i]);
+        _Differ("reindexer entry", real[i].Get(), naive[i], s64(i));
     _Differ("the entry behind the reindexer", real.back().Get(), 77);
 }
 

@@ -73,6 +73,7 @@ private:
         Rows,
     };
 
+    void _Plant(const SOperation &operation, SPair &stream); // the fault that is to be seen
     // Each does its operation on both sides.
     void _Do(const SOperation &operation, SPair &stream);
     void _BindTo(SPair &stream, const PLoan &loan, const PLoan &constants);
@@ -112,7 +113,13 @@ private:
     bool _WasRefused() const { return m_WasRefused && m_WasRefused(); }
     // To be called when the model has done its part.
     void _AdoptIfRefused(EAdoption adoption) { m_Adoption = _WasRefused() ? adoption : EAdoption::None; }
-    void _Differ(const std::string &what, u64 real, u64 expected);
+    // Tells of an unlike pair, the first of an operation; index: of what is many, or -1.
+    void _Differ(const char *what, u64 real, u64 expected, s64 index = -1)
+    {
+        if (real != expected && m_Difference.empty())
+            _Tell(index < 0 ? what : what + (" " + std::to_string(index)), real, expected);
+    }
+    void _Tell(const std::string &what, u64 real, u64 expected);
 
     std::string _Compare();
     void _CompareReports();
@@ -137,6 +144,7 @@ private:
     std::function<bool(u32 request)> m_RefusesBlock;
     u32 m_RealBlockRequest = 0, m_NaiveBlockRequest = 0;
     bool m_WasBlockRefused = false;
+    PParticleRawPage_MainMemory m_ForgottenBlock;
 };
 
 } // namespace Model

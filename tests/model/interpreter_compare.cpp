@@ -51,10 +51,9 @@ bool HoldsSameRows(const CNaivePage &naive, const CParticlePage &real)
 
 } // namespace
 
-void CInterpreter::_Differ(const std::string &what, u64 real, u64 expected)
+void CInterpreter::_Tell(const std::string &what, u64 real, u64 expected)
 {
-    if (real != expected && m_Difference.empty())
-        m_Difference = what + ": " + std::to_string(real) + " instead of " + std::to_string(expected);
+    m_Difference = what + ": " + std::to_string(real) + " instead of " + std::to_string(expected);
 }
 
 std::string CInterpreter::_Compare()
@@ -70,7 +69,7 @@ std::string CInterpreter::_Compare()
         _ComparePage(*reader.m_Naive, *reader.m_Page);
     _Differ("block bytes in use", Particles::PageAllocator()->TotalMemoryAllocated(), m_World.m_BlockBytes);
     if (m_Recorder.Count() != 0)
-        _Differ("reports while comparing: " + m_Recorder.Take()[0].m_Text, 1, 0);
+        _Tell("reports while comparing, as " + m_Recorder.Take()[0].m_Text, 1, 0);
     m_Adoption = EAdoption::None;
     std::string difference;
     difference.swap(m_Difference);
@@ -138,8 +137,7 @@ void CInterpreter::_ComparePage(CNaivePage &naive, const CParticlePage &real)
         const SParticleStreamField &field = real.Stream(CGuid(i));
         const SNaiveColumn &column = naive.m_Columns[i];
         const bool isStored = column.m_Field.m_Size != 0;
-        _Differ("place of column " + std::to_string(i),
-                field.m_RawDataPtr == (isStored ? block + offset : column.m_Constant), true);
+        _Differ("place of column", field.m_RawDataPtr == (isStored ? block + offset : column.m_Constant), true, i);
         if (isStored && m_Difference.empty())
             _CompareRows(naive, i, field, isNew);
         const SParticleStreamFieldDef &def = field.m_Definition;
@@ -168,14 +166,14 @@ void CInterpreter::_CompareRows(CNaivePage &naive, u32 column, const SParticleSt
             break;
         const auto difference = std::mismatch(&expected.m_Rows[i], &expected.m_Rows[i] + size, field.m_RawDataPtr + i);
         if (difference.first != &expected.m_Rows[i] + size)
-            _Differ("column " + std::to_string(column) + ", row " + std::to_string(i / size) + ", byte " +
-                        std::to_string(difference.first - &expected.m_Rows[i]),
-                    *difference.second, *difference.first);
+            _Tell("column " + std::to_string(column) + ", row " + std::to_string(i / size) + ", byte " +
+                      std::to_string(difference.first - &expected.m_Rows[i]),
+                  *difference.second, *difference.first);
     }
     const u64 end = ColumnBytes(expected, naive.m_Capacity), touched = size * naive.m_Touched;
     const u64 seen = isNew ? end - touched : std::min(end - touched, u64(64));
-    _Differ("fresh rows of column " + std::to_string(column), IsFresh(field.m_RawDataPtr + touched, seen), true);
-    _Differ("the end of column " + std::to_string(column), IsFresh(field.m_RawDataPtr + end - seen, seen), true);
+    _Differ("fresh rows of column", IsFresh(field.m_RawDataPtr + touched, seen), true, column);
+    _Differ("the end of column", IsFresh(field.m_RawDataPtr + end - seen, seen), true, column);
 }
 
 void CInterpreter::_CompareSums(const SPair &stream)
@@ -210,7 +208,7 @@ void CInterpreter::_CompareSums(const SPair &stream)
     _Differ("free bytes told", stats.m_FreeBytes, slotBytes - rowBytes);
     _Differ("padding told", stats.m_PaddingBytes, blockBytes - slotBytes);
     for (u32 i = 0; i < 10; ++i)
-        _Differ("pages of tenth " + std::to_string(i), stats.m_PagesByTenth[i], tenths[i]);
+        _Differ("pages of tenth", stats.m_PagesByTenth[i], tenths[i], i);
 }
 
 // The library's pages become the model's, after a refusal of which only this is certain: that the count is theirs, and

@@ -3,9 +3,6 @@
 #include <algorithm>
 #include <chrono>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 namespace Tessaly
 {
 namespace Model
@@ -14,7 +11,6 @@ namespace Model
 namespace
 {
 
-constexpr u32 kChildSeconds = 20;
 constexpr std::chrono::seconds kReducing(30);
 
 bool LeaveOut(Script &script, size_t count, const FnRun &run)
@@ -43,29 +39,6 @@ void SetToZero(Script &script, u16 SOperation::*argument, const FnRun &run)
     }
 }
 
-std::string RunToTheEnd(const Script &script, const FnRun &run)
-{
-    int ends[2];
-    if (pipe(ends) != 0)
-        return "no pipe to a child process";
-    const pid_t child = fork();
-    if (child == 0)
-    {
-        alarm(kChildSeconds);
-        const std::string difference = run(script);
-        _exit(write(ends[1], difference.data(), difference.size()) == ssize_t(difference.size()) ? 0 : 1);
-    }
-    close(ends[1]);
-    std::string difference;
-    char buffer[512];
-    for (ssize_t count; (count = read(ends[0], buffer, sizeof(buffer))) > 0;)
-        difference.append(buffer, size_t(count));
-    close(ends[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    return status == 0 ? difference : "died with status " + std::to_string(status) + difference;
-}
-
 } // namespace
 
 std::string RunAndReduce(const Script &script, const FnRun &run)
@@ -82,11 +55,6 @@ std::string RunAndReduce(const Script &script, const FnRun &run)
     for (u16 SOperation::*argument : {&SOperation::m_C, &SOperation::m_B, &SOperation::m_A})
         SetToZero(shortest, argument, runInTime);
     return difference + "\nreduced: " + run(shortest) + "\n" + ToString(shortest);
-}
-
-FnRun InChild(const FnRun &run)
-{
-    return [run](const Script &script) { return RunToTheEnd(script, run); };
 }
 
 } // namespace Model

@@ -17,8 +17,5 @@ using FnRun = std::function<std::string(const Script &)>;
 // Operations are left out and arguments set to 0 for as long as something still goes wrong.
 std::string RunAndReduce(const Script &script, const FnRun &run);
 
-// The same in a child process: death and a run of more than 20 seconds are told, too.
-FnRun InChild(const FnRun &run);
-
 } // namespace Model
 } // namespace Tessaly
