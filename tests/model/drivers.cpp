@@ -120,6 +120,7 @@ std::string RunAllRefusals(const Script &script, FnRunRefused run, SFigures &fig
         for (u32 n = 1; goesOn && difference.empty(); ++n, ++figures.m_Refusals)
         {
             bool wasRefused = false;
+            figures.m_Operations += script.size();
             difference = run(script, refusal, n, &wasRefused);
             if (!difference.empty())
                 difference = std::string(refusal.m_Name) + " " + std::to_string(n) + ": " + difference;
@@ -127,12 +128,6 @@ std::string RunAllRefusals(const Script &script, FnRunRefused run, SFigures &fig
         }
     }
     return difference;
-}
-
-std::string Drive(const Script &script, const FnRun &run, SFigures &figures)
-{
-    figures.m_Operations += script.size();
-    return RunAndReduce(script, run);
 }
 
 } // namespace
@@ -152,21 +147,20 @@ std::string DriveRandom(u64 seed, SFigures &figures)
     Script script = seed % 8 == 0 ? LongListScript(seed) : Script();
     const Script rest = RandomScript(seed, script.empty() ? kLength : kLength / 4);
     script.insert(script.end(), rest.begin(), rest.end());
-    return Drive(script, RunScript, figures);
+    figures.m_Operations += script.size();
+    return RunAndReduce(script, RunScript);
 }
 
 std::string DriveRefusedMemory(u64 seed, SFigures &figures)
 {
-    return Drive(
-        RefusedScript(seed), [&](const Script &script) { return RunAllRefusals(script, RunRefusedMemory, figures); },
-        figures);
+    return RunAndReduce(RefusedScript(seed),
+                        [&](const Script &script) { return RunAllRefusals(script, RunRefusedMemory, figures); });
 }
 
 std::string DriveRefusedBlocks(u64 seed, SFigures &figures)
 {
-    return Drive(
-        RefusedScript(seed), [&](const Script &script) { return RunAllRefusals(script, RunRefusedBlocks, figures); },
-        figures);
+    return RunAndReduce(RefusedScript(seed),
+                        [&](const Script &script) { return RunAllRefusals(script, RunRefusedBlocks, figures); });
 }
 
 } // namespace Model
