@@ -1,6 +1,7 @@
 // Runs the rows and prints them as a table, each line when its row is done.
 //   --quick           few rounds: shows that everything works
 //   --rounds N        at least so many rounds a row; 11 unless said
+//   --shapes          other sizes of particles and pages, instead of the table
 //   --filter REGEX    only the rows whose "group: work" matches
 //   --json FILE       the same as JSON
 //   --markdown FILE   the same as a text to be read: machine, date, table
@@ -26,6 +27,7 @@ namespace
 struct SOptions
 {
     unsigned m_RoundCount = 11;
+    bool m_ShowsShapes = false;
     std::string m_Filter;
     std::string m_JsonPath;
     std::string m_MarkdownPath;
@@ -78,6 +80,11 @@ bool ReadOptions(int count, char **arguments)
             g_Options.m_RoundCount = 1;
             continue;
         }
+        if (option == "--shapes")
+        {
+            g_Options.m_ShowsShapes = true;
+            continue;
+        }
         if (value == nullptr)
             return false;
         if (option == "--rounds")
@@ -95,7 +102,7 @@ bool ReadOptions(int count, char **arguments)
     return true;
 }
 
-void AddAllRows()
+void AddTableRows()
 {
     AddSpawnRows();
     AddLifeRows();
@@ -147,7 +154,10 @@ int Run()
         return 1;
     std::printf("%s; medians over %u rounds\n\n", MachineAndDate().c_str(), g_Options.m_RoundCount);
     PrintTableHead(stdout);
-    AddAllRows();
+    if (g_Options.m_ShowsShapes)
+        AddShapeRows();
+    else
+        AddTableRows();
     const bool isWritten = WriteResults();
     Particles::Shutdown();
     return isWritten && g_ReportCount == 0 && !g_Results.empty() ? 0 : 1;
@@ -167,7 +177,8 @@ int main(int argc, char **argv)
 {
     if (!Bench::ReadOptions(argc, argv))
     {
-        std::fprintf(stderr, "usage: %s [--quick] [--rounds N] [--filter REGEX] [--json FILE] [--markdown FILE]\n",
+        std::fprintf(stderr,
+                     "usage: %s [--quick] [--rounds N] [--shapes] [--filter REGEX] [--json FILE] [--markdown FILE]\n",
                      argv[0]);
         return 2;
     }

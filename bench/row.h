@@ -129,5 +129,6 @@ void AddPageListRows();
 void AddBlockRows();
 void AddMemoryRows();
 void AddLockRows();
+void AddShapeRows(); // on demand
 
 } // namespace Bench

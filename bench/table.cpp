@@ -134,10 +134,12 @@ void PrintTableHead(std::FILE *file)
 void PrintTableLine(std::FILE *file, const SRowResult &result)
 {
     std::string ratios, targets;
-    for (const SComparison &comparison : result.Judged())
+    const bool isJudged = !result.Judged().empty();
+    for (const SComparison &comparison : isJudged ? result.Judged() : result.Comparisons())
     {
         Append(ratios, Named(comparison.m_Ours, Digits(comparison.m_Ratio) + " of " + comparison.m_Beside));
-        Append(targets, Digits(comparison.m_Target));
+        if (isJudged)
+            Append(targets, Digits(comparison.m_Target));
     }
     std::fprintf(file, "| %-58s | %-16s | %-34s | %-60s | %-7s | %-38s | %-10s | %-8s |\n",
                  (result.m_Row.m_Group + ": " + result.m_Row.m_Work).c_str(), result.m_Row.m_Unit.c_str(),
@@ -192,8 +194,8 @@ std::string MachineAndDate()
     const time_t now = time(nullptr);
     std::strftime(date, sizeof(date), "%Y-%m-%d", gmtime(&now));
     return FirstLineAfter("/proc/cpuinfo", "model name") + ", " + std::to_string(sysconf(_SC_NPROCESSORS_ONLN)) +
-           " processors, " + std::to_string(sysconf(_SC_LEVEL3_CACHE_SIZE) >> 20) + " MiB last-level cache, " +
-           std::to_string(sysconf(_SC_PAGESIZE) >> 10) + " KiB pages, huge pages by " + HugePages() + ", g++ " +
+           " processors, last-level cache of " + FirstLineAfter("/sys/devices/system/cpu/cpu0/cache/index3/size", "") +
+           ", " + std::to_string(sysconf(_SC_PAGESIZE) >> 10) + " KiB pages, huge pages by " + HugePages() + ", g++ " +
            __VERSION__ + ", " + date;
 }
 

@@ -38,7 +38,7 @@ void PrintTableHead(std::FILE *file);
 void PrintTableLine(std::FILE *file, const SRowResult &result);
 void PrintJson(std::FILE *file, const std::vector<SRowResult> &results);
 
-// "AMD EPYC, 2 processors, 4 KiB pages, huge pages: madvise; g++ ..., date": where and when the table was made.
+// Where and when the table was made, in one line.
 std::string MachineAndDate();
 
 } // namespace Bench
