@@ -78,6 +78,7 @@ void FillParticles(const CParticleStream_MainMemory &stream, u32 firstNumber)
 
 ::testing::AssertionResult IsFreshFrom(const CParticlePage &page, u32 first)
 {
+    const CScopedRawPageReader reader(page.RawPage()); // free slots are for readers of the whole block only
     for (const SParticleStreamField &field : page.Streams())
     {
         const u32 size = field.m_Definition.m_StorageSize;

@@ -1,4 +1,8 @@
 // Statistics records.
+//
+// Records that print themselves do it in three forms: one line; a table, each row ended by a newline; one JSON object
+// with a number per member. Each writes to a buffer of the caller, always terminated (unless the buffer has no byte),
+// and returns what snprintf returns: the length of the whole text, whether or not it fitted. No memory is asked for.
 #pragma once
 
 #include <tz_defs.h>
@@ -44,8 +48,11 @@ struct TZ_API SParticleStreamStats
     // Pages by how full they are: [0] is below a tenth, ..., [9] nine tenths and more.
     u32 m_PagesByTenth[10] = {};
 
-    // One line, always terminated; returns what snprintf returns.
-    int Print(char *buffer, size_t bufferBytes) const;
+    int Print(char *buffer, size_t bufferBytes) const; // one line
+    int PrintTable(char *buffer, size_t bufferBytes) const;
+    // Members pages, outOfSyncPages, particles, slots, liveBytes, freeBytes, paddingBytes, and pagesByTenth: an array
+    // of ten.
+    int PrintJson(char *buffer, size_t bufferBytes) const;
 };
 
 } // namespace Tessaly

@@ -7,6 +7,13 @@
 namespace Tessaly
 {
 
+namespace
+{
+
+double Percent(u64 part, u64 whole) { return whole != 0 ? 100.0 * double(part) / double(whole) : 0.0; }
+
+} // namespace
+
 u64 SMediumMemoryReport::Total() const
 {
     return m_StaticBytes + m_KernelBytes + m_SamplerBytes + m_SimResourceBytes + m_ParticleBytes + m_AuxiliaryBytes +
@@ -49,6 +56,36 @@ int SParticleStreamStats::Print(char *buffer, size_t bufferBytes) const
                          m_PageCount, m_PageCount_OutOfSync, m_ParticleCount, m_SlotCount, m_LiveBytes, m_FreeBytes,
                          m_PaddingBytes, tenths[0], tenths[1], tenths[2], tenths[3], tenths[4], tenths[5], tenths[6],
                          tenths[7], tenths[8], tenths[9]);
+}
+
+int SParticleStreamStats::PrintTable(char *buffer, size_t bufferBytes) const
+{
+    const u32 *tenths = m_PagesByTenth;
+    const u64 allBytes = m_LiveBytes + m_FreeBytes + m_PaddingBytes;
+    return std::snprintf(
+        buffer, bufferBytes,
+        "pages         %14u   %u out of sync\n"
+        "particles     %14" PRIu64 "   %.1f %% of %" PRIu64 " slots\n"
+        "live bytes    %14" PRIu64 "   %.1f %%\n"
+        "free bytes    %14" PRIu64 "   %.1f %%\n"
+        "padding bytes %14" PRIu64 "   %.1f %%\n"
+        "how full            0 %%   10 %%   20 %%   30 %%   40 %%   50 %%   60 %%   70 %%   80 %%   90 %%\n"
+        "pages         %7u %6u %6u %6u %6u %6u %6u %6u %6u %6u\n",
+        m_PageCount, m_PageCount_OutOfSync, m_ParticleCount, Percent(m_ParticleCount, m_SlotCount), m_SlotCount,
+        m_LiveBytes, Percent(m_LiveBytes, allBytes), m_FreeBytes, Percent(m_FreeBytes, allBytes), m_PaddingBytes,
+        Percent(m_PaddingBytes, allBytes), tenths[0], tenths[1], tenths[2], tenths[3], tenths[4], tenths[5], tenths[6],
+        tenths[7], tenths[8], tenths[9]);
+}
+
+int SParticleStreamStats::PrintJson(char *buffer, size_t bufferBytes) const
+{
+    const u32 *tenths = m_PagesByTenth;
+    return std::snprintf(
+        buffer, bufferBytes,
+        "{\"pages\":%u,\"outOfSyncPages\":%u,\"particles\":%" PRIu64 ",\"slots\":%" PRIu64 ",\"liveBytes\":%" PRIu64
+        ",\"freeBytes\":%" PRIu64 ",\"paddingBytes\":%" PRIu64 ",\"pagesByTenth\":[%u,%u,%u,%u,%u,%u,%u,%u,%u,%u]}",
+        m_PageCount, m_PageCount_OutOfSync, m_ParticleCount, m_SlotCount, m_LiveBytes, m_FreeBytes, m_PaddingBytes,
+        tenths[0], tenths[1], tenths[2], tenths[3], tenths[4], tenths[5], tenths[6], tenths[7], tenths[8], tenths[9]);
 }
 
 } // namespace Tessaly

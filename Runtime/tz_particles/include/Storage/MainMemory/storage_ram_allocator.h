@@ -11,6 +11,7 @@
 #pragma once
 
 #include <tz_defs.h>
+#include <tz_kernel/include/kr_address_sanitizer.h>
 #include <tz_kernel/include/kr_containers_array.h>
 #include <tz_kernel/include/kr_refptr.h>
 #include <tz_kernel/include/kr_threads_basics.h>
@@ -31,6 +32,7 @@ public:
     u8 *RawDataForWriting()
     {
         TZ_ASSERT(ReadersCount() == 0);
+        Mem::Unpoison(m_Data, m_Size);
         return m_Data;
     }
 
@@ -39,12 +41,14 @@ public:
     const u8 *BeginRead() const
     {
         __atomic_fetch_add(&m_ReadersCount, 1, __ATOMIC_ACQ_REL);
+        Mem::Unpoison(m_Data, m_Size); // a reader may copy the whole block, free slots and all
         return m_Data;
     }
     void EndRead() const { __atomic_fetch_sub(&m_ReadersCount, 1, __ATOMIC_ACQ_REL); }
 
 private:
     friend class CParticlePageAllocator;
+    friend class CParticlePage;
     template <typename _Type, typename... _Args>
     friend _Type *Mem::Construct(void *place, _Args &&...args);
     template <typename _Type>
@@ -116,6 +120,12 @@ struct CParticlePageAllocator_Stats
     u64 m_AllocCount = 0;   // blocks handed out since the start
     u64 m_RecycleCount = 0; // of these, served by a waiting block
     u64 m_RefusalCount = 0; // requests refused by the budget or for want of memory
+
+    // As the records of ps_stats.h print themselves. JSON members: bytesInUse, bytesFree, blocksInUse, blocksFree,
+    // allocations, recycled, refusals.
+    int Print(char *buffer, size_t bufferBytes) const;
+    int PrintTable(char *buffer, size_t bufferBytes) const;
+    int PrintJson(char *buffer, size_t bufferBytes) const;
 };
 
 class TZ_API CParticlePageAllocator : public CNonCopyable

@@ -6,6 +6,10 @@
 //
 //   ParticleCount() <= Capacity();  m_ParticleCount of every field == ParticleCount()
 //   column of a field: Align<16>(m_StorageSize * Capacity()) bytes, columns back to back in definition order
+//
+// Under the address sanitizer the free slots are poisoned, and so is the rest of the block: touching a particle that is
+// gone, through a view taken earlier, is an error. RawDataForWriting and BeginRead open the whole block, until the
+// page's count changes next without readers.
 #pragma once
 
 #include <tz_kernel/include/kr_memoryviews.h>
@@ -147,6 +151,10 @@ private:
     u32 _ColumnSizeInBytes(const SParticleStreamField &field) const;
     // Fills every stored column from particle first to its end, rounding included, with kFreshParticleByte.
     void _FillFreshRows(u32 first);
+    // For the address sanitizer: particles may be touched, what else is in the block may not while it has no reader.
+    // Called under the lock that guards the count. Rows that stay live are never poisoned in between.
+    void _PoisonFreeSlots();
+    void _UnpoisonAllSlots() const; // for the page's own writing of free slots
     // Moves the particles from first on to the front; those before it are gone.
     void _DropFirstParticles(u32 first);
 

@@ -24,18 +24,8 @@ static_assert(CParticlePageAllocator::kMinAllocSize == 1u << kMinAllocSizeLog2, 
 static_assert(CParticlePageAllocator::kMaxAllocSize == CParticlePageAllocator::kMinAllocSize << 11, "the last class");
 static_assert(kUsedSlotCount <= CParticlePageAllocator::kPoolSlotCount, "every class has a slot");
 
-// A sanitizer that watches addresses sees more when blocks do not share their memory.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kSharesArenas = false;
-#elif defined(__has_feature)
-#    if __has_feature(address_sanitizer)
-constexpr bool kSharesArenas = false;
-#    else
-constexpr bool kSharesArenas = true;
-#    endif
-#else
-constexpr bool kSharesArenas = true;
-#endif
+// The address sanitizer sees more when blocks do not share their memory.
+constexpr bool kSharesArenas = !Mem::kIsAddressSanitized;
 
 // First touch in huge pages costs a fifth of what it costs in small ones, and later passes miss fewer translations.
 // Advice only, for the huge pages that lie inside the memory.
@@ -68,7 +58,11 @@ private:
     SBlockPool &m_Pool;
 };
 
-CParticleRawPage_MainMemory::~CParticleRawPage_MainMemory() { m_Allocator->_ReturnBlock(*this); }
+CParticleRawPage_MainMemory::~CParticleRawPage_MainMemory()
+{
+    Mem::Unpoison(m_Data, m_Size); // whoever owns the memory next knows nothing of it
+    m_Allocator->_ReturnBlock(*this);
+}
 
 bool CParticleRawPage_MainMemory::_KeepForReuse() { return m_Allocator->_TakeBack(*this); }
 
@@ -305,6 +299,7 @@ CParticleRawPage_MainMemory *CParticlePageAllocator::_TakeRawPage(u32 sizeInByte
             rawPage = _NewRawPage(slotId, blockBytes);
         if (rawPage != null)
         {
+            Mem::Unpoison(rawPage->m_Data, blockBytes);
             if (!isPooled)
                 __atomic_fetch_add(&m_Stats->m_AllocCount, 1, __ATOMIC_RELAXED);
             return rawPage;
@@ -346,6 +341,7 @@ bool CParticlePageAllocator::_TakeBack(CParticleRawPage_MainMemory &rawPage)
     const u32 slotId = _SizeToSlotId(blockBytes);
     if (slotId >= m_Blocks.Count() || m_IsLeftToBlocks)
         return false;
+    Mem::Poison(rawPage.m_Data, blockBytes);
     rawPage.m_ReadersCount = 0;
     rawPage.m_RetireDate = __atomic_load_n(&m_CurrentDate, __ATOMIC_RELAXED);
     rawPage.m_IsWaiting = true;

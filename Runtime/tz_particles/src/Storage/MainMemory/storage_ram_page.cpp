@@ -211,6 +211,7 @@ void CParticlePage::DeepCopy(const CParticlePage &other)
 {
     if (this == &other || !TZ_VERIFY(PrepareForWriting()))
         return;
+    _UnpoisonAllSlots();
     const u32 particleCount = TZMin(other.ParticleCount(), m_Capacity);
     const u32 fieldCount = TZMin(StreamsCount(), other.StreamsCount());
     SParticleStreamField *dstFields = m_Streams_Unsafe.RawDataPointer();
@@ -241,6 +242,36 @@ void CParticlePage::_SetParticleCount(u32 count)
         m_ListIndex->Update(m_IndexInList, m_Capacity - count, oldCount, count);
     for (SParticleStreamField &field : m_Streams_Unsafe.ViewForWriting())
         field.m_ParticleCount = count;
+    _PoisonFreeSlots();
+}
+
+void CParticlePage::_PoisonFreeSlots()
+{
+    if (!Mem::kIsAddressSanitized || m_RawPage == null)
+        return;
+    const u8 *block = m_RawPage->m_Data;
+    const u8 *blockEnd = block + m_RawPage->Size();
+    const u8 *columnsEnd = block;
+    const bool hasReaders = !ReadyToWrite();
+    for (const SParticleStreamField &field : m_Streams_Unsafe.View())
+    {
+        const u8 *column = field.m_RawDataPtr;
+        if (field.IsConstant() || column < block || column >= blockEnd)
+            continue;
+        const u8 *live = column + size_t(field.m_Definition.m_StorageSize) * m_ParticleCount;
+        columnsEnd = column + _ColumnSizeInBytes(field);
+        Mem::Unpoison(column, size_t(live - column));
+        if (!hasReaders)
+            Mem::Poison(live, size_t(columnsEnd - live));
+    }
+    if (!hasReaders)
+        Mem::Poison(columnsEnd, size_t(blockEnd - columnsEnd));
+}
+
+void CParticlePage::_UnpoisonAllSlots() const
+{
+    if (m_RawPage != null)
+        Mem::Unpoison(m_RawPage->m_Data, m_RawPage->Size());
 }
 
 u32 CParticlePage::_ColumnSizeInBytes(const SParticleStreamField &field) const
@@ -250,6 +281,7 @@ u32 CParticlePage::_ColumnSizeInBytes(const SParticleStreamField &field) const
 
 void CParticlePage::_FillFreshRows(u32 first)
 {
+    _UnpoisonAllSlots();
     for (SParticleStreamField &field : m_Streams_Unsafe.ViewForWriting())
     {
         if (field.IsConstant())
@@ -257,6 +289,7 @@ void CParticlePage::_FillFreshRows(u32 first)
         const u32 offset = field.m_Definition.m_StorageSize * first;
         FillFresh(field.m_RawDataPtr + offset, _ColumnSizeInBytes(field) - offset);
     }
+    _PoisonFreeSlots();
 }
 
 void CParticlePage::_DropFirstParticles(u32 first)

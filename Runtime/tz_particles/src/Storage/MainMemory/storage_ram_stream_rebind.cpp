@@ -123,6 +123,7 @@ u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const u8 *streamRemap
     TZ_ASSERT(newPage->Capacity() == page->Capacity());
     m_Pages.RawDataPointer()[i] = newPage;
     newPage->m_ParticleCount = particleCount;
+    newPage->_PoisonFreeSlots();
     const TMemoryView<SParticleStreamField> dstStreams = newPage->StreamsForWriting();
     const TMemoryView<const SParticleStreamField> srcStreams = page->Streams();
     for (u32 j = 0; j < dstStreams.Count(); ++j)

@@ -1,6 +1,7 @@
 // Page-to-page copies, and pending resizes, which live on them.
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 
+#include <tz_kernel/include/kr_address_sanitizer.h>
 #include <tz_kernel/include/kr_mem_utils.h>
 
 namespace Tessaly
@@ -20,9 +21,13 @@ void CopyRun(const SParticleStreamField &dstField, u32 dstStartId, const SPartic
     const u32 dstStorageSize = dstField.m_Definition.m_StorageSize;
     const u32 srcStorageSize = srcField.m_Definition.m_StorageSize;
     const u32 byteCount = TZMin(dstStorageSize, srcStorageSize) * count;
-    if (byteCount != 0)
-        Mem::Copy(dstField.m_RawDataPtr + dstStorageSize * dstStartId,
-                  srcField.m_RawDataPtr + srcStorageSize * srcStartId, byteCount);
+    if (byteCount == 0)
+        return;
+    u8 *dst = dstField.m_RawDataPtr + dstStorageSize * dstStartId;
+    const u8 *src = srcField.m_RawDataPtr + srcStorageSize * srcStartId;
+    if (Mem::kIsAddressSanitized && u64(srcStartId) + count > srcField.m_ParticleCount)
+        return Mem::CopyPoisoned(dst, src, byteCount); // a range reaches to the source's capacity, not to its count
+    Mem::Copy(dst, src, byteCount);
 }
 
 } // namespace

@@ -1,0 +1,86 @@
+// Under the address sanitizer: slots without a live particle may not be touched, and nothing else is in the way.
+#include <support/stream_fixture.h>
+
+#if TZ_ADDRESS_SANITIZER
+
+namespace Tessaly
+{
+namespace Tests
+{
+namespace
+{
+
+class PoisonedSlots : public CStreamTest
+{
+protected:
+    CTestStream m_Stream{11, m_Definition};
+};
+
+// Which rows of a column may be touched from their first to their last byte.
+std::vector<u32> OpenRows(const SParticleStreamField &field, u32 capacity)
+{
+    std::vector<u32> rows;
+    const size_t size = field.m_Definition.m_StorageSize;
+    for (u32 row = 0; row < capacity; ++row)
+    {
+        if (__asan_region_is_poisoned(field.m_RawDataPtr + size * row, size) == null)
+            rows.push_back(row);
+    }
+    return rows;
+}
+
+void ExpectOpenRows(const CParticlePage &page, u32 count)
+{
+    for (const SParticleStreamField &field : page.Streams())
+    {
+        EXPECT_EQ(OpenRows(field, page.Capacity()), Numbers(0, field.IsConstant() ? page.Capacity() : count));
+    }
+}
+
+using PoisonedSlotsDeathTest = PoisonedSlots;
+
+TEST_F(PoisonedSlotsDeathTest, StaleViewIsCaught)
+{
+    CParticlePageView view = m_Stream.AllocateParticlesIFP(9, 0);
+    const TMemoryView<float> lives = view.DenseColumnForWriting<float>(CGuid(1));
+    const u32 removed[] = {0, 1, 2, 3};
+    m_Stream.RemoveParticles(CGuid(0), {removed, 4});
+    lives[4] = 1.0f;
+    EXPECT_DEATH(lives[5] = 1.0f, "use-after-poison");
+    const u8 *block = m_Stream.Page(CGuid(0))->RawPage()->BeginRead();
+    m_Stream.Page(CGuid(0))->RawPage()->EndRead();
+    EXPECT_EQ(lives[8], lives[8]) << "a reader has the whole block";
+    view.Clear();
+    m_Stream.Cleanup();
+    EXPECT_DEATH(EXPECT_EQ(block[0], 0), "use-after-poison") << "the page is gone, its block waits";
+}
+
+TEST_F(PoisonedSlots, FollowTheCountThroughEveryOperation)
+{
+    CParticlePage &page = m_Stream.AppendPage(11, 7);
+    ExpectOpenRows(page, 7);
+    FillParticles(m_Stream, 0);
+    const u32 removed[] = {1, 2};
+    m_Stream.RemoveParticles(CGuid(0), {removed, 2});
+    ExpectOpenRows(page, 5);
+    ASSERT_TRUE(CParticleStream_MainMemory::CopySubRangeToPage(m_Stream.AppendPage(22, 0), page, 2, 9));
+    ExpectOpenRows(*m_Stream.Page(CGuid(1)), 9);
+    m_Stream.RegisterBornCount(9);
+    CTestStream copy(5);
+    copy.DeepCopy(m_Stream);
+    ExpectOpenRows(*copy.Page(CGuid(0)), 5);
+    m_Stream.ComputePendingResizes_NoLock();
+    m_Stream.ResizePending(1);
+    ASSERT_EQ(m_Stream.ParticleCounts(), (std::vector<u32>{5, 9}));
+    ExpectOpenRows(*m_Stream.Page(CGuid(1)), 9);
+    CDefinition other;
+    other.Stored(Life, BaseType_I32).Stored(Extra, BaseType_UByte3);
+    other.BindTo(m_Stream);
+    ExpectOpenRows(*m_Stream.Page(CGuid(0)), 5);
+}
+
+} // namespace
+} // namespace Tests
+} // namespace Tessaly
+
+#endif
