@@ -111,7 +111,7 @@ private:
 };
 
 // A page allocator at one moment. Sizes in bytes.
-struct CParticlePageAllocator_Stats
+struct TZ_API CParticlePageAllocator_Stats
 {
     u64 m_BytesInUse = 0; // in raw pages that are alive
     u64 m_BytesFree = 0;  // in blocks that wait for reuse
