@@ -1,9 +1,10 @@
 #include "program.h"
 
+#include "output_file.h"
 #include "report.h"
-#include "trace_sink.h"
 #include "wind_run.h"
 
+#include <tz_kernel/include/kr_profiler_trace.h>
 #include <tz_particles/include/ps_runtime.h>
 
 #include <atomic>
@@ -93,17 +94,25 @@ void PlayFrames(CWindRun &run, u32 frameCount, std::FILE *out)
     }
 }
 
+bool WriteTrace(const Profiler::CTraceSink &trace, const std::string &path, std::string &outError)
+{
+    COutputFile file(path);
+    if (file.Handle() == nullptr || !trace.Write(file.Handle()))
+        return outError = path + " cannot be written", false;
+    return file.Commit(outError);
+}
+
 bool PlayAndWrite(const SOptions &options, const CWindField &field, std::FILE *out, std::string &outError)
 {
-    const bool traced = !options.m_TraceFile.empty();
-    CTraceSink sink;
+    const bool isTraced = !options.m_TraceFile.empty();
+    Profiler::CTraceSink trace(isTraced ? Profiler::CTraceSink::kDefaultMaxScopes : 0);
     CWindRun run(options, field);
-    {
-        const CScopedTrace trace(traced ? &sink : nullptr);
-        PlayFrames(run, options.m_FrameCount, out);
-    }
+    if (isTraced)
+        Profiler::CProfiler::SetSink(&trace);
+    PlayFrames(run, options.m_FrameCount, out);
+    Profiler::CProfiler::SetSink(nullptr);
     PrintTable(out, run);
-    return run.WritePictures(outError) && (!traced || sink.Write(options.m_TraceFile, outError));
+    return run.WritePictures(outError) && (!isTraced || WriteTrace(trace, options.m_TraceFile, outError));
 }
 
 int Play(const SOptions &options, const CWindField &field, std::FILE *out, std::FILE *err)

@@ -7,7 +7,6 @@
 #include <wind/motion.h>
 #include <wind/output_file.h>
 #include <wind/program.h>
-#include <wind/trace_sink.h>
 #include <wind/wind_run.h>
 
 #include <gtest/gtest.h>
@@ -20,7 +19,6 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 namespace
 {
@@ -91,7 +89,6 @@ protected:
 using WindField = CWindTest;
 using WindOutputFile = CWindTest;
 using WindProgram = CWindTest;
-using WindTrace = CWindTest;
 
 // A forecast of 4 by 3 values, 90 degrees apart: u as given, v the same with the sign changed.
 std::string SmallForecast(const std::string &u, int nx = 4, const char *secondRecord = "3")
@@ -238,41 +235,6 @@ TEST_F(WindOutputFile, LeavesNothingWithoutCommit)
     EXPECT_FALSE(COutputFile(Path("nowhere/file")).Commit(error));
     EXPECT_EQ(error, Path("nowhere/file") + " cannot be written");
     EXPECT_EQ(fileCount(), 1) << "a temporary file is left";
-}
-
-TEST_F(WindTrace, KeepsTheScopesOfAllThreads)
-{
-    using namespace Profiler;
-    const SNodeDescriptor outer("outer \"quoted\"", __FILE__, CFloat3(1, 0, 0), 0);
-    const SNodeDescriptor inner("inner", __FILE__, CFloat3(0, 1, 0), 0);
-    CTraceSink sink;
-    std::string error;
-    sink.OnScopeEnd(inner); // began before the sink listened
-    {
-        const CScopedTrace trace(&sink);
-        const auto work = [&]
-        {
-            for (u32 i = 0; i < 100; ++i)
-            {
-                const CScopedNode outerScope(MainEngineProfiler(), &outer, true);
-                const CScopedNode innerScope(MainEngineProfiler(), &inner, true);
-            }
-        };
-        std::thread first(work), second(work);
-        first.join();
-        second.join();
-    }
-    EXPECT_EQ(CProfiler::Sink(), nullptr);
-    EXPECT_EQ(sink.ScopeCount(), 400u);
-    ASSERT_TRUE(sink.Write(Path("trace.json"), error)) << error;
-
-    const nlohmann::json events = nlohmann::json::parse(ReadAll(m_Folder / "trace.json"))["traceEvents"];
-    ASSERT_EQ(events.size(), 400u);
-    EXPECT_EQ(events[0]["name"], "inner");
-    EXPECT_EQ(events[1]["name"], "outer \"quoted\"");
-    EXPECT_EQ(events[1]["ph"], "X");
-    EXPECT_LE(events[1]["ts"], events[0]["ts"]);
-    EXPECT_GE(events[1]["dur"], events[0]["dur"]);
 }
 
 // The library is up, the forecast is loaded, and no assertion may be reported.

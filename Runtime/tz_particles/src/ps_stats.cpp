@@ -69,7 +69,7 @@ int SParticleStreamStats::PrintTable(char *buffer, size_t bufferBytes) const
         "live bytes    %14" PRIu64 "   %.1f %%\n"
         "free bytes    %14" PRIu64 "   %.1f %%\n"
         "padding bytes %14" PRIu64 "   %.1f %%\n"
-        "how full            0 %%   10 %%   20 %%   30 %%   40 %%   50 %%   60 %%   70 %%   80 %%   90 %%\n"
+        "how full          0 %%   10 %%   20 %%   30 %%   40 %%   50 %%   60 %%   70 %%   80 %%   90 %%\n"
         "pages         %7u %6u %6u %6u %6u %6u %6u %6u %6u %6u\n",
         m_PageCount, m_PageCount_OutOfSync, m_ParticleCount, Percent(m_ParticleCount, m_SlotCount), m_SlotCount,
         m_LiveBytes, Percent(m_LiveBytes, allBytes), m_FreeBytes, Percent(m_FreeBytes, allBytes), m_PaddingBytes,

@@ -1,0 +1,125 @@
+// The trace sink: what it writes, parsed.
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <support/allocator_hook.h>
+#include <tz_kernel/include/kr_profiler_trace.h>
+
+namespace Tessaly
+{
+namespace Tests
+{
+namespace
+{
+
+using namespace Profiler;
+
+const SNodeDescriptor kOuter("outer \"quoted\" \\ \xE9\n", __FILE__, CFloat3(1, 0, 0), 0);
+const SNodeDescriptor kInner("inner", __FILE__, CFloat3(0, 1, 0), 0);
+
+nlohmann::json Written(const CTraceSink &sink)
+{
+    const std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(std::tmpfile(), &std::fclose);
+    EXPECT_TRUE(sink.Write(file.get()));
+    std::rewind(file.get());
+    return nlohmann::json::parse(file.get());
+}
+
+u64 Nanoseconds(const nlohmann::json &microseconds) { return u64(microseconds.get<double>() * 1000.0 + 0.5); }
+
+TEST(TraceSink, WritesNestedScopesOfNamedThreads)
+{
+    constexpr u32 kRounds = 300;
+    CTraceSink sink;
+    CProfiler::SetSink(&sink);
+    const auto work = [](const char *name)
+    {
+        pthread_setname_np(pthread_self(), name);
+        for (u32 i = 0; i < kRounds; ++i)
+        {
+            const CScopedNode outer(MainEngineProfiler(), &kOuter, true);
+            const CScopedNode first(MainEngineProfiler(), &kInner, true);
+            const CScopedNode second(MainEngineProfiler(), &kInner, true);
+        }
+    };
+    std::thread threads[] = {std::thread(work, "a \"worker\""), std::thread(work, "b"), std::thread(work, "c")};
+    while (sink.ScopeCount() < kRounds) // written from time to time, too
+        EXPECT_EQ(Written(sink)["otherData"]["droppedScopes"], 0);
+    for (std::thread &thread : threads)
+        thread.join();
+    CProfiler::SetSink(null);
+
+    std::map<u32, std::string> names;
+    std::map<u32, std::vector<nlohmann::json>> ended;
+    const nlohmann::json written = Written(sink);
+    for (const nlohmann::json &event : written["traceEvents"])
+    {
+        if (event["ph"] == "M")
+            names[event["tid"]] = event["args"]["name"];
+        else
+            ended[event["tid"]].push_back(event);
+    }
+    ASSERT_EQ(ended.size(), 3u);
+    std::string allNames;
+    for (const auto &[thread, events] : ended)
+    {
+        allNames += names[thread];
+        ASSERT_EQ(events.size(), 3 * kRounds);
+        u64 lastEnd = 0;
+        for (size_t i = 0; i < events.size(); i += 3)
+        {
+            EXPECT_EQ(events[i]["name"], "inner");
+            EXPECT_EQ(events[i + 2]["name"], "outer \"quoted\" \\ \u00e9\n");
+            u64 start = Nanoseconds(events[i]["ts"]), end = start + Nanoseconds(events[i]["dur"]);
+            for (size_t j = i + 1; j < i + 3; ++j)
+            {
+                const u64 outerStart = Nanoseconds(events[j]["ts"]),
+                          outerEnd = outerStart + Nanoseconds(events[j]["dur"]);
+                EXPECT_TRUE(events[j]["ph"] == "X" && outerStart <= start && end <= outerEnd);
+                start = outerStart;
+                end = outerEnd;
+            }
+            EXPECT_LE(lastEnd, start);
+            lastEnd = end;
+        }
+    }
+    std::sort(allNames.begin(), allNames.end());
+    EXPECT_EQ(allNames, " \"\"abcekorrw");
+}
+
+TEST(TraceSink, DropsAndCountsWhatIsTooMuch)
+{
+    CTraceSink sink(10);
+    sink.OnScopeEnd(kInner); // never began
+    for (u32 i = 0; i < CTraceSink::kMaxDepth + 3; ++i)
+        sink.OnScopeBegin(kInner);
+    for (u32 i = 0; i < CTraceSink::kMaxDepth + 3; ++i)
+        sink.OnScopeEnd(i < 3 ? kOuter : kInner);
+    EXPECT_EQ(sink.ScopeCount(), 10u);
+    EXPECT_EQ(sink.DroppedCount(), CTraceSink::kMaxDepth + 3 - 10);
+    const nlohmann::json written = Written(sink);
+    EXPECT_EQ(written["otherData"]["droppedScopes"], CTraceSink::kMaxDepth + 3 - 10);
+    for (const nlohmann::json &event : written["traceEvents"])
+        EXPECT_TRUE(event["ph"] == "M" || event["name"] == "inner") << "too deep";
+
+    CAllocatorHook memory;
+    memory.RefuseFrom(1);
+    CTraceSink poor;
+    poor.OnScopeBegin(kInner);
+    poor.OnScopeEnd(kInner);
+    EXPECT_EQ(poor.ScopeCount() * 10 + poor.DroppedCount(), 1u);
+    std::FILE *full = std::fopen("/dev/full", "w");
+    EXPECT_FALSE(sink.Write(full));
+    std::fclose(full);
+}
+
+} // namespace
+} // namespace Tests
+} // namespace Tessaly
