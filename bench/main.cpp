@@ -1,11 +1,13 @@
 // Runs the rows and prints them as a table, each line when its row is done.
 //   --quick           few rounds: shows that everything works
-//   --rounds N        at least so many rounds a row; 11 unless said
+//   --rounds N        at least so many rounds a row; 25 unless said
 //   --shapes          other sizes of particles and pages, instead of the table
+//   --ours-alone      without the other sides, for a profiler
 //   --filter REGEX    only the rows whose "group: work" matches
 //   --json FILE       the same as JSON
 //   --markdown FILE   the same as a text to be read: machine, date, table
 // Ends with status 1 when the runtime reported anything, whatever the figures.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,8 +28,9 @@ namespace
 
 struct SOptions
 {
-    unsigned m_RoundCount = 11;
+    unsigned m_RoundCount = 25;
     bool m_ShowsShapes = false;
+    bool m_IsOursAlone = false;
     std::string m_Filter;
     std::string m_JsonPath;
     std::string m_MarkdownPath;
@@ -51,8 +54,12 @@ double Measure(const SSide &side)
     return meter.Sum();
 }
 
-void RunRow(const SRow &row, const std::vector<SSide> &sides)
+void RunRow(const SRow &row, std::vector<SSide> sides)
 {
+    if (g_Options.m_IsOursAlone)
+        sides.erase(
+            std::remove_if(sides.begin(), sides.end(), [](const SSide &side) { return side.m_Kind != Side_Ours; }),
+            sides.end());
     for (const SSide &side : sides)
         Measure(side); // warms caches and free lists, and is forgotten
     SRowResult result = {row, sides, std::vector<std::vector<double>>(sides.size())};
@@ -75,16 +82,15 @@ bool ReadOptions(int count, char **arguments)
     {
         const std::string option = arguments[i];
         const char *value = i + 1 < count ? arguments[i + 1] : nullptr;
+        const bool isFlag = option == "--quick" || option == "--shapes" || option == "--ours-alone";
         if (option == "--quick")
-        {
             g_Options.m_RoundCount = 1;
-            continue;
-        }
-        if (option == "--shapes")
-        {
+        else if (option == "--shapes")
             g_Options.m_ShowsShapes = true;
+        else if (option == "--ours-alone")
+            g_Options.m_IsOursAlone = true;
+        if (isFlag)
             continue;
-        }
         if (value == nullptr)
             return false;
         if (option == "--rounds")
@@ -132,6 +138,17 @@ bool WriteFile(const std::string &path, _Print print)
     return std::fclose(file) == 0;
 }
 
+std::string Summary()
+{
+    size_t judgedCount = 0, heldCount = 0;
+    for (const SRowResult &result : g_Results)
+    {
+        judgedCount += result.Judged().empty() ? 0 : 1;
+        heldCount += result.Judged().empty() || !result.IsHeld() ? 0 : 1;
+    }
+    return std::to_string(heldCount) + " of " + std::to_string(judgedCount) + " rows with targets are held.";
+}
+
 bool WriteResults()
 {
     const bool isJsonWritten = WriteFile(g_Options.m_JsonPath, [](std::FILE *file) { PrintJson(file, g_Results); });
@@ -143,6 +160,7 @@ bool WriteResults()
                          PrintTableHead(file);
                          for (const SRowResult &result : g_Results)
                              PrintTableLine(file, result);
+                         std::fprintf(file, "\n%s\n", Summary().c_str());
                      }) &&
            isJsonWritten;
 }
@@ -158,6 +176,7 @@ int Run()
         AddShapeRows();
     else
         AddTableRows();
+    std::printf("\n%s\n", Summary().c_str());
     const bool isWritten = WriteResults();
     Particles::Shutdown();
     return isWritten && g_ReportCount == 0 && !g_Results.empty() ? 0 : 1;
@@ -178,7 +197,8 @@ int main(int argc, char **argv)
     if (!Bench::ReadOptions(argc, argv))
     {
         std::fprintf(stderr,
-                     "usage: %s [--quick] [--rounds N] [--shapes] [--filter REGEX] [--json FILE] [--markdown FILE]\n",
+                     "usage: %s [--quick] [--rounds N] [--shapes] [--ours-alone] [--filter REGEX] [--json FILE] "
+                     "[--markdown FILE]\n",
                      argv[0]);
         return 2;
     }
