@@ -1,5 +1,7 @@
 // The page allocator: size classes, recycling, budget, maintenance, teardown.
 
+#include <future>
+#include <random>
 #include <thread>
 
 #include <support/stream_fixture.h>
@@ -136,6 +138,74 @@ TEST_F(PageAllocator, ThreadsShareIt)
     other.join();
     EXPECT_EQ(Pages().TotalMemoryAllocated(), 0u);
     EXPECT_EQ(Stats().m_BlocksInUse, 0u);
+}
+
+// With a budget every request goes to the pools: the plain twin of the threads' fronts.
+TEST_F(PageAllocator, FrontsServeAsThePoolsDo)
+{
+    Allocator plain, fronted;
+    ASSERT_TRUE(plain.Setup() && fronted.Setup());
+    plain.SetMemoryBudget(u64(1) << 40);
+    std::vector<PParticleRawPage_MainMemory> heldOfPlain, heldOfFronted;
+    std::minstd_rand random(7);
+    for (u32 i = 0; i < 5000; ++i)
+    {
+        const u32 choice = u32(random() % 100);
+        if (choice == 0)
+            Pages().AllocPage(700); // a thread's front goes where the thread goes
+        if (choice < 52 || heldOfPlain.empty())
+        {
+            const u32 size = u32(300 << random() % 6);
+            heldOfPlain.push_back(plain.AllocPage(size));
+            heldOfFronted.push_back(fronted.AllocPage(size));
+        }
+        else if (choice < 99)
+        {
+            const size_t at = random() % heldOfPlain.size();
+            heldOfPlain.erase(heldOfPlain.begin() + s64(at));
+            heldOfFronted.erase(heldOfFronted.begin() + s64(at));
+        }
+        else if (choice < 99 + i % 2)
+        {
+            plain.CleanAllFreePages();
+            fronted.CleanAllFreePages();
+        }
+        CParticlePageAllocator_Stats a, b;
+        plain.GetTotalStats(a);
+        fronted.GetTotalStats(b);
+        ASSERT_EQ(std::memcmp(&a, &b, sizeof(a)), 0) << "operation " << i;
+        ASSERT_EQ(plain.TotalMemoryAllocated(), fronted.TotalMemoryAllocated());
+    }
+}
+
+TEST_F(PageAllocator, WhatWaitsWithAThreadIsWithinReach)
+{
+    const u32 blockCount = m_Memory.LiveBlockCount();
+    std::promise<void> letGo, end;
+    std::thread other(
+        [&]
+        {
+            {
+                std::vector<PParticleRawPage_MainMemory> held;
+                for (u32 i = 0; i < 100; ++i)
+                    held.push_back(Pages().AllocPage(2000));
+            }
+            letGo.set_value();
+            end.get_future().wait();
+            Pages().AllocPage(70000);
+        });
+    letGo.get_future().wait();
+    EXPECT_EQ(Stats().m_BlocksFree, 100u);
+    m_Memory.RefuseFrom(1);
+    EXPECT_TRUE(Pages().AllocPage(2000) != null) << "one that waits with the other thread";
+    m_Memory.RefuseNone();
+    Pages().CleanAllFreePages();
+    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount);
+    end.set_value();
+    other.join();
+    EXPECT_EQ(Stats().m_BlocksFree, 1u) << "a thread leaves it to the others";
+    EXPECT_TRUE(Pages().AllocPage(70000) != null);
+    EXPECT_EQ(Stats().m_RecycleCount, 2u);
 }
 
 TEST_F(PageAllocator, BlocksOutliveTheLastShutdown)

@@ -18,9 +18,18 @@ public:
 
     void _InternalAddStrongRef() const { m_StrongRefCount.Add(1); }
 
+    // The first reference. Requires that there is none, and that no other thread knows the object yet: nobody can tell
+    // a plain store from an atomic step then.
+    void _InternalSetFirstRef() const { __atomic_store_n(&m_StrongRefCount.m_Value, 1u, __ATOMIC_RELAXED); }
+
     // Drops a reference and returns the new count; never destroys.
     u32 _InternalRemoveReference() const
     {
+        if (m_StrongRefCount.Load() == 1) // the caller's own: no other thread has one to copy, a plain store serves
+        {
+            __atomic_store_n(&m_StrongRefCount.m_Value, 0u, __ATOMIC_RELAXED);
+            return 0;
+        }
         const u32 nrc = m_StrongRefCount.Dec();
         TZ_ASSERT_MESSAGE(s32(nrc) >= 0, "/!\\ strong refcount underflow /!\\");
         return nrc;
@@ -123,6 +132,16 @@ public:
     {
     }
     ~TRefPtr() { _P::DelRef(_P::m_Ptr); }
+
+    // The first reference to an object that no other thread knows yet; null is allowed.
+    static TRefPtr _FromUnreferenced(_Type *object)
+    {
+        TRefPtr reference;
+        if (object != null)
+            object->_InternalSetFirstRef();
+        reference.m_Ptr = object;
+        return reference;
+    }
 
     TRefPtr &operator=(_Type *object)
     {

@@ -2,10 +2,12 @@
 //
 // Blocks of up to kMaxAllocSize bytes come in size classes, four to a doubling from kMinAllocSize on, so that rounding
 // costs at most a fifth of a block; larger ones are made to measure and never pooled. Blocks are carved out of arenas,
-// one class each, which grow with their number. A raw page whose last reference went waits in its class, last in first
-// out, until it is asked for again, grows old (Update) or is cleaned out (CleanAllFreePages); an arena goes back to the
-// memory services when no block of it is left. Each class has a small lock of its own; no memory service is called
-// and no byte is filled under it. Any thread may call any operation but Setup and the destructor.
+// one class each, which grow with their number. A raw page whose last reference went waits, last in first out, until it
+// is asked for again, grows old (Update) or is cleaned out (CleanAllFreePages); an arena goes back to the memory
+// services when no block of it is left. What waits stands first in a small front of the thread that let it go, which
+// that thread serves itself from without an atomic instruction, and from there goes in batches to the pool of its
+// class, which has a small lock. No memory service is called and no byte is filled under either. Any thread may call
+// any operation but Setup and the destructor. A thread has one front, for the allocator that it used last.
 //
 //   TotalMemoryAllocated() == sum of Size() over the raw pages that are alive (and of blocks taken with Alloc)
 #pragma once
@@ -54,14 +56,17 @@ private:
     template <typename _Type>
     friend void Mem::Delete(const Mem::SCallSite &site, _Type *object);
 
-    CParticleRawPage_MainMemory(u8 *data, u32 size, CParticlePageAllocator *allocator)
+    CParticleRawPage_MainMemory(u8 *data, u32 size, u32 slotId, CParticlePageAllocator *allocator)
         : m_Data(data)
         , m_Size(size)
         , m_ReadersCount(0)
         , m_Allocator(allocator)
-        , m_Newer(null)
-        , m_Older(null)
-        , m_RetireDate(0)
+        , m_SlotId(slotId)
+        , m_Next(null)
+        , m_NewerBatch(null)
+        , m_OlderBatch(null)
+        , m_BatchCount(0)
+        , m_BatchDate(0)
         , m_IsWaiting(false)
     {
     }
@@ -72,11 +77,14 @@ private:
     u32 m_Size;
     mutable u32 m_ReadersCount;
     CParticlePageAllocator *m_Allocator;
-    // While it waits in its size class, under the class's lock.
-    CParticleRawPage_MainMemory *m_Newer;
-    CParticleRawPage_MainMemory *m_Older;
-    u32 m_RetireDate; // the allocator's date when it came back
-    bool m_IsWaiting;
+    u32 m_SlotId;                        // size class; kPoolSlotCount: none
+    CParticleRawPage_MainMemory *m_Next; // while it waits: behind it in its batch
+    // The rest of a batch's record, in its first raw page while the batch is in the pool.
+    CParticleRawPage_MainMemory *m_NewerBatch;
+    CParticleRawPage_MainMemory *m_OlderBatch;
+    u32 m_BatchCount;
+    u32 m_BatchDate;  // the allocator's date when it came to the pool
+    bool m_IsWaiting; // while it dies: it was not in use
 };
 
 using PParticleRawPage_MainMemory = TRefPtr<CParticleRawPage_MainMemory>;
@@ -134,6 +142,7 @@ public:
     static constexpr u32 kPoolSlotCount = 64;
     static constexpr u32 kMinAllocSize = 512;     // bytes
     static constexpr u32 kMaxAllocSize = 1048576; // bytes; the largest block that is pooled, and the cap of a page
+    static constexpr u32 kSlotsPerDoubling = 4;   // size classes from one power of two to the next
     static constexpr u32 kMaxIdleUpdates = 8;     // Update() calls that a waiting block survives
 
     CParticlePageAllocator();
@@ -196,19 +205,23 @@ private:
         SBlockHeader *m_FirstBare;
     };
 
-    // One size class: the raw pages that wait, newest first, and the arenas.
+    // One size class: the raw pages that wait in no thread's front, newest batch first, and the arenas.
     struct SBlockPool
     {
         u32 m_IsLocked; // guards the rest; held for a few instructions only
         u32 m_WaitingCount;
-        CParticleRawPage_MainMemory *m_Newest;
-        CParticleRawPage_MainMemory *m_Oldest;
+        CParticleRawPage_MainMemory *m_NewestBatch;
+        CParticleRawPage_MainMemory *m_OldestBatch;
         SArena *m_Arenas;   // that have a block to give
         u32 m_ArenaCount;   // all of them
-        u64 m_AllocCount;   // raw pages handed out
+        u64 m_AllocCount;   // raw pages handed out, but for what the fronts count
         u64 m_RecycleCount; // of these, raw pages that had waited here
         u64 m_RetireCount;  // raw pages taken back
     };
+    struct SFrontClass;
+    struct SThreadFront;
+    class CFrontUse;
+    class CThreadExit;
     class CPoolLock;
 
     // The owner's share of m_TotalMemoryUsed: its top bit. The allocator is destroyed by whoever takes the last share.
@@ -216,7 +229,6 @@ private:
 
     static SBlockHeader *_Header(u8 *block);
     static u8 *_Block(SBlockHeader *header);
-    static u32 _BlockSize(u32 sizeInBytes); // bytes of the block that serves a request
     static u32 _ArenaBlockCount(u32 blockBytes, u32 arenaCount);
     static SArena *_NewArena(u32 blockBytes, u32 blockCount);
     static void _FreeArena(SArena *arena);
@@ -227,27 +239,71 @@ private:
     static void _UnlinkArena(SBlockPool &pool, SArena &arena);
 
     SBlockPool &_Pool(u32 slotId) { return m_Blocks.RawDataPointer()[slotId]; }
-    u64 _BytesInUse() const { return __atomic_load_n(&m_TotalMemoryUsed, __ATOMIC_RELAXED) & ~kOwnerShare; }
+    u64 _BytesInUse() const;
     bool _TakeBytes(u32 blockBytes); // false: the budget is out
     void _GiveShare(u64 share);      // may destroy this
     void _CountRefusal() { __atomic_fetch_add(&m_Stats->m_RefusalCount, 1, __ATOMIC_RELAXED); }
     CParticleRawPage_MainMemory *_TakeRawPage(u32 sizeInBytes);
+    TZ_NOINLINE CParticleRawPage_MainMemory *_TakeOtherRawPage(u32 slotId, u32 sizeInBytes);
+    CParticleRawPage_MainMemory *_TakeFromPool(u32 slotId);
     CParticleRawPage_MainMemory *_TakeWaiting(SBlockPool &pool);
     CParticleRawPage_MainMemory *_NewRawPage(u32 slotId, u32 blockBytes);
     SBlockHeader *_NewBlock(u32 slotId, u32 blockBytes);
     bool _TakeBack(CParticleRawPage_MainMemory &rawPage); // false: it is not to wait
+    TZ_NOINLINE bool _TakeBackElsewhere(CParticleRawPage_MainMemory &rawPage);
     void _ReturnBlock(CParticleRawPage_MainMemory &rawPage);
     void _BareBlock(u32 slotId, SBlockHeader *header);
     void _FreeRawPagesRetiredBefore(u32 date);
     void _LeaveToBlocks(); // destroys this when its last block is back
 
+    u32 _Date() const { return __atomic_load_n(&m_CurrentDate, __ATOMIC_RELAXED); }
+    void _AddStatsOfClass(u32 slotId, CParticlePageAllocator_Stats &stats) const;
+
+    // Batches: raw pages that wait and move between fronts and pool together, the newest first; under the pool's lock.
+    static u32 _BatchSize(u32 slotId); // raw pages at most
+    static void _PushBatch(SBlockPool &pool, CParticleRawPage_MainMemory *first, u32 count, u32 date);
+    static CParticleRawPage_MainMemory *_PopBatch(SBlockPool &pool);
+    static void _UnlinkBatch(SBlockPool &pool, CParticleRawPage_MainMemory &first);
+    static void _PutWaiting(SBlockPool &pool, CParticleRawPage_MainMemory &rawPage, u32 date);
+
+    // The calling thread's front.
+    CParticleRawPage_MainMemory *_TakeFromFront(u32 slotId);
+    bool _GiveToFront(CParticleRawPage_MainMemory &rawPage);
+    bool _HasRefilled(u32 slotId);
+    bool _HasRoom(u32 slotId);
+    void _BeginBatch(SFrontClass &frontClass, u32 slotId);
+    void _MoveSpareToPool(SFrontClass &frontClass, u32 slotId);
+    void _BindFrontIFN();
+    static void _UnbindFront(SThreadFront &front);
+    // All fronts of this allocator: shuts them, empties them and their counts into the pools, and opens them unless
+    // there is a budget.
+    void _EmptyFronts();
+    void _EmptyFront(SThreadFront &front);
+    void _UnbindAllFronts();
+
     TArray<SBlockPool> m_Blocks;
-    Threads::CCriticalSection m_Lock;      // serialises maintenance; never taken by AllocPage, Alloc and Retire
-    u64 m_TotalMemoryUsed;                 // bytes in use; the top bit is the owner's share
-    u32 m_CurrentDate;                     // counts Update() calls
-    CParticlePageAllocator_Stats *m_Stats; // what no class counts: oversized blocks and refusals
-    u64 m_MemoryBudget;
+    u64 m_Serial; // unlike that of any other allocator of the process
+    TSharedField<bool, __ATOMIC_ACQUIRE, __ATOMIC_RELEASE> m_FrontsAreOpen;
     TSharedField<bool> m_IsLeftToBlocks;
+    u64 m_MemoryBudget;
+    SThreadFront *m_Fronts;           // that are bound to this; under the lock of all fronts
+    Threads::CCriticalSection m_Lock; // serialises maintenance; never taken by AllocPage, Alloc and Retire
+    u64 m_TotalMemoryUsed;            // bytes in use, but for what the fronts count; the top bit is the owner's share
+    u32 m_CurrentDate;                // counts Update() calls
+    CParticlePageAllocator_Stats *m_Stats; // what no class counts: oversized blocks and refusals
 };
+
+inline u32 CParticlePageAllocator::_SizeToSlotId(u32 sizeInBytes)
+{
+    if (sizeInBytes > kMaxAllocSize)
+        return kPoolSlotCount;
+    if (sizeInBytes <= kMinAllocSize)
+        return 0;
+    // A class holds the sizes above the one before it: look the last byte up, and take the next step.
+    const u32 lastByte = sizeInBytes - 1;
+    const u32 log2 = IntegerTools::Log2(lastByte);
+    const u32 step = (lastByte >> (log2 - 2)) - kSlotsPerDoubling;
+    return (log2 - 9) * kSlotsPerDoubling + step + 1;
+}
 
 } // namespace Tessaly

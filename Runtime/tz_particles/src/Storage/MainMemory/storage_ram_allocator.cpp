@@ -1,11 +1,10 @@
-// The page allocator: size classes, recycling, budget, maintenance.
-#include <tz_particles/include/Storage/MainMemory/storage_ram_allocator.h>
-
-#include <sched.h>
+// The page allocator: size classes, arenas, pools, budget, maintenance. The threads' fronts are in a file of their own.
 #include <sys/mman.h>
 
 #include <tz_kernel/include/kr_mem.h>
 #include <tz_memory.h>
+
+#include "storage_ram_allocator_pools.h"
 
 namespace Tessaly
 {
@@ -13,16 +12,14 @@ namespace Tessaly
 namespace
 {
 
+using PageClasses::kMinAllocSizeLog2;
+using PageClasses::kStepsPerDoubling;
+using PageClasses::kUsedSlotCount;
+
 constexpr u32 kBlockAlignment = 64;
 constexpr u32 kMinArenaBytes = 64 << 10;
 constexpr u32 kMaxArenaBytes = 16 << 20;
 constexpr u32 kHugePageBytes = 2 << 20;
-constexpr u32 kStepsPerDoubling = 4;
-constexpr u32 kMinAllocSizeLog2 = 9;
-constexpr u32 kUsedSlotCount = 11 * kStepsPerDoubling + 1; // 512 bytes to 1 MiB: eleven doublings
-static_assert(CParticlePageAllocator::kMinAllocSize == 1u << kMinAllocSizeLog2, "the first class");
-static_assert(CParticlePageAllocator::kMaxAllocSize == CParticlePageAllocator::kMinAllocSize << 11, "the last class");
-static_assert(kUsedSlotCount <= CParticlePageAllocator::kPoolSlotCount, "every class has a slot");
 
 // The address sanitizer sees more when blocks do not share their memory.
 constexpr bool kSharesArenas = !Mem::kIsAddressSanitized;
@@ -39,39 +36,19 @@ void AdviseHugePages(void *memory, size_t bytes)
 #endif
 }
 
+u64 g_LastSerial = 0; // of an allocator
+
 } // namespace
 
-// Holds the lock of one class for a scope. Spins, since the holder is a few instructions from its end; yields in case
-// it was preempted there.
-class CParticlePageAllocator::CPoolLock : public CNonCopyable
-{
-public:
-    explicit CPoolLock(SBlockPool &pool)
-        : m_Pool(pool)
-    {
-        while (__atomic_exchange_n(&m_Pool.m_IsLocked, 1u, __ATOMIC_ACQUIRE) != 0)
-            sched_yield();
-    }
-    ~CPoolLock() { __atomic_store_n(&m_Pool.m_IsLocked, 0u, __ATOMIC_RELEASE); }
-
-private:
-    SBlockPool &m_Pool;
-};
-
-CParticleRawPage_MainMemory::~CParticleRawPage_MainMemory()
-{
-    Mem::Unpoison(m_Data, m_Size); // whoever owns the memory next knows nothing of it
-    m_Allocator->_ReturnBlock(*this);
-}
-
-bool CParticleRawPage_MainMemory::_KeepForReuse() { return m_Allocator->_TakeBack(*this); }
-
 CParticlePageAllocator::CParticlePageAllocator()
-    : m_TotalMemoryUsed(kOwnerShare)
+    : m_Serial(__atomic_add_fetch(&g_LastSerial, 1, __ATOMIC_RELAXED))
+    , m_FrontsAreOpen(false)
+    , m_IsLeftToBlocks(false)
+    , m_MemoryBudget(0)
+    , m_Fronts(null)
+    , m_TotalMemoryUsed(kOwnerShare)
     , m_CurrentDate(0)
     , m_Stats(null)
-    , m_MemoryBudget(0)
-    , m_IsLeftToBlocks(false)
 {
     static_assert(sizeof(SBlockHeader) <= kBlockAlignment && sizeof(SArena) <= kBlockAlignment,
                   "records fit in front of aligned blocks");
@@ -80,6 +57,7 @@ CParticlePageAllocator::CParticlePageAllocator()
 CParticlePageAllocator::~CParticlePageAllocator()
 {
     TZ_ASSERT(_BytesInUse() == 0);
+    _UnbindAllFronts();
     CleanAllFreePages();
     Mem::Delete(TZ_CALL_SITE, m_Stats);
 }
@@ -92,6 +70,7 @@ bool CParticlePageAllocator::Setup()
         return Valid();
     for (u32 slotId = 0; slotId < kUsedSlotCount; ++slotId)
         m_Blocks.PushBackUnsafe(SBlockPool());
+    _EmptyFronts(); // there is none, and from now on they are open
     return true;
 }
 
@@ -104,24 +83,6 @@ u32 CParticlePageAllocator::_SlotIdToSize(u32 slotId)
     const u32 doubling = slotId / kStepsPerDoubling;
     const u32 step = slotId % kStepsPerDoubling;
     return ((kStepsPerDoubling + step) << (kMinAllocSizeLog2 + doubling)) / kStepsPerDoubling;
-}
-
-u32 CParticlePageAllocator::_SizeToSlotId(u32 sizeInBytes)
-{
-    if (sizeInBytes > kMaxAllocSize)
-        return kPoolSlotCount;
-    if (sizeInBytes <= kMinAllocSize)
-        return 0;
-    // A class holds the sizes above the one before it: look the last byte up, and take the next step.
-    const u32 lastByte = sizeInBytes - 1;
-    const u32 log2 = IntegerTools::Log2(lastByte);
-    const u32 step = (lastByte >> (log2 - 2)) - kStepsPerDoubling;
-    return (log2 - kMinAllocSizeLog2) * kStepsPerDoubling + step + 1;
-}
-
-u32 CParticlePageAllocator::_BlockSize(u32 sizeInBytes)
-{
-    return sizeInBytes <= kMaxAllocSize ? _SlotIdToSize(_SizeToSlotId(sizeInBytes)) : sizeInBytes;
 }
 
 // A header takes the 64 bytes in front of its block.
@@ -231,19 +192,59 @@ void CParticlePageAllocator::_GiveShare(u64 share)
         Mem::Delete(TZ_CALL_SITE, this);
 }
 
+void CParticlePageAllocator::_PushBatch(SBlockPool &pool, CParticleRawPage_MainMemory *first, u32 count, u32 date)
+{
+    first->m_BatchCount = count;
+    first->m_BatchDate = date;
+    first->m_NewerBatch = null;
+    first->m_OlderBatch = pool.m_NewestBatch;
+    (pool.m_NewestBatch != null ? pool.m_NewestBatch->m_NewerBatch : pool.m_OldestBatch) = first;
+    pool.m_NewestBatch = first;
+    pool.m_WaitingCount += count;
+}
+
+void CParticlePageAllocator::_UnlinkBatch(SBlockPool &pool, CParticleRawPage_MainMemory &first)
+{
+    (first.m_NewerBatch != null ? first.m_NewerBatch->m_OlderBatch : pool.m_NewestBatch) = first.m_OlderBatch;
+    (first.m_OlderBatch != null ? first.m_OlderBatch->m_NewerBatch : pool.m_OldestBatch) = first.m_NewerBatch;
+    pool.m_WaitingCount -= first.m_BatchCount;
+}
+
+// The newest batch, or null.
+CParticleRawPage_MainMemory *CParticlePageAllocator::_PopBatch(SBlockPool &pool)
+{
+    CParticleRawPage_MainMemory *first = pool.m_NewestBatch;
+    if (first != null)
+        _UnlinkBatch(pool, *first);
+    return first;
+}
+
+// The newest raw page that waits in the pool, or null.
 CParticleRawPage_MainMemory *CParticlePageAllocator::_TakeWaiting(SBlockPool &pool)
 {
     const CPoolLock lock(pool);
-    ++pool.m_AllocCount;
-    CParticleRawPage_MainMemory *rawPage = pool.m_Newest;
+    CParticleRawPage_MainMemory *rawPage = _PopBatch(pool);
     if (rawPage == null)
         return null;
-    pool.m_Newest = rawPage->m_Older;
-    (pool.m_Newest != null ? pool.m_Newest->m_Newer : pool.m_Oldest) = null;
-    --pool.m_WaitingCount;
+    if (rawPage->m_Next != null)
+        _PushBatch(pool, rawPage->m_Next, rawPage->m_BatchCount - 1, rawPage->m_BatchDate);
+    ++pool.m_AllocCount;
     ++pool.m_RecycleCount;
-    rawPage->m_IsWaiting = false;
     return rawPage;
+}
+
+// Joins the newest batch when that is of the same date and not full, else begins one.
+void CParticlePageAllocator::_PutWaiting(SBlockPool &pool, CParticleRawPage_MainMemory &rawPage, u32 date)
+{
+    const CPoolLock lock(pool);
+    CParticleRawPage_MainMemory *batch = pool.m_NewestBatch;
+    if (batch != null && (batch->m_BatchDate != date || batch->m_BatchCount >= _BatchSize(rawPage.m_SlotId)))
+        batch = null;
+    if (batch != null)
+        _UnlinkBatch(pool, *batch);
+    rawPage.m_Next = batch;
+    _PushBatch(pool, &rawPage, batch != null ? batch->m_BatchCount + 1 : 1, date);
+    ++pool.m_RetireCount;
 }
 
 CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_NewBlock(u32 slotId, u32 blockBytes)
@@ -270,45 +271,72 @@ CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_NewBlock(u32 slot
     return _TakeBareBlock(pool);
 }
 
+// A raw page on a block that was bare, or null.
 CParticleRawPage_MainMemory *CParticlePageAllocator::_NewRawPage(u32 slotId, u32 blockBytes)
 {
     SBlockHeader *header = _NewBlock(slotId, blockBytes);
     if (header == null)
         return null;
-    header->m_RawPage = Mem::New<CParticleRawPage_MainMemory>(TZ_CALL_SITE, _Block(header), blockBytes, this);
+    header->m_RawPage = Mem::New<CParticleRawPage_MainMemory>(TZ_CALL_SITE, _Block(header), blockBytes, slotId, this);
     if (header->m_RawPage == null)
     {
         _BareBlock(slotId, header);
         return null;
     }
+    if (slotId < m_Blocks.Count())
+    {
+        const CPoolLock lock(_Pool(slotId));
+        ++_Pool(slotId).m_AllocCount;
+    }
+    else
+        __atomic_fetch_add(&m_Stats->m_AllocCount, 1, __ATOMIC_RELAXED);
     return header->m_RawPage;
 }
 
+// A raw page from the pool, else a new one; in want of memory, one that waits with another thread.
+CParticleRawPage_MainMemory *CParticlePageAllocator::_TakeFromPool(u32 slotId)
+{
+    SBlockPool &pool = _Pool(slotId);
+    CParticleRawPage_MainMemory *rawPage = _TakeWaiting(pool);
+    if (rawPage == null)
+        rawPage = _NewRawPage(slotId, _SlotIdToSize(slotId));
+    if (rawPage == null)
+    {
+        _EmptyFronts();
+        rawPage = _TakeWaiting(pool);
+    }
+    return rawPage;
+}
+
 // A raw page without a reference, accounted for; null when memory or the budget is out.
-CParticleRawPage_MainMemory *CParticlePageAllocator::_TakeRawPage(u32 sizeInBytes)
+inline CParticleRawPage_MainMemory *CParticlePageAllocator::_TakeRawPage(u32 sizeInBytes)
+{
+    const u32 slotId = _SizeToSlotId(sizeInBytes);
+    CParticleRawPage_MainMemory *rawPage = slotId < kPoolSlotCount ? _TakeFromFront(slotId) : null;
+    if (rawPage == null)
+        rawPage = _TakeOtherRawPage(slotId, sizeInBytes);
+    if (rawPage != null)
+        Mem::Unpoison(rawPage->m_Data, rawPage->m_Size);
+    return rawPage;
+}
+
+// The same, when there is none in the batch at hand.
+CParticleRawPage_MainMemory *CParticlePageAllocator::_TakeOtherRawPage(u32 slotId, u32 sizeInBytes)
 {
     if (!Valid())
         return null;
-    const u32 slotId = _SizeToSlotId(sizeInBytes);
-    const u32 blockBytes = _BlockSize(sizeInBytes);
+    const bool isPooled = slotId < kPoolSlotCount;
+    if (isPooled && _HasRefilled(slotId))
+    {
+        if (CParticleRawPage_MainMemory *rawPage = _TakeFromFront(slotId))
+            return rawPage;
+    }
+    const u32 blockBytes = isPooled ? _SlotIdToSize(slotId) : sizeInBytes;
     if (_TakeBytes(blockBytes))
     {
-        const bool isPooled = slotId < m_Blocks.Count();
-        CParticleRawPage_MainMemory *rawPage = isPooled ? _TakeWaiting(_Pool(slotId)) : null;
-        if (rawPage == null)
-            rawPage = _NewRawPage(slotId, blockBytes);
+        CParticleRawPage_MainMemory *rawPage = isPooled ? _TakeFromPool(slotId) : _NewRawPage(slotId, blockBytes);
         if (rawPage != null)
-        {
-            Mem::Unpoison(rawPage->m_Data, blockBytes);
-            if (!isPooled)
-                __atomic_fetch_add(&m_Stats->m_AllocCount, 1, __ATOMIC_RELAXED);
             return rawPage;
-        }
-        if (isPooled)
-        {
-            const CPoolLock lock(_Pool(slotId));
-            --_Pool(slotId).m_AllocCount;
-        }
         _GiveShare(blockBytes);
     }
     _CountRefusal();
@@ -317,7 +345,7 @@ CParticleRawPage_MainMemory *CParticlePageAllocator::_TakeRawPage(u32 sizeInByte
 
 PParticleRawPage_MainMemory CParticlePageAllocator::AllocPage(u32 sizeInBytes)
 {
-    return PParticleRawPage_MainMemory(_TakeRawPage(sizeInBytes));
+    return PParticleRawPage_MainMemory::_FromUnreferenced(_TakeRawPage(sizeInBytes));
 }
 
 u8 *CParticlePageAllocator::Alloc(u32 sizeInBytes)
@@ -335,35 +363,43 @@ void CParticlePageAllocator::Retire(u8 *block, u32 /*sizeInBytes*/)
         Mem::Delete(TZ_CALL_SITE, rawPage);
 }
 
-bool CParticlePageAllocator::_TakeBack(CParticleRawPage_MainMemory &rawPage)
+inline bool CParticlePageAllocator::_TakeBack(CParticleRawPage_MainMemory &rawPage)
 {
-    const u32 blockBytes = rawPage.m_Size;
-    const u32 slotId = _SizeToSlotId(blockBytes);
-    if (slotId >= m_Blocks.Count() || m_IsLeftToBlocks)
+    Mem::Poison(rawPage.m_Data, rawPage.m_Size);
+    return (rawPage.m_SlotId < kPoolSlotCount && _GiveToFront(rawPage)) || _TakeBackElsewhere(rawPage);
+}
+
+// The same, when the batch at hand has no room.
+bool CParticlePageAllocator::_TakeBackElsewhere(CParticleRawPage_MainMemory &rawPage)
+{
+    const u32 slotId = rawPage.m_SlotId;
+    if (slotId >= kPoolSlotCount || m_IsLeftToBlocks)
         return false;
-    Mem::Poison(rawPage.m_Data, blockBytes);
-    rawPage.m_ReadersCount = 0;
-    rawPage.m_RetireDate = __atomic_load_n(&m_CurrentDate, __ATOMIC_RELAXED);
-    rawPage.m_IsWaiting = true;
-    rawPage.m_Newer = null;
-    {
-        SBlockPool &pool = _Pool(slotId);
-        const CPoolLock lock(pool);
-        ++pool.m_RetireCount;
-        ++pool.m_WaitingCount;
-        rawPage.m_Older = pool.m_Newest;
-        (pool.m_Newest != null ? pool.m_Newest->m_Newer : pool.m_Oldest) = &rawPage;
-        pool.m_Newest = &rawPage;
-    }
+    if (_HasRoom(slotId) && _GiveToFront(rawPage))
+        return true;
+    const u32 blockBytes = rawPage.m_Size; // once it waits it may be anybody's
+    _PutWaiting(_Pool(slotId), rawPage, _Date());
     _GiveShare(blockBytes);
     return true;
+}
+
+CParticleRawPage_MainMemory::~CParticleRawPage_MainMemory()
+{
+    Mem::Unpoison(m_Data, m_Size); // whoever owns the memory next knows nothing of it
+    m_Allocator->_ReturnBlock(*this);
+}
+
+bool CParticleRawPage_MainMemory::_KeepForReuse()
+{
+    __atomic_store_n(&m_ReadersCount, 0u, __ATOMIC_RELAXED); // readers who forgot to end
+    return m_Allocator->_TakeBack(*this);
 }
 
 // The end of a raw page: its block is bare again.
 void CParticlePageAllocator::_ReturnBlock(CParticleRawPage_MainMemory &rawPage)
 {
     const u32 blockBytes = rawPage.m_Size;
-    const u32 slotId = _SizeToSlotId(blockBytes);
+    const u32 slotId = rawPage.m_SlotId;
     SBlockHeader *header = _Header(rawPage.m_Data);
     header->m_RawPage = null;
     if (!rawPage.m_IsWaiting && slotId < m_Blocks.Count())
@@ -404,24 +440,28 @@ void CParticlePageAllocator::_FreeRawPagesRetiredBefore(u32 date)
     for (u32 slotId = 0; slotId < m_Blocks.Count(); ++slotId)
     {
         SBlockPool &pool = _Pool(slotId);
-        CParticleRawPage_MainMemory *idle = null; // a list through m_Older
+        CParticleRawPage_MainMemory *idle = null; // batches, through m_OlderBatch
         {
             const CPoolLock lock(pool);
-            while (pool.m_Oldest != null && s32(pool.m_Oldest->m_RetireDate - date) < 0)
+            while (pool.m_OldestBatch != null && s32(pool.m_OldestBatch->m_BatchDate - date) < 0)
             {
-                CParticleRawPage_MainMemory *rawPage = pool.m_Oldest;
-                pool.m_Oldest = rawPage->m_Newer;
-                (pool.m_Oldest != null ? pool.m_Oldest->m_Older : pool.m_Newest) = null;
-                --pool.m_WaitingCount;
-                rawPage->m_Older = idle;
-                idle = rawPage;
+                CParticleRawPage_MainMemory *first = pool.m_OldestBatch;
+                _UnlinkBatch(pool, *first);
+                first->m_OlderBatch = idle;
+                idle = first;
             }
         }
         while (idle != null)
         {
-            CParticleRawPage_MainMemory *next = idle->m_Older;
-            Mem::Delete(TZ_CALL_SITE, idle);
-            idle = next;
+            CParticleRawPage_MainMemory *rawPage = idle;
+            idle = idle->m_OlderBatch;
+            while (rawPage != null)
+            {
+                CParticleRawPage_MainMemory *next = rawPage->m_Next;
+                rawPage->m_IsWaiting = true;
+                Mem::Delete(TZ_CALL_SITE, rawPage);
+                rawPage = next;
+            }
         }
     }
 }
@@ -429,6 +469,7 @@ void CParticlePageAllocator::_FreeRawPagesRetiredBefore(u32 date)
 void CParticlePageAllocator::Update()
 {
     m_Lock.Lock();
+    _EmptyFronts();
     const u32 date = __atomic_add_fetch(&m_CurrentDate, 1, __ATOMIC_RELAXED);
     _FreeRawPagesRetiredBefore(date - kMaxIdleUpdates);
     m_Lock.Unlock();
@@ -437,11 +478,16 @@ void CParticlePageAllocator::Update()
 void CParticlePageAllocator::CleanAllFreePages()
 {
     m_Lock.Lock();
-    _FreeRawPagesRetiredBefore(__atomic_load_n(&m_CurrentDate, __ATOMIC_RELAXED) + 1);
+    _EmptyFronts();
+    _FreeRawPagesRetiredBefore(_Date() + 1);
     m_Lock.Unlock();
 }
 
-void CParticlePageAllocator::SetMemoryBudget(u64 bytes) { __atomic_store_n(&m_MemoryBudget, bytes, __ATOMIC_RELAXED); }
+void CParticlePageAllocator::SetMemoryBudget(u64 bytes)
+{
+    __atomic_store_n(&m_MemoryBudget, bytes, __ATOMIC_RELAXED);
+    _EmptyFronts(); // they are shut while there is a budget, which every request is held against
+}
 
 u64 CParticlePageAllocator::SpaceLeft() const
 {
@@ -472,15 +518,7 @@ void CParticlePageAllocator::GetTotalStats(CParticlePageAllocator_Stats &outStat
         outStats.m_RefusalCount = __atomic_load_n(&m_Stats->m_RefusalCount, __ATOMIC_RELAXED);
     }
     for (u32 slotId = 0; slotId < m_Blocks.Count(); ++slotId)
-    {
-        SBlockPool &pool = const_cast<SBlockPool &>(m_Blocks.RawDataPointer()[slotId]);
-        const CPoolLock lock(pool);
-        outStats.m_BytesFree += u64(pool.m_WaitingCount) * _SlotIdToSize(slotId);
-        outStats.m_BlocksFree += pool.m_WaitingCount;
-        outStats.m_BlocksInUse += pool.m_AllocCount - pool.m_RetireCount;
-        outStats.m_AllocCount += pool.m_AllocCount;
-        outStats.m_RecycleCount += pool.m_RecycleCount;
-    }
+        _AddStatsOfClass(slotId, outStats);
 }
 
 void CParticlePageAllocator::_LeaveToBlocks()
