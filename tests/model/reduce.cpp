@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 
 namespace Tessaly
 {
@@ -11,7 +12,7 @@ namespace Model
 namespace
 {
 
-constexpr std::chrono::seconds kReducing(30);
+constexpr int kReducingSeconds = 30;
 
 bool LeaveOut(Script &script, size_t count, const FnRun &run)
 {
@@ -46,7 +47,9 @@ std::string RunAndReduce(const Script &script, const FnRun &run)
     const std::string difference = run(script);
     if (difference.empty())
         return difference;
-    const auto end = std::chrono::steady_clock::now() + kReducing;
+    const char *seconds = std::getenv("TESSALY_MODEL_REDUCE");
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::seconds(seconds != null ? std::atoi(seconds) : kReducingSeconds);
     const FnRun runInTime = [&](const Script &shorter)
     { return std::chrono::steady_clock::now() < end ? run(shorter) : std::string(); };
     Script shortest = script;
