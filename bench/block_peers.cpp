@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -56,10 +57,12 @@ const std::vector<SBlockPeer> &BlockPeers()
 
 void MakeRoomForBlockPeers(char **arguments)
 {
-    static const char *const kTunables = "GLIBC_TUNABLES";
-    if (std::getenv(kTunables) != nullptr)
+    static const char *const kName = "GLIBC_TUNABLES", *const kRoom = "glibc.rtld.optional_static_tls";
+    const char *present = std::getenv(kName);
+    const std::string tunables = present != nullptr ? present : "";
+    if (tunables.find(kRoom) != std::string::npos)
         return;
-    setenv(kTunables, "glibc.rtld.optional_static_tls=16384", 1);
+    setenv(kName, (tunables + (tunables.empty() ? "" : ":") + kRoom + "=16384").c_str(), 1);
     // The end of the data segment stays the C library's alone.
     setenv("TCMALLOC_SKIP_SBRK", "true", 1);
     execv("/proc/self/exe", arguments);

@@ -2,6 +2,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <sched.h>
+
 #include <tz_particles/include/ps_runtime.h>
 
 #include "block_peers.h"
@@ -137,6 +139,60 @@ void GetAgain(const _Blocks &blocks, u32 bytes, const std::vector<u32> &places, 
         blocks.Release(block, bytes);
 }
 
+// Batches that one thread gets and another one releases.
+template <typename _Blocks>
+class CHandOver
+{
+public:
+    CHandOver(const _Blocks &blocks, u32 bytes)
+        : m_Blocks(blocks)
+        , m_Bytes(bytes)
+    {
+    }
+
+    void Run(unsigned thread, CRendezvous &rendezvous)
+    {
+        rendezvous.Begin(thread);
+        for (u32 i = 0; i < kRequestCount / kAliveCount; ++i)
+            thread == 0 ? _Get(m_Batches[i % 2]) : _Release(m_Batches[i % 2]);
+        rendezvous.End(thread);
+    }
+
+private:
+    struct SBatch
+    {
+        typename _Blocks::Block m_Blocks[kAliveCount];
+        bool m_IsFull = false;
+    };
+
+    static void _WaitUntil(const SBatch &batch, bool isFull)
+    {
+        while (__atomic_load_n(&batch.m_IsFull, __ATOMIC_ACQUIRE) != isFull)
+            sched_yield();
+    }
+    void _Get(SBatch &batch) const
+    {
+        _WaitUntil(batch, false);
+        for (auto &block : batch.m_Blocks)
+        {
+            block = m_Blocks.Get(m_Bytes);
+            *m_Blocks.Bytes(block) = 1;
+        }
+        __atomic_store_n(&batch.m_IsFull, true, __ATOMIC_RELEASE);
+    }
+    void _Release(SBatch &batch) const
+    {
+        _WaitUntil(batch, true);
+        for (auto &block : batch.m_Blocks)
+            m_Blocks.Release(block, m_Bytes);
+        __atomic_store_n(&batch.m_IsFull, false, __ATOMIC_RELEASE);
+    }
+
+    _Blocks m_Blocks;
+    u32 m_Bytes;
+    SBatch m_Batches[2];
+};
+
 template <typename _Blocks>
 void GetAllThenReleaseAll(const _Blocks &blocks, u32 bytes, u32 count, CMeter &meter)
 {
@@ -160,12 +216,11 @@ void GetAllThenReleaseAll(const _Blocks &blocks, u32 bytes, u32 count, CMeter &m
         });
 }
 
-// All sides of a row; side(blocks) is the function of one of them.
+// Ours and the peers of a row; side(blocks) is the function of one of them.
 template <typename _Side>
 std::vector<SSide> SidesOf(_Side side, double mimallocTarget)
 {
-    std::vector<SSide> sides = {Ours(side(SOwnBlocks())), Ours("raw page", side(SRawPages())),
-                                Limit("bare stack", 0.0, side(SStackBlocks()))};
+    std::vector<SSide> sides = {Ours(side(SOwnBlocks())), Ours("raw page", side(SRawPages()))};
     for (const SBlockPeer &peer : BlockPeers())
         sides.push_back(
             Peer(peer.m_Name, peer.m_Name == std::string("mimalloc") ? mimallocTarget : 0.0, side(SPeerBlocks{peer})));
@@ -177,28 +232,54 @@ std::string SizeName(u32 bytes)
     return bytes < 1024 ? std::to_string(bytes) + " bytes" : std::to_string(bytes >> 10) + " KiB";
 }
 
+void RunBeside(const RunSides &run, std::vector<SSide> sides, std::function<void(CMeter &)> bareStack)
+{
+    sides.push_back(Limit("bare stack", 0.0, std::move(bareStack)));
+    run(sides);
+    CBareStack::m_OfThread.SetSize(0);
+    Particles::PageAllocator()->CleanAllFreePages();
+}
+
 void AddGetAgainRow(u32 bytes, bool atRandom, unsigned threadCount)
 {
     const auto body = [=](const RunSides &run)
     {
         const std::vector<u32> places = Places(atRandom);
-        run(SidesOf(
-            [&](auto blocks)
+        const auto side = [&](auto blocks)
+        {
+            return [=, &places](CMeter &meter)
             {
-                return [=, &places](CMeter &meter)
-                {
-                    RunOnThreads(threadCount, meter,
-                                 [&](unsigned thread, CRendezvous &rendezvous)
-                                 { GetAgain(blocks, bytes, places, thread, rendezvous); });
-                };
-            },
-            0.0));
-        CBareStack::m_OfThread.SetSize(0);
-        Particles::PageAllocator()->CleanAllFreePages();
+                RunOnThreads(threadCount, meter,
+                             [&](unsigned thread, CRendezvous &rendezvous)
+                             { GetAgain(blocks, bytes, places, thread, rendezvous); });
+            };
+        };
+        RunBeside(run, SidesOf(side, 0.0), side(SStackBlocks()));
     };
     AddRow({"11",
             SizeName(bytes) + (atRandom ? ", at random" : ", in order") + (threadCount > 1 ? ", two threads" : ""),
             kRequestCount, "ns a block", bytes <= (256u << 10) ? 1.0 : 0.35},
+           body);
+}
+
+void AddHandOverRow(u32 bytes)
+{
+    const auto body = [=](const RunSides &run)
+    {
+        run(SidesOf(
+            [=](auto blocks)
+            {
+                return [=](CMeter &meter)
+                {
+                    CHandOver<decltype(blocks)> handOver(blocks, bytes);
+                    RunOnThreads(2, meter,
+                                 [&](unsigned thread, CRendezvous &rendezvous) { handOver.Run(thread, rendezvous); });
+                };
+            },
+            0.0));
+        Particles::PageAllocator()->CleanAllFreePages();
+    };
+    AddRow({"shapes", SizeName(bytes) + ", gotten by one thread, released by another", kRequestCount, "ns a block"},
            body);
 }
 
@@ -207,11 +288,9 @@ void AddBulkRow(u32 bytes)
     const u32 count = TZMin(4096u, (256u << 20) / bytes);
     const auto body = [=](const RunSides &run)
     {
-        run(SidesOf([&](auto blocks)
-                    { return [=](CMeter &meter) { GetAllThenReleaseAll(blocks, bytes, count, meter); }; },
-                    0.5));
-        CBareStack::m_OfThread.SetSize(0);
-        Particles::PageAllocator()->CleanAllFreePages();
+        const auto side = [=](auto blocks)
+        { return [=](CMeter &meter) { GetAllThenReleaseAll(blocks, bytes, count, meter); }; };
+        RunBeside(run, SidesOf(side, 0.5), side(SStackBlocks()));
     };
     AddRow({"11", SizeName(bytes) + ", " + std::to_string(count) + " gotten, then released",
             double(count) * kBulkRepeatCount, "ns a block"},
@@ -233,6 +312,12 @@ void AddBlockRows()
     }
     for (const u32 bytes : sizes)
         AddBulkRow(bytes);
+}
+
+void AddHandOverRows()
+{
+    for (const u32 bytes : {4096u, 48u << 10})
+        AddHandOverRow(bytes);
 }
 
 } // namespace Bench

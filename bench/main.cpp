@@ -173,7 +173,10 @@ int Run()
     std::printf("%s; medians over %u rounds\n\n", MachineAndDate().c_str(), g_Options.m_RoundCount);
     PrintTableHead(stdout);
     if (g_Options.m_ShowsShapes)
+    {
         AddShapeRows();
+        AddHandOverRows();
+    }
     else
         AddTableRows();
     std::printf("\n%s\n", Summary().c_str());

@@ -129,6 +129,7 @@ void AddPageListRows();
 void AddBlockRows();
 void AddMemoryRows();
 void AddLockRows();
-void AddShapeRows(); // on demand
+void AddShapeRows();    // on demand
+void AddHandOverRows(); // on demand
 
 } // namespace Bench

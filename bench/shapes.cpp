@@ -82,10 +82,15 @@ public:
             const u32 count = m_Deaths.Draw(m_Stream.Page(CGuid(i))->ParticleCount(), m_Dead.data());
             deadCount += m_Stream.RemoveParticles(CGuid(i), TMemoryView<const u32>(m_Dead.data(), count));
         }
-        for (u32 born = 0; born < deadCount; born += kBurstSize)
+        Births(deadCount);
+    }
+
+    void Births(u32 count)
+    {
+        for (u32 born = 0; born < count; born += kBurstSize)
         {
             m_Views.Clear();
-            m_Stream.AllocateParticles(TZMin(kBurstSize, deadCount - born), m_Views);
+            m_Stream.AllocateParticles(TZMin(kBurstSize, count - born), m_Views);
             for (const CParticlePageView &view : m_Views.View())
                 WriteBorn(view.DenseColumnForWriting<CFloat4>(CGuid(0u)).Data(), view.ParticleCount());
         }
@@ -169,6 +174,38 @@ void AddShapedLifeRow(const SShape &shape, u32 threadCount)
     AddRow({"shapes", title + shape.Name(), double(kFrameCount) * kShapedCount, "ns a particle"}, body);
 }
 
+// Births by 64 into a stream that was emptied, beside the same bytes filled and written, a block a page.
+void AddShapedSpawnRow(const SShape &shape)
+{
+    const auto body = [=](const RunSides &run)
+    {
+        CShapedStream particles(shape);
+        CParticleStream_MainMemory &stream = particles.m_Stream;
+        CPlainBlocks blocks(size_t(stream.PageSize()) * shape.m_RowBytes);
+        const auto ours = [&](CMeter &meter)
+        {
+            stream.Clear();
+            meter.Time([&] { particles.Births(kShapedCount); });
+        };
+        const auto limit = [&](CMeter &meter)
+        {
+            blocks.Reverse();
+            meter.Time(
+                [&]
+                {
+                    for (u32 first = 0; first < kShapedCount; first += stream.PageSize())
+                    {
+                        u8 *block = blocks.Block(first / stream.PageSize());
+                        std::memset(block, kFreshParticleByte, size_t(stream.PageSize()) * shape.m_RowBytes);
+                        WriteBorn(reinterpret_cast<CFloat4 *>(block), TZMin(stream.PageSize(), kShapedCount - first));
+                    }
+                });
+        };
+        run({Ours(ours), Limit("fill and write", 0.0, limit)});
+    };
+    AddRow({"shapes", "spawn by 64, warm" + shape.Name(), kShapedCount, "ns a particle"}, body);
+}
+
 void AddShapedCopyRow(const SShape &shape)
 {
     const auto body = [=](const RunSides &run)
@@ -200,6 +237,7 @@ void AddShapeRows()
         for (const u32 pageSize : {64u, 1024u, 16384u})
         {
             const SShape shape = {rowBytes, pageSize};
+            AddShapedSpawnRow(shape);
             AddShapedLifeRow(shape, 1);
             AddShapedLifeRow(shape, 2);
             AddShapedCopyRow(shape);
