@@ -1,0 +1,219 @@
+// A small host with services of its own: memory with a budget per tag, assertions that are logged once per site, and a
+// profiler that adds up what each scope costs. Each is set at run time; kr_host.h tells what they may do.
+#include <tz_kernel/include/kr_host.h>
+#include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
+#include <tz_particles/include/ps_runtime.h>
+#include <tz_version.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <malloc.h>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+using namespace Tessaly;
+
+namespace
+{
+
+// The library asks for all of its memory under one tag, Mem::kDefaultTag, and the host for its own under others: what
+// one of them used up is not missing to the rest. Bytes are counted as the C library rounds them.
+class CBudgets
+{
+public:
+    struct SBudget
+    {
+        const char *m_Tag;
+        size_t m_Limit;
+        size_t m_Used;
+    };
+
+    static void Install() { Mem::SetAllocator(&kAllocator); }
+    static SBudget &Of(const char *tag)
+    {
+        for (SBudget &budget : g_Budgets)
+        {
+            if (std::strcmp(budget.m_Tag, tag) == 0)
+                return budget;
+        }
+        return g_Budgets[0]; // that of all the others
+    }
+
+private:
+    static bool Take(const char *tag, size_t bytes)
+    {
+        const std::lock_guard<std::mutex> lock(g_Lock);
+        SBudget &budget = Of(tag);
+        const bool isServed = bytes <= budget.m_Limit && budget.m_Used <= budget.m_Limit - bytes;
+        budget.m_Used += isServed ? bytes : 0;
+        return isServed;
+    }
+    static void Give(const char *tag, size_t bytes)
+    {
+        const std::lock_guard<std::mutex> lock(g_Lock);
+        Of(tag).m_Used -= bytes;
+    }
+
+    static void *Alloc(u64 size, u32 alignment, Mem::EAllocType type, Mem::EOrigin origin, const char *tag,
+                       const char *file, int line, const char *function)
+    {
+        void *block = Mem::DefaultAllocator().m_Alloc(size, alignment, type, origin, tag, file, line, function);
+        if (block != null && !Take(tag, malloc_usable_size(block)))
+        {
+            std::free(block);
+            return null;
+        }
+        return block;
+    }
+    static void *Realloc(void *old, u64 size, u32 alignment, Mem::EAllocType type, const char *tag, const char *file,
+                         int line, const char *function)
+    {
+        void *block = Alloc(size, alignment, type, Mem::Origin_Alloc, tag, file, line, function);
+        if (block != null && old != null)
+        {
+            std::memcpy(block, old, TZMin(size_t(size), malloc_usable_size(old)));
+            Free(old, type, Mem::Origin_Alloc, tag, file, line, function);
+        }
+        return block;
+    }
+    static void Free(void *block, Mem::EAllocType type, Mem::EOrigin origin, const char *tag, const char *file,
+                     int line, const char *function)
+    {
+        if (block != null)
+            Give(tag, malloc_usable_size(block));
+        Mem::DefaultAllocator().m_Free(block, type, origin, tag, file, line, function);
+    }
+
+    static constexpr Mem::SAllocator kAllocator = {&Alloc, &Realloc, &Free};
+    static inline std::mutex g_Lock;
+    static inline SBudget g_Budgets[] = {
+        {"", ~size_t(0), 0}, {Mem::kDefaultTag, size_t(4) << 20, 0}, {"Host|Names", size_t(1) << 10, 0}};
+};
+
+// Logs the first report of each site, and lets the program go on.
+class CQuietAssertions
+{
+public:
+    CQuietAssertions() { Assert::SetHandler(&OnReport, this); }
+    ~CQuietAssertions() { Assert::SetHandler(null, null); }
+
+    u32 m_ReportCount = 0;
+    u32 m_LoggedCount = 0;
+
+private:
+    static int OnReport(const Assert::SReport &report, void *userData)
+    {
+        CQuietAssertions &self = *static_cast<CQuietAssertions *>(userData);
+        const std::lock_guard<std::mutex> lock(self.m_Lock);
+        ++self.m_ReportCount;
+        if (self.m_Sites.emplace(report.m_File, report.m_Line).second)
+        {
+            ++self.m_LoggedCount;
+            std::printf("check failed in %s: %s\n", report.m_Function, report.m_Message);
+        }
+        return Assert::Result_Continue;
+    }
+
+    std::mutex m_Lock;
+    std::set<std::pair<std::string, int>> m_Sites;
+};
+
+// Adds up how often each scope was entered and how long it took, all threads together.
+class CScopeTimes : public Profiler::CSinkAbstract
+{
+public:
+    void OnScopeBegin(const Profiler::SNodeDescriptor &) override { OpenScopes().push_back(Clock::now()); }
+    void OnScopeEnd(const Profiler::SNodeDescriptor &node) override
+    {
+        const std::chrono::duration<double, std::milli> duration = Clock::now() - OpenScopes().back();
+        OpenScopes().pop_back();
+        const std::lock_guard<std::mutex> lock(m_Lock);
+        ++m_Totals[node.m_Name].m_Count;
+        m_Totals[node.m_Name].m_Milliseconds += duration.count();
+    }
+
+    u32 Print() const // how many scopes
+    {
+        for (const auto &[name, total] : m_Totals)
+            std::printf("%8.3f ms  %6u x  %s\n", total.m_Milliseconds, total.m_Count, name.c_str());
+        return u32(m_Totals.size());
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    struct STotal
+    {
+        u32 m_Count;
+        double m_Milliseconds;
+    };
+    static std::vector<Clock::time_point> &OpenScopes()
+    {
+        static thread_local std::vector<Clock::time_point> scopes;
+        return scopes;
+    }
+
+    std::mutex m_Lock;
+    std::map<std::string, STotal> m_Totals;
+};
+
+// Births until the library's budget is used up; deaths, which make room for the next frame's.
+u32 PlaySparks()
+{
+    SParticleStreamDef def;
+    def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId(1), BaseType_Float3, 12)); // position
+    def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId(2), BaseType_Float, 4));   // age
+    const CGuid noConstants[2];
+    CParticleStream_MainMemory stream(1024);
+    stream.BindStreamDef(&def, {}, {noConstants, 2}, {});
+
+    u32 peak = 0;
+    for (u32 frame = 0; frame < 10; ++frame)
+    {
+        CParticlePageView born;
+        while (!(born = stream.AllocateParticlesIFP(1024, 1)).Empty())
+        {
+            for (float &age : born.DenseColumnForWriting<float>(CGuid(1)))
+                age = 0.0f;
+        }
+        peak = TZMax(peak, stream.ParticleCount());
+        // The host's own memory is still there, up to its budget.
+        void *names = Mem::_RawAlloc(1000, 0, Mem::AllocType_Generic, Mem::Origin_Alloc, "Host|Names", __FILE__,
+                                     __LINE__, TZ_FUNCTION_SIGNATURE);
+        if (names == null)
+            return 0;
+        Mem::_RawFree(names, Mem::AllocType_Generic, Mem::Origin_Alloc, "Host|Names", __FILE__, __LINE__,
+                      TZ_FUNCTION_SIGNATURE);
+        const u32 dead[] = {3, 14, 15, 92, 653};
+        for (u32 page = 0; page < stream.PageCount(); ++page)
+            stream.RemoveParticles(CGuid(page), {dead, 5});
+        stream.RemoveParticles(CGuid(stream.PageCount()), {dead, 5}); // a mistake, logged once
+    }
+    return peak;
+}
+
+} // namespace
+
+int main()
+{
+    CBudgets::Install(); // before anything is allocated
+    CQuietAssertions assertions;
+    CScopeTimes times;
+    Profiler::CProfiler::SetSink(&times);
+    if (!CheckVersion() || !Particles::Startup())
+        return 1;
+    const u32 peak = PlaySparks();
+    Particles::Shutdown();
+    Profiler::CProfiler::SetSink(null);
+
+    const CBudgets::SBudget &budget = CBudgets::Of(Mem::kDefaultTag);
+    const u32 scopeCount = times.Print();
+    std::printf("%u particles in a budget of %zu bytes; %u reports, %u logged; %zu bytes left behind\n", peak,
+                budget.m_Limit, assertions.m_ReportCount, assertions.m_LoggedCount, budget.m_Used);
+    const bool isWell = peak > 100000 && peak * 16 < budget.m_Limit && assertions.m_ReportCount == 10 &&
+                        assertions.m_LoggedCount == 1 && scopeCount != 0 && budget.m_Used == 0;
+    return isWell ? 0 : 1;
+}

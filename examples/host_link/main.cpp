@@ -1,0 +1,77 @@
+// A host that replaces a service when it is linked: it defines the three memory functions itself, and the library calls
+// these. All of its memory comes from one piece that the host owns; nothing is given back before the end.
+#include <tz_kernel/include/kr_host.h>
+#include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
+#include <tz_particles/include/ps_runtime.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+
+namespace
+{
+
+using namespace Tessaly;
+
+constexpr u64 kPieceBytes = 8 << 20;
+alignas(64) u8 g_Piece[kPieceBytes];
+std::atomic<u64> g_UsedBytes{0};
+
+// In front of each block: its size.
+constexpr u64 kHeaderBytes = 64;
+
+} // namespace
+
+namespace Tessaly
+{
+namespace Mem
+{
+
+void *_RawAlloc(u64 size, u32 alignment, EAllocType, EOrigin, const char *, const char *, int, const char *)
+{
+    const u64 bytes = kHeaderBytes + Align<64>(size);
+    u64 used = g_UsedBytes;
+    do
+    {
+        if (alignment > 64 || bytes < size || bytes > kPieceBytes - used)
+            return null;
+    } while (!g_UsedBytes.compare_exchange_weak(used, used + bytes));
+    std::memcpy(g_Piece + used, &size, sizeof(size));
+    return g_Piece + used + kHeaderBytes;
+}
+
+void *_RawRealloc(void *ptr, u64 size, u32 alignment, EAllocType type, const char *tag, const char *file, int line,
+                  const char *function)
+{
+    void *block = _RawAlloc(size, alignment, type, Origin_Alloc, tag, file, line, function);
+    if (block != null && ptr != null)
+    {
+        u64 oldSize;
+        std::memcpy(&oldSize, static_cast<u8 *>(ptr) - kHeaderBytes, sizeof(oldSize));
+        std::memcpy(block, ptr, size_t(TZMin(size, oldSize)));
+    }
+    return block;
+}
+
+void _RawFree(void *, EAllocType, EOrigin, const char *, const char *, int, const char *) {}
+
+} // namespace Mem
+} // namespace Tessaly
+
+int main()
+{
+    if (!Particles::Startup())
+        return 1;
+    SParticleStreamDef def;
+    def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId(1), BaseType_Float, 4));
+    CParticleStream_MainMemory stream(1024);
+    stream.BindStreamDef(&def, {}, {&CGuid::INVALID, 1}, {});
+    const CParticlePageView born = stream.AllocateParticlesIFP(1000, 0);
+    const u8 *place = born.RawStreamBegin(CGuid(0));
+    const bool isOurs = place >= g_Piece && place < g_Piece + kPieceBytes;
+    stream.Cleanup();
+    Particles::Shutdown();
+    std::printf("%u particles, %s the host's memory, of which %llu bytes were taken\n", born.ParticleCount(),
+                isOurs ? "in" : "outside", static_cast<unsigned long long>(g_UsedBytes.load()));
+    return isOurs && born.ParticleCount() == 1000 ? 0 : 1;
+}
