@@ -28,3 +28,14 @@ cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${CMAKE_INSTALL_FUL
     OUTPUT_VARIABLE prefix_from_pc)
 configure_file(cmake/tessaly.pc.in ${PROJECT_BINARY_DIR}/tessaly.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tessaly.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+
+# gdb's printers: one copy to be sourced, and for shared libraries one where gdb looks by itself when it loads them.
+install(FILES tools/gdb/tessaly.py DESTINATION ${CMAKE_INSTALL_DATADIR}/tessaly/gdb COMPONENT dev)
+if(BUILD_SHARED_LIBS)
+    set(auto_load_dir ${CMAKE_INSTALL_LIBDIR})
+    if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+        set(auto_load_dir ${CMAKE_INSTALL_DATADIR}/gdb/auto-load${CMAKE_INSTALL_FULL_LIBDIR})
+    endif()
+    install(FILES tools/gdb/tessaly.py DESTINATION ${auto_load_dir} COMPONENT dev
+        RENAME libTessalyKernel.so.${PROJECT_VERSION}-gdb.py)
+endif()
