@@ -24,13 +24,15 @@ struct SOwnBlocks
 {
     using Block = u8 *;
 
-    Block Get(u32 bytes) const { return Particles::PageAllocator()->Alloc(bytes); }
+    Block Get(u32 bytes) const { return m_Allocator->Alloc(bytes); }
     void Release(Block &block, u32 bytes) const
     {
-        Particles::PageAllocator()->Retire(block, bytes);
+        m_Allocator->Retire(block, bytes);
         block = null;
     }
     u8 *Bytes(Block block) const { return block; }
+
+    CParticlePageAllocator *m_Allocator = Particles::PageAllocator();
 };
 
 // The same, each with the reference-counted object that a page holds.
@@ -38,9 +40,11 @@ struct SRawPages
 {
     using Block = PParticleRawPage_MainMemory;
 
-    Block Get(u32 bytes) const { return Particles::PageAllocator()->AllocPage(bytes); }
+    Block Get(u32 bytes) const { return m_Allocator->AllocPage(bytes); }
     void Release(Block &block, u32 /*bytes*/) const { block = null; }
     u8 *Bytes(const Block &block) const { return block->RawDataForWriting(); }
+
+    CParticlePageAllocator *m_Allocator = Particles::PageAllocator();
 };
 
 struct SPeerBlocks
