@@ -35,9 +35,9 @@ std::vector<u32> BadRemovalList(u32 count, u32 pattern)
     return lists[pattern % 4];
 }
 
-// The rows that fill holes come from the end, which of them where is not told: what the library chose is taken over
-// when it is one of them.
-bool RemoveRows(CNaivePage &page, const CParticlePage &real, const std::vector<u32> &list)
+// The rows that fill holes come from the end, which of them where is the library's choice: it is taken over when it is
+// one of them, and the one that it tells. told: from hole to mover.
+bool RemoveRows(CNaivePage &page, const CParticlePage &real, const std::vector<u32> &list, std::map<u32, u32> told)
 {
     const u32 count = page.m_Count - u32(list.size());
     std::vector<u32> movers;
@@ -48,6 +48,8 @@ bool RemoveRows(CNaivePage &page, const CParticlePage &real, const std::vector<u
     }
     const auto fits = [&](u32 hole, u32 mover)
     {
+        if (told.count(hole) != 0 && told[hole] != mover)
+            return false;
         for (u32 i = 0; i < page.m_Columns.size(); ++i)
         {
             const u32 size = page.m_Columns[i].m_Field.m_Size;
@@ -68,9 +70,10 @@ bool RemoveRows(CNaivePage &page, const CParticlePage &real, const std::vector<u
         for (u32 i = 0; i < page.m_Columns.size(); ++i)
             page.Overwrite(i, hole, std::vector<u8>(page.Row(i, *mover), page.Row(i, *mover + 1)).data(), 1);
         movers.erase(mover);
+        told.erase(hole);
     }
     page.SetCount(count);
-    return true;
+    return told.empty();
 }
 
 void MakeWords(CRandom &random, const SNaiveType &type, u8 *out, size_t bytes)
@@ -182,12 +185,24 @@ void CInterpreter::_Remove(const SOperation &operation, const SPagePair &page)
     const bool isDone = !isBad && naive.IsWritable();
     m_NeedsReport = !isDone;
     m_World.m_AnyReports = isOfStream && page.m_Lister->m_Naive->RowSum() != page.m_Lister->m_Naive->m_Count;
-    const u32 removed = isOfStream ? page.m_Lister->m_Real->RemoveParticles(CGuid(page.m_Index), view)
-                                   : page.m_Real->RemoveParticles(view);
+    // Half of the time it has to tell where particles went, at times in too little room.
+    const u32 holeCount =
+        isDone ? u32(std::lower_bound(list.begin(), list.end(), naive.m_Count - count) - list.begin()) : 0;
+    std::vector<SParticleMove> room(operation.m_C % 16 == 3 ? holeCount / 2 : list.size());
+    TMemoryView<SParticleMove> moves(room.data(), u32(room.size())), *outMoves = operation.m_C % 2 != 0 ? &moves : null;
+    if (outMoves != null)
+        m_World.Check(holeCount <= room.size(), "outMoves == null || filler.HolesLeft() <= record.Capacity()");
+    const u32 removed = isOfStream ? page.m_Lister->m_Real->RemoveParticles(CGuid(page.m_Index), view, outMoves)
+                                   : page.m_Real->RemoveParticles(view, outMoves);
     _Differ("removed", removed, isDone ? count : 0);
+    std::map<u32, u32> told;
+    for (u32 i = 0; outMoves != null && i < moves.Count(); ++i)
+        told[moves[i].m_To] = moves[i].m_From;
+    if (outMoves != null)
+        _Differ("moves told", told.size(), std::min(size_t(holeCount), room.size()));
     if (!isDone || removed != count)
         return;
-    _Differ("holes filled from the end", RemoveRows(naive, *page.m_Real, list), true);
+    _Differ("holes filled from the end", RemoveRows(naive, *page.m_Real, list, told), true);
     if (isOfStream)
         page.m_Lister->m_Naive->m_Count -= count;
     else if (page.m_Lister != null)
