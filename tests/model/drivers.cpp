@@ -117,7 +117,8 @@ std::string RunAllRefusals(const Script &script, FnRunRefused run, SFigures &fig
     for (const SRefusal &refusal : kRefusals)
     {
         bool goesOn = true;
-        for (u32 n = 1; goesOn && difference.empty(); ++n, ++figures.m_Refusals)
+        // Each of the first requests in turn; of many, fewer and fewer of those behind.
+        for (u32 n = 1; goesOn && difference.empty(); n += 1 + n / 50, ++figures.m_Refusals)
         {
             bool wasRefused = false;
             figures.m_Operations += script.size();

@@ -56,8 +56,6 @@ void CInterpreter::OnPageMade()
 // One that was refused is over with its operation.
 void CInterpreter::_BeginBlockRequest()
 {
-    m_WasBlockRefused = m_WasBlockRefused || m_World.m_WasBlockRefused;
-    m_World.m_WasBlockRefused = false;
     _Differ("blocks asked for", m_RealBlockRequest, m_NaiveBlockRequest);
     m_World.m_AtPageMade();
     OnPageMade();
@@ -65,14 +63,16 @@ void CInterpreter::_BeginBlockRequest()
 
 std::string CInterpreter::Run(const SOperation &operation)
 {
-    if (m_RefusesBlock && m_World.m_WasBlockRefused)
+    if (m_RefusesBlock && m_World.m_RefusedCount != m_RefusedBefore)
         _BeginBlockRequest();
+    m_RefusedBefore = m_World.m_RefusedCount;
     if (m_World.m_Budget != 0 && m_BudgetLife-- == 0)
     {
         m_World.m_Budget = 0;
         Particles::PageAllocator()->SetMemoryBudget(0);
     }
     _Do(operation, _Stream(operation.m_Stream));
+    m_WasEverRefused = m_WasEverRefused || _WasRefused();
     if (g_Planted != EPlanted::None)
         _Plant(operation, _Stream(operation.m_Stream));
     return _Compare();
@@ -83,7 +83,7 @@ void CInterpreter::_Plant(const SOperation &operation, SPair &stream)
     CParticleStream_MainMemory &real = *stream.m_Real;
     if (g_Planted == EPlanted::Miscount && _WasRefused())
         real.RegisterBornCount_NoConsistencyCheck(1);
-    if (g_Planted == EPlanted::ForgottenBlock && m_World.m_WasBlockRefused)
+    if (g_Planted == EPlanted::ForgottenBlock && m_World.m_RefusedCount != m_RefusedBefore)
     {
         Particles::PageAllocator()->SetMemoryBudget(0);
         m_ForgottenBlock = Particles::PageAllocator()->AllocPage(1);
@@ -165,6 +165,8 @@ void CInterpreter::_Do(const SOperation &operation, SPair &stream)
         return _Query(operation, stream);
     case EOperation::SetBudget:
         return _SetBudget(operation, stream);
+    case EOperation::Tend:
+        return _Tend(operation.m_A % 2 == 0);
     case EOperation::DropView:
         return _DropView(operation.m_A);
     case EOperation::EndRead:
@@ -357,6 +359,23 @@ void CInterpreter::_SetBudget(const SOperation &operation, SPair &stream)
     m_World.m_Budget += u64(operation.m_A % 4) * std::max(stream.m_Naive->m_PageBytes, 512u);
     m_BudgetLife = 1 + operation.m_B % 4;
     Particles::PageAllocator()->SetMemoryBudget(m_World.m_Budget);
+}
+
+void CInterpreter::_Tend(bool cleansOut)
+{
+    CParticlePageAllocator &allocator = *Particles::PageAllocator();
+    cleansOut ? allocator.CleanAllFreePages() : allocator.Update();
+    CParticlePageAllocator_Stats stats;
+    allocator.GetTotalStats(stats);
+    _Differ("block bytes told", stats.m_BytesInUse, m_World.m_BlockBytes);
+    _Differ("blocks told", stats.m_BlocksInUse, m_World.m_BlockCount);
+    _Differ("free block bytes told", stats.m_BytesFree, allocator.TotalMemoryAvailable());
+    if (cleansOut)
+        _Differ("free blocks", stats.m_BlocksFree + stats.m_BytesFree, 0);
+    if (m_WasEverRefused)
+        return;
+    _Differ("requests served", stats.m_AllocCount, m_World.m_TakenCount);
+    _Differ("requests refused", stats.m_RefusalCount, m_World.m_RefusedCount);
 }
 
 } // namespace Model

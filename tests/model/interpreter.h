@@ -31,7 +31,7 @@ public:
     // follow in the same operation. OnPageMade is to be called when the library makes a page object.
     void RefuseBlocks(std::function<bool(u32 request)> refuses);
     void OnPageMade();
-    bool WasBlockRefused() const { return m_WasBlockRefused || m_World.m_WasBlockRefused; } // ever
+    bool WasBlockRefused() const { return m_World.m_RefusedCount != 0; } // ever
 
     // Runs one operation on both sides; returns what differs, or nothing.
     std::string Run(const SOperation &operation);
@@ -88,6 +88,7 @@ private:
     void _MakePage(const SOperation &operation, SPair &stream);
     void _Query(const SOperation &operation, SPair &stream);
     void _SetBudget(const SOperation &operation, SPair &stream);
+    void _Tend(bool cleansOut);
     void _DoInPage(const SOperation &operation, const SPagePair &page);
     void _Fill(const SOperation &operation, const SPagePair &page);
     void _Remove(const SOperation &operation, const SPagePair &page);
@@ -143,7 +144,8 @@ private:
     u32 m_BudgetLife = 0; // operations
     std::function<bool(u32 request)> m_RefusesBlock;
     u32 m_RealBlockRequest = 0, m_NaiveBlockRequest = 0;
-    bool m_WasBlockRefused = false;
+    u64 m_RefusedBefore = 0; // the operation
+    bool m_WasEverRefused = false;
     PParticleRawPage_MainMemory m_ForgottenBlock;
 };
 

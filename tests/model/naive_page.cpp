@@ -56,9 +56,14 @@ CNaivePage::CNaivePage(SNaiveWorld &world, u32 capacity, u64 blockBytes)
     , m_BlockBytes(blockBytes)
 {
     m_World.m_BlockBytes += blockBytes;
+    ++m_World.m_BlockCount;
 }
 
-CNaivePage::~CNaivePage() { m_World.m_BlockBytes -= m_BlockBytes; }
+CNaivePage::~CNaivePage()
+{
+    m_World.m_BlockBytes -= m_BlockBytes;
+    --m_World.m_BlockCount;
+}
 
 void CNaivePage::SetCount(u32 count)
 {

@@ -18,9 +18,9 @@ struct SNaiveWorld
 {
     std::vector<std::string> m_Reports;
     bool m_AnyReports = false; // what is reported now is not told
-    u64 m_BlockBytes = 0;
-    u64 m_Budget = 0; // 0: none
-    bool m_WasBlockRefused = false;
+    u64 m_BlockBytes = 0, m_BlockCount = 0;
+    u64 m_TakenCount = 0, m_RefusedCount = 0; // requests for blocks that were served, and that the budget refused
+    u64 m_Budget = 0;                         // 0: none
     std::function<void()> m_AtPageMade;
     bool Check(bool holds, const char *text)
     {

@@ -152,9 +152,10 @@ PNaivePage CNaiveStream::AllocNewPage(u32 capacity, u32 bytes, bool isListed)
     const u64 blockBytes = BlockBytes(bytes);
     if (m_World.m_Budget != 0 && m_World.m_BlockBytes + blockBytes > m_World.m_Budget)
     {
-        m_World.m_WasBlockRefused = true;
+        ++m_World.m_RefusedCount;
         return null;
     }
+    ++m_World.m_TakenCount;
     const bool isSlotCountRight = _SlotCount() == m_Loan->m_Fields.size();
     if (TruePageBytes(capacity, *m_Loan) > blockBytes)
     {

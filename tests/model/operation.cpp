@@ -25,7 +25,7 @@ const SKind kKinds[u32(EOperation::Count)] = {
     {"Repair", 2},   {"SetPageSize", 6}, {"Resize", 7},       {"Recount", 1},        {"Collect", 5},
     {"DeepCopy", 3}, {"Swap", 2},        {"Clear", 1},        {"Cleanup", 1},        {"MakePage", 3},
     {"TakeView", 2}, {"DropView", 2},    {"BeginRead", 4},    {"EndRead", 2},        {"CopySubRange", 3},
-    {"CopyPage", 2}, {"Transfer", 3},    {"Query", 2},        {"SetBudget", 1}};
+    {"CopyPage", 2}, {"Transfer", 3},    {"Query", 2},        {"SetBudget", 1},      {"Tend", 1}};
 
 } // namespace
 

@@ -43,6 +43,7 @@ enum class EOperation : u8
     Transfer,     // A: page and view, B: start
     Query,        // A: name
     SetBudget,    // A: pages left
+    Tend,         // A: 0 cleans the page allocator out
     Count,
 };
 
