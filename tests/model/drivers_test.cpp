@@ -9,6 +9,7 @@
 
 #include <support/allocator_hook.h>
 #include <support/report_recorder.h>
+#include <tz_kernel/include/kr_address_sanitizer.h>
 #include <tz_particles/include/ps_runtime.h>
 
 #include "drivers.h"
@@ -128,7 +129,8 @@ TEST(PlantedFault, IsFoundByEachDriver)
     EXPECT_NE(FindPlanted(EPlanted::FlippedBit, DriveCorpus, 20, 1), "");
     EXPECT_NE(FindPlanted(EPlanted::Miscount, DriveRefusedMemory, 1, 20 / kSlowness), "");
     EXPECT_NE(FindPlanted(EPlanted::ForgottenBlock, DriveRefusedBlocks, 101, 60 / kSlowness), "");
-    EXPECT_NE(FindPlanted(EPlanted::EarlyUnlock, DriveThreads, 1, 100 / kSlowness), "");
+    // Under the address sanitizer the first write through a stale view ends the program.
+    EXPECT_TRUE(Mem::kIsAddressSanitized || FindPlanted(EPlanted::EarlyUnlock, DriveThreads, 1, 100 / kSlowness) != "");
 }
 
 } // namespace Model
