@@ -183,7 +183,10 @@ public:
     {
     }
     CParticlePageView(const CParticlePage &page); // the whole page
-    CParticlePageView(const CParticlePage &page, u32 first, u32 count);
+    CParticlePageView(const CParticlePage &page, u32 first, u32 count)
+        : CParticlePageView(PParticlePage(const_cast<CParticlePage *>(&page)), first, count)
+    {
+    }
 
     bool Empty() const { return m_Count == 0; }
     u32 FirstParticle() const { return m_First; }
@@ -224,6 +227,16 @@ public:
     TMemoryView<_Type> DenseColumnForWriting(CGuid streamId) const;
 
 private:
+    friend class CParticleStream_MainMemory;
+
+    CParticlePageView(PParticlePage &&page, u32 first, u32 count) // takes the reference; page is not null
+        : m_Page(std::move(page))
+        , m_First(first)
+        , m_Count(count)
+    {
+        TZ_ASSERT_TEXT("first + count <= page.ParticleCount()", first + count <= m_Page->ParticleCount());
+    }
+
     bool _HasParticles() const; // a page, and the run within its capacity
     // Start of the view's values of a field, or null.
     u8 *_ColumnStart(const SParticleStreamField &field) const;

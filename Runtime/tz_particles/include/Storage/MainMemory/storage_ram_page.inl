@@ -13,14 +13,6 @@ inline CParticlePageView::CParticlePageView(const CParticlePage &page)
 {
 }
 
-inline CParticlePageView::CParticlePageView(const CParticlePage &page, u32 first, u32 count)
-    : m_Page(const_cast<CParticlePage *>(&page))
-    , m_First(first)
-    , m_Count(count)
-{
-    TZ_ASSERT(first + count <= page.ParticleCount());
-}
-
 inline const SParticleStreamField &CParticlePageView::RawStream(CGuid streamId) const
 {
     if (!TZ_VERIFY(m_Page != null))

@@ -1,5 +1,8 @@
 // What spares a stream the walk over a long page list: the sum of its pages' counts, and which page is the first with
-// room for so many particles. A tree of maxima over the pages' free slots, in page order.
+// room for so many particles. A tree of bounds over the pages' free slots, in page order, and the last answer.
+//
+// A page that loses slots leaves the bounds above it as they are: the search that they mislead lowers them. So births
+// into the page that was found last, which are most, cost no way through the tree.
 //
 // Kept up to date by each change of a listed page's count and each page appended; anything else that happens to the
 // list invalidates it, and the next question builds it anew by one walk. Guarded by the page lock of its stream.
@@ -22,7 +25,7 @@ public:
     bool IsValidFor(u32 pageCount) const { return m_PageCount == pageCount; }
     u32 ParticleCount() const { return m_ParticleCount; } // in all pages
     // Index of the first page with minCount free slots, or CGuid::INVALID.
-    CGuid FindFirst(u32 minCount) const;
+    CGuid FindFirst(u32 minCount);
 
     // Makes room for a list of that many pages. False when memory is refused: then there is no index.
     bool Reserve(u32 pageCount);
@@ -37,13 +40,17 @@ public:
     void Release(); // gives the memory back
 
 private:
-    void _RaiseTo(u32 node);
+    CGuid _Search(u32 minCount);
 
-    u32 *m_Nodes = null;  // node n has children 2n and 2n + 1; the leaves start at m_LeafCount
+    // Node n has children 2n and 2n + 1, and holds no less than both; the leaves start at m_LeafCount, and are exact.
+    u32 *m_Nodes = null;
     u32 m_LeafCount = 0;  // a power of two
     u32 m_PageCount = 0;  // 0: not valid
     u32 m_AddedCount = 0; // while building
     u32 m_ParticleCount = 0;
+    // No page before this one has m_SearchedCount free slots; m_PageCount and above: no page at all.
+    u32 m_FirstCandidate = 0;
+    u32 m_SearchedCount = 0;
 };
 
 } // namespace Tessaly

@@ -173,7 +173,7 @@ private:
     inline u32 _EnterLock() const;
     inline void _LeaveLock(u32 threadId) const;
     PParticlePage _FindPageWithRoom_NoLock(u32 minCount) const;
-    const CPageListIndex *_PageIndex_NoLock() const;  // up to date; null when the list is to be walked
+    CPageListIndex *_PageIndex_NoLock() const;        // up to date; null when the list is to be walked
     void _AddToPageIndex_NoLock(CParticlePage &page); // that was appended to the list
     void _LeavePageIndex_NoLock(CParticlePage &page); // that is about to leave the list
     u32 _DeepCopyPages_NoLock(const CParticleStream_MainMemory &other);

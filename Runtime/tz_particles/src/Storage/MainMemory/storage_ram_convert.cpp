@@ -3,6 +3,10 @@
 
 #include <cstring>
 
+#if defined(__SSE2__)
+#    include <emmintrin.h>
+#endif
+
 namespace Tessaly
 {
 
@@ -50,23 +54,49 @@ struct SColumnPair
     }
 };
 
+// Four components of 32 bits, as one vector of the processor's.
+using SWords4 = u32 __attribute__((vector_size(16)));
+using SInts4 = s32 __attribute__((vector_size(16)));
+using SFloats4 = float __attribute__((vector_size(16)));
+
 struct SCopyLane
 {
     using TIn = u32;
     static u32 Do(u32 value) { return value; }
+    static SWords4 Do4(SWords4 words) { return words; }
 };
 
 struct SFloatToInt
 {
     using TIn = float;
     static s32 Do(float value) { return TruncateTo32(value); }
+    static SWords4 Do4(SWords4 words)
+    {
+#if defined(__SSE2__)
+        // The instruction's own answer to NaN and to what does not fit is the one that is wanted.
+        return reinterpret_cast<SWords4>(_mm_cvttps_epi32(reinterpret_cast<__m128>(words)));
+#else
+        const SFloats4 values = reinterpret_cast<SFloats4>(words);
+        const SInts4 ints = {Do(values[0]), Do(values[1]), Do(values[2]), Do(values[3])};
+        return reinterpret_cast<SWords4>(ints);
+#endif
+    }
 };
 
-template <typename _TIn>
 struct SIntToFloat
 {
-    using TIn = _TIn;
-    static float Do(_TIn value) { return float(value); }
+    using TIn = s32;
+    static float Do(s32 value) { return float(value); }
+    static SWords4 Do4(SWords4 words)
+    {
+        return reinterpret_cast<SWords4>(__builtin_convertvector(reinterpret_cast<SInts4>(words), SFloats4));
+    }
+};
+
+struct SByteToFloat
+{
+    using TIn = u8;
+    static float Do(u8 value) { return float(value); }
 };
 
 // A run of components without holes on either side.
@@ -75,45 +105,53 @@ void ConvertRun(const u8 *__restrict src, u8 *__restrict dst, size_t count)
 {
     using TIn = typename _Op::TIn;
     using TOut = decltype(_Op::Do(TIn()));
-    for (size_t i = 0; i < count; ++i)
+    size_t i = 0;
+    if constexpr (sizeof(TIn) == sizeof(u32))
+    {
+        for (; i + 4 <= count; i += 4)
+            Store(dst + i * sizeof(u32), _Op::Do4(Load<SWords4>(src + i * sizeof(u32))));
+    }
+    for (; i < count; ++i)
         Store(dst + i * sizeof(TOut), _Op::Do(Load<TIn>(src + i * sizeof(TIn))));
 }
 
-// Rows of _Lanes components; the rest of the destination's _DstLanes words is written along with them.
-template <typename _Op, u32 _Lanes, u32 _DstLanes>
-void ConvertRows(const SColumnPair &pair)
+// One row of up to four components; what is left of it is written, too.
+template <typename _Op>
+void ConvertRow(const SColumnPair &pair, u32 row)
 {
     using TIn = typename _Op::TIn;
+    const u8 *src = pair.m_Src + row * pair.m_SrcStride;
+    u8 *dst = pair.m_Dst + row * pair.m_DstStride;
+    std::memset(dst, pair.m_RestByte, pair.m_DstStride);
+    for (u32 lane = 0; lane < pair.m_Lanes; ++lane)
+        Store(dst + lane * sizeof(_Op::Do(TIn())), _Op::Do(Load<TIn>(src + lane * sizeof(TIn))));
+}
+
+// Rows of up to four words on the destination's side: four words are read and four are written for each, whatever they
+// are, and the next rows overwrite what they get too much. So the last rows, which have less than four words behind
+// them on either side, go one by one.
+template <typename _Op>
+void ConvertShortRows(const SColumnPair &pair)
+{
+    constexpr size_t kBytesAtATime = sizeof(SWords4);
+    u32 wideCount = pair.m_RowCount;
+    for (const size_t stride : {pair.m_SrcStride, pair.m_DstStride})
+    {
+        while (wideCount != 0 && stride != 0 && (wideCount - 1) * stride + kBytesAtATime > pair.m_RowCount * stride)
+            --wideCount;
+    }
+    const u32 lanes = pair.m_Lanes;
+    const SWords4 isLane = {0 < lanes ? ~0u : 0, 1 < lanes ? ~0u : 0, 2 < lanes ? ~0u : 0, 3 < lanes ? ~0u : 0};
+    const u32 restWord = pair.m_RestByte * 0x01010101u;
+    const SWords4 rest = SWords4{restWord, restWord, restWord, restWord} & ~isLane;
     const u8 *__restrict src = pair.m_Src;
     u8 *__restrict dst = pair.m_Dst;
     const size_t srcStride = pair.m_SrcStride;
     const size_t dstStride = pair.m_DstStride;
-    const u32 rest = pair.m_RestByte * 0x01010101u;
-    for (u32 row = 0; row < pair.m_RowCount; ++row, src += srcStride, dst += dstStride)
-    {
-        u32 words[_DstLanes];
-        for (u32 lane = 0; lane < _Lanes; ++lane)
-            Store(reinterpret_cast<u8 *>(&words[lane]), _Op::Do(Load<TIn>(src + lane * sizeof(TIn))));
-        for (u32 lane = _Lanes; lane < _DstLanes; ++lane)
-            words[lane] = rest;
-        std::memcpy(dst, words, sizeof(words));
-    }
-}
-
-template <typename _Op, u32 _DstLanes>
-void ConvertRowsOf(const SColumnPair &pair)
-{
-    switch (pair.m_Lanes)
-    {
-    case 1:
-        return ConvertRows<_Op, 1, _DstLanes>(pair);
-    case 2:
-        return ConvertRows<_Op, TZMin(2u, _DstLanes), _DstLanes>(pair);
-    case 3:
-        return ConvertRows<_Op, TZMin(3u, _DstLanes), _DstLanes>(pair);
-    default:
-        return ConvertRows<_Op, TZMin(4u, _DstLanes), _DstLanes>(pair);
-    }
+    for (u32 row = 0; row < wideCount; ++row, src += srcStride, dst += dstStride)
+        Store(dst, (_Op::Do4(Load<SWords4>(src)) & isLane) | rest);
+    for (u32 row = wideCount; row < pair.m_RowCount; ++row)
+        ConvertRow<_Op>(pair, row);
 }
 
 // Rows of any number of components and any stride. What is left of a row is written first.
@@ -136,19 +174,12 @@ void ConvertColumn(const SColumnPair &pair)
 {
     if (pair.SrcIsDense() && pair.DstIsDense())
         return ConvertRun<_Op>(pair.m_Src, pair.m_Dst, size_t(pair.m_RowCount) * pair.m_Lanes);
-    switch (pair.m_DstStride)
+    if constexpr (sizeof(typename _Op::TIn) == sizeof(u32))
     {
-    case 4:
-        return ConvertRowsOf<_Op, 1>(pair);
-    case 8:
-        return ConvertRowsOf<_Op, 2>(pair);
-    case 12:
-        return ConvertRowsOf<_Op, 3>(pair);
-    case 16:
-        return ConvertRowsOf<_Op, 4>(pair);
-    default:
-        return ConvertAnyRows<_Op>(pair);
+        if (pair.m_DstStride <= sizeof(SWords4))
+            return ConvertShortRows<_Op>(pair);
     }
+    ConvertAnyRows<_Op>(pair);
 }
 
 // The general road: components are read into a buffer in the widest type of their kind, and written from there.
@@ -313,23 +344,34 @@ void ConvertThroughBuffer(const SColumnPair &pair, const CBaseTypeTraits &tSrc, 
     }
 }
 
+// Bytes of one component; 0 of a type without any.
 u32 ComponentSize(const CBaseTypeTraits &traits)
 {
-    return traits.VectorDimension != 0 ? traits.Size / traits.VectorDimension : 0;
+    switch (traits.VectorDimension)
+    {
+    case 0:
+        return 0;
+    case 1:
+        return traits.Size;
+    case 2:
+        return traits.Size / 2;
+    case 3:
+        return traits.Size / 3;
+    default:
+        return traits.Size / 4;
+    }
 }
 
 // Components converted per row: those of the smaller type, as far as they lie within both rows. 0 for a type without.
-u32 ComputeLanes(const SParticleStreamField &srcStream, const CBaseTypeTraits &tSrc,
-                 const SParticleStreamField &dstStream, const CBaseTypeTraits &tDst)
+u32 ComputeLanes(const SParticleStreamField &srcStream, const CBaseTypeTraits &tSrc, u32 srcWidth,
+                 const SParticleStreamField &dstStream, const CBaseTypeTraits &tDst, u32 dstWidth)
 {
-    if (tSrc.VectorDimension == 0 || tDst.VectorDimension == 0)
+    if (srcWidth == 0 || dstWidth == 0)
         return 0;
     const u32 rowIterCount = tSrc.Size < tDst.Size ? tSrc.VectorDimension : tDst.VectorDimension;
     const u32 srcRowBytes = srcStream.IsConstant() ? u32(sizeof(S64Bytes)) : srcStream.m_Definition.m_StorageSize;
     const u32 dstRowBytes = dstStream.m_Definition.m_StorageSize;
-    const u32 srcLanes = srcRowBytes / ComponentSize(tSrc);
-    const u32 dstLanes = dstRowBytes / ComponentSize(tDst);
-    return TZMin(rowIterCount, TZMin(srcLanes, dstLanes));
+    return TZMin(rowIterCount, TZMin(srcRowBytes / srcWidth, dstRowBytes / dstWidth));
 }
 
 } // namespace
@@ -338,14 +380,16 @@ void ConvertField(const SParticleStreamField &srcStream, const SParticleStreamFi
 {
     const CBaseTypeTraits &tSrc = CBaseTypeTraits::Traits(srcStream.m_Definition.m_Type);
     const CBaseTypeTraits &tDst = CBaseTypeTraits::Traits(dstStream.m_Definition.m_Type);
+    const u32 srcWidth = ComponentSize(tSrc);
+    const u32 dstWidth = ComponentSize(tDst);
     const SColumnPair pair = {srcStream.m_RawDataPtr,
                               dstStream.m_RawDataPtr,
                               srcStream.m_Definition.m_StorageSize,
                               dstStream.m_Definition.m_StorageSize,
                               particleCount,
-                              ComputeLanes(srcStream, tSrc, dstStream, tDst),
-                              ComponentSize(tSrc),
-                              ComponentSize(tDst),
+                              ComputeLanes(srcStream, tSrc, srcWidth, dstStream, tDst, dstWidth),
+                              srcWidth,
+                              dstWidth,
                               tSrc.Size < tDst.Size ? u8(0) : kFreshParticleByte};
     const bool isOfWords = pair.m_SrcWidth == 4 && pair.m_DstWidth == 4;
     if (pair.m_Lanes == 0)
@@ -355,9 +399,9 @@ void ConvertField(const SParticleStreamField &srcStream, const SParticleStreamFi
     else if (isOfWords && tSrc.IsFp)
         ConvertColumn<SFloatToInt>(pair);
     else if (isOfWords)
-        ConvertColumn<SIntToFloat<s32>>(pair);
+        ConvertColumn<SIntToFloat>(pair);
     else if (tSrc.ScalarType == BaseType_U8 && tDst.ScalarType == BaseType_Float)
-        ConvertColumn<SIntToFloat<u8>>(pair); // colours
+        ConvertColumn<SByteToFloat>(pair); // colours
     else
         ConvertThroughBuffer(pair, tSrc, tDst);
 }

@@ -6,14 +6,37 @@
 namespace Tessaly
 {
 
-CGuid CPageListIndex::FindFirst(u32 minCount) const
+CGuid CPageListIndex::FindFirst(u32 minCount)
 {
-    if (m_Nodes[1] < minCount)
-        return CGuid::INVALID;
+    const bool isAnswered = minCount >= m_SearchedCount &&
+                            (m_FirstCandidate >= m_PageCount || m_Nodes[m_LeafCount + m_FirstCandidate] >= minCount);
+    if (!isAnswered)
+    {
+        const CGuid found = _Search(minCount);
+        m_FirstCandidate = found.Valid() ? found.Get() : m_PageCount;
+        m_SearchedCount = minCount;
+    }
+    return m_FirstCandidate < m_PageCount ? CGuid(m_FirstCandidate) : CGuid::INVALID;
+}
+
+CGuid CPageListIndex::_Search(u32 minCount)
+{
     u32 node = 1;
-    while (node < m_LeafCount)
-        node = m_Nodes[2 * node] >= minCount ? 2 * node : 2 * node + 1;
-    return CGuid(node - m_LeafCount);
+    while (m_Nodes[node] >= minCount)
+    {
+        if (node >= m_LeafCount)
+            return CGuid(node - m_LeafCount);
+        const u32 left = 2 * node;
+        const u32 bound = TZMax(m_Nodes[left], m_Nodes[left + 1]);
+        m_Nodes[node] = bound;
+        if (m_Nodes[left] >= minCount)
+            node = left;
+        else if (bound >= minCount)
+            node = left + 1;
+        else if (node != 1) // it was too high: back to where it misled
+            node /= 2;
+    }
+    return CGuid::INVALID;
 }
 
 bool CPageListIndex::Reserve(u32 pageCount)
@@ -38,6 +61,8 @@ void CPageListIndex::Begin()
     m_PageCount = 0;
     m_AddedCount = 0;
     m_ParticleCount = 0;
+    m_FirstCandidate = 0;
+    m_SearchedCount = 0;
 }
 
 void CPageListIndex::Add(u32 freeCount, u32 particleCount)
@@ -54,25 +79,16 @@ void CPageListIndex::End()
     m_PageCount = m_AddedCount;
 }
 
-// Renews the maxima above a leaf, as far up as they change.
-void CPageListIndex::_RaiseTo(u32 node)
-{
-    for (node /= 2; node != 0; node /= 2)
-    {
-        const u32 maximum = TZMax(m_Nodes[2 * node], m_Nodes[2 * node + 1]);
-        if (m_Nodes[node] == maximum)
-            return;
-        m_Nodes[node] = maximum;
-    }
-}
-
 void CPageListIndex::Update(u32 pageIndex, u32 freeCount, u32 oldParticleCount, u32 newParticleCount)
 {
     if (pageIndex >= m_PageCount)
         return;
     m_ParticleCount += newParticleCount - oldParticleCount;
     m_Nodes[m_LeafCount + pageIndex] = freeCount;
-    _RaiseTo(m_LeafCount + pageIndex);
+    for (u32 node = (m_LeafCount + pageIndex) / 2; node != 0 && m_Nodes[node] < freeCount; node /= 2)
+        m_Nodes[node] = freeCount;
+    if (pageIndex < m_FirstCandidate && freeCount >= m_SearchedCount)
+        m_FirstCandidate = pageIndex;
 }
 
 void CPageListIndex::Append(u32 freeCount, u32 particleCount)

@@ -36,12 +36,12 @@ CParticlePageView CParticleStream_MainMemory::AllocateParticlesIFP(u32 wishedCou
     }
     TZ_ASSERT(page->ParticleCount() >= startId + wishedCount);
     _DEBUG_CheckParticleCountConsistency();
-    return CParticlePageView(*page, startId, wishedCount);
+    return CParticlePageView(std::move(page), startId, wishedCount);
 }
 
 PParticlePage CParticleStream_MainMemory::_FindPageWithRoom_NoLock(u32 minCount) const
 {
-    if (const CPageListIndex *index = _PageIndex_NoLock())
+    if (CPageListIndex *index = _PageIndex_NoLock())
     {
         const CGuid pageId = index->FindFirst(minCount);
         return pageId.Valid() ? m_Pages.RawDataPointer()[pageId.Get()] : PParticlePage();
@@ -54,7 +54,7 @@ PParticlePage CParticleStream_MainMemory::_FindPageWithRoom_NoLock(u32 minCount)
     return null;
 }
 
-const CPageListIndex *CParticleStream_MainMemory::_PageIndex_NoLock() const
+CPageListIndex *CParticleStream_MainMemory::_PageIndex_NoLock() const
 {
     const u32 pageCount = m_Pages.Count();
     if (pageCount < CPageListIndex::kMinPageCount)
@@ -148,7 +148,7 @@ u32 CParticleStream_MainMemory::_RecomputeParticleCount() const
         return 0;
     LockPages();
     u32 sum = 0;
-    if (const CPageListIndex *index = _PageIndex_NoLock())
+    if (CPageListIndex *index = _PageIndex_NoLock())
         sum = index->ParticleCount();
     else
     {
