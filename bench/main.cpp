@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 #include <regex>
 
 #include <unistd.h>
@@ -63,13 +64,15 @@ void RunRow(const SRow &row, std::vector<SSide> sides)
     for (const SSide &side : sides)
         Measure(side); // warms caches and free lists, and is forgotten
     SRowResult result = {row, sides, std::vector<std::vector<double>>(sides.size())};
+    std::vector<size_t> order(sides.size());
+    std::iota(order.begin(), order.end(), size_t(0));
     for (unsigned round = 0; round < g_Options.m_RoundCount; ++round)
     {
-        for (size_t i = 0; i < sides.size(); ++i)
-        {
-            const size_t side = (i + round) % sides.size();
+        // In no order: what one side leaves in the caches meets every other one.
+        for (size_t i = order.size(); i > 1; --i)
+            std::swap(order[i - 1], order[Scramble(round * 64 + u32(i)) % i]);
+        for (const size_t side : order)
             result.m_Values[side].push_back(Measure(sides[side]));
-        }
     }
     g_Results.push_back(std::move(result));
     PrintTableLine(stdout, g_Results.back());

@@ -1,7 +1,8 @@
 // One row of the table: our way to do some work, and beside it limits and peers that do the same.
 //
-// All sides of a row run in turn, round by round, and a figure is the median over the rounds of ours by theirs: what
-// else the machine does hits all. A side measures nanoseconds, or anything else that is to be small (bytes).
+// All sides of a row run round by round, each round in another order, and a ratio is the median over the rounds of ours
+// by theirs: what else the machine does hits all. A side measures nanoseconds, or anything else that is to be small
+// (bytes).
 #pragma once
 
 #include <functional>
