@@ -27,6 +27,7 @@ def check(command, *patterns):
 def check_values():
     check("p g_Numbers", r"= 3 of 9 = \{100, 101, 102\}$")
     check("p g_Guids", r"= \{7, INVALID\}$")
+    check("p (CGuid &)g_Guids[1]", "INVALID$")
     check("p g_Names", r"= \{name 7, no name\}$")
     check("p g_Pages", r"= \{2 references = \{m_Ptr = 0x[0-9a-f]+\}, null\}$")
     check("p g_Def.m_StreamDef", r"= 38 of \d+ = \{Bool \(1 byte, name 1\), .*Float4 \(constant, name 100\), I32 ")
@@ -92,7 +93,7 @@ def check_strange_memory():
     for expression, member, text in (("g_Numbers", "m_Count", "<not an array: 305419896 elements of 9 at 0x"),
                                      ("*g_Pages[0].m_Ptr", "m_ParticleCount.m_Value", "<not a page: 305419896 "),
                                      ("*g_Stream", "m_Pages.m_Data[1].m_Ptr->m_ParticleCount.m_Value",
-                                      r"2 pages \(1 broken\), 87 % full .*, page 1 = 0x[0-9a-f]+: <not a page: "),
+                                      r"2 pages \(1 of them <not a page: .*>\), 87 % full, .*, page 1 = 0x[0-9a-f]+: <not a page: "),
                                      ("*g_Stream", "m_ParticleCount.m_Value", r"81 % full \(the pages hold 13\)"),
                                      ("g_Views[0]", "m_First", "<not a view: 5 particles from 305419896 on of page 0x"),
                                      ("*g_Stream", "m_PagesLocked.m_Value", "<not a stream: locked 305419896 times>")):
@@ -117,6 +118,7 @@ check("info locals")  # nothing is constructed yet
 gdb.execute("break Look")
 gdb.execute("continue")
 check("bt full", "view=5 particles from 0 on")
+check("info args", "^stream = 13 particles in 2 pages", "^slots = 38 elements = ")
 check("finish")
 check("info locals")
 check_values()

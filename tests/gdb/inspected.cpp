@@ -13,9 +13,10 @@ CParticleStream_MainMemory *g_Stream = null;
 CParticlePageView g_Views[2];
 PParticlePage g_Pages[2];
 
-extern "C" __attribute__((noinline)) void Look(const CParticleStream_MainMemory &stream, const CParticlePageView view)
+extern "C" __attribute__((noinline)) void Look(const CParticleStream_MainMemory &stream, const CParticlePageView view,
+                                               const TStridedMemoryView<const CGuid> &slots)
 {
-    __asm__ volatile("" : : "r"(&stream), "r"(&view) : "memory");
+    __asm__ volatile("" : : "r"(&stream), "r"(&view), "r"(&slots) : "memory");
 }
 
 namespace
@@ -84,7 +85,7 @@ int main()
             g_Numbers.PushBack(100 + i);
 
         const CScopedPagesLock lock(stream);
-        Look(stream, g_Views[0]);
+        Look(stream, g_Views[0], stream.ConstantDataFieldSlot());
         g_Views[0].Clear();
         g_Pages[0] = null;
     }

@@ -3,7 +3,6 @@
 #include <tz_kernel/include/kr_refptr.h>
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 #include <tz_particles/include/ps_runtime.h>
-#include <tz_version.h>
 
 #include <cstdio>
 

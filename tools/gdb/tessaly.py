@@ -38,8 +38,8 @@ def _explain(error):
     text = str(error)
     if "optimized out" in text:
         return "<optimized out>"
-    if "no member named" in text or "incomplete type" in text:
-        return "<no debug information on Tessaly's types>"
+    if any(sign in text for sign in ("no member named", "No type named", "incomplete type")):
+        return "<no debug information of Tessaly's libraries>"
     return f"<unreadable: {text}>"
 
 
@@ -89,8 +89,8 @@ def _elements(pointer, count, stride=None):
     """The elements as parts, read already: gdb gives up on all that it is printing when it can not read something."""
     step = pointer.type.target().sizeof if stride is None else stride
     for i in range(count):
-        element = gdb.Value(int(pointer) + i * step).cast(pointer.type).dereference()
         try:
+            element = gdb.Value(int(pointer) + i * step).cast(pointer.type).dereference()
             element.fetch_lazy()
         except gdb.error as error:
             element = _explain(error)
@@ -117,8 +117,7 @@ def _definition_text(definition):
 
 def _field_text(field):
     data = int(field["m_RawDataPtr"])
-    place = "without data" if data == 0 else f"at {data:#x}"
-    return f"{_definition_text(field['m_Definition'])} {place}"
+    return _definition_text(field["m_Definition"]) + (" without data" if data == 0 else f" at {data:#x}")
 
 
 def _page_counts(page):
@@ -169,22 +168,22 @@ def _lock_text(stream):
 
 def _stream_text(stream):
     pages, page_count = _pages(stream)
-    listed = slot_count = broken_count = 0
+    listed, slot_count, problems = 0, 0, []
     for page in pages:
         try:
             count, capacity = _page_counts(page.dereference())
             listed, slot_count = listed + count, slot_count + capacity
-        except ERRORS:
-            broken_count += 1
+        except ERRORS as error:
+            problems.append(_explain(error))
     count = _number(stream["m_ParticleCount"])
     text = f"{_plural(count, 'particle')} in {_plural(page_count, 'page')}"
-    if broken_count != 0:
-        text += f" ({broken_count} broken)"
+    if problems:
+        text += f" ({len(problems)} of them {problems[0]})"
     if slot_count != 0:
         text += f", {listed * 100 // slot_count} % full"
     if page_count > len(pages):
         text += f" (the first {len(pages)})"
-    elif listed != count:
+    elif listed != count and not problems:
         text += f" (the pages hold {listed})"
     text += f", page size {_number(stream['m_PageSize'])}"
     if _number(stream["m_StreamDef"]) == 0:
@@ -294,11 +293,12 @@ class Printer:
 
 
 class Lookup:
-    name = "Tessaly"
-    enabled = True
+    name, enabled = "Tessaly", True
 
     def __call__(self, value):
         name = _type_name(value)
+        if name in PRINTERS and value.type.code in (gdb.TYPE_CODE_REF, gdb.TYPE_CODE_RVALUE_REF):
+            value = value.referenced_value()
         return Printer(value, *PRINTERS[name]) if name in PRINTERS else None
 
 

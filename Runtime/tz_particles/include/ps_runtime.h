@@ -2,6 +2,7 @@
 #pragma once
 
 #include <tz_defs.h>
+#include <tz_version.h>
 
 namespace Tessaly
 {
