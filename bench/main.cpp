@@ -1,6 +1,6 @@
 // Runs the rows and prints them as a table, each line when its row is done.
-//   --quick           few rounds: shows that everything works
-//   --rounds N        at least so many rounds a row; 25 unless said
+//   --quick           one round: shows that everything works
+//   --rounds N        so many rounds a row; 25 unless said
 //   --shapes          other sizes of particles and pages, instead of the table
 //   --ours-alone      without the other sides, for a profiler
 //   --filter REGEX    only the rows whose "group: work" matches
