@@ -16,6 +16,7 @@ namespace Tessaly
 namespace Assert
 {
 
+// What a handler answers.
 enum EResult
 {
     Result_Break = 0,    // trap into the debugger, then go on
@@ -23,14 +24,16 @@ enum EResult
     Result_Continue = 2, // go on; so does any other value
 };
 
+// A failed check, as the handler sees it. The texts are good until it returns.
 struct SReport
 {
+    // Where the check stands.
     const char *m_File;
     const char *m_Function; // full signature
     int m_Line;
-    const char *m_Expression;
-    const char *m_Message; // the expression again, or the formatted message
-    bool m_IsVerify;
+    const char *m_Expression; // the condition's text
+    const char *m_Message;    // the expression again, or the formatted message
+    bool m_IsVerify;          // the caller takes its failure branch
 };
 
 // Answers with an EResult. Runs on the thread that failed the check, under whatever locks it holds.
@@ -50,9 +53,11 @@ TZ_API int EvalAssertFormat(const char *file, const char *function, int line, co
 TZ_API bool VerifyAssertFalse_Breaks(bool &ignoredFlag, const char *file, const char *function, int line,
                                      const char *expression, const char *expression2, const char *message);
 
+// For the macros below: a site's flag.
 inline bool _IsIgnored(const bool &ignoredFlag) { return __atomic_load_n(&ignoredFlag, __ATOMIC_RELAXED); }
 inline void _SetIgnored(bool &ignoredFlag) { __atomic_store_n(&ignoredFlag, true, __ATOMIC_RELAXED); }
 
+// Where a verification breaks.
 inline void _Verify_BreakPoint() { BreakPoint(); }
 
 // What a site does with the answer of EvalAssert or EvalAssertFormat.
@@ -67,10 +72,13 @@ inline void _TakeResult(bool &ignoredFlag, int result)
 } // namespace Assert
 } // namespace Tessaly
 
+// Reports unless expr holds, and goes on.
 #define TZ_ASSERT(expr) TZ_ASSERT_TEXT(#expr, expr)
 
+// The same with a printf-style message.
 #define TZ_ASSERT_MESSAGE(expr, ...) TZ_ASSERT_TEXT_MESSAGE(#expr, expr, __VA_ARGS__)
 
+// The outcome of expr; false is reported.
 #define TZ_VERIFY(expr)                                                                                                \
     (__extension__({                                                                                                   \
         static bool _ignored = false;                                                                                  \
@@ -91,6 +99,7 @@ inline void _TakeResult(bool &ignoredFlag, int result)
                 _ignored, ::Tessaly::Assert::EvalAssert(__FILE__, TZ_FUNCTION_SIGNATURE, __LINE__, text, text, text)); \
     } while (false)
 
+// The same with a printf-style message.
 #define TZ_ASSERT_TEXT_MESSAGE(text, expr, ...)                                                                        \
     do                                                                                                                 \
     {                                                                                                                  \

@@ -4,6 +4,7 @@
 
 #include "tz_compiler.h"
 
+// These headers' version; CMake reads it here.
 #define TZ_VERSION_MAJOR 0
 #define TZ_VERSION_MINOR 1
 #define TZ_VERSION_PATCH 0
@@ -11,8 +12,10 @@
 namespace Tessaly
 {
 
+// The three numbers of a version.
 struct SVersion
 {
+    // From the weightiest on.
     int m_Major;
     int m_Minor;
     int m_Patch;

@@ -16,7 +16,7 @@
 #    endif
 #endif
 #if !defined(TZ_ADDRESS_SANITIZER)
-#    define TZ_ADDRESS_SANITIZER 0
+#    define TZ_ADDRESS_SANITIZER 0 // 1 where the sanitizer is on
 #endif
 
 #if TZ_ADDRESS_SANITIZER
@@ -28,6 +28,7 @@ namespace Tessaly
 namespace Mem
 {
 
+// The same for conditions.
 constexpr bool kIsAddressSanitized = TZ_ADDRESS_SANITIZER != 0;
 
 #if TZ_ADDRESS_SANITIZER
@@ -54,6 +55,7 @@ __attribute__((no_sanitize("address"), noinline)) inline void CopyPoisoned(void 
 
 #else
 
+// Without the sanitizer they do nothing, and the copy is Mem::Copy.
 inline void Poison(const void *, ureg) {}
 inline void Unpoison(const void *, ureg) {}
 inline void CopyPoisoned(void *dst, const void *src, ureg byteCount) { Mem::Copy(dst, src, byteCount); }

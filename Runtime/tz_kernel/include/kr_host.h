@@ -1,41 +1,39 @@
 // All that a host may provide itself, in one place. Everything works without: each service has a default.
 //
-// set at run time                    | called on              | may it call back?            | changed late
-// -----------------------------------|------------------------|------------------------------|-------------------------
-// Assert::SetHandler                 | the thread whose check | It may fail a check (and be  | A report under way ends
-//   answers a failed check           | failed, under the      | called again) and set        | with the handler that it
-//                                    | locks it holds         | another handler. It may look | began with: keep its user
-//                                    |                        | at a stream, not change it.  | data alive.
-// Mem::SetAllocator                  | any thread, under the  | No. It may fail a check and  | A block is freed by the
-//   every byte of the library        | page lock, too         | open a profiler scope.       | allocator of that moment:
-//                                    |                        |                              | set it before all else.
-// Profiler::CProfiler::SetSink       | the thread of the      | No: it must open no scope,   | A scope ends with the
-//   hears every scope begin and end  | scope, under the locks | and so call no operation of  | sink that it began with:
-//                                    | it holds               | a stream. It may allocate,   | keep that alive until no
-//                                    |                        | when the allocator opens no  | scope of it is open.
-//                                    |                        | scope.                       |
-// g_KRContainersConfig_MonitorTArrays| -                      | -                            | The sum counts what
-//   arrays add up what they grow by  |                        |                              | buffers grow from then
-//                                    |                        |                              | on; freed ones stay in.
+// Set at run time
 //
-// All of them are called by several threads at a time. Each may be set at any time from any thread (the flag by an
-// atomic store, or before a second thread runs).
+// hook                       | called on                        | may call back                | changed late
+// ---------------------------|----------------------------------|------------------------------|-------------
+// Assert::SetHandler         | the thread whose check failed    | see 1                        | see 2
+// Mem::SetAllocator          | any thread, under page locks too | no; it may open a scope      | see 3
+// Profiler::CProfiler::SetSink | the scope's thread             | no; it must open no scope    | see 4
+// g_KRContainersConfig_MonitorTArrays | no one                  | -                            | see 5
 //
-// replaced at link time: a host defines the function itself, as it is declared, in one of its sources. The library then
-// calls that one, linked statically or dynamically. Each may be replaced alone, but what belongs together should be:
+// Several threads call at a time. Each hook may be set at any time from any thread; the flag by an atomic store.
 //
-//   tz_assert.h                EvalAssert, EvalAssertFormat, VerifyAssertFalse_Breaks; SetHandler sets nothing then
-//   kr_mem.h                   _RawAlloc, _RawRealloc, _RawFree; SetAllocator sets nothing then
-//   kr_mem_utils.h             Copy_Overlapped, FillIndices32
-//   kr_profiler.h              MainEngineProfiler; null keeps every scope from the sink
-//   kr_threads_basics.h        CCurrentThread::ThreadID: a number per thread, never given again, never all ones;
-//                              CThreadStats: RegisterCSUnlock is called by the holder right before each release, and must
-//                              take no critical section; CCriticalSection's construction, destruction and TryLock
-//   kr_containers_internals.h  CContainersMonitorTArrays: told of each change of a buffer before it is made, while the
-//                              flag is set
-//   kr_refptr.h                CRefCountedObject::_DeleteObject: must ask _KeepForReuse as the default one does
+// 1. A handler runs under the locks of the check that failed. It may fail checks itself, and is called again; it may set
+//    another handler. It may look at a stream, not change it.
+// 2. A report under way ends with the handler that it began with: keep that one's user data alive.
+// 3. A block is freed by the allocator of that moment: set it before all else, or forward what is not yours.
+// 4. A scope ends with the sink that it began with: keep it alive until none is open. Whatever takes a page lock opens a
+//    scope: a sink that calls an operation of a stream calls itself without end.
+// 5. The sum counts what arrays' buffers grow by from then on; freed ones stay in it.
 //
-// Those are called where the ones above are, on any thread and under any lock, from the first call of the library on.
+// Replaced at link time
+//
+// A host defines the function itself, as it is declared, in one of its sources. The library then calls that one, linked
+// statically or dynamically, from its first call on, on any thread and under any lock.
+//
+// - tz_assert.h: EvalAssert, EvalAssertFormat, VerifyAssertFalse_Breaks. SetHandler sets nothing for those.
+// - kr_mem.h: _RawAlloc, _RawRealloc and _RawFree, together. SetAllocator sets nothing then.
+// - kr_mem_utils.h: Copy_Overlapped, FillIndices32.
+// - kr_profiler.h: MainEngineProfiler. A null one keeps every scope from the sink.
+// - kr_threads_basics.h: CCurrentThread::ThreadID (a number per thread, never given again, never all ones);
+//   CThreadStats (RegisterCSUnlock is called by the holder right before each release, and must take no critical
+//   section); CCriticalSection's construction, destruction and TryLock.
+// - kr_containers_internals.h: CContainersMonitorTArrays. Told of each change of a buffer's size before it is made,
+//   while the flag is set.
+// - kr_refptr.h: CRefCountedObject::_DeleteObject. It must ask _KeepForReuse first, as the default one does.
 #pragma once
 
 #include <tz_assert.h>

@@ -15,6 +15,7 @@ namespace Tessaly
 namespace Mem
 {
 
+// What memory is asked for. The library asks for AllocType_Generic only; the others are for hosts.
 enum EAllocType
 {
     AllocType_Generic = 0,
@@ -23,6 +24,7 @@ enum EAllocType
     AllocType_Debug = 3,
 };
 
+// Who asks.
 enum EOrigin : u32
 {
     Origin_Alloc = 0,        // raw allocation, used with array buffers
@@ -30,6 +32,7 @@ enum EOrigin : u32
     _Origin_Mask = 0x80000000,
 };
 
+// The tag under which the library asks for all of its memory.
 constexpr const char *kDefaultTag = "Kernel|Mem|Default";
 
 // Returns a block of size bytes or null. Alignment 0 means the default: 16 bytes at least.
@@ -42,8 +45,10 @@ TZ_API void *_RawRealloc(void *ptr, u64 size, u32 alignment, EAllocType type, co
 TZ_API void _RawFree(void *ptr, EAllocType type, EOrigin origin, const char *tag, const char *file, int line,
                      const char *function);
 
+// Three functions behind the services, each of the contract of its namesake above.
 struct SAllocator
 {
+    // Called by any thread at any time.
     void *(*m_Alloc)(u64 size, u32 alignment, EAllocType type, EOrigin origin, const char *tag, const char *file,
                      int line, const char *function);
     void *(*m_Realloc)(void *ptr, u64 size, u32 alignment, EAllocType type, const char *tag, const char *file, int line,
@@ -62,11 +67,13 @@ TZ_API void SetAllocator(const SAllocator *allocator);
 // The place in the source that asks for memory.
 struct SCallSite
 {
+    // As the services take them.
     const char *m_File;
     int m_Line;
     const char *m_Function;
 };
 
+// The place where it stands.
 #define TZ_CALL_SITE                                                                                                   \
     ::Tessaly::Mem::SCallSite { __FILE__, __LINE__, TZ_FUNCTION_SIGNATURE }
 

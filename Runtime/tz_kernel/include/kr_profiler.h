@@ -13,6 +13,7 @@ namespace Profiler
 // The static description of one scope, built once per site.
 struct TZ_API SNodeDescriptor
 {
+    // Bits of m_Flags.
     enum EFlags : u32
     {
         None = 0,
@@ -23,13 +24,14 @@ struct TZ_API SNodeDescriptor
         Mask_Reserved = 0x0FFF0000,
     };
 
-    CFloat4 m_Color;
-    u32 m_ColorRGBA8; // red in the low byte
-    u32 m_ColorBGRA8; // blue in the low byte
-    const char *m_Name;
+    CFloat4 m_Color;               // red, green, blue, alpha, 0 to 1
+    u32 m_ColorRGBA8;              // red in the low byte
+    u32 m_ColorBGRA8;              // blue in the low byte
+    const char *m_Name;            // of the scope
     const char *m_FileAndFunction; // path of the source file
-    u32 m_Flags;
+    u32 m_Flags;                   // EFlags
 
+    // Keeps the two pointers: the texts must live as long. Without an alpha the colour is opaque.
     SNodeDescriptor(const char *name, const char *fileAndFunction, const CFloat4 &color, u32 flags);
     SNodeDescriptor(const char *name, const char *fileAndFunction, const CFloat3 &color, u32 flags);
 
@@ -42,10 +44,12 @@ class TZ_API CSinkAbstract
 {
 public:
     virtual ~CSinkAbstract() = default;
+    // node lives as long as the program.
     virtual void OnScopeBegin(const SNodeDescriptor &node) = 0;
     virtual void OnScopeEnd(const SNodeDescriptor &node) = 0;
 };
 
+// Where scopes report to: the sink that the host set.
 class TZ_API CProfiler : public CNonCopyable
 {
 public:
@@ -65,6 +69,7 @@ TZ_API CProfiler *MainEngineProfiler();
 class CScopedNode : public CNonCopyable
 {
 public:
+    // Tells the sink of the beginning, when there is a profiler and a sink; the destructor tells it of the end.
     CScopedNode(CProfiler *profiler, const SNodeDescriptor *descriptor, bool)
         : m_Profiler(profiler)
         , m_NodeDescriptor(descriptor)
@@ -80,9 +85,9 @@ public:
             m_Sink->OnScopeEnd(*m_NodeDescriptor);
     }
 
-    CProfiler *m_Profiler; // null when nobody listens
-    const SNodeDescriptor *m_NodeDescriptor;
-    CSinkAbstract *m_Sink; // that heard the beginning, and hears the end
+    CProfiler *m_Profiler;                   // null when nobody listens
+    const SNodeDescriptor *m_NodeDescriptor; // of the scope
+    CSinkAbstract *m_Sink;                   // that heard the beginning, and hears the end
 };
 
 } // namespace Profiler

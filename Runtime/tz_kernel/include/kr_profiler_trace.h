@@ -20,12 +20,13 @@ namespace Tessaly
 namespace Profiler
 {
 
+// Keeps the scopes that it hears, for one file.
 class TZ_API CTraceSink : public CSinkAbstract, public CNonCopyable
 {
 public:
-    static constexpr u32 kDefaultMaxScopes = 1u << 20;
-    static constexpr u32 kMaxDepth = 64;    // scopes open at a time in one thread
-    static constexpr u32 kMaxThreads = 256; // that are named; others are told by their number alone
+    static constexpr u32 kDefaultMaxScopes = 1u << 20; // 32 MiB
+    static constexpr u32 kMaxDepth = 64;               // scopes open at a time in one thread
+    static constexpr u32 kMaxThreads = 256;            // that are named; others are told by their number alone
 
     // Asks for 32 bytes a scope, which cost nothing until they are used. When memory is refused, all scopes are
     // dropped.

@@ -13,15 +13,15 @@ namespace Tessaly
 class TZ_API CCurrentThread
 {
 public:
-    static u32 ThreadID();
+    static u32 ThreadID(); // any thread; takes no lock
 };
 
 // Diagnostic counters. RegisterCSUnlock is called at every release of a critical section, nested ones included.
 class TZ_API CThreadStats
 {
 public:
-    static void RegisterCSUnlock();
-    static u64 CSUnlockCount(); // releases by all threads since the process started
+    static void RegisterCSUnlock(); // by the holder, right before it releases
+    static u64 CSUnlockCount();     // releases by all threads since the process started
 };
 
 namespace Threads
@@ -34,11 +34,11 @@ public:
     CCriticalSection();
     ~CCriticalSection();
 
-    void Lock() const;
+    void Lock() const;    // waits for other threads
     bool TryLock() const; // true when the lock was taken
-    void Unlock() const;
+    void Unlock() const;  // by the thread that locked it
 
-    mutable pthread_mutex_t m_CS;
+    mutable pthread_mutex_t m_CS; // recursive
     // Id of the holding thread; the value of CGuid::INVALID when free, and after any unlock, nested ones included: it
     // is a note for debuggers, never what re-entrancy rests on. Written only by the holder.
     mutable volatile u32 m_Owner;

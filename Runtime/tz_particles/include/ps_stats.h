@@ -13,6 +13,7 @@ namespace Tessaly
 // Bytes used, shared by several kinds of memory users. A main-memory stream fills m_ParticleBytes only.
 struct TZ_API SMediumMemoryReport
 {
+    // Bytes by their use.
     u64 m_StaticBytes = 0;
     u64 m_StaticBytes_Declaration = 0; // part of m_StaticBytes
     u64 m_StaticBytes_Kernel = 0;      // part of m_StaticBytes
@@ -29,8 +30,9 @@ struct TZ_API SMediumMemoryReport
     u64 m_KernelStaticDebugBytes = 0;
     u64 m_KernelTimingBytes = 0;
 
-    void Clear() { *this = SMediumMemoryReport(); }
+    void Clear() { *this = SMediumMemoryReport(); } // all 0
     u64 Total() const; // the top-level counters; those that are parts of another are not added again
+    // Adds counter by counter.
     SMediumMemoryReport &operator+=(const SMediumMemoryReport &other);
     SMediumMemoryReport operator+(const SMediumMemoryReport &other) const;
 };
@@ -38,6 +40,7 @@ struct TZ_API SMediumMemoryReport
 // How a stream's pages are used at one moment.
 struct TZ_API SParticleStreamStats
 {
+    // Pages and particles.
     u32 m_PageCount = 0;
     u32 m_PageCount_OutOfSync = 0; // pages whose capacity is not the stream's page size
     u64 m_ParticleCount = 0;
@@ -48,8 +51,8 @@ struct TZ_API SParticleStreamStats
     // Pages by how full they are: [0] is below a tenth, ..., [9] nine tenths and more.
     u32 m_PagesByTenth[10] = {};
 
-    int Print(char *buffer, size_t bufferBytes) const; // one line
-    int PrintTable(char *buffer, size_t bufferBytes) const;
+    int Print(char *buffer, size_t bufferBytes) const;      // one line
+    int PrintTable(char *buffer, size_t bufferBytes) const; // a row for each figure
     // Members pages, outOfSyncPages, particles, slots, liveBytes, freeBytes, paddingBytes, and pagesByTenth: an array
     // of ten.
     int PrintJson(char *buffer, size_t bufferBytes) const;

@@ -18,10 +18,11 @@ namespace Tessaly
 // One field of a stream.
 struct SParticleStreamFieldDef
 {
-    u32 m_StorageSize; // bytes of one particle's value in a page; 0: a constant field, one value for all particles
-    EBaseTypeID m_Type;
-    CStringId m_NameGUID;
+    u32 m_StorageSize;    // bytes of one particle's value in a page; 0: a constant field, one value for all particles
+    EBaseTypeID m_Type;   // what the values are: rebinding converts by it
+    CStringId m_NameGUID; // by which rebinding finds the field in another definition; an id of the host's choice
 
+    // A record of no type; a field of that name, type and storage size (in bytes).
     SParticleStreamFieldDef()
         : m_StorageSize(0)
         , m_Type(BaseType_Void)
@@ -34,6 +35,7 @@ struct SParticleStreamFieldDef
     {
     }
 
+    // Equal when all three members are.
     bool operator==(const SParticleStreamFieldDef &other) const
     {
         return m_StorageSize == other.m_StorageSize && m_Type == other.m_Type && m_NameGUID == other.m_NameGUID;
@@ -45,12 +47,12 @@ struct SParticleStreamFieldDef
 // alive and unchanged meanwhile: a stream knows a definition by its address.
 struct TZ_API SParticleStreamDef : public CNonCopyable
 {
-    TArray<SParticleStreamFieldDef> m_StreamDef;
+    TArray<SParticleStreamFieldDef> m_StreamDef; // filled by the owner
 
     SParticleStreamDef() = default;
 
-    bool Empty() const { return m_StreamDef.Empty(); }
-    void Clear() { m_StreamDef.Clear(); }
+    bool Empty() const { return m_StreamDef.Empty(); } // no field
+    void Clear() { m_StreamDef.Clear(); }              // while no stream is bound to it
     // Takes the entries of other, all or none: false when memory is refused, with nothing changed.
     bool Copy(const SParticleStreamDef &other);
 
@@ -66,7 +68,7 @@ struct TZ_API SParticleStreamDef : public CNonCopyable
 // One block of constant data: the value that a constant field points at.
 struct S64Bytes
 {
-    u32 m_Data[16];
+    u32 m_Data[16]; // the value's bytes, from the first on
 };
 
 // What the rest of a runtime sees of any particle stream.
@@ -78,7 +80,7 @@ public:
     virtual const SParticleStreamDef *GetStreamDef() const = 0; // null while unbound
     virtual u32 ParticleCount() const = 0;                      // live particles
     virtual void Lock() const = 0;                              // guards the stream's pages; re-entrant
-    virtual void Unlock() const = 0;
+    virtual void Unlock() const = 0;                            // one for each Lock, by the same thread
     virtual SMediumMemoryReport ComputeMemoryUsage() const = 0; // bytes
 };
 

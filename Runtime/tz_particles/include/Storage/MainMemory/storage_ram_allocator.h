@@ -28,6 +28,7 @@ class TZ_API CParticleRawPage_MainMemory : public CRefCountedObject
 {
 public:
     u32 Size() const { return m_Size; } // bytes
+    // BeginRead calls without their EndRead yet. While there are any, pages refuse to be written.
     u32 ReadersCount() const { return __atomic_load_n(&m_ReadersCount, __ATOMIC_ACQUIRE); }
 
     // The block's bytes. Requires that nobody reads it (asserted).
@@ -87,6 +88,7 @@ private:
     bool m_IsWaiting; // while it dies: it was not in use
 };
 
+// References to a raw page.
 using PParticleRawPage_MainMemory = TRefPtr<CParticleRawPage_MainMemory>;
 using PCParticleRawPage_MainMemory = TRefPtr<const CParticleRawPage_MainMemory>;
 
@@ -94,6 +96,7 @@ using PCParticleRawPage_MainMemory = TRefPtr<const CParticleRawPage_MainMemory>;
 class CScopedRawPageReader : public CNonCopyable
 {
 public:
+    // Begins to read; the destructor ends it.
     explicit CScopedRawPageReader(const CParticleRawPage_MainMemory &rawPage)
         : m_RawPage(&rawPage)
         , m_Data(rawPage.BeginRead())
@@ -111,7 +114,7 @@ public:
             m_RawPage->EndRead();
     }
 
-    const u8 *Data() const { return m_Data; }
+    const u8 *Data() const { return m_Data; } // the block's bytes; null when it reads nothing
 
 private:
     PCParticleRawPage_MainMemory m_RawPage;
@@ -121,10 +124,10 @@ private:
 // A page allocator at one moment. Sizes in bytes.
 struct TZ_API CParticlePageAllocator_Stats
 {
-    u64 m_BytesInUse = 0; // in raw pages that are alive
-    u64 m_BytesFree = 0;  // in blocks that wait for reuse
-    u64 m_BlocksInUse = 0;
-    u64 m_BlocksFree = 0;
+    u64 m_BytesInUse = 0;   // in raw pages that are alive
+    u64 m_BytesFree = 0;    // in blocks that wait for reuse
+    u64 m_BlocksInUse = 0;  // and these bytes by the number of blocks
+    u64 m_BlocksFree = 0;   // that wait for reuse
     u64 m_AllocCount = 0;   // blocks handed out since the start
     u64 m_RecycleCount = 0; // of these, served by a waiting block
     u64 m_RefusalCount = 0; // requests refused by the budget or for want of memory
@@ -136,10 +139,11 @@ struct TZ_API CParticlePageAllocator_Stats
     int PrintJson(char *buffer, size_t bufferBytes) const;
 };
 
+// The page allocator of a process; Particles::PageAllocator() gives it.
 class TZ_API CParticlePageAllocator : public CNonCopyable
 {
 public:
-    static constexpr u32 kPoolSlotCount = 64;
+    static constexpr u32 kPoolSlotCount = 64;     // size classes, at most
     static constexpr u32 kMinAllocSize = 512;     // bytes
     static constexpr u32 kMaxAllocSize = 1048576; // bytes; the largest block that is pooled, and the cap of a page
     static constexpr u32 kSlotsPerDoubling = 4;   // size classes from one power of two to the next
@@ -173,6 +177,7 @@ public:
 
     u64 TotalMemoryAllocated() const; // bytes in use
     u64 TotalMemoryAvailable() const; // bytes in blocks that wait for reuse
+    // All figures; of a moment only while no other thread takes or gives back blocks.
     void GetTotalStats(CParticlePageAllocator_Stats &outStats) const;
 
     // Size class of a block: the smallest one that holds size bytes; kPoolSlotCount above kMaxAllocSize.

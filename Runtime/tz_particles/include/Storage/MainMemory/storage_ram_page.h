@@ -30,10 +30,11 @@ constexpr u8 kFreshParticleByte = 0xF3;
 // The storage of one field inside one page. It never owns the bytes.
 struct TZ_API SParticleStreamField : public CNonCopyable
 {
-    u8 *m_RawDataPtr;    // the column, or the constant's 64 bytes; null when there is none
-    u32 m_ParticleCount; // particles whose values the field holds
-    SParticleStreamFieldDef m_Definition;
+    u8 *m_RawDataPtr;                     // the column, or the constant's 64 bytes; null when there is none
+    u32 m_ParticleCount;                  // particles whose values the field holds
+    SParticleStreamFieldDef m_Definition; // as in the definition that the page was laid out for
 
+    // A field without data; of an empty definition, or of the given one.
     SParticleStreamField()
         : m_RawDataPtr(null)
         , m_ParticleCount(0)
@@ -51,11 +52,11 @@ struct TZ_API SParticleStreamField : public CNonCopyable
     }
     ~SParticleStreamField() {}
 
-    bool IsConstant() const { return m_Definition.m_StorageSize == 0; }
-    void Clear(); // forgets the data; the definition stays
+    bool IsConstant() const { return m_Definition.m_StorageSize == 0; } // one value, in the constant data
+    void Clear();                                                       // forgets the data; the definition stays
     // Fills a stored column from particle first to m_ParticleCount with kFreshParticleByte.
     void TrashFrom(u32 first);
-    void Swap(SParticleStreamField &other);
+    void Swap(SParticleStreamField &other); // exchanges the records; no byte of a column moves
 
 private:
     SParticleStreamField(const SParticleStreamField &);
@@ -64,6 +65,7 @@ private:
 
 namespace TTypeTraits
 {
+// An array moves it by copying its bytes.
 template <>
 inline constexpr bool HasTrivialRelocate<SParticleStreamField> = true;
 } // namespace TTypeTraits
@@ -71,10 +73,12 @@ inline constexpr bool HasTrivialRelocate<SParticleStreamField> = true;
 // A particle that filled the hole of a removed one: what was at index m_From of its page is now at m_To.
 struct SParticleMove
 {
-    u32 m_From;
-    u32 m_To;
+    u32 m_From; // before the removal
+    u32 m_To;   // after it
 };
 
+// A page, shared by reference. What says nothing of a lock below is for who holds the page lock of the stream that
+// lists the page, or a page that no stream lists.
 class TZ_API CParticlePage : public CRefCountedObject
 {
 public:
@@ -82,13 +86,14 @@ public:
     CParticlePage(CParticleStream_MainMemory *parent, u32 capacity);
     ~CParticlePage() override;
 
-    u32 ParticleCount() const { return m_ParticleCount; }
-    u32 Capacity() const { return m_Capacity; }
+    u32 ParticleCount() const { return m_ParticleCount; }          // live particles; may be read without a lock
+    u32 Capacity() const { return m_Capacity; }                    // particles; never changes
     u32 FreeCount() const { return Capacity() - ParticleCount(); } // particles that still fit
+    // As the counts say: no particle is left, no slot is left.
     bool Empty() const { return ParticleCount() == 0; }
     bool Full() const { return ParticleCount() == Capacity(); }
 
-    // The fields, in definition order.
+    // The fields, in definition order; for writing only while the page has no readers (asserted).
     TMemoryView<const SParticleStreamField> Streams() const { return m_Streams_Unsafe.View(); }
     TMemoryView<SParticleStreamField> StreamsForWriting()
     {
@@ -105,9 +110,9 @@ public:
     const SParticleStreamField &Stream(CGuid streamId) const { return RawStream(streamId); }
     CGuid StreamId(CStringId nameGUID) const; // as SParticleStreamDef::StreamId, from the page's own fields
 
-    const PParticleRawPage_MainMemory &RawPage() const { return m_RawPage; }
-    CParticleStream_MainMemory *ParentStream() const { return m_Parent; }  // not to be followed: it may be gone
-    const SParticleStreamDef *GetStreamDef() const { return m_StreamDef; } // the definition it was laid out for
+    const PParticleRawPage_MainMemory &RawPage() const { return m_RawPage; } // the block that its columns lie in
+    CParticleStream_MainMemory *ParentStream() const { return m_Parent; }    // not to be followed: it may be gone
+    const SParticleStreamDef *GetStreamDef() const { return m_StreamDef; }   // the definition it was laid out for
 
     // True while nobody reads the raw block. PrepareForWriting is asked right before a write, which is abandoned on
     // false.
@@ -115,26 +120,27 @@ public:
     bool PrepareForWriting() { return ReadyToWrite(); }
 
     // Takes count slots behind the last particle and returns the first one's index. CGuid::INVALID, and nothing
-    // changed, when there is no room. Registers nothing with the stream.
+    // changed, when there is no room. Registers nothing with the stream. Views stay good.
     CGuid AllocateParticles(u32 count);
 
-    // Removes the particles at indices (ascending, unique); the page's last particles fill the holes. Returns how many
-    // went. A bad list or a page with readers is reported, changes nothing and gives 0. Registers nothing with the
-    // stream: for a page of a stream use CParticleStream_MainMemory::RemoveParticles.
-    // outMoves, when given, receives a move for each particle that changed its index, and its count becomes theirs: at
-    // most indices.Count(), at most what stays in the page. One that is too small is reported and gets the first moves;
-    // the removal itself is the same.
+    // Removes the particles at indices (ascending, unique); the page's last particles fill the holes, so that views on
+    // the page speak of other particles, or of none. Returns how many went. A bad list or a page with readers is
+    // reported, changes nothing and gives 0. Registers nothing with the stream: for a page of a stream use
+    // CParticleStream_MainMemory::RemoveParticles. outMoves, when given, receives a move for each particle that changed
+    // its index, and its count becomes theirs: at most indices.Count(), at most what stays in the page. One that is too
+    // small is reported and gets the first moves; the removal itself is the same.
     u32 RemoveParticles(const TMemoryView<const u32> &indices, TMemoryView<SParticleMove> *outMoves = null);
 
     // Makes this page's particles a copy of other's, one block copy a column. Requires the same fields, capacity and
     // block size; whatever they are, no byte outside the two pages' columns is touched.
     void DeepCopy(const CParticlePage &other);
 
-    void Clear(); // no particle is left; block and fields stay
+    void Clear(); // no particle is left, views on them are stale; block and fields stay
 
     // Bytes: page object, field table, raw page object and raw block.
     u32 MemoryFootprint() const;
 
+    // Names another parent; the stream does it when it swaps its pages.
     void ReassignParentStream(CParticleStream_MainMemory *parent)
     {
         m_Parent = parent;
@@ -168,6 +174,7 @@ private:
     u32 m_IndexInList;
 };
 
+// References to a page.
 using PParticlePage = TRefPtr<CParticlePage>;
 using PCParticlePage = TRefPtr<const CParticlePage>;
 
@@ -177,22 +184,26 @@ using PCParticlePage = TRefPtr<const CParticlePage>;
 class TZ_API CParticlePageView
 {
 public:
+    // An empty view, which holds no page.
     CParticlePageView()
         : m_First(0)
         , m_Count(0)
     {
     }
-    CParticlePageView(const CParticlePage &page); // the whole page
+    CParticlePageView(const CParticlePage &page); // the whole page, as full as it is now
+    // A run of its particles. Requires that they are there (asserted).
     CParticlePageView(const CParticlePage &page, u32 first, u32 count)
         : CParticlePageView(PParticlePage(const_cast<CParticlePage *>(&page)), first, count)
     {
     }
 
-    bool Empty() const { return m_Count == 0; }
-    u32 FirstParticle() const { return m_First; }
-    u32 ParticleCount() const { return m_Count; }
-    const PParticlePage &OriginalPage() { return m_Page; }
+    bool Empty() const { return m_Count == 0; }            // it has no particle
+    u32 FirstParticle() const { return m_First; }          // index in the page
+    u32 ParticleCount() const { return m_Count; }          // as it was taken; nobody takes particles out of a view
+    const PParticlePage &OriginalPage() { return m_Page; } // null for an empty view
+    // The same for a page that is not to be changed.
     PCParticlePage OriginalPage() const { return PCParticlePage(m_Page); }
+    // Whether it has all particles that the page has now.
     bool IsFullPageView() const { return m_Page != null && m_First == 0 && m_Count == m_Page->ParticleCount(); }
     void Clear(); // lets the page go
 
@@ -209,7 +220,7 @@ public:
     // The same for writing: never a constant field, nor a page with readers.
     u8 *RawStreamBeginForWriting(CGuid streamId) const;
 
-    CGuid StreamId(CStringId nameGUID) const;
+    CGuid StreamId(CStringId nameGUID) const;       // index of a field by name; INVALID when there is none
     const SParticleStreamDef *GetStreamDef() const; // that the page was laid out for; null without a page
 
     // The values of one field on the view's particles: stride = storage size, 0 on a constant field, which can not be
@@ -250,6 +261,7 @@ private:
 
 namespace TTypeTraits
 {
+// An array moves it by copying its bytes.
 template <>
 inline constexpr bool HasTrivialRelocate<CParticlePageView> = true;
 } // namespace TTypeTraits

@@ -1,0 +1,36 @@
+# Turns the headers' comments into what doxygen reads: `//` into `///`, behind a declaration into `///<`; the one that
+# opens a file becomes that file's page; lines that are set in by three spaces become code. A comment speaks for all
+# declarations below it, up to an empty line, another comment, or one that has its own behind it: each gets a copy.
+# Comments further in than a class's members stand in bodies and stay as they are.
+function say(prefix, text)
+{
+    if (text ~ /^   / && !in_code)
+        said = said prefix "\n"
+    if (text ~ /^   /)
+        text = "   " text
+    in_code = text ~ /^   /
+    said = said prefix text "\n"
+}
+NR == 1 && /^\/\// { printf "/// \\file\n"; is_head = 1 }
+/^(    )?\/\/( |$)/ {
+    if (!in_comment)
+        said = ""
+    in_comment = 1
+    match($0, /^ *\/\//)
+    say(substr($0, 1, RLENGTH) "/", substr($0, RLENGTH + 1))
+    next
+}
+{
+    if (in_comment)
+        printf "%s", said
+    else if (said != "" && is_end && /^(    )?[A-Za-z].*[;,(){>]|^#define [A-Z_]+ [0-9]+$/ &&
+             !/ \/\/ / && !/^ *(public|private|protected|class|struct|enum|namespace)/)
+        printf "%s", said
+    in_comment = in_code = 0
+    is_end = /[;}] *(\/\/.*)?$|^#define [A-Z_]+ [0-9]+$/
+    if (/^($|\{)/ || is_head)
+        said = ""
+    is_head = 0
+}
+/^(    )?[^ ].*[;,}] +\/\/ / { sub(/ \/\/ /, " ///< ") }
+{ print }
