@@ -11,12 +11,12 @@
 //
 // Several threads call at a time. Each hook may be set at any time from any thread; the flag by an atomic store.
 //
-// 1. A handler runs under the locks of the check that failed. It may fail checks itself, and is called again; it may set
-//    another handler. It may look at a stream, not change it.
+// 1. A handler runs under the locks of the check that failed. It may fail checks itself, and is called again; it may
+//    set another handler. It may look at a stream, not change it.
 // 2. A report under way ends with the handler that it began with: keep that one's user data alive.
 // 3. A block is freed by the allocator of that moment: set it before all else, or forward what is not yours.
-// 4. A scope ends with the sink that it began with: keep it alive until none is open. Whatever takes a page lock opens a
-//    scope: a sink that calls an operation of a stream calls itself without end.
+// 4. A scope ends with the sink that it began with: keep it alive until none is open. Whatever takes a page lock opens
+//    a scope: a sink that calls an operation of a stream calls itself without end.
 // 5. The sum counts what arrays' buffers grow by from then on; freed ones stay in it.
 //
 // Replaced at link time
