@@ -52,10 +52,15 @@ Script WithEpilogue(Script script)
     return script;
 }
 
+// One in so many begins with long lists.
+Script StartOf(u64 seed, u64 rarity) { return seed % rarity == 0 ? LongListScript(seed) : Script(); }
+
 // Counts are true in these scripts, so that they can be held against the pages after a refusal.
 Script RefusedScript(u64 seed)
 {
-    Script script = RandomScript(seed, kRefusedLength);
+    Script script = StartOf(seed, 16);
+    const Script rest = RandomScript(seed, kRefusedLength - u32(script.size()));
+    script.insert(script.end(), rest.begin(), rest.end());
     for (SOperation &operation : script)
     {
         if (operation.m_Kind == EOperation::Misregister || operation.m_Kind == EOperation::SetBudget)
@@ -145,8 +150,8 @@ std::string RunScript(const Script &script)
 
 std::string DriveRandom(u64 seed, SFigures &figures)
 {
-    Script script = seed % 8 == 0 ? LongListScript(seed) : Script();
-    const Script rest = RandomScript(seed, script.empty() ? kLength : kLength / 4);
+    Script script = StartOf(seed, 8);
+    const Script rest = RandomScript(seed, script.empty() ? kLength : kLength / 2);
     script.insert(script.end(), rest.begin(), rest.end());
     figures.m_Operations += script.size();
     return RunAndReduce(script, RunScript);

@@ -265,6 +265,10 @@ void CInterpreter::_AllocateAll(SPair &stream, u32 count)
         ++viewCount;
     }
     _AdoptIfRefused(EAdoption::Rows);
+    u32 told = 0;
+    for (const CParticlePageView &view : views.View())
+        told += view.ParticleCount();
+    _Differ("particles in the views", told, served);
     if (!_WasRefused())
     {
         _Differ("particles served", served, expected);

@@ -72,9 +72,12 @@ Script LongListScript(u64 seed)
     for (u8 stream = 0; stream < 2; ++stream)
         script.insert(script.end(), {{EOperation::Bind, stream, u16(random.Bits()), 0, 0},
                                      {EOperation::SetPageSize, stream, 8, 0, 0},
-                                     {EOperation::AllocateAll, stream, 24, 0, 0},
+                                     {EOperation::AllocateAll, stream, 18, 0, 0},
                                      {EOperation::TakeView, stream, u16(random.Bits()), 0, 0},
-                                     {EOperation::TakeView, stream, u16(random.Bits()), 0, 0}});
+                                     {EOperation::TakeView, stream, 0, 0, 0},
+                                     {EOperation::SetPageSize, stream, u16(random.Bits()), 0, 0},
+                                     {EOperation::Resize, stream, 0, 3, 0},
+                                     {EOperation::Remove, stream, u16(random.Bits() | 3), 6, 0}});
     return script;
 }
 

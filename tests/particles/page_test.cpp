@@ -1,7 +1,5 @@
 // Pages, views and definitions: fields, columns, readers.
 
-#include <algorithm>
-
 #include <support/stream_fixture.h>
 
 namespace Tessaly
@@ -47,45 +45,6 @@ TEST_F(Page, ReadersKeepWritersOut)
         EXPECT_EQ(m_Reports.Take().size(), 2u);
     }
     EXPECT_TRUE(page.ReadyToWrite());
-}
-
-TEST_F(Page, RemovalTellsWhereParticlesWent)
-{
-    CParticlePage &page = m_Stream.AppendPage(1501, 1499);
-    FillParticles(m_Stream, 0);
-    std::vector<u32> numbers = Numbers(0, 1499), removed;
-    for (u32 i = 0; i < 1499; i += i % 7 == 0 ? 1 : 2)
-        removed.push_back(i);
-    std::vector<SParticleMove> room(removed.size());
-    TMemoryView<SParticleMove> moves(room.data(), u32(room.size()));
-    ASSERT_EQ(m_Stream.RemoveParticles(CGuid(0), {removed.data(), u32(removed.size())}, &moves), removed.size());
-    EXPECT_GT(moves.Count(), 256u);
-    for (const SParticleMove &move : moves)
-    {
-        EXPECT_TRUE(std::binary_search(removed.begin(), removed.end(), move.m_To));
-        numbers[move.m_To] = numbers[move.m_From];
-    }
-    numbers.resize(page.ParticleCount());
-    EXPECT_TRUE(HoldsParticles(page, 0, numbers));
-}
-
-TEST_F(Page, MovesThatDoNotFitAreReportedAndNotRecorded)
-{
-    CParticlePage &page = m_Stream.AppendPage(11, 9);
-    FillParticles(m_Stream, 0);
-    SParticleMove room[2] = {{1, 1}, {2, 2}};
-    TMemoryView<SParticleMove> moves(room, 1);
-    const u32 removed[] = {1, 2, 5, 7};
-    EXPECT_EQ(page.RemoveParticles({removed, 4}, &moves), 4u);
-    m_Reports.Expect({"outMoves == null || filler.HolesLeft() <= record.Capacity()"});
-    m_Stream.RegisterDeadCount(4);
-    EXPECT_EQ(moves.Count(), 1u);
-    EXPECT_EQ(room[0].m_From * 10 + room[0].m_To, 61u);
-    EXPECT_EQ(room[1].m_From, 2u) << "nothing outside";
-    EXPECT_TRUE(HoldsParticles(page, 0, {0, 6, 8, 3, 4}));
-    EXPECT_EQ(m_Stream.RemoveParticles(CGuid(1), {removed, 1}, &moves), 0u);
-    EXPECT_EQ(moves.Count(), 0u);
-    m_Reports.Expect({"pageId < m_Pages.Count()"});
 }
 
 TEST_F(PageView, ColumnsStartAtItsFirstParticle)

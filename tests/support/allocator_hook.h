@@ -6,7 +6,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
-#include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -30,7 +30,7 @@ struct SMemoryCall
     void *m_Ptr; // of Realloc and Free
     u64 m_Size;  // bytes; of Alloc and Realloc
     u32 m_Origin;
-    std::string m_Function;
+    std::string_view m_Function;
 };
 
 class CAllocatorHook : public CNonCopyable
@@ -70,7 +70,7 @@ private:
     {
         u64 m_Size;
         u32 m_Origin;
-        std::string m_Where;
+        const char *m_Where;
     };
 
     static void *OnAlloc(u64 size, u32 alignment, Mem::EAllocType type, Mem::EOrigin origin, const char *tag,
