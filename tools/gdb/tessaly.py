@@ -350,8 +350,8 @@ an expression with spaces is to be quoted. COUNT particles from FIRST on are sho
             first, count, value = int(value["m_First"]), int(value["m_Count"]), value["m_Page"]
         if _type_name(value) == "TRefPtr":
             value = value["m_Ptr"]
-        if int(value) == 0:
-            raise Broken("no page")
+        if value.type.strip_typedefs().code == gdb.TYPE_CODE_STRUCT or int(value) == 0:
+            raise Broken(f"no page: {value.type}")
         return value.cast(gdb.lookup_type("Tessaly::CParticlePage").pointer()).dereference(), first, count
 
     @staticmethod
