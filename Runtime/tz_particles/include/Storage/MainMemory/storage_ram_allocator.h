@@ -234,6 +234,7 @@ private:
 
     static SBlockHeader *_Header(u8 *block);
     static u8 *_Block(SBlockHeader *header);
+    static u64 _BlockStride(u32 blockBytes);
     static u32 _ArenaBlockCount(u32 blockBytes, u32 arenaCount);
     static SArena *_NewArena(u32 blockBytes, u32 blockCount);
     static void _FreeArena(SArena *arena);

@@ -17,22 +17,20 @@ using PageClasses::kStepsPerDoubling;
 using PageClasses::kUsedSlotCount;
 
 constexpr u32 kBlockAlignment = 64;
-constexpr u32 kMinArenaBytes = 64 << 10;
-constexpr u32 kMaxArenaBytes = 16 << 20;
+constexpr u32 kArenaRecordBytes = 2 * kBlockAlignment; // up to the first header, wherever the arena lies
 constexpr u32 kHugePageBytes = 2 << 20;
+constexpr u32 kArenaBytes[] = {64 << 10, 128 << 10, 256 << 10, 512 << 10, 2 << 20, 4 << 20, 8 << 20, 16 << 20};
 
 // The address sanitizer sees more when blocks do not share their memory.
 constexpr bool kSharesArenas = !Mem::kIsAddressSanitized;
 
-// First touch in huge pages costs a fifth of what it costs in small ones, and later passes miss fewer translations.
-// Advice only, for the huge pages that lie inside the memory.
+// First touch in huge pages costs a fifth of what it costs in small ones, and later passes miss fewer translations. It
+// is advice only. Requires whole huge pages.
 void AdviseHugePages(void *memory, size_t bytes)
 {
 #if defined(MADV_HUGEPAGE)
-    const ureg start = Mem::Align<kHugePageBytes>(ureg(memory));
-    const ureg end = (ureg(memory) + bytes) & ~ureg(kHugePageBytes - 1);
-    if (start < end)
-        madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
+    if (ureg(memory) % kHugePageBytes == 0) // a host's allocator may know no such alignment
+        madvise(memory, bytes, MADV_HUGEPAGE);
 #endif
 }
 
@@ -93,23 +91,31 @@ CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_Header(u8 *block)
 
 u8 *CParticlePageAllocator::_Block(SBlockHeader *header) { return reinterpret_cast<u8 *>(header) + kBlockAlignment; }
 
-// Each arena of a class is twice as large as the one before, up to a limit.
+// Bytes that a block takes in an arena, its header included.
+u64 CParticlePageAllocator::_BlockStride(u32 blockBytes)
+{
+    return Mem::Align<kBlockAlignment>(u64(blockBytes)) + kBlockAlignment;
+}
+
+// Each arena of a class is larger than the one before, up to a limit; from 2 MiB on they are of huge pages.
 u32 CParticlePageAllocator::_ArenaBlockCount(u32 blockBytes, u32 arenaCount)
 {
-    const u64 bytes = TZMin(u64(kMinArenaBytes) << TZMin(arenaCount, 16u), u64(kMaxArenaBytes));
-    return kSharesArenas ? TZMax(u32(bytes / blockBytes), 1u) : 1u;
+    const u32 bytes = kArenaBytes[TZMin(arenaCount, u32(sizeof(kArenaBytes) / sizeof(kArenaBytes[0])) - 1)];
+    return kSharesArenas ? TZMax(u32((bytes - kArenaRecordBytes) / _BlockStride(blockBytes)), 1u) : 1u;
 }
 
 // An arena of blockCount blocks that are not carved yet; of one, when there is no memory for more. Null without any.
 CParticlePageAllocator::SArena *CParticlePageAllocator::_NewArena(u32 blockBytes, u32 blockCount)
 {
-    const u64 stride = Mem::Align<kBlockAlignment>(u64(blockBytes)) + kBlockAlignment;
-    const u64 bytes = sizeof(SArena) + kBlockAlignment + blockCount * stride;
-    void *memory = Mem::_RawAlloc(bytes, 0, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__,
-                                  __LINE__, TZ_FUNCTION_SIGNATURE);
+    u64 bytes = kArenaRecordBytes + blockCount * _BlockStride(blockBytes);
+    const bool isHuge = blockCount > 1 && bytes > kHugePageBytes / 2;
+    if (isHuge)
+        bytes = Mem::Align<kHugePageBytes>(bytes);
+    void *memory = Mem::_RawAlloc(bytes, isHuge ? kHugePageBytes : 0, Mem::AllocType_Generic, Mem::Origin_Alloc,
+                                  Mem::kDefaultTag, __FILE__, __LINE__, TZ_FUNCTION_SIGNATURE);
     if (memory == null)
         return blockCount > 1 ? _NewArena(blockBytes, 1) : null;
-    if (blockCount > 1)
+    if (isHuge)
         AdviseHugePages(memory, size_t(bytes));
     return Mem::Construct<SArena>(memory, SArena{null, null, blockBytes, blockCount, 0, 0, null});
 }
@@ -134,7 +140,7 @@ CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_TakeBareBlock(SAr
         --arena.m_BareCount;
         return header;
     }
-    const ureg stride = Mem::Align<kBlockAlignment>(ureg(arena.m_BlockBytes)) + kBlockAlignment;
+    const ureg stride = _BlockStride(arena.m_BlockBytes);
     const ureg first = Mem::Align<kBlockAlignment>(ureg(&arena) + sizeof(SArena));
     void *place = reinterpret_cast<void *>(first + arena.m_CarvedCount++ * stride);
     return Mem::Construct<SBlockHeader>(place, SBlockHeader{&arena, null, null});
