@@ -1,6 +1,11 @@
 // Pages, views and definitions: fields, columns, readers.
 
+#include <algorithm>
+#include <numeric>
+#include <vector>
+
 #include <support/stream_fixture.h>
+#include <tz_particles/src/Storage/MainMemory/storage_ram_copy.h>
 
 namespace Tessaly
 {
@@ -121,6 +126,23 @@ TEST_F(Definition, FieldStorageIsTrashedAndSwapped)
     EXPECT_EQ(other.m_RawDataPtr, column);
     EXPECT_EQ(other.m_Definition.m_StorageSize, 3u);
     EXPECT_EQ(field.m_Definition, SParticleStreamFieldDef());
+}
+
+TEST(LargeCopy, WritesWhatAPlainOneWrites)
+{
+    std::vector<u8> src(1000), dst, expected;
+    std::iota(src.begin(), src.end(), u8(1));
+    for (const u32 byteCount : {0u, 1u, 15u, 16u, 63u, 64u, 65u, 128u, 200u, 777u})
+    {
+        for (u32 offset = 0; offset < 64; offset += 3)
+        {
+            dst.assign(1000, 0xEE);
+            expected = dst;
+            CopyPastCaches(dst.data() + offset, src.data() + offset / 2, byteCount);
+            std::copy_n(src.begin() + offset / 2, byteCount, expected.begin() + offset);
+            ASSERT_EQ(dst, expected) << byteCount << " bytes to " << offset;
+        }
+    }
 }
 
 } // namespace

@@ -152,6 +152,8 @@ public:
 private:
     friend class CParticleStream_MainMemory;
 
+    using FnCopyBytes = void (*)(void *dst, const void *src, ureg byteCount);
+    void _DeepCopy(const CParticlePage &other, FnCopyBytes copyBytes);
     void _SetParticleCount(u32 count); // of the page and of every field
     // Bytes of one field's column, rounding included.
     u32 _ColumnSizeInBytes(const SParticleStreamField &field) const;

@@ -207,7 +207,9 @@ u32 CParticlePage::RemoveParticles(const TMemoryView<const u32> &indices, TMemor
     return indices.Count();
 }
 
-void CParticlePage::DeepCopy(const CParticlePage &other)
+void CParticlePage::DeepCopy(const CParticlePage &other) { _DeepCopy(other, &Mem::Copy); }
+
+void CParticlePage::_DeepCopy(const CParticlePage &other, FnCopyBytes copyBytes)
 {
     if (this == &other || !TZ_VERIFY(PrepareForWriting()))
         return;
@@ -219,7 +221,7 @@ void CParticlePage::DeepCopy(const CParticlePage &other)
     for (u32 i = 0; i < fieldCount; ++i)
     {
         const u32 rowBytes = TZMin(dstFields[i].m_Definition.m_StorageSize, srcFields[i].m_Definition.m_StorageSize);
-        Mem::Copy(dstFields[i].m_RawDataPtr, srcFields[i].m_RawDataPtr, ureg(rowBytes) * particleCount);
+        copyBytes(dstFields[i].m_RawDataPtr, srcFields[i].m_RawDataPtr, ureg(rowBytes) * particleCount);
     }
     _SetParticleCount(particleCount);
 }

@@ -3,6 +3,8 @@
 
 #include <tz_kernel/include/kr_profiler.h>
 
+#include "storage_ram_copy.h"
+
 namespace Tessaly
 {
 
@@ -34,6 +36,8 @@ void CParticleStream_MainMemory::DeepCopy(const CParticleStream_MainMemory &othe
 // Appends copies of other's pages that hold particles, until memory is refused. Returns how many particles they hold.
 u32 CParticleStream_MainMemory::_DeepCopyPages_NoLock(const CParticleStream_MainMemory &other)
 {
+    const u64 roughByteCount = u64(other.m_Pages.Count()) * other.m_PageSizeInBytes;
+    const auto copyBytes = roughByteCount < kMinBytesPastCaches ? &Mem::Copy : &CopyPastCaches;
     u32 newPCount = 0;
     for (u32 i = 0; i < other.m_Pages.Count(); ++i)
     {
@@ -47,7 +51,7 @@ u32 CParticleStream_MainMemory::_DeepCopyPages_NoLock(const CParticleStream_Main
             break;
         TZ_ASSERT(dstPage->Capacity() == srcPage->Capacity());
         TZ_ASSERT(dstPage->RawPage()->Size() == srcPage->RawPage()->Size());
-        dstPage->DeepCopy(*srcPage);
+        dstPage->_DeepCopy(*srcPage, copyBytes);
         newPCount += dstPage->ParticleCount();
     }
     return newPCount;
