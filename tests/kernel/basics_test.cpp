@@ -1,5 +1,6 @@
 // Guids, base types, byte-range helpers, memory services, views, and the profiler's scopes.
 
+#include <algorithm>
 #include <cstring>
 #include <numeric>
 
@@ -69,6 +70,9 @@ TEST(BaseTypeTraits, RowsAreWhatTheNamesSay)
         EXPECT_EQ(traits(type).Self, type);
         EXPECT_EQ(traits(type).Size, traits(type).VectorDimension * traits(traits(type).ScalarType).Size);
         EXPECT_EQ(traits(type).IsFp, type >= BaseType_Float);
+        const int scalar = traits(type).ScalarType;
+        EXPECT_EQ(traits(type).IsSigned, traits(type).IsFp || scalar == BaseType_I8 || scalar == BaseType_I16 ||
+                                             scalar == BaseType_I32 || scalar == BaseType_I64);
     }
     for (u32 i = 0; i < 4; ++i)
         EXPECT_TRUE(traits(BaseType_U32 + int(i)).Size == 4 * i + 4 &&
@@ -189,6 +193,12 @@ TEST(ProfilerScope, IsHeardFromBeginToEndAndDescribedOnce)
     EXPECT_NE(std::string(node->m_FileAndFunction).find("basics_test.cpp"), std::string::npos);
     EXPECT_EQ(node->m_Color, Profiler::SNodeDescriptor::AutogenColor("a name"));
     EXPECT_NE(node->m_Color, Profiler::SNodeDescriptor::AutogenColor("another"));
+    for (const char *name : {"a", "b", "c", "d", "e", "f", "g", "h", "i", "j", "k", "l", "m", "n", "o", "p"})
+    {
+        const CFloat4 color = Profiler::SNodeDescriptor::AutogenColor(name);
+        EXPECT_NEAR(std::max({color.m_X, color.m_Y, color.m_Z}), 0.9f, 1e-5f) << name;
+        EXPECT_NEAR(std::min({color.m_X, color.m_Y, color.m_Z}), 0.36f, 1e-5f) << name;
+    }
     const Profiler::SNodeDescriptor red("red", "", CFloat3(1.0f, 0.0f, 0.2f), 0);
     EXPECT_EQ(red.m_ColorRGBA8, 0xFF3300FFu);
     EXPECT_EQ(red.m_ColorBGRA8, 0xFFFF0033u);

@@ -185,10 +185,10 @@ void CInterpreter::_Remove(const SOperation &operation, const SPagePair &page)
     const bool isDone = !isBad && naive.IsWritable();
     m_NeedsReport = !isDone;
     m_World.m_AnyReports = isOfStream && page.m_Lister->m_Naive->RowSum() != page.m_Lister->m_Naive->m_Count;
-    // Half of the time it has to tell where particles went, at times in too little room.
+    // Half of the time it has to tell where particles went, half of these in too little room.
     const u32 holeCount =
         isDone ? u32(std::lower_bound(list.begin(), list.end(), naive.m_Count - count) - list.begin()) : 0;
-    std::vector<SParticleMove> room(operation.m_C % 16 == 3 ? holeCount / 2 : list.size());
+    std::vector<SParticleMove> room(operation.m_C % 4 == 3 ? holeCount / 2 : list.size());
     TMemoryView<SParticleMove> moves(room.data(), u32(room.size())), *outMoves = operation.m_C % 2 != 0 ? &moves : null;
     if (outMoves != null)
         m_World.Check(holeCount <= room.size(), "outMoves == null || filler.HolesLeft() <= record.Capacity()");

@@ -62,6 +62,7 @@ TEST_F(PageView, ColumnsStartAtItsFirstParticle)
     positions[1] = CFloat3(1.0f, 2.0f, 3.0f);
     EXPECT_EQ(view.Column<float>(CGuid(0))[1], 1.0f) << "a smaller type reads the front of the value";
     EXPECT_EQ(view.DenseColumn<CFloat3>(CGuid(0))[1], CFloat3(1.0f, 2.0f, 3.0f));
+    EXPECT_EQ(&view.RawStreamForWriting(CGuid(3)), &page.Streams()[3]);
     EXPECT_EQ(view.RawStreamBegin(CGuid(3)), page.Streams()[3].m_RawDataPtr + 6);
     EXPECT_TRUE(HoldsParticles(page, 0, Numbers(0, 3)) && HoldsParticles(page, 4, Numbers(4, 5)));
     const TStridedMemoryView<const CFloat4> colours = view.Column<CFloat4>(CGuid(2));
@@ -89,6 +90,8 @@ TEST_F(PageView, UnfitColumnIsReportedAndEmpty)
     EXPECT_EQ(m_Reports.Take().size(), 7u);
     EXPECT_TRUE(none.GetStreamDef() == null && none.Streams().Empty() && !none.StreamId(CStringId(Life)).Valid());
     EXPECT_EQ(m_Reports.Count(), 0u);
+    EXPECT_TRUE(none.RawStreamForWriting(CGuid(0)).m_RawDataPtr == null);
+    m_Reports.Expect({"m_Page != null"});
     EXPECT_TRUE(none.Column<float>(CGuid(0)).Empty() && none.RawStreamBegin(CGuid(0)) == null);
     EXPECT_FALSE(m_Reports.Take().empty());
 }

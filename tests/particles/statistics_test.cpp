@@ -1,0 +1,94 @@
+// Statistics records: sums and printing. What is in them is the model's to check.
+
+#include <cstring>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <tz_particles/include/Storage/MainMemory/storage_ram_allocator.h>
+#include <tz_particles/include/ps_stats.h>
+
+namespace Tessaly
+{
+namespace Tests
+{
+namespace
+{
+
+TEST(Statistics, MemoryReportsAreSummedCounterByCounter)
+{
+    u64 counters[15];
+    SMediumMemoryReport report;
+    static_assert(sizeof(report) == sizeof(counters), "nothing but counters");
+    for (u32 i = 0; i < 15; ++i)
+        counters[i] = u64(1) << 2 * i;
+    std::memcpy(&report, counters, sizeof(report));
+    EXPECT_EQ(report.Total(), u64(0x15555555) - (4 + 16 + 64) - (1 << 22)) << "parts of a counter are not added again";
+    const SMediumMemoryReport sum = report + report;
+    std::memcpy(counters, &sum, sizeof(sum));
+    for (u32 i = 0; i < 15; ++i)
+        EXPECT_EQ(counters[i], u64(2) << 2 * i);
+    report.Clear();
+    EXPECT_EQ(report.Total() + report.m_StaticBytes_IR, 0u);
+}
+
+// Each form of a record, whose text is never longer than its buffer.
+template <typename _Record>
+std::string Printed(const _Record &record)
+{
+    using FnPrint = int (_Record::*)(char *, size_t) const;
+    std::string all;
+    for (const FnPrint print : {&_Record::PrintTable, &_Record::Print, &_Record::PrintJson})
+    {
+        char text[1000];
+        const int length = (record.*print)(text, 8);
+        EXPECT_EQ(std::strlen(text), 7u);
+        EXPECT_EQ((record.*print)(text, sizeof(text)), length);
+        EXPECT_EQ(std::strlen(text), size_t(length));
+        all += text;
+        EXPECT_EQ(nlohmann::json::accept(text), print == FnPrint(&_Record::PrintJson));
+    }
+    return all;
+}
+
+TEST(Statistics, RecordsArePrinted)
+{
+    SParticleStreamStats pages;
+    pages.m_PageCount = 1;
+    pages.m_PageCount_OutOfSync = 2;
+    pages.m_ParticleCount = 3;
+    pages.m_SlotCount = 12;
+    pages.m_LiveBytes = 10;
+    pages.m_FreeBytes = 20;
+    pages.m_PaddingBytes = 70;
+    for (u32 i = 0; i < 10; ++i)
+        pages.m_PagesByTenth[i] = 31 + i;
+    EXPECT_EQ(Printed(pages), R"(pages                      1   2 out of sync
+particles                  3   25.0 % of 12 slots
+live bytes                10   10.0 %
+free bytes                20   20.0 %
+padding bytes             70   70.0 %
+how full          0 %   10 %   20 %   30 %   40 %   50 %   60 %   70 %   80 %   90 %
+pages              31     32     33     34     35     36     37     38     39     40
+pages 1 (2 out of sync), particles 3 of 12 slots, bytes live 10 free 20 padding 70, )"
+                              R"(pages by tenths full 31 32 33 34 35 36 37 38 39 40{"pages":1,"outOfSyncPages":2,)"
+                              R"("particles":3,"slots":12,"liveBytes":10,"freeBytes":20,"paddingBytes":70,)"
+                              R"("pagesByTenth":[31,32,33,34,35,36,37,38,39,40]})");
+    EXPECT_NE(Printed(SParticleStreamStats()).find(" 0.0 % of 0 slots"), std::string::npos);
+    CParticlePageAllocator_Stats blocks;
+    u64 *counters[] = {&blocks.m_BytesInUse, &blocks.m_BytesFree,    &blocks.m_BlocksInUse, &blocks.m_BlocksFree,
+                       &blocks.m_AllocCount, &blocks.m_RecycleCount, &blocks.m_RefusalCount};
+    for (u32 i = 0; i < 7; ++i)
+        *counters[i] = 31 + i;
+    EXPECT_EQ(Printed(blocks), R"(blocks in use             33   31 bytes
+waiting                   34   32 bytes
+handed out                35   36 recycled
+refused                   37
+blocks in use 33 (31 bytes), waiting 34 (32 bytes), handed out 35 (36 recycled), refused 37{"bytesInUse":31,)"
+                               R"("bytesFree":32,"blocksInUse":33,"blocksFree":34,"allocations":35,"recycled":36,)"
+                               R"("refusals":37})");
+}
+
+} // namespace
+} // namespace Tests
+} // namespace Tessaly
