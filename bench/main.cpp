@@ -6,7 +6,7 @@
 //   --filter REGEX    only the rows whose "group: work" matches
 //   --json FILE       the same as JSON
 //   --markdown FILE   the same as a text to be read: machine, date, table
-// Ends with status 1 when the runtime reported anything, whatever the figures.
+// Ends with status 1 when the runtime reported anything, whatever the figures. Each row runs in a process of its own.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -19,7 +19,7 @@
 #include <tz_particles/include/ps_runtime.h>
 
 #include "block_peers.h"
-#include "table.h"
+#include "child.h"
 
 namespace Bench
 {
@@ -55,7 +55,7 @@ double Measure(const SSide &side)
     return meter.Sum();
 }
 
-void RunRow(const SRow &row, std::vector<SSide> sides)
+SRowResult RunSidesInTurn(const SRow &row, std::vector<SSide> sides)
 {
     if (g_Options.m_IsOursAlone)
         sides.erase(
@@ -74,9 +74,21 @@ void RunRow(const SRow &row, std::vector<SSide> sides)
         for (const size_t side : order)
             result.m_Values[side].push_back(Measure(sides[side]));
     }
-    g_Results.push_back(std::move(result));
-    PrintTableLine(stdout, g_Results.back());
-    std::fflush(stdout);
+    return result;
+}
+
+// In the row's own process; the runtime starts and ends in it.
+SRowResult MeasureRow(const SRow &row, const std::function<void(const RunSides &)> &body)
+{
+    SRowResult result;
+    Assert::SetHandler(&CountReport, nullptr);
+    if (!Particles::Startup())
+        std::exit(1);
+    body([&](const std::vector<SSide> &sides) { result = RunSidesInTurn(row, sides); });
+    Particles::Shutdown();
+    if (g_ReportCount != 0)
+        std::exit(1);
+    return result;
 }
 
 bool ReadOptions(int count, char **arguments)
@@ -97,7 +109,7 @@ bool ReadOptions(int count, char **arguments)
         if (value == nullptr)
             return false;
         if (option == "--rounds")
-            g_Options.m_RoundCount = unsigned(std::max(1, std::atoi(value)));
+            g_Options.m_RoundCount = unsigned(std::clamp(std::atoi(value), 1, 1000));
         else if (option == "--filter")
             g_Options.m_Filter = value;
         else if (option == "--json")
@@ -170,9 +182,6 @@ bool WriteResults()
 
 int Run()
 {
-    Assert::SetHandler(&CountReport, nullptr);
-    if (!Particles::Startup())
-        return 1;
     std::printf("%s; medians over %u rounds\n\n", MachineAndDate().c_str(), g_Options.m_RoundCount);
     PrintTableHead(stdout);
     if (g_Options.m_ShowsShapes)
@@ -183,17 +192,18 @@ int Run()
     else
         AddTableRows();
     std::printf("\n%s\n", Summary().c_str());
-    const bool isWritten = WriteResults();
-    Particles::Shutdown();
-    return isWritten && g_ReportCount == 0 && !g_Results.empty() ? 0 : 1;
+    return WriteResults() && !g_Results.empty() ? 0 : 1;
 }
 
 } // namespace
 
 void AddRow(const SRow &row, const std::function<void(const RunSides &)> &body)
 {
-    if (std::regex_search(row.m_Group + ": " + row.m_Work, std::regex(g_Options.m_Filter)))
-        body([&](const std::vector<SSide> &sides) { RunRow(row, sides); });
+    if (!std::regex_search(row.m_Group + ": " + row.m_Work, std::regex(g_Options.m_Filter)))
+        return;
+    g_Results.push_back(MeasureInChild(row, [&] { return MeasureRow(row, body); }));
+    PrintTableLine(stdout, g_Results.back());
+    std::fflush(stdout);
 }
 
 } // namespace Bench

@@ -61,9 +61,12 @@ private:
     std::vector<u8 *> m_Blocks;
 };
 
-// Gives back to the system whatever nobody uses.
+// Gives back to the system whatever nobody uses. Large blocks come from the system and return to it, as in a new
+// program: else the C library would keep a part of them for the next one who asks, with the huge pages that ours were
+// advised to use.
 inline void TrimHeap()
 {
+    mallopt(M_MMAP_THRESHOLD, 128 << 10);
     Particles::PageAllocator()->CleanAllFreePages();
     malloc_trim(0);
 }

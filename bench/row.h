@@ -85,10 +85,10 @@ struct SRow
     double m_BestPeerTarget = 0.0; // ours by the fastest of the peers is to stay at or below; 0: no such target
 };
 
-// Measures and prints a row. Most have one side of ours; the others name theirs.
+// Measures a row. Most have one side of ours; the others name theirs.
 using RunSides = std::function<void(std::vector<SSide> sides)>;
 
-// Adds a row. body prepares what the sides share, and calls its argument once.
+// Runs a row in a process of its own, and prints it. body prepares what the sides share, and calls its argument once.
 void AddRow(const SRow &row, const std::function<void(const RunSides &)> &body);
 
 // What threads do at the same time, each of it in a function of its own: it prepares, calls Begin, works, calls End
