@@ -117,6 +117,10 @@ TEST(Assertion, DefaultHandlerPrintsOneLineAndGoesOn)
     EXPECT_NE(line.find("assert_test.cpp:"), std::string::npos) << line;
     EXPECT_NE(line.find("(++evaluations, holds)\n"), std::string::npos) << line;
     EXPECT_EQ(line.find('\n'), line.size() - 1);
+    testing::internal::CaptureStderr();
+    TZ_ASSERT_MESSAGE(false, "ends its line itself\n");
+    const std::string other = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(other.find('\n'), other.size() - 1);
 }
 
 } // namespace

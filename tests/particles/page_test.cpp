@@ -52,6 +52,21 @@ TEST_F(Page, ReadersKeepWritersOut)
     EXPECT_TRUE(page.ReadyToWrite());
 }
 
+TEST_F(Page, CopyOfAnotherLayoutStaysInItsColumns)
+{
+    CDefinition wide, narrow;
+    wide.Stored(Position, BaseType_Float3);
+    narrow.Stored(Position, BaseType_Float2).Stored(Life, BaseType_Float);
+    CTestStream source(9, wide), target(4, narrow);
+    CParticlePage &page = target.AppendPage(4, 0);
+    FillParticles(CParticlePageView(source.AppendPage(9, 9)), 0);
+    page.DeepCopy(*source.Page(CGuid(0)));
+    target.RegisterBornCount(4);
+    const u8 *bytes = page.Streams()[0].m_RawDataPtr;
+    EXPECT_EQ(std::memcmp(bytes, source.Page(CGuid(0))->Streams()[0].m_RawDataPtr, 32), 0);
+    EXPECT_EQ(page.Streams()[1].m_RawDataPtr[0], kFreshParticleByte);
+}
+
 TEST_F(PageView, ColumnsStartAtItsFirstParticle)
 {
     CParticlePage &page = m_Stream.AppendPage(11, 9);
