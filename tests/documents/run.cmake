@@ -1,0 +1,13 @@
+# Runs PROGRAMS, one after the other; what they print must be what EXPECTED holds, and nothing may be reported.
+set(printed "")
+foreach(program IN LISTS PROGRAMS)
+    execute_process(COMMAND ${program} OUTPUT_VARIABLE output ERROR_VARIABLE errors COMMAND_ERROR_IS_FATAL ANY)
+    string(APPEND printed "${output}")
+    if(errors)
+        message(FATAL_ERROR "${errors}")
+    endif()
+endforeach()
+file(READ ${EXPECTED} expected)
+if(NOT printed STREQUAL expected)
+    message(FATAL_ERROR "printed:\n${printed}\nbut the document says:\n${expected}")
+endif()
