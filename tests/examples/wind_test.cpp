@@ -179,15 +179,6 @@ TEST_F(WindProgram, BadOptionGivesOneLineAndStatus2)
     EXPECT_EQ(Run({"--out", Write("file", "")}).m_Status, 2) << "a file where a folder should be";
 }
 
-TEST_F(WindProgram, HelpNamesEveryOption)
-{
-    const SResult result = Run({"--help"});
-    EXPECT_EQ(result.m_Status, 0);
-    for (const char *option :
-         {"--input", "--particles", "--frames", "--page-size", "--size", "--seed", "--out", "--trace"})
-        EXPECT_NE(result.m_Out.find(option), std::string::npos) << option;
-}
-
 TEST(WindCanvas, LineAcrossTheDateLineLeavesAtOneEdgeAndComesInAtTheOther)
 {
     CCanvas canvas(360, 180);
@@ -276,39 +267,6 @@ void ExpectCountsAddUp(const CWindParticles &particles, u32 frame)
     EXPECT_EQ(CountInPages(particles.Stream()), particles.Stream().ParticleCount()) << frame;
 }
 
-// What a particle is, whichever way it is stored.
-struct SParticle
-{
-    CFloat2 m_Position;
-    float m_Age, m_Lifetime, m_Brightness, m_Speed;
-    CFloat3 m_Tint;
-
-    bool operator==(const SParticle &other) const
-    {
-        return m_Position == other.m_Position && m_Age == other.m_Age && m_Lifetime == other.m_Lifetime &&
-               m_Brightness == other.m_Brightness && m_Tint == other.m_Tint;
-    }
-};
-
-std::vector<SParticle> AllParticles(const CParticleStream_MainMemory &stream)
-{
-    std::vector<SParticle> particles;
-    const SFields fields = FindFields(stream);
-    for (u32 p = 0; p < stream.PageCount(); ++p)
-    {
-        const CParticlePageView page(*stream.Page(CGuid(p)));
-        for (u32 i = 0; i < page.ParticleCount(); ++i)
-        {
-            float age = 0.0f;
-            WithAges(page, fields, [&](const auto &ages) { age = float(ages[i]); });
-            particles.push_back({page.Column<CFloat2>(fields.m_Position)[i], age,
-                                 page.Column<float>(fields.m_Lifetime)[i], page.Column<float>(fields.m_Brightness)[i],
-                                 Speeds(page, fields)[i], page.Column<CFloat3>(fields.m_Tint)[i]});
-        }
-    }
-    return particles;
-}
-
 TEST_F(WindRun, CountsAddUpInEveryFrame)
 {
     CWindRun run(m_Options, m_Field);
@@ -327,8 +285,6 @@ TEST_F(WindRun, CountsAddUpInEveryFrame)
     EXPECT_EQ(run.Particles().Stream().PageSize(), 400u) << "changed at a third";
     EXPECT_FALSE(run.Particles().Stream().HasPendingResizes());
     ASSERT_NE(run.Snapshot(), nullptr);
-    EXPECT_FALSE(AllParticles(run.Snapshot()->Stream()) == AllParticles(run.Particles().Stream()))
-        << "the snapshot goes on by itself";
 }
 
 TEST_F(WindRun, SameSeedGivesTheSameBirthsDeathsAndPicture)
@@ -358,36 +314,6 @@ TEST_F(WindRun, SameSeedGivesTheSameBirthsDeathsAndPicture)
 
 constexpr CFloat3 kTint = {0.5f, 0.25f, 0.125f};
 
-TEST_F(WindParticles, EditedLayoutKeepsEveryParticle)
-{
-    CLayout first, edited;
-    MakeFirstLayout(first);
-    MakeEditedLayout(edited, kTint);
-    CWindParticles particles(m_Field, first, kTint, 100, 1);
-    for (u32 frame = 0; frame < 60; ++frame)
-    {
-        particles.Advance(frame, 3000 - 20 * frame);
-        particles.CarePages(1, frame);
-    }
-    const std::vector<SParticle> before = AllParticles(particles.Stream());
-    ASSERT_GT(before.size(), 1000u);
-    ASSERT_EQ(before.front().m_Tint, kTint);
-
-    particles.EditLayout(edited);
-    const SFields fields = FindFields(particles.Stream());
-    EXPECT_TRUE(fields.m_AgeIsInteger);
-    EXPECT_FALSE(fields.m_TintIsStored);
-    EXPECT_FALSE(fields.m_Speed.Valid());
-    EXPECT_TRUE(AllParticles(particles.Stream()) == before);
-
-    particles.Advance(60, 3000);
-    for (const SParticle &particle : AllParticles(particles.Stream()))
-    {
-        const SWind wind = m_Field.Sample(particle.m_Position.m_X, particle.m_Position.m_Y);
-        EXPECT_NEAR(particle.m_Speed, std::hypot(wind.m_East, wind.m_North), 8.0f) << "the speed has its new place";
-    }
-}
-
 TEST_F(WindParticles, EditedLayoutLeavesNoSeamInThePicture)
 {
     CLayout first, edited;
@@ -409,36 +335,6 @@ TEST_F(WindParticles, EditedLayoutLeavesNoSeamInThePicture)
         return canvas.Develop().m_Bytes;
     };
     EXPECT_TRUE(play(50) == play(100)) << "the picture of an unedited run, to the last bit";
-}
-
-TEST_F(WindParticles, PageNotesFollowThePages)
-{
-    CLayout layout;
-    MakeFirstLayout(layout);
-    CWindParticles particles(m_Field, layout, kTint, 100, 1);
-    const CParticleStream_MainMemory &stream = particles.Stream();
-    std::vector<std::pair<PCParticlePage, u32>> births; // holds every page, so that each address names one
-    const auto noteNewPages = [&](u32 frame)
-    {
-        for (u32 i = 0; i < stream.PageCount(); ++i)
-        {
-            const auto isPage = [&](const auto &birth) { return birth.first.Get() == stream.Page(CGuid(i)).Get(); };
-            if (std::none_of(births.begin(), births.end(), isPage))
-                births.emplace_back(PCParticlePage(stream.Page(CGuid(i)).Get()), frame);
-            const auto birth = std::find_if(births.begin(), births.end(), isPage);
-            EXPECT_EQ(particles.Diary().BirthFrame(i), birth->second) << "page " << i << " in frame " << frame;
-        }
-    };
-    for (u32 frame = 0; frame < 240; ++frame)
-    {
-        particles.Advance(frame, frame % 120 < 40 ? 75 * (frame % 120 + 1) : 0); // a page or so a frame, then a lull
-        noteNewPages(frame);
-        if (frame % 40 == 39)
-            particles.ChangePageSize(100 + 17 * frame % 90);
-        particles.CarePages(2, frame);
-        noteNewPages(frame);
-    }
-    EXPECT_GT(births.size(), 2u * stream.PageCount()) << "pages come and go";
 }
 
 // A picture that was written, one pixel a degree.

@@ -121,25 +121,6 @@ TEST_F(PageAllocator, CountsPastFourGigabytes)
     EXPECT_EQ(Pages().TotalMemoryAvailable(), 0u) << "never pooled";
 }
 
-TEST_F(PageAllocator, ThreadsShareIt)
-{
-    const auto work = [this]
-    {
-        PParticleRawPage_MainMemory held[4];
-        for (u32 i = 0; i < 2000; ++i)
-        {
-            held[i % 4] = Pages().AllocPage(600 * (i % 5));
-            if (i % 100 == 0)
-                Pages().Update();
-        }
-    };
-    std::thread other(work);
-    work();
-    other.join();
-    EXPECT_EQ(Pages().TotalMemoryAllocated(), 0u);
-    EXPECT_EQ(Stats().m_BlocksInUse, 0u);
-}
-
 // With a budget every request goes to the pools: the plain twin of the threads' fronts.
 TEST_F(PageAllocator, FrontsServeAsThePoolsDo)
 {

@@ -17,23 +17,15 @@ protected:
 };
 
 // Which rows of a column may be touched from their first to their last byte.
-std::vector<u32> OpenRows(const SParticleStreamField &field, u32 capacity)
-{
-    std::vector<u32> rows;
-    const size_t size = field.m_Definition.m_StorageSize;
-    for (u32 row = 0; row < capacity; ++row)
-    {
-        if (__asan_region_is_poisoned(field.m_RawDataPtr + size * row, size) == null)
-            rows.push_back(row);
-    }
-    return rows;
-}
 
 void ExpectOpenRows(const CParticlePage &page, u32 count)
 {
     for (const SParticleStreamField &field : page.Streams())
     {
-        EXPECT_EQ(OpenRows(field, page.Capacity()), Numbers(0, field.IsConstant() ? page.Capacity() : count));
+        const size_t size = field.m_Definition.m_StorageSize;
+        for (u32 row = 0; row < page.Capacity(); ++row)
+            EXPECT_EQ(__asan_region_is_poisoned(field.m_RawDataPtr + size * row, size) == null,
+                      field.IsConstant() || row < count);
     }
 }
 
@@ -59,7 +51,6 @@ TEST_F(PoisonedSlots, FollowTheCountThroughEveryOperation)
 {
     CParticlePage &page = m_Stream.AppendPage(11, 7);
     ExpectOpenRows(page, 7);
-    FillParticles(m_Stream, 0);
     const u32 removed[] = {1, 2};
     m_Stream.RemoveParticles(CGuid(0), {removed, 2});
     ExpectOpenRows(page, 5);
@@ -71,7 +62,7 @@ TEST_F(PoisonedSlots, FollowTheCountThroughEveryOperation)
     ExpectOpenRows(*copy.Page(CGuid(0)), 5);
     m_Stream.ComputePendingResizes_NoLock();
     m_Stream.ResizePending(1);
-    ASSERT_EQ(m_Stream.ParticleCounts(), (std::vector<u32>{5, 9}));
+    ASSERT_EQ(m_Stream.Page(CGuid(1))->ParticleCount(), 9u);
     ExpectOpenRows(*m_Stream.Page(CGuid(1)), 9);
     CDefinition other;
     other.Stored(Life, BaseType_I32).Stored(Extra, BaseType_UByte3);

@@ -13,6 +13,7 @@ namespace
 {
 
 CAllocatorHook *g_Hook = null;
+constexpr u64 kSoiled = 1 << 18; // bytes of a block; more would cost too much
 
 } // namespace
 
@@ -76,13 +77,13 @@ void *CAllocatorHook::OnAlloc(u64 size, u32 alignment, Mem::EAllocType type, Mem
                               const char *file, int line, const char *function)
 {
     CAllocatorHook &self = *g_Hook;
-    EXPECT_EQ(alignment, 0u) << function;
+    EXPECT_TRUE(alignment == 0 || size % alignment == 0) << function; // whole huge pages
     if (!self._Begins({SMemoryCall::Alloc, null, size, origin, function}, type, tag))
         return null;
     const u64 served = self.m_ServeAtMost != 0 ? TZMin(size, self.m_ServeAtMost.load()) : size;
     void *block = Mem::DefaultAllocator().m_Alloc(served, alignment, type, origin, tag, file, line, function);
     if (block != null)
-        std::memset(block, 0x5A, size_t(served)); // nobody may take new memory for cleared or fresh
+        std::memset(block, 0x5A, size_t(TZMin(served, kSoiled))); // nobody may take new memory for cleared or fresh
     const std::lock_guard<std::mutex> lock(self.m_Lock);
     if (block != null)
         self.m_Live[block] = {size, origin, function};

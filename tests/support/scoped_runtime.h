@@ -18,15 +18,6 @@ public:
     ~CScopedRuntime() { Particles::Shutdown(); }
 
     CParticlePageAllocator &Allocator() const { return *Particles::PageAllocator(); }
-
-    // From here on no new page can be had, whatever waits for reuse; until Allow.
-    void RefusePages() const { Allocator().SetMemoryBudget(1); }
-    // count more blocks of blockBytes can be had.
-    void RefusePagesAfter(u32 count, u32 blockBytes) const
-    {
-        Allocator().SetMemoryBudget(Allocator().TotalMemoryAllocated() + u64(count) * blockBytes);
-    }
-    void AllowPages() const { Allocator().SetMemoryBudget(0); }
 };
 
 } // namespace Tests

@@ -6,7 +6,6 @@
 
 #include "allocator_hook.h"
 #include "definition.h"
-#include "particle_values.h"
 #include "report_recorder.h"
 #include "scoped_runtime.h"
 #include "test_stream.h"

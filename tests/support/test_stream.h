@@ -1,8 +1,6 @@
 // A stream whose protected operations are open, and what tests ask of its page list.
 #pragma once
 
-#include <vector>
-
 #include "definition.h"
 
 namespace Tessaly
@@ -40,26 +38,6 @@ public:
         page->AllocateParticles(count);
         RegisterBornCount_NoConsistencyCheck(count);
         return *page;
-    }
-
-    // In list order.
-    std::vector<const CParticlePage *> Pages() const
-    {
-        std::vector<const CParticlePage *> pages;
-        for (u32 i = 0; i < PageCount(); ++i)
-            pages.push_back(_UnsafePage(CGuid(i)).Get());
-        return pages;
-    }
-    std::vector<u32> ParticleCounts() const { return _OfPages(&CParticlePage::ParticleCount); }
-    std::vector<u32> Capacities() const { return _OfPages(&CParticlePage::Capacity); }
-
-private:
-    std::vector<u32> _OfPages(u32 (CParticlePage::*member)() const) const
-    {
-        std::vector<u32> values;
-        for (const CParticlePage *page : Pages())
-            values.push_back((page->*member)());
-        return values;
     }
 };
 
