@@ -203,6 +203,7 @@ private:
     {
         SArena *m_Next; // among the arenas of its class that have a block to give; the others are in no list
         SArena *m_Previous;
+        ureg m_FirstBlock; // address of the first block's header
         u32 m_BlockBytes;
         u32 m_BlockCount;
         u32 m_CarvedCount; // blocks that were ever used; the others have not been touched

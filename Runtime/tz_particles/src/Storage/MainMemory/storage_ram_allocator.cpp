@@ -20,17 +20,20 @@ constexpr u32 kBlockAlignment = 64;
 constexpr u32 kArenaRecordBytes = 2 * kBlockAlignment; // up to the first header, wherever the arena lies
 constexpr u32 kHugePageBytes = 2 << 20;
 constexpr u32 kArenaBytes[] = {64 << 10, 128 << 10, 256 << 10, 512 << 10, 2 << 20, 4 << 20, 8 << 20, 16 << 20};
+constexpr u32 kMinAlignedArenaBytes = 6 << 20; // from here on the blocks of an arena begin with a huge page
 
 // The address sanitizer sees more when blocks do not share their memory.
 constexpr bool kSharesArenas = !Mem::kIsAddressSanitized;
 
-// First touch in huge pages costs a fifth of what it costs in small ones, and later passes miss fewer translations. It
-// is advice only. Requires whole huge pages.
+// First touch in huge pages costs a fifth of what it costs in small ones, and later passes miss fewer translations.
+// Advice only, for the huge pages that lie inside the memory.
 void AdviseHugePages(void *memory, size_t bytes)
 {
 #if defined(MADV_HUGEPAGE)
-    if (ureg(memory) % kHugePageBytes == 0) // a host's allocator may know no such alignment
-        madvise(memory, bytes, MADV_HUGEPAGE);
+    const ureg start = Mem::Align<kHugePageBytes>(ureg(memory));
+    const ureg end = (ureg(memory) + bytes) & ~ureg(kHugePageBytes - 1);
+    if (start < end)
+        madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
 #endif
 }
 
@@ -97,7 +100,7 @@ u64 CParticlePageAllocator::_BlockStride(u32 blockBytes)
     return Mem::Align<kBlockAlignment>(u64(blockBytes)) + kBlockAlignment;
 }
 
-// Each arena of a class is larger than the one before, up to a limit; from 2 MiB on they are of huge pages.
+// Each arena of a class is larger than the one before, up to a limit; from 2 MiB on they hold huge pages.
 u32 CParticlePageAllocator::_ArenaBlockCount(u32 blockBytes, u32 arenaCount)
 {
     const u32 bytes = kArenaBytes[TZMin(arenaCount, u32(sizeof(kArenaBytes) / sizeof(kArenaBytes[0])) - 1)];
@@ -108,16 +111,17 @@ u32 CParticlePageAllocator::_ArenaBlockCount(u32 blockBytes, u32 arenaCount)
 CParticlePageAllocator::SArena *CParticlePageAllocator::_NewArena(u32 blockBytes, u32 blockCount)
 {
     u64 bytes = kArenaRecordBytes + blockCount * _BlockStride(blockBytes);
-    const bool isHuge = blockCount > 1 && bytes > kHugePageBytes / 2;
-    if (isHuge)
-        bytes = Mem::Align<kHugePageBytes>(bytes);
-    void *memory = Mem::_RawAlloc(bytes, isHuge ? kHugePageBytes : 0, Mem::AllocType_Generic, Mem::Origin_Alloc,
-                                  Mem::kDefaultTag, __FILE__, __LINE__, TZ_FUNCTION_SIGNATURE);
+    const bool isAligned = blockCount > 1 && bytes >= kMinAlignedArenaBytes;
+    bytes += isAligned ? kHugePageBytes : 0;
+    void *memory = Mem::_RawAlloc(bytes, 0, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__,
+                                  __LINE__, TZ_FUNCTION_SIGNATURE);
     if (memory == null)
         return blockCount > 1 ? _NewArena(blockBytes, 1) : null;
-    if (isHuge)
+    if (blockCount > 1)
         AdviseHugePages(memory, size_t(bytes));
-    return Mem::Construct<SArena>(memory, SArena{null, null, blockBytes, blockCount, 0, 0, null});
+    const ureg recordEnd = ureg(memory) + sizeof(SArena);
+    const ureg firstBlock = isAligned ? Mem::Align<kHugePageBytes>(recordEnd) : Mem::Align<kBlockAlignment>(recordEnd);
+    return Mem::Construct<SArena>(memory, SArena{null, null, firstBlock, blockBytes, blockCount, 0, 0, null});
 }
 
 void CParticlePageAllocator::_FreeArena(SArena *arena)
@@ -141,8 +145,7 @@ CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_TakeBareBlock(SAr
         return header;
     }
     const ureg stride = _BlockStride(arena.m_BlockBytes);
-    const ureg first = Mem::Align<kBlockAlignment>(ureg(&arena) + sizeof(SArena));
-    void *place = reinterpret_cast<void *>(first + arena.m_CarvedCount++ * stride);
+    void *place = reinterpret_cast<void *>(arena.m_FirstBlock + arena.m_CarvedCount++ * stride);
     return Mem::Construct<SBlockHeader>(place, SBlockHeader{&arena, null, null});
 }
 
