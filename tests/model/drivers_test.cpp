@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -23,12 +22,7 @@ namespace Model
 namespace
 {
 
-#if defined(__has_feature)
-#    if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-#        define TZ_TEST_IS_SLOW
-#    endif
-#endif
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__) || defined(TZ_TEST_IS_SLOW)
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr u64 kSlowness = 10;
 #else
 constexpr u64 kSlowness = 1;
@@ -50,22 +44,13 @@ void Drive(FnDriver driver, u64 firstSeed, u64 seedCount)
                 number(figures.m_Operations), number(figures.m_Refusals), number(figures.m_Rounds));
 }
 
-u64 NumberOf(const char *variable, u64 otherwise)
-{
-    const char *text = std::getenv(variable);
-    return text != null ? std::strtoull(text, null, 0) : otherwise;
-}
-
 } // namespace
 
 TEST(RandomOperations, AgreeWithTheModel) { Drive(DriveRandom, 1, 200 / kSlowness); }
 
-// TESSALY_MODEL_SEED: the first seed; TESSALY_MODEL_COUNT: how many from there on.
 TEST(RandomOperations, OfANewSeedAgreeWithTheModel)
 {
-    const auto now = std::chrono::system_clock::now().time_since_epoch().count();
-    const u64 seed = NumberOf("TESSALY_MODEL_SEED", u64(now));
-    Drive(DriveRandom, seed, NumberOf("TESSALY_MODEL_COUNT", 1));
+    Drive(DriveRandom, u64(std::chrono::system_clock::now().time_since_epoch().count()), 1);
 }
 
 // What goes wrong with the first file of the corpus with which something does, or nothing.
