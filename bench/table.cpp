@@ -19,14 +19,15 @@ double Quantile(std::vector<double> values, double part)
     return values[size_t(part * double(values.size() - 1) + 0.5)];
 }
 
-// Three digits that matter.
-std::string Digits(double value)
+std::string Decimals(double value, int decimals)
 {
     char text[32];
-    const int decimals = value < 10 ? 2 : value < 100 ? 1 : 0;
     std::snprintf(text, sizeof(text), "%.*f", decimals, value);
     return text;
 }
+
+// Three digits that matter, or as many as stand before the point.
+std::string Digits(double value) { return Decimals(value, value < 1 ? 3 : value < 10 ? 2 : value < 100 ? 1 : 0); }
 
 void Append(std::string &list, const std::string &entry) { list += list.empty() ? entry : ", " + entry; }
 
@@ -137,9 +138,9 @@ void PrintTableLine(std::FILE *file, const SRowResult &result)
     const bool isJudged = !result.Judged().empty();
     for (const SComparison &comparison : isJudged ? result.Judged() : result.Comparisons())
     {
-        Append(ratios, Named(comparison.m_Ours, Digits(comparison.m_Ratio) + " of " + comparison.m_Beside));
+        Append(ratios, Named(comparison.m_Ours, Decimals(comparison.m_Ratio, 2) + " of " + comparison.m_Beside));
         if (isJudged)
-            Append(targets, Digits(comparison.m_Target));
+            Append(targets, Decimals(comparison.m_Target, 2));
     }
     std::fprintf(file, "| %-58s | %-16s | %-34s | %-60s | %-7s | %-38s | %-10s | %-8s |\n",
                  (result.m_Row.m_Group + ": " + result.m_Row.m_Work).c_str(), result.m_Row.m_Unit.c_str(),
