@@ -192,19 +192,6 @@ TEST(WindCanvas, LineAcrossTheDateLineLeavesAtOneEdgeAndComesInAtTheOther)
         EXPECT_EQ(*image.Pixel(x, row), ground) << x;
 }
 
-TEST(WindPalette, GrowsLighterWithTheSpeed)
-{
-    const CPalette palette;
-    float last = 0.0f;
-    for (float speed = 0.0f; speed < 40.0f; speed += 0.25f)
-    {
-        const SColor color = palette.ColorOfSpeed(speed);
-        const float luminance = 0.2126f * color.m_Red + 0.7152f * color.m_Green + 0.0722f * color.m_Blue;
-        EXPECT_GE(luminance, last) << speed;
-        last = luminance;
-    }
-}
-
 TEST_F(WindOutputFile, LeavesNothingWithoutCommit)
 {
     std::string error;

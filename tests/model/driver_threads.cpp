@@ -12,8 +12,6 @@
 #include <support/report_recorder.h>
 #include <support/scoped_runtime.h>
 
-#include "planted.h"
-
 namespace Tessaly
 {
 namespace Model
@@ -24,25 +22,6 @@ namespace
 
 constexpr u32 kSteps = 25; // of a thread in a round
 constexpr u32 kNumber = 1, kVector = 2, kOdd = 3, kShared = 4;
-
-// Lets nobody through before all have come.
-class CBarrier
-{
-public:
-    explicit CBarrier(u32 count)
-        : m_Missing(count)
-    {
-    }
-    void Wait()
-    {
-        --m_Missing;
-        while (m_Missing != 0)
-            std::this_thread::yield();
-    }
-
-private:
-    std::atomic<u32> m_Missing;
-};
 
 // The bytes of a particle in one of its columns.
 void MakeBytes(u32 number, u32 column, u8 *out, u32 size)
@@ -75,7 +54,7 @@ class CRound
 public:
     explicit CRound(u64 seed, u32 threadCount)
         : m_Seed(seed)
-        , m_Barrier(threadCount)
+        , m_MissingCount(threadCount)
         , m_Shared(64)
         , m_Growing(10)
         , m_Changing(10)
@@ -92,7 +71,9 @@ public:
     void Run(u32 thread, FnStep step)
     {
         CRandom random(m_Seed * 64 + thread);
-        m_Barrier.Wait();
+        --m_MissingCount;
+        while (m_MissingCount != 0) // nobody begins before all have come
+            std::this_thread::yield();
         for (u32 i = 0; i < kSteps; ++i)
             (this->*step)(random);
     }
@@ -121,12 +102,16 @@ public:
     void Render(CRandom &)
     {
         m_Shared.LockPagesToRender();
+        u32 count = 0;
         for (u32 i = 0; i < m_Shared.PageCount(); ++i)
         {
             const CScopedRawPageReader reader(m_Shared.Page(CGuid(i))->RawPage());
             if (!_IsWhole(*m_Shared.Page(CGuid(i))))
                 _Tell("a rendered page is not what was written");
+            count += m_Shared.Page(CGuid(i))->ParticleCount();
         }
+        if (count != m_Shared.ParticleCount())
+            _Tell("under the lock, the count is not that of the pages");
         m_Shared.UnlockPagesToRender();
     }
 
@@ -295,7 +280,7 @@ private:
     }
 
     const u64 m_Seed;
-    CBarrier m_Barrier;
+    std::atomic<u32> m_MissingCount; // threads that have not come yet
     Tests::CDefinition m_Definition;
     CParticleStream_MainMemory m_Shared;
     std::vector<u32> m_Alive; // in m_Shared, guarded by its lock

@@ -4,7 +4,6 @@
 #include <support/scoped_runtime.h>
 
 #include "interpreter.h"
-#include "planted.h"
 #include "reduce.h"
 
 namespace Tessaly

@@ -29,6 +29,19 @@ std::string DriveRefusedBlocks(u64 seed, SFigures &figures);
 // A round of threads: on one stream, on streams of their own, on the page allocator.
 std::string DriveThreads(u64 seed, SFigures &figures);
 
+// Faults that a test plants between the drivers and the library, to prove that the drivers see.
+enum class EPlanted : u8
+{
+    None,
+    LostRow,        // a resize pass loses the last particle, count and pages agreeing
+    FlippedBit,     // rebinding turns over one bit of the last row of the last column
+    Miscount,       // an operation that was refused memory counts a particle that is not there
+    ForgottenBlock, // an operation that was refused a block keeps another one for ever
+    EarlyUnlock,    // a birth lets go of the lock before the rows are written
+};
+
+extern EPlanted g_Planted;
+
 // One script against the model; what a fuzzer calls.
 std::string RunScript(const Script &script);
 

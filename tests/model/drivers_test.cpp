@@ -12,7 +12,6 @@
 #include <tz_particles/include/ps_runtime.h>
 
 #include "drivers.h"
-#include "planted.h"
 
 namespace Tessaly
 {

@@ -4,7 +4,7 @@
 
 #include <tz_particles/include/ps_runtime.h>
 
-#include "planted.h"
+#include "drivers.h"
 
 namespace Tessaly
 {
@@ -374,6 +374,8 @@ void CInterpreter::_Tend(bool cleansOut)
     _Differ("block bytes told", stats.m_BytesInUse, m_World.m_BlockBytes);
     _Differ("blocks told", stats.m_BlocksInUse, m_World.m_BlockCount);
     _Differ("free block bytes told", stats.m_BytesFree, allocator.TotalMemoryAvailable());
+    const u64 spaceLeft = m_World.m_Budget - std::min(m_World.m_Budget, m_World.m_BlockBytes);
+    _Differ("space left", allocator.SpaceLeft(), m_World.m_Budget == 0 ? TNumericTraits<u64>::kMax : spaceLeft);
     if (cleansOut)
         _Differ("free blocks", stats.m_BlocksFree + stats.m_BytesFree, 0);
     if (m_WasEverRefused)

@@ -131,6 +131,7 @@ void CInterpreter::_ComparePage(CNaivePage &naive, const CParticlePage &real)
         return;
     const u8 *block = real.RawPage()->BeginRead();
     real.RawPage()->EndRead();
+    _Differ("alignment of a block", ureg(block) % 64, 0);
     u64 offset = 0;
     for (u32 i = 0; i < naive.m_Columns.size() && m_Difference.empty(); ++i)
     {
