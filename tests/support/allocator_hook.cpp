@@ -14,6 +14,7 @@ namespace
 
 CAllocatorHook *g_Hook = null;
 constexpr u64 kSoiled = 1 << 18; // bytes of a block; more would cost too much
+constexpr u32 kHugePage = 2 << 20;
 
 } // namespace
 
@@ -77,7 +78,7 @@ void *CAllocatorHook::OnAlloc(u64 size, u32 alignment, Mem::EAllocType type, Mem
                               const char *file, int line, const char *function)
 {
     CAllocatorHook &self = *g_Hook;
-    EXPECT_TRUE(alignment == 0 || size % alignment == 0) << function; // whole huge pages
+    EXPECT_TRUE(alignment == 0 || (alignment >= kHugePage && size % alignment == 0)) << function;
     if (!self._Begins({SMemoryCall::Alloc, null, size, origin, function}, type, tag))
         return null;
     const u64 served = self.m_ServeAtMost != 0 ? TZMin(size, self.m_ServeAtMost.load()) : size;
