@@ -99,6 +99,25 @@ struct SByteToFloat
     static float Do(u8 value) { return float(value); }
 };
 
+// All are read before the first is written: where the two columns lie a small distance from each other modulo 4 KiB,
+// a processor takes each read for one of the bytes just written, and waits.
+constexpr u32 kVectorsAtATime = 8;
+
+// Strides are numbers, or types that convert to one which the compiler knows.
+template <typename _Op, typename _SrcStride, typename _DstStride>
+inline void ConvertVectors(const u8 *src, _SrcStride srcStride, u8 *dst, _DstStride dstStride, SWords4 mask,
+                           SWords4 rest)
+{
+    SWords4 vectors[kVectorsAtATime];
+    for (u32 i = 0; i < kVectorsAtATime; ++i)
+        vectors[i] = (_Op::Do4(Load<SWords4>(src + i * size_t(srcStride))) & mask) | rest;
+    for (u32 i = 0; i < kVectorsAtATime; ++i)
+        Store(dst + i * size_t(dstStride), vectors[i]);
+}
+
+template <size_t _Bytes>
+using TStride = std::integral_constant<size_t, _Bytes>;
+
 // A run of components without holes on either side.
 template <typename _Op>
 void ConvertRun(const u8 *__restrict src, u8 *__restrict dst, size_t count)
@@ -108,8 +127,10 @@ void ConvertRun(const u8 *__restrict src, u8 *__restrict dst, size_t count)
     size_t i = 0;
     if constexpr (sizeof(TIn) == sizeof(u32))
     {
-        for (; i + 4 <= count; i += 4)
-            Store(dst + i * sizeof(u32), _Op::Do4(Load<SWords4>(src + i * sizeof(u32))));
+        constexpr size_t kWords = 4 * kVectorsAtATime;
+        for (; i + kWords <= count; i += kWords)
+            ConvertVectors<_Op>(src + i * sizeof(u32), TStride<16>(), dst + i * sizeof(u32), TStride<16>(), ~SWords4(),
+                                SWords4());
     }
     for (; i < count; ++i)
         Store(dst + i * sizeof(TOut), _Op::Do(Load<TIn>(src + i * sizeof(TIn))));
@@ -144,13 +165,20 @@ void ConvertShortRows(const SColumnPair &pair)
     const SWords4 isLane = {0 < lanes ? ~0u : 0, 1 < lanes ? ~0u : 0, 2 < lanes ? ~0u : 0, 3 < lanes ? ~0u : 0};
     const u32 restWord = pair.m_RestByte * 0x01010101u;
     const SWords4 rest = SWords4{restWord, restWord, restWord, restWord} & ~isLane;
-    const u8 *__restrict src = pair.m_Src;
-    u8 *__restrict dst = pair.m_Dst;
     const size_t srcStride = pair.m_SrcStride;
     const size_t dstStride = pair.m_DstStride;
-    for (u32 row = 0; row < wideCount; ++row, src += srcStride, dst += dstStride)
-        Store(dst, (_Op::Do4(Load<SWords4>(src)) & isLane) | rest);
-    for (u32 row = wideCount; row < pair.m_RowCount; ++row)
+    u32 row = 0;
+    const bool isThreeToFour = srcStride == 12 && dstStride == 16;
+    for (; row + kVectorsAtATime <= wideCount; row += kVectorsAtATime)
+    {
+        const u8 *src = pair.m_Src + row * srcStride;
+        u8 *dst = pair.m_Dst + row * dstStride;
+        if (isThreeToFour)
+            ConvertVectors<_Op>(src, TStride<12>(), dst, TStride<16>(), isLane, rest);
+        else
+            ConvertVectors<_Op>(src, srcStride, dst, dstStride, isLane, rest);
+    }
+    for (; row < pair.m_RowCount; ++row)
         ConvertRow<_Op>(pair, row);
 }
 
