@@ -109,6 +109,11 @@ TEST(TraceSink, DropsAndCountsWhatIsTooMuch)
     for (const nlohmann::json &event : written["traceEvents"])
         EXPECT_TRUE(event["ph"] == "M" || event["name"] == "inner") << "too deep";
 
+    CTraceSink one(10), another(10);
+    for (CTraceSink *next : {&one, &another, &one})
+        next->OnScopeBegin(kInner), next->OnScopeEnd(kInner);
+    EXPECT_EQ(Written(one)["traceEvents"].size(), 1u + 2) << "a thread is named once";
+
     CAllocatorHook memory;
     memory.RefuseFrom(1);
     CTraceSink poor;

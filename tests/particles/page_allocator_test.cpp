@@ -82,6 +82,28 @@ TEST_F(PageAllocator, IdleBlocksGoBackAndBusyOnesStay)
     EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 2) << "those in use";
 }
 
+TEST_F(PageAllocator, BareBlocksServeBeforeNewArenas)
+{
+    u32 arenaCount = 0;
+    m_Memory.AtEachCall([&](const SMemoryCall &call)
+                        { arenaCount += call.m_Kind == SMemoryCall::Alloc && call.m_Size > 10000 ? 1 : 0; });
+    const u32 blockCount = m_Memory.LiveBlockCount();
+    std::vector<PParticleRawPage_MainMemory> held(400);
+    for (u32 round = 0; round < 3; ++round)
+    {
+        for (u32 i = 0; i < held.size(); i += 1 + round)
+            held[i] = Pages().AllocPage(700);
+        EXPECT_TRUE(arenaCount == 3 || Mem::kIsAddressSanitized) << "64, 128 and 256 KiB: " << arenaCount;
+        for (u32 i = 0; i < held.size(); i += 2 + round)
+            held[i] = null;
+        Pages().CleanAllFreePages();
+    }
+    held.clear();
+    Pages().CleanAllFreePages();
+    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount);
+    m_Memory.AtEachCall(CAllocatorHook::FnAtCall());
+}
+
 TEST_F(PageAllocator, CountsPastFourGigabytes)
 {
     m_Memory.ServeAtMost(1 << 16);
