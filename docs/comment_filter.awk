@@ -23,13 +23,15 @@ NR == 1 && /^\/\// { printf "/// \\file\n"; is_head = 1 }
 {
     if (in_comment)
         printf "%s", said
-    else if (said != "" && is_end && /^(    )?[A-Za-z].*[;,(){>]|^#define [A-Z_]+ [0-9]+$/ &&
+    else if (said != "" && is_end && /^(    )?[A-Za-z_].*[;,(){>]|^#define [A-Z_]+ [0-9]+$/ &&
              !/ \/\/ / && !/^ *(public|private|protected|class|struct|enum|namespace)/)
         printf "%s", said
     in_comment = in_code = 0
     is_end = /[;}] *(\/\/.*)?$|^#define [A-Z_]+ [0-9]+$/
-    if (/^($|\{)/ || is_head)
-        said = ""
+    if (/^(class|struct|enum|namespace)/)
+        is_type = 1
+    if (/^$/ || is_head || (/^\{/ && is_type))
+        said = is_type = ""
     is_head = 0
 }
 /^(    )?[^ ].*[;,}] +\/\/ / { sub(/ \/\/ /, " ///< ") }

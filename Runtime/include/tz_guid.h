@@ -7,14 +7,16 @@
 namespace Tessaly
 {
 
+// An index or identifier, or none.
 template <typename _Type>
 class TGuid
 {
 public:
-    _Type m_Guid;
+    _Type m_Guid; // all ones: none
 
     static const TGuid INVALID; // constant-initialised: usable before any dynamic initialiser
 
+    // None; or that index.
     constexpr TGuid()
         : m_Guid(TNumericTraits<_Type>::kMax)
     {
@@ -24,7 +26,8 @@ public:
     {
     }
 
-    constexpr bool Valid() const { return m_Guid != TNumericTraits<_Type>::kMax; }
+    constexpr bool Valid() const { return m_Guid != TNumericTraits<_Type>::kMax; } // it is not none
+    // The index, or all ones.
     constexpr _Type Get() const { return m_Guid; }
     constexpr operator _Type() const { return m_Guid; }
 
@@ -59,7 +62,7 @@ public:
 template <typename _Type>
 constexpr TGuid<_Type> TGuid<_Type>::INVALID{TNumericTraits<_Type>::kMax};
 
-using CGuid = TGuid<u32>;
+using CGuid = TGuid<u32>; // the common kind
 
 // What a guid is compared in with an integer: its own width, so that -1 is INVALID, unless the integer is wider.
 template <typename _Type, typename _Int>

@@ -16,17 +16,19 @@
 namespace Tessaly
 {
 
+// The buffer of an array.
 template <typename _Type, typename _Controller, bool _HasTrivialRelocate>
 class TArray_BaseContainerImpl : public _Controller
 {
     static_assert(_HasTrivialRelocate, "elements are moved by copying their bytes");
 
 protected:
-    using Type = _Type;
+    using Type = _Type; // of an element
 
     TArray_BaseContainerImpl() = default;
     ~TArray_BaseContainerImpl() = default;
 
+    // The buffer, its elements, its room.
     _Type *_Data() const { return m_Data; }
     u32 _Count() const { return __atomic_load_n(&m_Count, __ATOMIC_RELAXED); }
     u32 _MaxCount() const { return m_MaxCount; }
@@ -45,11 +47,12 @@ private:
     u32 m_MaxCount = 0;
 };
 
+// What does not depend on how an array is made.
 template <typename _Type, typename _BaseImpl>
 class TArray_Base : public _BaseImpl
 {
 protected:
-    using BaseImpl = _BaseImpl;
+    using BaseImpl = _BaseImpl; // the buffer
 
     TArray_Base() = default;
     ~TArray_Base() { Clean(); }
@@ -59,24 +62,29 @@ public:
     template <typename _Type1, typename _ContainerType>
     class TDebugContiguousBaseIterator;
 
+    // Iterators of an array and of one that is not to be changed.
     using Iterator = TDebugContiguousBaseIterator<_Type, TArray_Base>;
     using ConstIterator = TDebugContiguousBaseIterator<const _Type, const TArray_Base>;
 
     TArray_Base(const TArray_Base &) = delete;
     TArray_Base &operator=(const TArray_Base &) = delete;
 
-    u32 Count() const { return BaseImpl::_Count(); }
-    bool Empty() const { return BaseImpl::_Count() == 0; }
-    u32 Capacity() const { return BaseImpl::_MaxCount(); }
+    u32 Count() const { return BaseImpl::_Count(); }       // elements
+    bool Empty() const { return BaseImpl::_Count() == 0; } // no element
+    u32 Capacity() const { return BaseImpl::_MaxCount(); } // elements that fit before the buffer grows
+    // The first element's place; null before there is a buffer.
     _Type *RawDataPointer() { return BaseImpl::_Data(); }
     const _Type *RawDataPointer() const { return BaseImpl::_Data(); }
+    // The first and the last element; of an empty array a zeroed stand-in.
     _Type &First() { return _Element(0); }
     const _Type &First() const { return _Element(0); }
     _Type &Last() { return _Element(BaseImpl::_Count() - 1); }
     const _Type &Last() const { return _Element(BaseImpl::_Count() - 1); }
+    // All elements, good until the array changes its buffer.
     TMemoryView<const _Type> View() const { return TMemoryView<const _Type>(BaseImpl::_Data(), BaseImpl::_Count()); }
     TMemoryView<_Type> ViewForWriting() { return TMemoryView<_Type>(BaseImpl::_Data(), BaseImpl::_Count()); }
 
+    // For loops; the last two give bare pointers.
     Iterator begin() { return Iterator(_RawBegin(), this); }
     Iterator end() { return Iterator(_RawEnd(), this); }
     ConstIterator begin() const { return ConstIterator(_RawBegin(), this); }
@@ -119,10 +127,12 @@ public:
     void Clean(); // the same, and frees the buffer
 
 protected:
+    // The element, or a zeroed stand-in.
     _Type &_Element(u32 pos) const
     {
         return pos < BaseImpl::_Count() ? BaseImpl::_Data()[pos] : Internal::MissingElement<_Type>();
     }
+    // All elements of the view or none: false when memory is refused.
     template <typename _View>
     bool _AppendView(const _View &view);
 
@@ -132,6 +142,7 @@ private:
     ureg _OffsetInside(const void *start, const void *end) const;
 };
 
+// The array: owns its elements and their buffer.
 template <typename _Type, typename _Controller = TArrayStaticController<0, 8, 8, 0, 2>>
 class TArray
     : public TArray_Base<_Type, TArray_BaseContainerImpl<_Type, _Controller, TTypeTraits::HasTrivialRelocate<_Type>>>
@@ -156,6 +167,7 @@ private:
     TArray &_Assign(const _View &view);
 };
 
+// Exchanges buffers; no element moves.
 template <typename _Type, typename _Controller>
 void TZSwap(TArray<_Type, _Controller> &a, TArray<_Type, _Controller> &b)
 {
@@ -164,6 +176,7 @@ void TZSwap(TArray<_Type, _Controller> &a, TArray<_Type, _Controller> &b)
 
 namespace TTypeTraits
 {
+// An array moves it by copying its bytes.
 template <typename _Type, typename _Controller>
 inline constexpr bool HasTrivialRelocate<TArray<_Type, _Controller>> = true;
 } // namespace TTypeTraits

@@ -9,12 +9,15 @@
 namespace Tessaly
 {
 
+// A view on contiguous elements: a pointer and a count.
 template <typename _Type>
 class TMemoryView
 {
 public:
+    // As const as the elements.
     using Byte = typename std::conditional<std::is_const<_Type>::value, const u8, u8>::type;
 
+    // No elements; or count of them from data on, which stay the caller's.
     constexpr TMemoryView()
         : m_Data(null)
         , m_Count(0)
@@ -35,13 +38,15 @@ public:
     {
     }
 
-    _Type *Data() const { return reinterpret_cast<_Type *>(m_Data); }
-    _Type *DataEnd() const { return Data() + m_Count; }
-    u32 Count() const { return m_Count; }
-    bool Empty() const { return m_Count == 0; }
+    _Type *Data() const { return reinterpret_cast<_Type *>(m_Data); } // the first element
+    _Type *DataEnd() const { return Data() + m_Count; }               // behind the last one
+    u32 Count() const { return m_Count; }                             // elements
+    bool Empty() const { return m_Count == 0; }                       // none
+    // For loops.
     _Type *begin() const { return Data(); }
     _Type *end() const { return DataEnd(); }
 
+    // One element; outside the view a zeroed stand-in, after a report.
     _Type &operator[](u32 index) const
     {
         _AssertAccessible(index);
@@ -55,30 +60,34 @@ public:
         TZ_ASSERT(index < m_Count);
     }
 
-    Byte *m_Data;
-    u32 m_Count; // elements
+    Byte *m_Data; // the first element
+    u32 m_Count;  // elements
 };
 
+// What a strided view consists of.
 struct SStridedMemoryViewRawStorage
 {
-    u8 *m_RawDataPtr;
-    u32 m_Count;  // elements
-    u32 m_Stride; // bytes between consecutive elements; 0 repeats one element
+    u8 *m_RawDataPtr; // the first element
+    u32 m_Count;      // elements
+    u32 m_Stride;     // bytes between consecutive elements; 0 repeats one element
 };
 
+// Holds it.
 template <typename _Type>
 class TStridedMemoryViewBase
 {
 public:
-    SStridedMemoryViewRawStorage m_Storage;
+    SStridedMemoryViewRawStorage m_Storage; // where the elements are
 
 protected:
+    // data is the first element's place.
     constexpr TStridedMemoryViewBase(u8 *data, u32 count, u32 stride)
         : m_Storage{data, count, stride}
     {
     }
 };
 
+// A view on elements that are a fixed number of bytes apart.
 template <typename _Type, s32 _FootprintInBytes = -1>
 class TStridedMemoryView : public TStridedMemoryViewBase<_Type>
 {
@@ -86,8 +95,9 @@ class TStridedMemoryView : public TStridedMemoryViewBase<_Type>
     using Base = TStridedMemoryViewBase<_Type>;
 
 public:
-    using Base::m_Storage;
+    using Base::m_Storage; // where the elements are
 
+    // Steps from element to element.
     class CIterator
     {
     public:
@@ -113,6 +123,7 @@ public:
         u32 m_Index;
     };
 
+    // No elements; count of them from data on, stride bytes apart; or those of a view without gaps.
     constexpr TStridedMemoryView()
         : Base(null, 0, 0)
     {
@@ -134,14 +145,16 @@ public:
     {
     }
 
-    _Type *Data() const { return reinterpret_cast<_Type *>(m_Storage.m_RawDataPtr); }
-    u32 Count() const { return m_Storage.m_Count; }
-    u32 Stride() const { return m_Storage.m_Stride; }
-    bool Empty() const { return m_Storage.m_Count == 0; }
+    _Type *Data() const { return reinterpret_cast<_Type *>(m_Storage.m_RawDataPtr); } // the first element
+    u32 Count() const { return m_Storage.m_Count; }                                   // elements
+    u32 Stride() const { return m_Storage.m_Stride; } // bytes from one element to the next; 0: one element, repeated
+    bool Empty() const { return m_Storage.m_Count == 0; } // none
+    // For loops.
     CIterator begin() const { return CIterator(m_Storage.m_RawDataPtr, m_Storage.m_Stride, 0); }
     CIterator end() const { return CIterator(m_Storage.m_RawDataPtr, m_Storage.m_Stride, m_Storage.m_Count); }
 
-    // The product of index and stride is taken in 32 bits.
+    // One element; outside the view a zeroed stand-in, after a report. The product of index and stride is taken in 32
+    // bits.
     _Type &operator[](u32 index) const
     {
         _AssertAccessible(index);

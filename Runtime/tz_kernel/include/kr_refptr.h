@@ -11,11 +11,13 @@
 namespace Tessaly
 {
 
+// The count of references.
 class CRefCountedObjectBase : public CNonCopyable
 {
 public:
-    u32 StrongRefCount() const { return m_StrongRefCount.Load(); }
+    u32 StrongRefCount() const { return m_StrongRefCount.Load(); } // references at this moment
 
+    // One reference more.
     void _InternalAddStrongRef() const { m_StrongRefCount.Add(1); }
 
     // The first reference. Requires that there is none, and that no other thread knows the object yet: nobody can tell
@@ -49,6 +51,7 @@ class TZ_API CRefCountedObject : public CRefCountedObjectBase
 public:
     virtual ~CRefCountedObject() {}
 
+    // Keeps the object alive until the reference is dropped. Any thread that has one already.
     void AddReference() const { _InternalAddStrongRef(); }
 
     // Drops a reference; the last one destroys the object. Null is allowed.
@@ -69,14 +72,16 @@ public:
     virtual bool _KeepForReuse() { return false; }
 };
 
+// The parts of a reference.
 template <typename _Type, bool _IsWeak>
 class TRefModifier
 {
     static_assert(!_IsWeak, "only strong references exist");
 
 public:
-    _Type *m_Ptr = null;
+    _Type *m_Ptr = null; // the object, or null
 
+    // Add or drop a reference; null is allowed.
     static void AddRef(_Type *object)
     {
         if (object != null)
@@ -85,14 +90,15 @@ public:
     static void DelRef(_Type *object) { CRefCountedObject::RemoveReference(object); }
 };
 
+// The parts of a reference.
 template <typename _Type, bool _IsWeak>
 class TBaseRefPtr : public TRefModifier<_Type, _IsWeak>
 {
 public:
     using TRefModifier<_Type, _IsWeak>::m_Ptr;
 
-    _Type *Get() const { return m_Ptr; }
-    explicit operator bool() const { return m_Ptr != null; }
+    _Type *Get() const { return m_Ptr; }                     // null: no object
+    explicit operator bool() const { return m_Ptr != null; } // there is an object
 
 protected:
     // The new object gets its reference before the old one loses its own: the old one may own the new one.
@@ -106,12 +112,14 @@ protected:
     }
 };
 
+// A reference: keeps its object alive.
 template <typename _Type>
 class TRefPtr : public TBaseRefPtr<_Type, false>
 {
     using _P = TBaseRefPtr<_Type, false>;
 
 public:
+    // A reference to an object, or to none.
     TRefPtr() = default;
     TRefPtr(std::nullptr_t) {}
     TRefPtr(_Type *object)
@@ -143,6 +151,7 @@ public:
         return reference;
     }
 
+    // Lets its object go and refers to another one, or to none.
     TRefPtr &operator=(_Type *object)
     {
         _P::Copy(object);
@@ -165,6 +174,7 @@ public:
         return *this;
     }
 
+    // The object. Requires that there is one (asserted).
     _Type *operator->() const
     {
         TZ_ASSERT(_P::m_Ptr != null);
@@ -177,6 +187,7 @@ public:
     }
 };
 
+// Equal when they refer to the same object.
 template <typename _A, typename _B>
 bool operator==(const TRefPtr<_A> &a, const TRefPtr<_B> &b)
 {
@@ -230,6 +241,7 @@ bool operator!=(std::nullptr_t, const TRefPtr<_A> &a)
 
 namespace TTypeTraits
 {
+// An array moves it by copying its bytes.
 template <typename _Type>
 inline constexpr bool HasTrivialRelocate<TRefPtr<_Type>> = true;
 } // namespace TTypeTraits

@@ -6,11 +6,13 @@
 namespace Tessaly
 {
 
+// The id of a name.
 class CStringId
 {
 public:
-    u32 m_Id;
+    u32 m_Id; // 0: the empty name
 
+    // The empty id; or that one.
     constexpr CStringId()
         : m_Id(0)
     {
@@ -20,7 +22,8 @@ public:
     {
     }
 
-    constexpr bool Empty() const { return m_Id == 0; }
+    constexpr bool Empty() const { return m_Id == 0; } // the empty name
+    // Equal when the ids are.
     constexpr bool operator==(CStringId other) const { return m_Id == other.m_Id; }
     constexpr bool operator!=(CStringId other) const { return m_Id != other.m_Id; }
 };
