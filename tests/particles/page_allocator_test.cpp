@@ -5,6 +5,7 @@
 #include <thread>
 
 #include <support/stream_fixture.h>
+#include <tz_kernel/include/kr_address_sanitizer.h>
 
 namespace Tessaly
 {
@@ -182,6 +183,23 @@ TEST_F(PageAllocator, WhatWaitsWithAThreadIsWithinReach)
     EXPECT_EQ(Stats().m_BlocksFree, 1u) << "a thread leaves it to the others";
     EXPECT_TRUE(Pages().AllocPage(70000) != null);
     EXPECT_EQ(Stats().m_RecycleCount, 2u);
+}
+
+// Destructors of keys run behind those of thread_local objects, and may be the first of their thread to let a block go.
+TEST_F(PageAllocator, ThreadsMayLetBlocksGoAtTheirVeryEnd)
+{
+    using PRawPage = PParticleRawPage_MainMemory;
+    pthread_key_t key;
+    ASSERT_EQ(pthread_key_create(&key, [](void *held) { delete static_cast<PRawPage *>(held); }), 0);
+    for (u32 i = 0; i < 3; ++i)
+    {
+        PRawPage *held = new PRawPage(Pages().AllocPage(700));
+        std::thread([&] { pthread_setspecific(key, held); }).join();
+        EXPECT_EQ(Pages().TotalMemoryAllocated(), 0u);
+    }
+    pthread_key_delete(key);
+    Pages().Update();
+    EXPECT_EQ(Stats().m_BlocksFree, 1u);
 }
 
 TEST_F(PageAllocator, BlocksOutliveTheLastShutdown)

@@ -149,6 +149,7 @@ TEST(LargeCopy, WritesWhatAPlainOneWrites)
 {
     std::vector<u8> src(1000), dst, expected;
     std::iota(src.begin(), src.end(), u8(1));
+    CopyPastCaches(null, null, 0); // a constant without data
     for (const u32 byteCount : {0u, 1u, 15u, 16u, 63u, 64u, 65u, 128u, 200u, 777u})
     {
         for (u32 offset = 0; offset < 64; offset += 3)

@@ -1,5 +1,6 @@
 // Under the address sanitizer: slots without a live particle may not be touched, and nothing else is in the way.
 #include <support/stream_fixture.h>
+#include <tz_kernel/include/kr_address_sanitizer.h>
 
 #if TZ_ADDRESS_SANITIZER
 
@@ -45,6 +46,16 @@ TEST_F(PoisonedSlotsDeathTest, StaleViewIsCaught)
     view.Clear();
     m_Stream.Cleanup();
     EXPECT_DEATH(EXPECT_EQ(block[0], 0), "use-after-poison") << "the page is gone, its block waits";
+}
+
+TEST_F(PoisonedSlots, FollowFieldsThatWereSwapped)
+{
+    CParticlePage &page = m_Stream.AppendPage(11, 7);
+    const TMemoryView<SParticleStreamField> fields = page.StreamsForWriting();
+    fields.Data()[0].Swap(fields.Data()[3]);
+    page.AllocateParticles(1);
+    ExpectOpenRows(page, 8);
+    m_Stream.RegisterBornCount(1);
 }
 
 TEST_F(PoisonedSlots, FollowTheCountThroughEveryOperation)

@@ -13,7 +13,6 @@
 #pragma once
 
 #include <tz_defs.h>
-#include <tz_kernel/include/kr_address_sanitizer.h>
 #include <tz_kernel/include/kr_containers_array.h>
 #include <tz_kernel/include/kr_refptr.h>
 #include <tz_kernel/include/kr_threads_basics.h>
@@ -35,7 +34,7 @@ public:
     u8 *RawDataForWriting()
     {
         TZ_ASSERT(ReadersCount() == 0);
-        Mem::Unpoison(m_Data, m_Size);
+        _OpenWholeBlock();
         return m_Data;
     }
 
@@ -44,7 +43,7 @@ public:
     const u8 *BeginRead() const
     {
         __atomic_fetch_add(&m_ReadersCount, 1, __ATOMIC_ACQ_REL);
-        Mem::Unpoison(m_Data, m_Size); // a reader may copy the whole block, free slots and all
+        _OpenWholeBlock(); // a reader may copy free slots and all
         return m_Data;
     }
     void EndRead() const { __atomic_fetch_sub(&m_ReadersCount, 1, __ATOMIC_ACQ_REL); }
@@ -73,6 +72,8 @@ private:
     }
     ~CParticleRawPage_MainMemory() override;
     bool _KeepForReuse() override;
+    // For the address sanitizer. Not inline: what counts is whether the library is compiled for it, not its host.
+    void _OpenWholeBlock() const;
 
     u8 *m_Data;
     u32 m_Size;
@@ -167,7 +168,8 @@ public:
     void Retire(u8 *block, u32 sizeInBytes);
 
     // Gives back to the memory services: Update the blocks that no one asked for during the last kMaxIdleUpdates
-    // calls, CleanAllFreePages every waiting block. To be called from where time is to spare, once a frame or so.
+    // calls (of up to 32 of a class that a thread took over together, one asked for is all asked for),
+    // CleanAllFreePages every waiting block. To be called from where time is to spare, once a frame or so.
     void Update();
     void CleanAllFreePages();
 
@@ -246,6 +248,7 @@ private:
     static void _UnlinkArena(SBlockPool &pool, SArena &arena);
 
     SBlockPool &_Pool(u32 slotId) { return m_Blocks.RawDataPointer()[slotId]; }
+    static u64 _WithoutOwnerShare(u64 count);
     u64 _BytesInUse() const;
     bool _TakeBytes(u32 blockBytes); // false: the budget is out
     void _GiveShare(u64 share);      // may destroy this
@@ -287,13 +290,17 @@ private:
     void _EmptyFronts();
     void _EmptyFront(SThreadFront &front);
     void _UnbindAllFronts();
+    void _UnbindAllFronts_NoLock();
+    void _ShutFronts_NoLock();
+    void _OpenFronts_NoLock();
+
+    static SThreadFront *s_Fronts; // that are bound to any allocator; under the lock of all fronts
 
     TArray<SBlockPool> m_Blocks;
     u64 m_Serial; // unlike that of any other allocator of the process
     TSharedField<bool, __ATOMIC_ACQUIRE, __ATOMIC_RELEASE> m_FrontsAreOpen;
     TSharedField<bool> m_IsLeftToBlocks;
     u64 m_MemoryBudget;
-    SThreadFront *m_Fronts;           // that are bound to this; under the lock of all fronts
     Threads::CCriticalSection m_Lock; // serialises maintenance; never taken by AllocPage, Alloc and Retire
     u64 m_TotalMemoryUsed;            // bytes in use, but for what the fronts count; the top bit is the owner's share
     u32 m_CurrentDate;                // counts Update() calls

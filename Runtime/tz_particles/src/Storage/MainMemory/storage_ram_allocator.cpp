@@ -1,6 +1,7 @@
 // The page allocator: size classes, arenas, pools, budget, maintenance. The threads' fronts are in a file of their own.
 #include <sys/mman.h>
 
+#include <tz_kernel/include/kr_address_sanitizer.h>
 #include <tz_kernel/include/kr_mem.h>
 #include <tz_memory.h>
 
@@ -46,7 +47,6 @@ CParticlePageAllocator::CParticlePageAllocator()
     , m_FrontsAreOpen(false)
     , m_IsLeftToBlocks(false)
     , m_MemoryBudget(0)
-    , m_Fronts(null)
     , m_TotalMemoryUsed(kOwnerShare)
     , m_CurrentDate(0)
     , m_Stats(null)
@@ -177,6 +177,13 @@ void CParticlePageAllocator::_UnlinkArena(SBlockPool &pool, SArena &arena)
         arena.m_Next->m_Previous = arena.m_Previous;
 }
 
+// What threads' fronts count beside it may make a count of bytes look less than none for a moment: then it is none.
+u64 CParticlePageAllocator::_WithoutOwnerShare(u64 count)
+{
+    const u64 bytes = count & ~kOwnerShare;
+    return bytes < kOwnerShare / 2 ? bytes : 0;
+}
+
 bool CParticlePageAllocator::_TakeBytes(u32 blockBytes)
 {
     const u64 budget = __atomic_load_n(&m_MemoryBudget, __ATOMIC_RELAXED);
@@ -188,7 +195,7 @@ bool CParticlePageAllocator::_TakeBytes(u32 blockBytes)
     u64 used = __atomic_load_n(&m_TotalMemoryUsed, __ATOMIC_RELAXED);
     do
     {
-        if ((used & ~kOwnerShare) + blockBytes > budget)
+        if (_WithoutOwnerShare(used) + blockBytes > budget)
             return false;
     } while (!__atomic_compare_exchange_n(&m_TotalMemoryUsed, &used, used + blockBytes, true, __ATOMIC_RELAXED,
                                           __ATOMIC_RELAXED));
@@ -398,6 +405,8 @@ CParticleRawPage_MainMemory::~CParticleRawPage_MainMemory()
     m_Allocator->_ReturnBlock(*this);
 }
 
+void CParticleRawPage_MainMemory::_OpenWholeBlock() const { Mem::Unpoison(m_Data, m_Size); }
+
 bool CParticleRawPage_MainMemory::_KeepForReuse()
 {
     __atomic_store_n(&m_ReadersCount, 0u, __ATOMIC_RELAXED); // readers who forgot to end
@@ -490,12 +499,6 @@ void CParticlePageAllocator::CleanAllFreePages()
     _EmptyFronts();
     _FreeRawPagesRetiredBefore(_Date() + 1);
     m_Lock.Unlock();
-}
-
-void CParticlePageAllocator::SetMemoryBudget(u64 bytes)
-{
-    __atomic_store_n(&m_MemoryBudget, bytes, __ATOMIC_RELAXED);
-    _EmptyFronts(); // they are shut while there is a budget, which every request is held against
 }
 
 u64 CParticlePageAllocator::SpaceLeft() const

@@ -5,6 +5,7 @@
 // the owner pays two plain stores and a load, and the seldom stranger a call to the system. Where the system lacks it,
 // the fronts stay shut and the pools serve alone.
 #include <linux/membarrier.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@ namespace
 // Guards what is bound to what, and the emptying of fronts. Not a critical section of ours: those count their releases,
 // and requests come from under the page lock.
 std::mutex g_FrontsLock;
+bool g_FrontsAreOver = false; // the library is at its end
 
 bool CallBarrier(int command) { return syscall(SYS_membarrier, command, 0, 0) == 0; }
 
@@ -32,20 +34,47 @@ bool HasBarrier()
 
 } // namespace
 
-// Lets the front of a thread go at the thread's end.
+// Lets the front of a thread go at the thread's end: by a key of POSIX, whose destructors are called again for what the
+// destructors of other keys bound. At the end of the library, or of the process, all fronts go.
 class CParticlePageAllocator::CThreadExit : public CNonCopyable
 {
 public:
-    void Await() {}
+    // False: the front would not be let go.
+    static bool Awaits(SThreadFront &front)
+    {
+        static CThreadExit s_Exit;
+        return s_Exit.m_IsMade && pthread_setspecific(s_Exit.m_Key, &front) == 0;
+    }
+
+private:
+    CThreadExit()
+        : m_IsMade(pthread_key_create(&m_Key, &OnThreadEnd) == 0)
+    {
+    }
     ~CThreadExit()
     {
-        SThreadFront &front = SThreadFront::OfThisThread();
+        const std::lock_guard<std::mutex> lock(g_FrontsLock);
+        g_FrontsAreOver = true;
+        while (s_Fronts != null)
+            s_Fronts->m_Allocator->_UnbindAllFronts_NoLock();
+        if (m_IsMade)
+            pthread_key_delete(m_Key);
+    }
+
+    static void OnThreadEnd(void *threadFront)
+    {
+        SThreadFront &front = *static_cast<SThreadFront *>(threadFront);
         front.m_IsClosed = true;
         front.m_Serial = 0;
         const std::lock_guard<std::mutex> lock(g_FrontsLock);
         _UnbindFront(front);
     }
+
+    pthread_key_t m_Key;
+    bool m_IsMade;
 };
+
+CParticlePageAllocator::SThreadFront *CParticlePageAllocator::s_Fronts = null;
 
 // For a class whose batch is used up: its spare one, or one from the pool. False when there is none, or the fronts are
 // shut.
@@ -117,14 +146,14 @@ void CParticlePageAllocator::_MoveSpareToPool(SFrontClass &frontClass, u32 slotI
 void CParticlePageAllocator::_BindFrontIFN()
 {
     SThreadFront &front = SThreadFront::OfThisThread();
-    if (front.m_Serial == m_Serial || !m_FrontsAreOpen || front.m_IsClosed)
+    if (front.m_Serial == m_Serial || !m_FrontsAreOpen || front.m_IsClosed || !CThreadExit::Awaits(front))
         return;
-    static thread_local CThreadExit s_Exit;
-    s_Exit.Await();
     const std::lock_guard<std::mutex> lock(g_FrontsLock);
+    if (g_FrontsAreOver)
+        return;
     _UnbindFront(front);
-    front.m_Next = m_Fronts;
-    m_Fronts = &front;
+    front.m_Next = s_Fronts;
+    s_Fronts = &front;
     front.m_Allocator = this;
     front.m_Serial = m_Serial;
 }
@@ -132,39 +161,73 @@ void CParticlePageAllocator::_BindFrontIFN()
 // Under the lock of all fronts, on the front's own thread.
 void CParticlePageAllocator::_UnbindFront(SThreadFront &front)
 {
-    CParticlePageAllocator *allocator = front.m_Allocator;
-    if (allocator == null)
+    if (front.m_Allocator == null)
         return;
-    allocator->_EmptyFront(front);
-    SThreadFront **place = &allocator->m_Fronts;
+    front.m_Allocator->_EmptyFront(front);
+    front.m_Allocator = null;
+    SThreadFront **place = &s_Fronts;
     while (*place != &front)
         place = &(*place)->m_Next;
     *place = front.m_Next;
-    front.m_Allocator = null;
 }
 
 void CParticlePageAllocator::_UnbindAllFronts()
 {
-    _EmptyFronts();
     const std::lock_guard<std::mutex> lock(g_FrontsLock);
-    for (SThreadFront *front = m_Fronts; front != null; front = front->m_Next)
-        front->m_Allocator = null;
-    m_Fronts = null;
+    _UnbindAllFronts_NoLock();
+}
+
+void CParticlePageAllocator::_UnbindAllFronts_NoLock()
+{
+    _ShutFronts_NoLock();
+    for (SThreadFront **place = &s_Fronts; *place != null;)
+    {
+        SThreadFront &front = **place;
+        if (front.m_Allocator == this)
+        {
+            front.m_Allocator = null;
+            *place = front.m_Next;
+        }
+        else
+            place = &front.m_Next;
+    }
 }
 
 void CParticlePageAllocator::_EmptyFronts()
 {
     const std::lock_guard<std::mutex> lock(g_FrontsLock);
+    _ShutFronts_NoLock();
+    _OpenFronts_NoLock();
+}
+
+void CParticlePageAllocator::_ShutFronts_NoLock()
+{
     m_FrontsAreOpen = false;
-    if (m_Fronts != null && !CallBarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED))
+    if (s_Fronts != null && !CallBarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED))
         CallBarrier(MEMBARRIER_CMD_GLOBAL); // slower, but asks for no registration
-    for (SThreadFront *front = m_Fronts; front != null; front = front->m_Next)
+    for (SThreadFront *front = s_Fronts; front != null; front = front->m_Next)
     {
+        if (front->m_Allocator != this)
+            continue;
         while (__atomic_load_n(&front->m_IsInUse, __ATOMIC_ACQUIRE) != 0)
             sched_yield();
         _EmptyFront(*front);
     }
-    m_FrontsAreOpen = __atomic_load_n(&m_MemoryBudget, __ATOMIC_RELAXED) == 0 && !m_IsLeftToBlocks && HasBarrier();
+}
+
+void CParticlePageAllocator::_OpenFronts_NoLock()
+{
+    m_FrontsAreOpen = __atomic_load_n(&m_MemoryBudget, __ATOMIC_RELAXED) == 0 && !m_IsLeftToBlocks &&
+                      !g_FrontsAreOver && HasBarrier();
+}
+
+void CParticlePageAllocator::SetMemoryBudget(u64 bytes)
+{
+    // Between the two, so that from the first request that is held against the budget every byte is counted.
+    const std::lock_guard<std::mutex> lock(g_FrontsLock);
+    _ShutFronts_NoLock();
+    __atomic_store_n(&m_MemoryBudget, bytes, __ATOMIC_RELAXED);
+    _OpenFronts_NoLock();
 }
 
 void CParticlePageAllocator::_EmptyFront(SThreadFront &front)
@@ -193,22 +256,22 @@ u64 CParticlePageAllocator::_BytesInUse() const
 {
     const std::lock_guard<std::mutex> lock(g_FrontsLock);
     u64 bytes = __atomic_load_n(&m_TotalMemoryUsed, __ATOMIC_RELAXED);
-    for (const SThreadFront *front = m_Fronts; front != null; front = front->m_Next)
+    for (const SThreadFront *front = s_Fronts; front != null; front = front->m_Next)
     {
-        for (u32 slotId = 0; slotId < m_Blocks.Count(); ++slotId)
+        for (u32 slotId = 0; front->m_Allocator == this && slotId < m_Blocks.Count(); ++slotId)
             bytes += front->m_Classes[slotId].UsedCount() * _SlotIdToSize(slotId);
     }
-    bytes &= ~kOwnerShare;
-    // Threads that exchange blocks meanwhile may be seen giving before they are seen taking.
-    return bytes < kOwnerShare / 2 ? bytes : 0;
+    return _WithoutOwnerShare(bytes);
 }
 
 void CParticlePageAllocator::_AddStatsOfClass(u32 slotId, CParticlePageAllocator_Stats &stats) const
 {
     u64 waitingCount = 0, recycleCount = 0, retireCount = 0;
     const std::lock_guard<std::mutex> frontsLock(g_FrontsLock);
-    for (const SThreadFront *front = m_Fronts; front != null; front = front->m_Next)
+    for (const SThreadFront *front = s_Fronts; front != null; front = front->m_Next)
     {
+        if (front->m_Allocator != this)
+            continue;
         const SFrontClass &frontClass = front->m_Classes[slotId];
         waitingCount += frontClass.WaitingCount();
         recycleCount += frontClass.m_TakeCount;

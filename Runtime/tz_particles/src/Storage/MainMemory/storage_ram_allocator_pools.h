@@ -68,7 +68,7 @@ struct CParticlePageAllocator::SThreadFront
     u32 m_IsInUse = 0;       // by its thread, and written by no one else
     bool m_IsClosed = false; // its thread is at its end
     CParticlePageAllocator *m_Allocator = null; // that it is bound to; under the lock of all fronts
-    SThreadFront *m_Next = null;                // among those of its allocator; likewise
+    SThreadFront *m_Next = null;                // among all that are bound; likewise
     SFrontClass m_Classes[PageClasses::kUsedSlotCount];
 
     static SThreadFront &OfThisThread()

@@ -110,7 +110,7 @@ inline void ConvertVectors(const u8 *src, _SrcStride srcStride, u8 *dst, _DstStr
 {
     SWords4 vectors[kVectorsAtATime];
     for (u32 i = 0; i < kVectorsAtATime; ++i)
-        vectors[i] = (_Op::Do4(Load<SWords4>(src + i * size_t(srcStride))) & mask) | rest;
+        vectors[i] = _Op::Do4(Load<SWords4>(src + i * size_t(srcStride)) & mask) | rest; // of 0 it makes 0
     for (u32 i = 0; i < kVectorsAtATime; ++i)
         Store(dst + i * size_t(dstStride), vectors[i]);
 }

@@ -19,6 +19,8 @@ void CopyPastCaches(void *dst, const void *src, ureg byteCount)
 {
     constexpr ureg kLineBytes = 64;
     TZ_ASSERT(!Mem::Overlaps(dst, byteCount, src, byteCount));
+    if (byteCount == 0)
+        return;
     u8 *to = static_cast<u8 *>(dst);
     const u8 *from = static_cast<const u8 *>(src);
     const ureg headBytes = TZMin(Mem::Align<kLineBytes>(ureg(to)) - ureg(to), byteCount);

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include <tz_kernel/include/kr_address_sanitizer.h>
 #include <tz_kernel/include/kr_mem_utils.h>
 #include <tz_memory.h>
 
@@ -261,10 +262,11 @@ void CParticlePage::_PoisonFreeSlots()
         if (field.IsConstant() || column < block || column >= blockEnd)
             continue;
         const u8 *live = column + size_t(field.m_Definition.m_StorageSize) * m_ParticleCount;
-        columnsEnd = column + _ColumnSizeInBytes(field);
+        const u8 *columnEnd = column + _ColumnSizeInBytes(field);
+        columnsEnd = TZMax(columnsEnd, columnEnd); // fields may have been swapped
         Mem::Unpoison(column, size_t(live - column));
         if (!hasReaders)
-            Mem::Poison(live, size_t(columnsEnd - live));
+            Mem::Poison(live, size_t(columnEnd - live));
     }
     if (!hasReaders)
         Mem::Poison(columnsEnd, size_t(blockEnd - columnsEnd));
