@@ -68,16 +68,23 @@ std::vector<u8> Encode(const Script &script)
 Script LongListScript(u64 seed)
 {
     CRandom random(seed);
+    const auto any = [&random] { return u16(random.Bits()); };
     Script script;
     for (u8 stream = 0; stream < 2; ++stream)
-        script.insert(script.end(), {{EOperation::Bind, stream, u16(random.Bits()), 0, 0},
+    {
+        const u16 heldFirst = u16(stream * 8 + 7); // the second view that is taken
+        script.insert(script.end(), {{EOperation::Bind, stream, any(), 0, 0},
                                      {EOperation::SetPageSize, stream, 8, 0, 0},
                                      {EOperation::AllocateAll, stream, 18, 0, 0},
-                                     {EOperation::TakeView, stream, u16(random.Bits()), 0, 0},
+                                     {EOperation::TakeView, stream, any(), 0, 0},
                                      {EOperation::TakeView, stream, 0, 0, 0},
-                                     {EOperation::SetPageSize, stream, u16(random.Bits()), 0, 0},
+                                     {EOperation::RemoveInPage, stream, 0, 0, 0},
+                                     {EOperation::Collect, stream, 0, 0, 0},
+                                     {EOperation::AllocateInPage, stream, heldFirst, 2, 0},
+                                     {EOperation::SetPageSize, stream, any(), 0, 0},
                                      {EOperation::Resize, stream, 0, 3, 0},
-                                     {EOperation::Remove, stream, u16(random.Bits() | 3), 6, 0}});
+                                     {EOperation::Remove, stream, u16(any() | 3), 6, 0}});
+    }
     return script;
 }
 

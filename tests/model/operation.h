@@ -59,7 +59,7 @@ using Script = std::vector<SOperation>;
 Script Decode(const u8 *bytes, size_t size);
 std::vector<u8> Encode(const Script &script);
 Script RandomScript(u64 seed, u32 length);
-// Makes lists of forty pages, some of which are held, and changes held ones behind a resize.
+// Makes lists of 34 pages, some of which are held, and changes held ones that a collection or a resize has taken out.
 Script LongListScript(u64 seed);
 std::string ToString(const Script &script); // as C++ and as text
 

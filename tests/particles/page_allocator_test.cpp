@@ -95,8 +95,10 @@ TEST_F(PageAllocator, BareBlocksServeBeforeNewArenas)
         for (u32 i = 0; i < held.size(); i += 1 + round)
             held[i] = Pages().AllocPage(700);
         EXPECT_TRUE(arenaCount == 3 || Mem::kIsAddressSanitized) << "64, 128 and 256 KiB: " << arenaCount;
-        for (u32 i = 0; i < held.size(); i += 2 + round)
+        u32 releasedCount = 0;
+        for (u32 i = 0; i < held.size(); i += 2 + round, ++releasedCount)
             held[i] = null;
+        EXPECT_EQ(Stats().m_BlocksFree, releasedCount);
         Pages().CleanAllFreePages();
     }
     held.clear();

@@ -61,6 +61,7 @@ TEST_F(StreamLock, UnlockByAnyoneButTheOwnerIsReportedAndNothingElse)
     const std::vector<SSeenReport> seen = m_Reports.Take();
     ASSERT_EQ(seen.size(), 2u);
     EXPECT_NE(seen[0].m_Function.find("UnlockPagesToRender"), std::string::npos) << "sites of its own";
+    EXPECT_EQ(seen[0].m_Text, kLockedText);
     m_Stream.LockPages();
     std::thread([this] { m_Stream.UnlockPages(), m_Stream.UnlockPagesToRender(); }).join();
     m_Reports.Expect({kOwnerText, kOwnerText});
@@ -201,6 +202,17 @@ TEST_F(StreamLock, PagesGoInsideItWhenClearedAndOutsideInCleanup)
         EXPECT_EQ(m_Stream.PageCount() + m_Stream.ParticleCount(), 0u);
         EXPECT_EQ(CParticlePageView(view).OriginalPage()->ParticleCount(), isCleanup ? 3u : 0u) << "cleared for all";
     }
+}
+
+TEST_F(StreamLock, CleanupGivesAllMemoryBack)
+{
+    const u32 blockCount = m_Memory.LiveBlockCount();
+    for (u32 i = 0; i < 2 * CPageListIndex::kMinPageCount; ++i)
+        m_Stream.AppendPage(16, 1);
+    m_Stream.StreamId(CStringId(Life)); // builds the index over the list
+    m_Stream.Cleanup();
+    m_Runtime.Allocator().CleanAllFreePages();
+    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount);
 }
 
 TEST_F(StreamLock, SwapTakesOneAndWantsBothFree)
