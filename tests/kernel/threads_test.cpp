@@ -43,25 +43,6 @@ TEST(Atomic, OperationsReturnWhatTheirNamesSay)
     EXPECT_EQ(Primitives::_xdec(&word), 4u);
 }
 
-TEST(Atomic, NoStepIsLostBetweenThreads)
-{
-    constexpr u32 kSteps = 20000;
-    TAtomic<u32> atomic(0);
-    const auto work = [&atomic]
-    {
-        for (u32 i = 0; i < kSteps; ++i)
-        {
-            atomic.Add(3);
-            atomic.Dec();
-            atomic.FetchSub(1);
-        }
-    };
-    std::thread other(work);
-    work();
-    other.join();
-    EXPECT_EQ(atomic.Load(), 2 * kSteps);
-}
-
 TEST(CriticalSection, IsReentrantAndForgetsItsOwnerAtEachUnlock)
 {
     Threads::CCriticalSection section;
