@@ -8,8 +8,8 @@
 //   column of a field: Align<16>(m_StorageSize * Capacity()) bytes, columns back to back in definition order
 //
 // Under the address sanitizer the free slots are poisoned, and so is the rest of the block, what rounds columns up
-// included: touching a particle that is gone, through a view taken earlier, is an error. RawDataForWriting and BeginRead open the whole block, until the
-// page's count changes next without readers.
+// included: touching a particle that is gone, through a view taken earlier, is an error. RawDataForWriting and
+// BeginRead open the whole block, until the page's count changes next without readers.
 #pragma once
 
 #include <tz_kernel/include/kr_memoryviews.h>
