@@ -296,7 +296,7 @@ void CInterpreter::_Copy(const SOperation &operation, const SPagePair &dst)
     const PNaivePage &srcPage = src.m_Naive.m_Page;
     const u32 first = src.m_Naive.m_First, countBefore = dst.m_Naive->m_Count, code = CountOf(operation.m_C);
     // Within one page only what is alive, so that source and destination never overlap.
-    if (srcPage == null || (dst.m_Naive == srcPage && first + src.m_Naive.m_Count > countBefore))
+    if (srcPage == null || (dst.m_Naive == srcPage && u64(first) + src.m_Naive.m_Count > countBefore))
         return;
     if (operation.m_Kind == EOperation::CopyPage)
         _Differ("copied", Stream::CopyPageToPage(*dst.m_Real, src.m_Real), CopyPage(*dst.m_Naive, src.m_Naive));

@@ -294,7 +294,7 @@ private:
     void _ShutFronts_NoLock();
     void _OpenFronts_NoLock();
 
-    static SThreadFront *s_Fronts; // that are bound to any allocator; under the lock of all fronts
+    static SThreadFront *m_Fronts; // that are bound to any allocator; under the lock of all fronts
 
     TArray<SBlockPool> m_Blocks;
     u64 m_Serial; // unlike that of any other allocator of the process

@@ -42,8 +42,8 @@ public:
     // False: the front would not be let go.
     static bool Awaits(SThreadFront &front)
     {
-        static CThreadExit s_Exit;
-        return s_Exit.m_IsMade && pthread_setspecific(s_Exit.m_Key, &front) == 0;
+        static CThreadExit threadExit;
+        return threadExit.m_IsMade && pthread_setspecific(threadExit.m_Key, &front) == 0;
     }
 
 private:
@@ -55,8 +55,8 @@ private:
     {
         const std::lock_guard<std::mutex> lock(g_FrontsLock);
         g_FrontsAreOver = true;
-        while (s_Fronts != null)
-            s_Fronts->m_Allocator->_UnbindAllFronts_NoLock();
+        while (m_Fronts != null)
+            m_Fronts->m_Allocator->_UnbindAllFronts_NoLock();
         if (m_IsMade)
             pthread_key_delete(m_Key);
     }
@@ -74,7 +74,7 @@ private:
     bool m_IsMade;
 };
 
-CParticlePageAllocator::SThreadFront *CParticlePageAllocator::s_Fronts = null;
+CParticlePageAllocator::SThreadFront *CParticlePageAllocator::m_Fronts = null;
 
 // For a class whose batch is used up: its spare one, or one from the pool. False when there is none, or the fronts are
 // shut.
@@ -152,8 +152,8 @@ void CParticlePageAllocator::_BindFrontIFN()
     if (g_FrontsAreOver)
         return;
     _UnbindFront(front);
-    front.m_Next = s_Fronts;
-    s_Fronts = &front;
+    front.m_Next = m_Fronts;
+    m_Fronts = &front;
     front.m_Allocator = this;
     front.m_Serial = m_Serial;
 }
@@ -165,7 +165,7 @@ void CParticlePageAllocator::_UnbindFront(SThreadFront &front)
         return;
     front.m_Allocator->_EmptyFront(front);
     front.m_Allocator = null;
-    SThreadFront **place = &s_Fronts;
+    SThreadFront **place = &m_Fronts;
     while (*place != &front)
         place = &(*place)->m_Next;
     *place = front.m_Next;
@@ -180,7 +180,7 @@ void CParticlePageAllocator::_UnbindAllFronts()
 void CParticlePageAllocator::_UnbindAllFronts_NoLock()
 {
     _ShutFronts_NoLock();
-    for (SThreadFront **place = &s_Fronts; *place != null;)
+    for (SThreadFront **place = &m_Fronts; *place != null;)
     {
         SThreadFront &front = **place;
         if (front.m_Allocator == this)
@@ -203,9 +203,9 @@ void CParticlePageAllocator::_EmptyFronts()
 void CParticlePageAllocator::_ShutFronts_NoLock()
 {
     m_FrontsAreOpen = false;
-    if (s_Fronts != null && !CallBarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED))
+    if (m_Fronts != null && !CallBarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED))
         CallBarrier(MEMBARRIER_CMD_GLOBAL); // slower, but asks for no registration
-    for (SThreadFront *front = s_Fronts; front != null; front = front->m_Next)
+    for (SThreadFront *front = m_Fronts; front != null; front = front->m_Next)
     {
         if (front->m_Allocator != this)
             continue;
@@ -256,7 +256,7 @@ u64 CParticlePageAllocator::_BytesInUse() const
 {
     const std::lock_guard<std::mutex> lock(g_FrontsLock);
     u64 bytes = __atomic_load_n(&m_TotalMemoryUsed, __ATOMIC_RELAXED);
-    for (const SThreadFront *front = s_Fronts; front != null; front = front->m_Next)
+    for (const SThreadFront *front = m_Fronts; front != null; front = front->m_Next)
     {
         for (u32 slotId = 0; front->m_Allocator == this && slotId < m_Blocks.Count(); ++slotId)
             bytes += front->m_Classes[slotId].UsedCount() * _SlotIdToSize(slotId);
@@ -268,7 +268,7 @@ void CParticlePageAllocator::_AddStatsOfClass(u32 slotId, CParticlePageAllocator
 {
     u64 waitingCount = 0, recycleCount = 0, retireCount = 0;
     const std::lock_guard<std::mutex> frontsLock(g_FrontsLock);
-    for (const SThreadFront *front = s_Fronts; front != null; front = front->m_Next)
+    for (const SThreadFront *front = m_Fronts; front != null; front = front->m_Next)
     {
         if (front->m_Allocator != this)
             continue;

@@ -73,8 +73,8 @@ struct CParticlePageAllocator::SThreadFront
 
     static SThreadFront &OfThisThread()
     {
-        static thread_local SThreadFront s_Front;
-        return s_Front;
+        static thread_local SThreadFront front;
+        return front;
     }
 };
 
