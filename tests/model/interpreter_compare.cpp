@@ -156,7 +156,7 @@ void CInterpreter::_CompareRows(CNaivePage &naive, u32 column, const SParticleSt
     const u64 size = expected.m_Field.m_Size;
     for (const SUnknownRows &unknown : naive.m_Unknown)
     {
-        if (unknown.m_Column == column)
+        if (unknown.m_Column == column && unknown.m_Count != 0)
             std::memcpy(naive.Row(column, unknown.m_First), field.m_RawDataPtr + size * unknown.m_First,
                         size * unknown.m_Count);
     }

@@ -53,5 +53,5 @@ int main(int argc, char **argv)
         std::fflush(stdout);
     }
     Save(file, seed, figures, findingCount);
-    return findingCount == 0 ? 0 : 1;
+    return 0; // whatever was found: everything else is a crash
 }
