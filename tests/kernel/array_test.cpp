@@ -246,6 +246,9 @@ TEST_F(RefPtr, CountsEveryHolderAndDestroysWithTheLast)
     PNode moved = std::move(a);
     moved = moved.Get();
     EXPECT_EQ(moved->StrongRefCount(), 1u) << "the same object: nothing happens";
+    a = moved.Get();
+    EXPECT_EQ(moved->StrongRefCount(), 2u);
+    a = null;
     EXPECT_EQ(a.operator->(), nullptr);
     m_Reports.Expect({"_P::m_Ptr != null"});
     EXPECT_TRUE(m_Deaths.empty());
