@@ -13,6 +13,7 @@
 #include <tz_kernel/include/kr_base_types.h>
 #include <tz_kernel/include/kr_memoryviews.h>
 #include <tz_kernel/include/kr_string_id.h>
+#include <tz_kernel/include/kr_vectors.h>
 #include <tz_memory.h>
 
 namespace Tessaly
@@ -92,6 +93,19 @@ TEST(BaseTypeTraits, RowsAreWhatTheNamesSay)
     {
         EXPECT_EQ(traits(type).Self, BaseType_Void);
         reports.Expect({"type >= BaseType_Evolved && type < __MaxBaseTypes"});
+    }
+}
+
+TEST(Vectors, AreEqualInEveryComponentOrNot)
+{
+    EXPECT_TRUE(CFloat2(1, 2) == CFloat2(1, 2) && CFloat3(1, 2, 3) == CFloat3(1, 2, 3));
+    EXPECT_FALSE(CFloat2(1, 2) == CFloat2(9, 2) || CFloat2(1, 2) == CFloat2(1, 9));
+    for (u32 i = 0; i < 4; ++i)
+    {
+        float words[4] = {1, 2, 3, 4};
+        words[i] = 9;
+        EXPECT_NE(CFloat4(1, 2, 3, 4), CFloat4(words[0], words[1], words[2], words[3]));
+        EXPECT_TRUE(i == 3 || CFloat3(1, 2, 3) != CFloat3(words[0], words[1], words[2]));
     }
 }
 
