@@ -173,7 +173,8 @@ public:
     void Update();
     void CleanAllFreePages();
 
-    // An AllocPage that would take the bytes in use above it gives null. 0, the default: no budget.
+    // An AllocPage that would take the bytes in use above it gives null. 0, the default: no budget. While there is one,
+    // threads do not serve themselves: each request takes the lock of its class for a moment.
     void SetMemoryBudget(u64 bytes);
     u64 SpaceLeft() const; // bytes that the budget leaves; the largest u64 without one
 
