@@ -39,16 +39,47 @@ void MapFieldsByName(const TArray<SParticleStreamFieldDef> &dstDefinition,
     }
 }
 
-// Fills the particles' rows of a new stored field from its old namesake.
+// The columns of a page that are copied as they are, in the order in which the old block holds them: read from front to
+// back it is fetched ahead by the processor, which begins anew at each leap. Where the new columns lie matters little,
+// their block is the one that the page before has left, and still in the cache.
+class CColumnCopies
+{
+public:
+    void Add(u8 *dst, const u8 *src, u32 bytes)
+    {
+        u32 place = m_Count++;
+        for (; place > 0 && m_Copies[place - 1].m_Src > src; --place)
+            m_Copies[place] = m_Copies[place - 1];
+        m_Copies[place] = {dst, src, bytes};
+    }
+    void Run() const
+    {
+        for (u32 i = 0; i < m_Count; ++i)
+            Mem::Copy(m_Copies[i].m_Dst, m_Copies[i].m_Src, m_Copies[i].m_Bytes);
+    }
+
+private:
+    struct SCopy
+    {
+        u8 *m_Dst;
+        const u8 *m_Src;
+        u32 m_Bytes;
+    };
+
+    SCopy m_Copies[kMaxDstStreams]; // the first m_Count
+    u32 m_Count = 0;
+};
+
+// Fills the particles' rows of a new stored field from its old namesake, or leaves that to copies.
 void TakeOverField(const SParticleStreamField &src, const SParticleStreamField &dst, const CBaseTypeTraits &tDst,
-                   u32 particleCount)
+                   u32 particleCount, CColumnCopies &copies)
 {
     const u32 dstCoveredBytes = dst.m_Definition.m_StorageSize * particleCount;
     const CBaseTypeTraits &tSrc = CBaseTypeTraits::Traits(src.m_Definition.m_Type);
     if (src.m_RawDataPtr == null) // an old constant without data
         return Mem::Clear(dst.m_RawDataPtr, dstCoveredBytes);
     if (src.m_Definition.m_StorageSize == dst.m_Definition.m_StorageSize && tSrc.IsFp == tDst.IsFp)
-        return Mem::Copy(dst.m_RawDataPtr, src.m_RawDataPtr, dstCoveredBytes);
+        return copies.Add(dst.m_RawDataPtr, src.m_RawDataPtr, dstCoveredBytes);
     ConvertField(src, dst, particleCount);
 }
 
@@ -126,6 +157,7 @@ u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const u8 *streamRemap
     newPage->_PoisonFreeSlots();
     const TMemoryView<SParticleStreamField> dstStreams = newPage->StreamsForWriting();
     const TMemoryView<const SParticleStreamField> srcStreams = page->Streams();
+    CColumnCopies copies;
     for (u32 j = 0; j < dstStreams.Count(); ++j)
     {
         SParticleStreamField &dst = dstStreams.Data()[j];
@@ -140,10 +172,11 @@ u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const u8 *streamRemap
         TZ_ASSERT(dstCoveredBytes != 0);
         const u32 mapping = keepContents && j < kMaxDstStreams ? streamRemap[j] : kNoMapping;
         if (mapping != kNoMapping && mapping - kFirstMapping < srcStreams.Count())
-            TakeOverField(srcStreams.Data()[mapping - kFirstMapping], dst, tDst, particleCount);
+            TakeOverField(srcStreams.Data()[mapping - kFirstMapping], dst, tDst, particleCount, copies);
         else
             Mem::Clear(dst.m_RawDataPtr, dstCoveredBytes);
     }
+    copies.Run();
     return particleCount;
 }
 
