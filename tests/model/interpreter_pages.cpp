@@ -21,8 +21,9 @@ std::vector<u32> RemovalList(u32 count, u32 pattern)
     CRandom random(pattern);
     for (u32 i = 0; i < most; ++i)
     {
-        const bool choices[] = {true,      true,     true,       i == 0,          i + 1 == count,
-                                i >= half, i < half, i % 2 == 0, random.OneIn(2), random.OneIn(20)};
+        const bool isRare = random.OneIn(20);
+        const bool choices[] = {true,      true,     i < half || isRare, i == 0,          i + 1 == count,
+                                i >= half, i < half, i % 2 == 0,         random.OneIn(2), isRare};
         if (choices[pattern % 10])
             list.push_back(i);
     }

@@ -2,6 +2,7 @@
 #include <tz_particles/include/Storage/MainMemory/storage_ram_page.h>
 
 #include <cstring>
+#include <utility>
 
 #include <tz_kernel/include/kr_address_sanitizer.h>
 #include <tz_kernel/include/kr_mem_utils.h>
@@ -19,12 +20,28 @@ void FillFresh(u8 *bytes, size_t count)
         std::memset(bytes, kFreshParticleByte, count);
 }
 
+// Rows of each column that are moved in turn: what one column waits for in memory, the next ones need not wait for.
+constexpr u32 kRowsAtATime = 8;
+
+template <u32 _RowBytes>
+void MoveRow(u8 *column, const SParticleMove &move)
+{
+    std::memcpy(column + size_t(move.m_To) * _RowBytes, column + size_t(move.m_From) * _RowBytes, _RowBytes);
+}
+
+template <u32 _RowBytes, size_t... _Indices>
+void MoveRows(u8 *column, const SParticleMove *moves, std::index_sequence<_Indices...>)
+{
+    (MoveRow<_RowBytes>(column, moves[_Indices]), ...);
+}
+
 template <u32 _RowBytes>
 void MoveRows(u8 *column, const SParticleMove *moves, u32 moveCount)
 {
+    if (moveCount == kRowsAtATime) // mostly, and then without a loop
+        return MoveRows<_RowBytes>(column, moves, std::make_index_sequence<kRowsAtATime>());
     for (u32 i = 0; i < moveCount; ++i)
-        std::memcpy(column + size_t(moves[i].m_To) * _RowBytes, column + size_t(moves[i].m_From) * _RowBytes,
-                    _RowBytes);
+        MoveRow<_RowBytes>(column, moves[i]);
 }
 
 void MoveRows(u8 *column, u32 rowBytes, const SParticleMove *moves, u32 moveCount)
@@ -46,7 +63,36 @@ void MoveRows(u8 *column, u32 rowBytes, const SParticleMove *moves, u32 moveCoun
     }
 }
 
-// True when indices are ascending, unique, and below count.
+// Whether so many moves take rows that lie together to places that lie together. Both ascend, so the ends tell.
+bool AreOneBlock(const SParticleMove *moves, u32 moveCount)
+{
+    const SParticleMove &last = moves[moveCount - 1];
+    return last.m_From - moves[0].m_From == moveCount - 1 && last.m_To - moves[0].m_To == moveCount - 1;
+}
+
+// Particles that were born together often die together: longer runs are looked for, and go as a block.
+void MoveParticles(const TMemoryView<const SParticleStreamField> &fields, const SParticleMove *moves, u32 moveCount)
+{
+    for (u32 count; moveCount != 0; moves += count, moveCount -= count)
+    {
+        count = TZMin(kRowsAtATime, moveCount);
+        while (count < moveCount && AreOneBlock(moves, TZMin(2 * count, moveCount)))
+            count = TZMin(2 * count, moveCount);
+        for (const SParticleStreamField &field : fields)
+        {
+            const size_t rowBytes = field.m_Definition.m_StorageSize;
+            if (field.IsConstant())
+                continue;
+            if (count > kRowsAtATime)
+                std::memcpy(field.m_RawDataPtr + rowBytes * moves[0].m_To,
+                            field.m_RawDataPtr + rowBytes * moves[0].m_From, rowBytes * count);
+            else
+                MoveRows(field.m_RawDataPtr, u32(rowBytes), moves, count);
+        }
+    }
+}
+
+// True when indices are ascending, unique, and below count. The loop has no way out, so that it goes by vectors.
 bool IsListOfParticles(const TMemoryView<const u32> &indices, u32 count)
 {
     if (indices.Empty())
@@ -54,10 +100,18 @@ bool IsListOfParticles(const TMemoryView<const u32> &indices, u32 count)
     const u32 *list = indices.Data();
     if (list == null || indices.Count() > count || list[indices.Count() - 1] >= count)
         return false;
-    bool isAscending = true;
+    u32 descents = 0;
     for (u32 i = 1; i < indices.Count(); ++i)
-        isAscending &= list[i - 1] < list[i];
-    return isAscending;
+        descents |= list[i - 1] < list[i] ? 0u : 1u;
+    return descents == 0;
+}
+
+u32 CountBelow(const TMemoryView<const u32> &indices, u32 bound)
+{
+    u32 count = 0;
+    for (const u32 index : indices)
+        count += index < bound ? 1u : 0u;
+    return count;
 }
 
 // Pairs the holes below newCount, ascending, with the particles from newCount on that stay, ascending.
@@ -66,13 +120,11 @@ class CHoleFiller
 public:
     CHoleFiller(const TMemoryView<const u32> &indices, u32 newCount)
         : m_NextHole(indices.begin())
-        , m_NextRemoved(indices.begin())
+        , m_HolesEnd(m_NextHole + CountBelow(indices, newCount))
+        , m_NextRemoved(m_HolesEnd)
+        , m_RemovedEnd(indices.end())
         , m_NextSurvivor(newCount)
     {
-        while (m_NextRemoved != indices.end() && *m_NextRemoved < newCount)
-            ++m_NextRemoved;
-        m_HolesEnd = m_NextRemoved;
-        m_RemovedEnd = indices.end();
     }
 
     u32 HolesLeft() const { return u32(m_HolesEnd - m_NextHole); }
@@ -80,12 +132,18 @@ public:
     // Writes up to maxCount moves; returns how many. 0: every hole is filled.
     u32 Next(SParticleMove *outMoves, u32 maxCount)
     {
-        u32 count = 0;
-        for (; count < maxCount && m_NextHole != m_HolesEnd; ++count)
+        const u32 count = TZMin(maxCount, HolesLeft());
+        for (u32 i = 0; i < count;)
         {
-            for (; m_NextRemoved != m_RemovedEnd && *m_NextRemoved == m_NextSurvivor; ++m_NextRemoved)
+            // Survivors stand in runs: up to the next removed one, or to the last particle. There are as many as holes.
+            const u32 run = m_NextRemoved != m_RemovedEnd ? *m_NextRemoved - m_NextSurvivor : count;
+            for (const u32 runEnd = TZMin(count - i, run) + i; i < runEnd; ++i)
+                outMoves[i] = {m_NextSurvivor++, *m_NextHole++};
+            if (i < count)
+            {
                 ++m_NextSurvivor;
-            outMoves[count] = {m_NextSurvivor++, *m_NextHole++};
+                ++m_NextRemoved;
+            }
         }
         return count;
     }
@@ -197,11 +255,7 @@ u32 CParticlePage::RemoveParticles(const TMemoryView<const u32> &indices, TMemor
     TZ_ASSERT(outMoves == null || filler.HolesLeft() <= record.Capacity());
     while (const u32 moveCount = filler.Next(moves, kMovesAtATime))
     {
-        for (SParticleStreamField &field : m_Streams_Unsafe.ViewForWriting())
-        {
-            if (!field.IsConstant())
-                MoveRows(field.m_RawDataPtr, field.m_Definition.m_StorageSize, moves, moveCount);
-        }
+        MoveParticles(m_Streams_Unsafe.View(), moves, moveCount);
         record.Append(moves, moveCount);
     }
     _SetParticleCount(newCount);
