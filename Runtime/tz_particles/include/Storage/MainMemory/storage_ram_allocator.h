@@ -206,12 +206,19 @@ private:
     {
         SArena *m_Next; // among the arenas of its class that have a block to give; the others are in no list
         SArena *m_Previous;
-        ureg m_FirstBlock; // address of the first block's header
-        u32 m_BlockBytes;
+        ureg m_FirstBlock; // address of the header of the block that is carved first
+        ureg m_Step;       // from there to the next one; wraps around
         u32 m_BlockCount;
         u32 m_CarvedCount; // blocks that were ever used; the others have not been touched
         u32 m_BareCount;   // of these, blocks without a raw page
         SBlockHeader *m_FirstBare;
+    };
+
+    // A block that nobody has, and whose header is yet to be made.
+    struct SBlockPlace
+    {
+        SArena *m_Arena;
+        void *m_Header; // null: there is none
     };
 
     // One size class: the raw pages that wait in no thread's front, newest batch first, and the arenas.
@@ -222,7 +229,7 @@ private:
         CParticleRawPage_MainMemory *m_NewestBatch;
         CParticleRawPage_MainMemory *m_OldestBatch;
         SArena *m_Arenas;   // that have a block to give
-        u32 m_ArenaCount;   // all of them
+        u32 m_BlockCount;   // of all arenas, carved or not
         u64 m_AllocCount;   // raw pages handed out, but for what the fronts count
         u64 m_RecycleCount; // of these, raw pages that had waited here
         u64 m_RetireCount;  // raw pages taken back
@@ -239,12 +246,12 @@ private:
     static SBlockHeader *_Header(u8 *block);
     static u8 *_Block(SBlockHeader *header);
     static u64 _BlockStride(u32 blockBytes);
-    static u32 _ArenaBlockCount(u32 blockBytes, u32 arenaCount);
+    static u32 _ArenaBlockCount(u32 blockBytes, u32 classBlockCount);
     static SArena *_NewArena(u32 blockBytes, u32 blockCount);
     static void _FreeArena(SArena *arena);
     static bool _HasBareBlock(const SArena &arena);
-    static SBlockHeader *_TakeBareBlock(SArena &arena);
-    static SBlockHeader *_TakeBareBlock(SBlockPool &pool);
+    static SBlockPlace _TakeBareBlock(SArena &arena);
+    static SBlockPlace _TakeBareBlock(SBlockPool &pool);
     static void _LinkArena(SBlockPool &pool, SArena &arena);
     static void _UnlinkArena(SBlockPool &pool, SArena &arena);
 
@@ -259,6 +266,7 @@ private:
     CParticleRawPage_MainMemory *_TakeFromPool(u32 slotId);
     CParticleRawPage_MainMemory *_TakeWaiting(SBlockPool &pool);
     CParticleRawPage_MainMemory *_NewRawPage(u32 slotId, u32 blockBytes);
+    SBlockPlace _TakeBlock(u32 slotId, u32 blockBytes);
     SBlockHeader *_NewBlock(u32 slotId, u32 blockBytes);
     bool _TakeBack(CParticleRawPage_MainMemory &rawPage); // false: it is not to wait
     TZ_NOINLINE bool _TakeBackElsewhere(CParticleRawPage_MainMemory &rawPage);

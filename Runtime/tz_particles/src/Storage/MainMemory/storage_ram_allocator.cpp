@@ -20,21 +20,19 @@ using PageClasses::kUsedSlotCount;
 constexpr u32 kBlockAlignment = 64;
 constexpr u32 kArenaRecordBytes = 2 * kBlockAlignment; // up to the first header, wherever the arena lies
 constexpr u32 kHugePageBytes = 2 << 20;
-constexpr u32 kArenaBytes[] = {64 << 10, 128 << 10, 256 << 10, 512 << 10, 2 << 20, 4 << 20, 8 << 20, 16 << 20};
-constexpr u32 kMinAlignedArenaBytes = 6 << 20; // from here on the blocks of an arena begin with a huge page
+constexpr u32 kMinArenaBytes = 64 << 10;
+constexpr u32 kMaxArenaBytes = 16 << 20;
+constexpr u64 kMinBytesForHugePages = kHugePageBytes; // of a class: a huge page wastes at most what it used before
 
 // The address sanitizer sees more when blocks do not share their memory.
 constexpr bool kSharesArenas = !Mem::kIsAddressSanitized;
 
-// First touch in huge pages costs a fifth of what it costs in small ones, and later passes miss fewer translations.
-// Advice only, for the huge pages that lie inside the memory.
-void AdviseHugePages(void *memory, size_t bytes)
+// First touch in huge pages costs a tenth of what it costs in small ones, and later passes miss fewer translations.
+// Advice only. Requires the start of a huge page.
+void AdviseHugePages(ureg start, ureg bytes)
 {
 #if defined(MADV_HUGEPAGE)
-    const ureg start = Mem::Align<kHugePageBytes>(ureg(memory));
-    const ureg end = (ureg(memory) + bytes) & ~ureg(kHugePageBytes - 1);
-    if (start < end)
-        madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
+    madvise(reinterpret_cast<void *>(start), bytes, MADV_HUGEPAGE);
 #endif
 }
 
@@ -100,28 +98,42 @@ u64 CParticlePageAllocator::_BlockStride(u32 blockBytes)
     return Mem::Align<kBlockAlignment>(u64(blockBytes)) + kBlockAlignment;
 }
 
-// Each arena of a class is larger than the one before, up to a limit; from 2 MiB on they hold huge pages.
-u32 CParticlePageAllocator::_ArenaBlockCount(u32 blockBytes, u32 arenaCount)
+// Blocks of the next arena of a class that has classBlockCount in arenas. Each arena holds about as much as all before
+// it, up to a limit; the first ones make do without huge pages, the later ones use up as many as they begin.
+u32 CParticlePageAllocator::_ArenaBlockCount(u32 blockBytes, u32 classBlockCount)
 {
-    const u32 bytes = kArenaBytes[TZMin(arenaCount, u32(sizeof(kArenaBytes) / sizeof(kArenaBytes[0])) - 1)];
-    return kSharesArenas ? TZMax(u32((bytes - kArenaRecordBytes) / _BlockStride(blockBytes)), 1u) : 1u;
+    if (!kSharesArenas)
+        return 1;
+    const u64 stride = _BlockStride(blockBytes);
+    const u64 classBytes = classBlockCount * stride;
+    const u64 bytes = TZMin(classBytes + kMinArenaBytes, u64(kMaxArenaBytes));
+    if (bytes >= kMinBytesForHugePages)
+        return u32((bytes / kHugePageBytes * kHugePageBytes + stride - 1) / stride);
+    return u32(TZMax(TZMin(bytes, kMinBytesForHugePages - classBytes) / stride, u64(1)));
 }
 
 // An arena of blockCount blocks that are not carved yet; of one, when there is no memory for more. Null without any.
 CParticlePageAllocator::SArena *CParticlePageAllocator::_NewArena(u32 blockBytes, u32 blockCount)
 {
-    u64 bytes = kArenaRecordBytes + blockCount * _BlockStride(blockBytes);
-    const bool isAligned = blockCount > 1 && bytes >= kMinAlignedArenaBytes;
-    bytes += isAligned ? kHugePageBytes : 0;
+    const u64 blocksBytes = blockCount * _BlockStride(blockBytes);
+    const bool hasHugePages = blockCount > 1 && blocksBytes >= kHugePageBytes;
+    const u64 bytes = kArenaRecordBytes + blocksBytes + (hasHugePages ? kHugePageBytes : 0);
     void *memory = Mem::_RawAlloc(bytes, 0, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__,
                                   __LINE__, TZ_FUNCTION_SIGNATURE);
     if (memory == null)
         return blockCount > 1 ? _NewArena(blockBytes, 1) : null;
-    if (blockCount > 1)
-        AdviseHugePages(memory, size_t(bytes));
-    const ureg recordEnd = ureg(memory) + sizeof(SArena);
-    const ureg firstBlock = isAligned ? Mem::Align<kHugePageBytes>(recordEnd) : Mem::Align<kBlockAlignment>(recordEnd);
-    return Mem::Construct<SArena>(memory, SArena{null, null, firstBlock, blockBytes, blockCount, 0, 0, null});
+    const ureg stride = ureg(_BlockStride(blockBytes));
+    if (!hasHugePages)
+    {
+        const ureg firstBlock = Mem::Align<kBlockAlignment>(ureg(memory) + sizeof(SArena));
+        return Mem::Construct<SArena>(memory, SArena{null, null, firstBlock, stride, blockCount, 0, 0, null});
+    }
+    // From the last block to the first: the kernel clears a huge page towards the place that is touched first, and it
+    // takes much longer downwards than upwards.
+    const ureg blocksEnd = (ureg(memory) + ureg(bytes)) & ~ureg(kHugePageBytes - 1);
+    const ureg hugeBytes = ureg(blocksBytes) & ~ureg(kHugePageBytes - 1);
+    AdviseHugePages(blocksEnd - hugeBytes, hugeBytes);
+    return Mem::Construct<SArena>(memory, SArena{null, null, blocksEnd - stride, 0 - stride, blockCount, 0, 0, null});
 }
 
 void CParticlePageAllocator::_FreeArena(SArena *arena)
@@ -136,29 +148,27 @@ bool CParticlePageAllocator::_HasBareBlock(const SArena &arena)
 }
 
 // One that was used before, else the next one that was not. Requires that there is one.
-CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_TakeBareBlock(SArena &arena)
+CParticlePageAllocator::SBlockPlace CParticlePageAllocator::_TakeBareBlock(SArena &arena)
 {
     if (SBlockHeader *header = arena.m_FirstBare)
     {
         arena.m_FirstBare = header->m_NextBare;
         --arena.m_BareCount;
-        return header;
+        return SBlockPlace{&arena, header};
     }
-    const ureg stride = _BlockStride(arena.m_BlockBytes);
-    void *place = reinterpret_cast<void *>(arena.m_FirstBlock + arena.m_CarvedCount++ * stride);
-    return Mem::Construct<SBlockHeader>(place, SBlockHeader{&arena, null, null});
+    return SBlockPlace{&arena, reinterpret_cast<void *>(arena.m_FirstBlock + arena.m_CarvedCount++ * arena.m_Step)};
 }
 
-// A block without a raw page from one of the class's arenas, or null.
-CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_TakeBareBlock(SBlockPool &pool)
+// A block without a raw page from one of the class's arenas, or none.
+CParticlePageAllocator::SBlockPlace CParticlePageAllocator::_TakeBareBlock(SBlockPool &pool)
 {
     SArena *arena = pool.m_Arenas;
     if (arena == null)
-        return null;
-    SBlockHeader *header = _TakeBareBlock(*arena);
+        return SBlockPlace{null, null};
+    const SBlockPlace place = _TakeBareBlock(*arena);
     if (!_HasBareBlock(*arena))
         _UnlinkArena(pool, *arena);
-    return header;
+    return place;
 }
 
 void CParticlePageAllocator::_LinkArena(SBlockPool &pool, SArena &arena)
@@ -263,28 +273,39 @@ void CParticlePageAllocator::_PutWaiting(SBlockPool &pool, CParticleRawPage_Main
     ++pool.m_RetireCount;
 }
 
-CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_NewBlock(u32 slotId, u32 blockBytes)
+// A block from an arena of its class, or from a new one. None, when memory is out.
+CParticlePageAllocator::SBlockPlace CParticlePageAllocator::_TakeBlock(u32 slotId, u32 blockBytes)
 {
     if (slotId >= m_Blocks.Count())
     {
         SArena *arena = _NewArena(blockBytes, 1);
-        return arena != null ? _TakeBareBlock(*arena) : null;
+        return arena != null ? _TakeBareBlock(*arena) : SBlockPlace{null, null};
     }
     SBlockPool &pool = _Pool(slotId);
-    u32 arenaCount;
+    u32 classBlockCount;
     {
         const CPoolLock lock(pool);
-        if (SBlockHeader *header = _TakeBareBlock(pool))
-            return header;
-        arenaCount = pool.m_ArenaCount;
+        const SBlockPlace place = _TakeBareBlock(pool);
+        if (place.m_Header != null)
+            return place;
+        classBlockCount = pool.m_BlockCount;
     }
-    SArena *arena = _NewArena(blockBytes, _ArenaBlockCount(blockBytes, arenaCount));
+    SArena *arena = _NewArena(blockBytes, _ArenaBlockCount(blockBytes, classBlockCount));
     if (arena == null)
-        return null;
+        return SBlockPlace{null, null};
     const CPoolLock lock(pool);
     _LinkArena(pool, *arena);
-    ++pool.m_ArenaCount;
+    pool.m_BlockCount += arena->m_BlockCount;
     return _TakeBareBlock(pool);
+}
+
+// A block without a raw page, or null. Under no lock is its memory touched: the first touch may take long.
+CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_NewBlock(u32 slotId, u32 blockBytes)
+{
+    const SBlockPlace place = _TakeBlock(slotId, blockBytes);
+    return place.m_Header != null
+               ? Mem::Construct<SBlockHeader>(place.m_Header, SBlockHeader{place.m_Arena, null, null})
+               : null;
 }
 
 // A raw page on a block that was bare, or null.
@@ -448,7 +469,7 @@ void CParticlePageAllocator::_BareBlock(u32 slotId, SBlockHeader *header)
         if (++arena->m_BareCount != arena->m_CarvedCount)
             return;
         _UnlinkArena(pool, *arena);
-        --pool.m_ArenaCount;
+        pool.m_BlockCount -= arena->m_BlockCount;
     }
     _FreeArena(arena);
 }
