@@ -206,8 +206,9 @@ private:
     {
         SArena *m_Next; // among the arenas of its class that have a block to give; the others are in no list
         SArena *m_Previous;
-        ureg m_FirstBlock; // address of the header of the block that is carved first
-        ureg m_Step;       // from there to the next one; wraps around
+        ureg m_FirstBlock;   // address of the first block's header
+        ureg m_HugePagesEnd; // they begin with the blocks
+        u32 m_BlockBytes;
         u32 m_BlockCount;
         u32 m_CarvedCount; // blocks that were ever used; the others have not been touched
         u32 m_BareCount;   // of these, blocks without a raw page

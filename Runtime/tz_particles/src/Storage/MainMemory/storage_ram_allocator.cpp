@@ -36,6 +36,16 @@ void AdviseHugePages(ureg start, ureg bytes)
 #endif
 }
 
+// The kernel clears a huge page towards the place that is touched first, twice as fast upwards as downwards. So this
+// one is touched at its end, by the kernel, since others may be writing there. Where it cannot, nothing comes of it.
+void TouchEndOfHugePage(ureg start)
+{
+#if defined(MADV_POPULATE_WRITE)
+    constexpr u32 kTouchedBytes = 64 << 10; // a multiple of any small page
+    madvise(reinterpret_cast<void *>(start + kHugePageBytes - kTouchedBytes), kTouchedBytes, MADV_POPULATE_WRITE);
+#endif
+}
+
 u64 g_LastSerial = 0; // of an allocator
 
 } // namespace
@@ -122,18 +132,13 @@ CParticlePageAllocator::SArena *CParticlePageAllocator::_NewArena(u32 blockBytes
                                   __LINE__, TZ_FUNCTION_SIGNATURE);
     if (memory == null)
         return blockCount > 1 ? _NewArena(blockBytes, 1) : null;
-    const ureg stride = ureg(_BlockStride(blockBytes));
-    if (!hasHugePages)
-    {
-        const ureg firstBlock = Mem::Align<kBlockAlignment>(ureg(memory) + sizeof(SArena));
-        return Mem::Construct<SArena>(memory, SArena{null, null, firstBlock, stride, blockCount, 0, 0, null});
-    }
-    // From the last block to the first: the kernel clears a huge page towards the place that is touched first, and it
-    // takes much longer downwards than upwards.
-    const ureg blocksEnd = (ureg(memory) + ureg(bytes)) & ~ureg(kHugePageBytes - 1);
-    const ureg hugeBytes = ureg(blocksBytes) & ~ureg(kHugePageBytes - 1);
-    AdviseHugePages(blocksEnd - hugeBytes, hugeBytes);
-    return Mem::Construct<SArena>(memory, SArena{null, null, blocksEnd - stride, 0 - stride, blockCount, 0, 0, null});
+    const ureg alignment = hasHugePages ? kHugePageBytes : kBlockAlignment;
+    const ureg firstBlock = (ureg(memory) + sizeof(SArena) + alignment - 1) & ~(alignment - 1);
+    const ureg hugeBytes = hasHugePages ? ureg(blocksBytes) & ~ureg(kHugePageBytes - 1) : 0;
+    if (hasHugePages)
+        AdviseHugePages(firstBlock, hugeBytes);
+    return Mem::Construct<SArena>(
+        memory, SArena{null, null, firstBlock, firstBlock + hugeBytes, blockBytes, blockCount, 0, 0, null});
 }
 
 void CParticlePageAllocator::_FreeArena(SArena *arena)
@@ -156,7 +161,8 @@ CParticlePageAllocator::SBlockPlace CParticlePageAllocator::_TakeBareBlock(SAren
         --arena.m_BareCount;
         return SBlockPlace{&arena, header};
     }
-    return SBlockPlace{&arena, reinterpret_cast<void *>(arena.m_FirstBlock + arena.m_CarvedCount++ * arena.m_Step)};
+    const ureg stride = ureg(_BlockStride(arena.m_BlockBytes));
+    return SBlockPlace{&arena, reinterpret_cast<void *>(arena.m_FirstBlock + arena.m_CarvedCount++ * stride)};
 }
 
 // A block without a raw page from one of the class's arenas, or none.
@@ -303,9 +309,13 @@ CParticlePageAllocator::SBlockPlace CParticlePageAllocator::_TakeBlock(u32 slotI
 CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_NewBlock(u32 slotId, u32 blockBytes)
 {
     const SBlockPlace place = _TakeBlock(slotId, blockBytes);
-    return place.m_Header != null
-               ? Mem::Construct<SBlockHeader>(place.m_Header, SBlockHeader{place.m_Arena, null, null})
-               : null;
+    if (place.m_Header == null)
+        return null;
+    const ureg start = ureg(place.m_Header);
+    const ureg hugePage = Mem::Align<kHugePageBytes>(start);
+    if (hugePage < TZMin(start + ureg(_BlockStride(blockBytes)), place.m_Arena->m_HugePagesEnd))
+        TouchEndOfHugePage(hugePage);
+    return Mem::Construct<SBlockHeader>(place.m_Header, SBlockHeader{place.m_Arena, null, null});
 }
 
 // A raw page on a block that was bare, or null.
