@@ -83,6 +83,7 @@ struct SRow
     double m_ItemCount;            // of one round; the table gives the measured for each
     std::string m_Unit;            // of the figures: "ns a particle"
     double m_BestPeerTarget = 0.0; // ours by the fastest of the peers is to stay at or below; 0: no such target
+    std::string m_Reason = {};     // for a target that is not held everywhere: what stands against it
 };
 
 // Measures a row. Most have one side of ours; the others name theirs.

@@ -45,6 +45,16 @@ std::string Figures(const SRowResult &result, ESide kind)
     return list;
 }
 
+// "held", or that it is not, and why.
+std::string Verdict(const SRowResult &result)
+{
+    if (result.Judged().empty())
+        return "";
+    if (result.IsHeld())
+        return "held";
+    return "NOT held" + (result.m_Row.m_Reason.empty() ? "" : ": " + result.m_Row.m_Reason);
+}
+
 SComparison Compare(const SRowResult &result, size_t ours, size_t other)
 {
     std::vector<double> ratios;
@@ -127,7 +137,7 @@ bool SRowResult::IsHeld() const
 
 void PrintTableHead(std::FILE *file)
 {
-    std::fprintf(file, "| %-58s | %-16s | %-34s | %-60s | %-7s | %-38s | %-10s | %-8s |\n", "work", "figures", "limit",
+    std::fprintf(file, "| %-58s | %-16s | %-34s | %-60s | %-7s | %-38s | %-10s | %s |\n", "work", "figures", "limit",
                  "peers", "ours", "ratio", "target", "held");
     std::fprintf(file, "|---|---|---|---|---|---|---|---|\n");
 }
@@ -142,13 +152,10 @@ void PrintTableLine(std::FILE *file, const SRowResult &result)
         if (isJudged)
             Append(targets, Decimals(comparison.m_Target, 2));
     }
-    std::fprintf(file, "| %-58s | %-16s | %-34s | %-60s | %-7s | %-38s | %-10s | %-8s |\n",
+    std::fprintf(file, "| %-58s | %-16s | %-34s | %-60s | %-7s | %-38s | %-10s | %s |\n",
                  (result.m_Row.m_Group + ": " + result.m_Row.m_Work).c_str(), result.m_Row.m_Unit.c_str(),
                  Figures(result, Side_Limit).c_str(), Figures(result, Side_Peer).c_str(),
-                 Figures(result, Side_Ours).c_str(), ratios.c_str(), targets.c_str(),
-                 targets.empty()   ? ""
-                 : result.IsHeld() ? "held"
-                                   : "NOT held");
+                 Figures(result, Side_Ours).c_str(), ratios.c_str(), targets.c_str(), Verdict(result).c_str());
 }
 
 void PrintJson(std::FILE *file, const std::vector<SRowResult> &results)
