@@ -48,14 +48,20 @@ public:
     void Add(u8 *dst, const u8 *src, u32 bytes)
     {
         u32 place = m_Count++;
-        for (; place > 0 && m_Copies[place - 1].m_Src > src; --place)
+        for (; place > m_DoneCount && m_Copies[place - 1].m_Src > src; --place)
             m_Copies[place] = m_Copies[place - 1];
         m_Copies[place] = {dst, src, bytes};
     }
-    void Run() const
+    // Those that are read before the byte at end.
+    void RunUpTo(const u8 *end)
     {
-        for (u32 i = 0; i < m_Count; ++i)
-            Mem::Copy(m_Copies[i].m_Dst, m_Copies[i].m_Src, m_Copies[i].m_Bytes);
+        for (; m_DoneCount < m_Count && m_Copies[m_DoneCount].m_Src < end; ++m_DoneCount)
+            Mem::Copy(m_Copies[m_DoneCount].m_Dst, m_Copies[m_DoneCount].m_Src, m_Copies[m_DoneCount].m_Bytes);
+    }
+    void RunAll()
+    {
+        if (m_Count != 0)
+            RunUpTo(m_Copies[m_Count - 1].m_Src + 1);
     }
 
 private:
@@ -68,6 +74,7 @@ private:
 
     SCopy m_Copies[kMaxDstStreams]; // the first m_Count
     u32 m_Count = 0;
+    u32 m_DoneCount = 0;
 };
 
 // Fills the particles' rows of a new stored field from its old namesake, or leaves that to copies.
@@ -80,6 +87,7 @@ void TakeOverField(const SParticleStreamField &src, const SParticleStreamField &
         return Mem::Clear(dst.m_RawDataPtr, dstCoveredBytes);
     if (src.m_Definition.m_StorageSize == dst.m_Definition.m_StorageSize && tSrc.IsFp == tDst.IsFp)
         return copies.Add(dst.m_RawDataPtr, src.m_RawDataPtr, dstCoveredBytes);
+    copies.RunUpTo(src.m_RawDataPtr);
     ConvertField(src, dst, particleCount);
 }
 
@@ -176,7 +184,7 @@ u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const u8 *streamRemap
         else
             Mem::Clear(dst.m_RawDataPtr, dstCoveredBytes);
     }
-    copies.Run();
+    copies.RunAll();
     return particleCount;
 }
 
