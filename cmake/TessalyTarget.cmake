@@ -34,7 +34,7 @@ function(tessaly_add_library name)
         POSITION_INDEPENDENT_CODE ON
         INSTALL_RPATH $ORIGIN)
     target_compile_features(${target} PUBLIC cxx_std_17)
-    target_compile_options(${target} PRIVATE -fno-exceptions -ffp-contract=off -g)
+    target_compile_options(${target} PRIVATE -fno-exceptions -fno-semantic-interposition -ffp-contract=off -g)
     target_include_directories(${target} PUBLIC
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/Runtime/include>
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/Runtime>

@@ -44,14 +44,14 @@ using FnHandler = int (*)(const SReport &report, void *userData);
 TZ_API void SetHandler(FnHandler handler, void *userData);
 
 // The services behind the macros. A host may define all of them itself instead of linking the default ones.
-TZ_API int EvalAssert(const char *file, const char *function, int line, const char *expression, const char *expression2,
-                      const char *message);
-TZ_API int EvalAssertFormat(const char *file, const char *function, int line, const char *expression,
-                            const char *expression2, const char *format, ...) TZ_PRINTF_FORMAT(6, 7);
+TZ_API TZ_COLD int EvalAssert(const char *file, const char *function, int line, const char *expression,
+                              const char *expression2, const char *message);
+TZ_API TZ_COLD int EvalAssertFormat(const char *file, const char *function, int line, const char *expression,
+                                    const char *expression2, const char *format, ...) TZ_PRINTF_FORMAT(6, 7);
 // Called at each failure of a verification. True asks the site to break. The default one reports nothing when the
 // flag is set, and sets it when the handler answers Result_Ignore.
-TZ_API bool VerifyAssertFalse_Breaks(bool &ignoredFlag, const char *file, const char *function, int line,
-                                     const char *expression, const char *expression2, const char *message);
+TZ_API TZ_COLD bool VerifyAssertFalse_Breaks(bool &ignoredFlag, const char *file, const char *function, int line,
+                                             const char *expression, const char *expression2, const char *message);
 
 // For the macros below: a site's flag.
 inline bool _IsIgnored(const bool &ignoredFlag) { return __atomic_load_n(&ignoredFlag, __ATOMIC_RELAXED); }
@@ -94,7 +94,7 @@ inline void _TakeResult(bool &ignoredFlag, int result)
     do                                                                                                                 \
     {                                                                                                                  \
         static bool _ignored = false;                                                                                  \
-        if (!::Tessaly::Assert::_IsIgnored(_ignored) && !(expr))                                                       \
+        if (TZ_LIKELY(!::Tessaly::Assert::_IsIgnored(_ignored)) && !(expr))                                            \
             ::Tessaly::Assert::_TakeResult(                                                                            \
                 _ignored, ::Tessaly::Assert::EvalAssert(__FILE__, TZ_FUNCTION_SIGNATURE, __LINE__, text, text, text)); \
     } while (false)
@@ -104,7 +104,7 @@ inline void _TakeResult(bool &ignoredFlag, int result)
     do                                                                                                                 \
     {                                                                                                                  \
         static bool _ignored = false;                                                                                  \
-        if (!::Tessaly::Assert::_IsIgnored(_ignored) && !(expr))                                                       \
+        if (TZ_LIKELY(!::Tessaly::Assert::_IsIgnored(_ignored)) && !(expr))                                            \
             ::Tessaly::Assert::_TakeResult(_ignored,                                                                   \
                                            ::Tessaly::Assert::EvalAssertFormat(__FILE__, TZ_FUNCTION_SIGNATURE,        \
                                                                                __LINE__, text, text, __VA_ARGS__));    \

@@ -7,6 +7,9 @@
 #define TZ_API __attribute__((visibility("default")))
 #define TZ_NOINLINE __attribute__((noinline))
 #define TZ_COLD __attribute__((cold, noinline))
+// A condition that the code is laid out for, or against.
+#define TZ_LIKELY(expr) __builtin_expect(static_cast<bool>(expr), true)
+#define TZ_UNLIKELY(expr) __builtin_expect(static_cast<bool>(expr), false)
 // A default implementation of a service: a host that defines the function itself replaces it when it links.
 #define TZ_REPLACEABLE __attribute__((weak))
 #define TZ_PRINTF_FORMAT(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))

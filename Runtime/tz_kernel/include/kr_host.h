@@ -28,9 +28,9 @@
 // - kr_mem.h: _RawAlloc, _RawRealloc and _RawFree, together. SetAllocator sets nothing then.
 // - kr_mem_utils.h: Copy_Overlapped, FillIndices32.
 // - kr_profiler.h: MainEngineProfiler. A null one keeps every scope from the sink.
-// - kr_threads_basics.h: CCurrentThread::ThreadID (a number per thread, never given again, never all ones);
-//   CThreadStats (RegisterCSUnlock is called by the holder right before each release, and must take no critical
-//   section); CCriticalSection's construction, destruction and TryLock.
+// - kr_threads_basics.h: CCurrentThread::ThreadID (a number per thread, always the same one, never given again, never
+//   all ones; locks ask each thread once); CThreadStats (RegisterCSUnlock is called by the holder right before each
+//   release, and must take no critical section); CCriticalSection's construction, destruction and TryLock.
 // - kr_containers_internals.h: CContainersMonitorTArrays. Told of each change of a buffer's size before it is made,
 //   while the flag is set.
 // - kr_refptr.h: CRefCountedObject::_DeleteObject. It must ask _KeepForReuse first, as the default one does.

@@ -14,6 +14,8 @@ class TZ_API CCurrentThread
 {
 public:
     static u32 ThreadID(); // any thread; takes no lock
+    // The same, asked once a thread: locks ask at every turn, and a call costs more than all else that they note.
+    static u32 _KnownThreadID();
 };
 
 // Diagnostic counters. RegisterCSUnlock is called at every release of a critical section, nested ones included.

@@ -5,13 +5,22 @@
 
 namespace Tessaly
 {
+
+inline u32 CCurrentThread::_KnownThreadID()
+{
+    static thread_local u32 id __attribute__((tls_model("initial-exec"))) = 0; // 0: not asked yet
+    if (TZ_UNLIKELY(id == 0))
+        id = ThreadID();
+    return id;
+}
+
 namespace Threads
 {
 
 inline void CCriticalSection::Lock() const
 {
     pthread_mutex_lock(&m_CS);
-    __atomic_store_n(&m_Owner, CCurrentThread::ThreadID(), __ATOMIC_RELAXED);
+    __atomic_store_n(&m_Owner, CCurrentThread::_KnownThreadID(), __ATOMIC_RELAXED);
 }
 
 inline void CCriticalSection::Unlock() const

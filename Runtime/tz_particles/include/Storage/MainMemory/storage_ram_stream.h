@@ -186,8 +186,9 @@ private:
     SMediumMemoryReport _ComputeMemoryUsage() const;
     inline u32 _EnterLock() const;
     inline void _LeaveLock(u32 threadId) const;
-    PParticlePage _FindPageWithRoom_NoLock(u32 minCount) const;
-    CPageListIndex *_PageIndex_NoLock() const;        // up to date; null when the list is to be walked
+    inline PParticlePage _FindPageWithRoom_NoLock(u32 minCount) const;
+    inline CPageListIndex *_PageIndex_NoLock() const; // up to date; null when the list is to be walked
+    bool _BuildPageIndex_NoLock() const;
     void _AddToPageIndex_NoLock(CParticlePage &page); // that was appended to the list
     void _LeavePageIndex_NoLock(CParticlePage &page); // that is about to leave the list
     u32 _DeepCopyPages_NoLock(const CParticleStream_MainMemory &other);

@@ -19,7 +19,7 @@ inline u32 CParticleStream_MainMemory::_EnterLock() const
     const u32 depth = m_PagesLocked + 1;
     m_PagesLocked = depth;
     if (depth == 1)
-        m_ThreadOwningLock = CGuid(m_PagesProtectCS.m_Owner); // ThreadID(), which Lock has just asked
+        m_ThreadOwningLock = CGuid(CCurrentThread::_KnownThreadID());
     return depth;
 }
 
@@ -42,13 +42,14 @@ inline void CParticleStream_MainMemory::_LeaveLock(u32 threadId) const
 inline void CParticleStream_MainMemory::LockPages() const
 {
     if (_EnterLock() != 1)
-        TZ_ASSERT(m_ThreadOwningLock == CCurrentThread::ThreadID());
+        TZ_ASSERT_TEXT("m_ThreadOwningLock == CCurrentThread::ThreadID()",
+                       m_ThreadOwningLock == CCurrentThread::_KnownThreadID());
 }
 
 inline void CParticleStream_MainMemory::UnlockPages() const
 {
     TZ_PROFILE_SCOPE("CParticleStream_MainMemory::UnlockPages");
-    const u32 threadId = CCurrentThread::ThreadID();
+    const u32 threadId = CCurrentThread::_KnownThreadID();
     TZ_ASSERT(m_PagesLocked != 0);
     TZ_ASSERT_TEXT("m_ThreadOwningLock == CCurrentThread::ThreadID()", m_ThreadOwningLock == threadId);
     _LeaveLock(threadId);

@@ -6,6 +6,54 @@
 namespace Tessaly
 {
 
+inline CPageListIndex *CParticleStream_MainMemory::_PageIndex_NoLock() const
+{
+    const u32 pageCount = m_Pages.Count();
+    if (pageCount < CPageListIndex::kMinPageCount)
+        return null;
+    return m_PageIndex.IsValidFor(pageCount) || _BuildPageIndex_NoLock() ? &m_PageIndex : null;
+}
+
+inline PParticlePage CParticleStream_MainMemory::_FindPageWithRoom_NoLock(u32 minCount) const
+{
+    if (CPageListIndex *index = _PageIndex_NoLock())
+    {
+        const CGuid pageId = index->FindFirst(minCount);
+        return pageId.Valid() ? m_Pages.RawDataPointer()[pageId.Get()] : PParticlePage();
+    }
+    for (const PParticlePage &page : m_Pages.View())
+    {
+        if (page->FreeCount() >= minCount)
+            return page;
+    }
+    return null;
+}
+
+u32 CParticleStream_MainMemory::_RecomputeParticleCount() const
+{
+    if (m_Pages.Empty())
+        return 0;
+    LockPages();
+    u32 sum = 0;
+    if (CPageListIndex *index = _PageIndex_NoLock())
+        sum = index->ParticleCount();
+    else
+    {
+        for (const PParticlePage &page : m_Pages.View())
+            sum += page != null ? page->ParticleCount() : 0; // null: in the midst of a resize pass
+    }
+    UnlockPages();
+    return sum;
+}
+
+void CParticleStream_MainMemory::_DEBUG_CheckParticleCountConsistency() const
+{
+    LockPages();
+    const u32 realPCount = _RecomputeParticleCount();
+    TZ_ASSERT(realPCount == m_ParticleCount.Load());
+    UnlockPages();
+}
+
 CParticlePageView CParticleStream_MainMemory::AllocateParticlesIFP(u32 wishedCount, u32 minCountHint)
 {
     TZ_PROFILE_SCOPE_COLORED("AllocateParticlesIFP", CFloat4(0.8f, 0.2f, 1.0f, 1.0f));
@@ -39,42 +87,23 @@ CParticlePageView CParticleStream_MainMemory::AllocateParticlesIFP(u32 wishedCou
     return CParticlePageView(std::move(page), startId, wishedCount);
 }
 
-PParticlePage CParticleStream_MainMemory::_FindPageWithRoom_NoLock(u32 minCount) const
-{
-    if (CPageListIndex *index = _PageIndex_NoLock())
-    {
-        const CGuid pageId = index->FindFirst(minCount);
-        return pageId.Valid() ? m_Pages.RawDataPointer()[pageId.Get()] : PParticlePage();
-    }
-    for (const PParticlePage &page : m_Pages.View())
-    {
-        if (page->FreeCount() >= minCount)
-            return page;
-    }
-    return null;
-}
-
-CPageListIndex *CParticleStream_MainMemory::_PageIndex_NoLock() const
+bool CParticleStream_MainMemory::_BuildPageIndex_NoLock() const
 {
     const u32 pageCount = m_Pages.Count();
-    if (pageCount < CPageListIndex::kMinPageCount)
-        return null;
-    if (m_PageIndex.IsValidFor(pageCount))
-        return &m_PageIndex;
     if (!m_PageIndex.Reserve(pageCount))
-        return null;
+        return false;
     m_PageIndex.Begin();
     for (u32 i = 0; i < pageCount; ++i)
     {
         CParticlePage *page = m_Pages.RawDataPointer()[i].Get();
         if (page == null) // in the midst of a resize pass
-            return null;
+            return false;
         m_PageIndex.Add(page->FreeCount(), page->ParticleCount());
         page->m_ListIndex = &m_PageIndex;
         page->m_IndexInList = i;
     }
     m_PageIndex.End();
-    return &m_PageIndex;
+    return true;
 }
 
 void CParticleStream_MainMemory::_AddToPageIndex_NoLock(CParticlePage &page)
@@ -141,30 +170,5 @@ void CParticleStream_MainMemory::RegisterBornCount(u32 bornCount)
 }
 
 void CParticleStream_MainMemory::RegisterBornCount_NoConsistencyCheck(u32 bornCount) { m_ParticleCount.Add(bornCount); }
-
-u32 CParticleStream_MainMemory::_RecomputeParticleCount() const
-{
-    if (m_Pages.Empty())
-        return 0;
-    LockPages();
-    u32 sum = 0;
-    if (CPageListIndex *index = _PageIndex_NoLock())
-        sum = index->ParticleCount();
-    else
-    {
-        for (const PParticlePage &page : m_Pages.View())
-            sum += page != null ? page->ParticleCount() : 0; // null: in the midst of a resize pass
-    }
-    UnlockPages();
-    return sum;
-}
-
-void CParticleStream_MainMemory::_DEBUG_CheckParticleCountConsistency() const
-{
-    LockPages();
-    const u32 realPCount = _RecomputeParticleCount();
-    TZ_ASSERT(realPCount == m_ParticleCount.Load());
-    UnlockPages();
-}
 
 } // namespace Tessaly
