@@ -105,13 +105,15 @@ public:
             : m_Base(base)
             , m_Stride(stride)
             , m_Index(index)
+            , m_Offset(index * stride)
         {
         }
-        _Type &operator*() const { return *reinterpret_cast<_Type *>(m_Base + m_Index * m_Stride); }
+        _Type &operator*() const { return *reinterpret_cast<_Type *>(m_Base + m_Offset); }
         _Type *operator->() const { return &**this; }
         CIterator &operator++()
         {
             ++m_Index;
+            m_Offset += m_Stride; // in 32 bits, as operator[] multiplies
             return *this;
         }
         bool operator==(const CIterator &other) const { return m_Index == other.m_Index; }
@@ -120,7 +122,8 @@ public:
     private:
         u8 *m_Base;
         u32 m_Stride;
-        u32 m_Index;
+        u32 m_Index; // the end is told by it: a stride may be 0
+        u32 m_Offset;
     };
 
     // No elements; count of them from data on, stride bytes apart; or those of a view without gaps.

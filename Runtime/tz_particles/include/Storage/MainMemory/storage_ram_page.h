@@ -116,7 +116,7 @@ public:
 
     // True while nobody reads the raw block. PrepareForWriting is asked right before a write, which is abandoned on
     // false.
-    bool ReadyToWrite() const { return m_RawPage == null || m_RawPage->ReadersCount() == 0; }
+    bool ReadyToWrite() const { return m_RawPage == null || m_RawPage.Get()->ReadersCount() == 0; }
     bool PrepareForWriting() { return ReadyToWrite(); }
 
     // Takes count slots behind the last particle and returns the first one's index. CGuid::INVALID, and nothing
@@ -253,6 +253,9 @@ private:
     bool _HasParticles() const; // a page, and the run within its capacity
     // Start of the view's values of a field, or null.
     u8 *_ColumnStart(const SParticleStreamField &field) const;
+    // True, and the column, when all is as it should be. Else the caller finds out what is not, check by check.
+    template <typename _Type>
+    bool _TakeColumn(CGuid streamId, bool isForWriting, TStridedMemoryView<_Type> &outColumn) const;
     template <typename _Type>
     TStridedMemoryView<_Type> _TypedColumn(const SParticleStreamField &field) const;
 
