@@ -2,11 +2,25 @@
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 
 #include <tz_kernel/include/kr_profiler.h>
+#include <tz_particles/include/ps_runtime.h>
 
 #include "storage_ram_copy.h"
 
 namespace Tessaly
 {
+
+namespace
+{
+
+// True for copies that are larger than the caches, unless most of what they are written to is fresh memory: that is in
+// the caches, where the kernel has cleared it just before.
+bool GoesPastCaches(u64 byteCount)
+{
+    const CParticlePageAllocator *allocator = Particles::PageAllocator();
+    return byteCount >= kMinBytesPastCaches && allocator != null && allocator->TotalMemoryAvailable() >= byteCount / 2;
+}
+
+} // namespace
 
 void CParticleStream_MainMemory::DeepCopy(const CParticleStream_MainMemory &other)
 {
@@ -37,7 +51,7 @@ void CParticleStream_MainMemory::DeepCopy(const CParticleStream_MainMemory &othe
 u32 CParticleStream_MainMemory::_DeepCopyPages_NoLock(const CParticleStream_MainMemory &other)
 {
     const u64 roughByteCount = u64(other.m_Pages.Count()) * other.m_PageSizeInBytes;
-    const auto copyBytes = roughByteCount < kMinBytesPastCaches ? &Mem::Copy : &CopyPastCaches;
+    const auto copyBytes = GoesPastCaches(roughByteCount) ? &CopyPastCaches : &Mem::Copy;
     u32 newPCount = 0;
     for (u32 i = 0; i < other.m_Pages.Count(); ++i)
     {
