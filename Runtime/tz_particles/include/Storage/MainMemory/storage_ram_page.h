@@ -168,12 +168,12 @@ private:
 
     TSharedField<u32> m_ParticleCount;
     u32 m_Capacity;
+    u32 m_IndexInList;
+    CPageListIndex *m_ListIndex; // of the list that the page is in, told of each change of the count; or null
     PParticleRawPage_MainMemory m_RawPage;
     TArray<SParticleStreamField> m_Streams_Unsafe;
     CParticleStream_MainMemory *m_Parent;
     const SParticleStreamDef *m_StreamDef;
-    CPageListIndex *m_ListIndex; // of the list that the page is in, told of each change of the count; or null
-    u32 m_IndexInList;
 };
 
 // References to a page.

@@ -4,8 +4,9 @@
 // A page that loses slots leaves the bounds above it as they are: the search that they mislead lowers them. So births
 // into the page that was found last, which are most, cost no way through the tree.
 //
-// Kept up to date by each change of a listed page's count and each page appended; anything else that happens to the
-// list invalidates it, and the next question builds it anew by one walk. Guarded by the page lock of its stream.
+// Kept up to date by each change of a listed page's count, each page appended and each empty one collected; anything
+// else that happens to the list invalidates it, and the next question builds it anew by one walk. Guarded by the page
+// lock of its stream.
 #pragma once
 
 #include <tz_kernel/include/kr_mem.h>
@@ -36,13 +37,15 @@ public:
 
     void Update(u32 pageIndex, u32 freeCount, u32 oldParticleCount, u32 newParticleCount);
     void Append(u32 freeCount, u32 particleCount); // invalidates itself when its room is used up
+    void RemoveEmpty(u32 pageIndex);               // a page without particles; the last one takes its place
     void Invalidate() { m_PageCount = 0; }
     void Release(); // gives the memory back
 
 private:
     CGuid _Search(u32 minCount);
 
-    // Node n has children 2n and 2n + 1, and holds no less than both; the leaves start at m_LeafCount, and are exact.
+    // Node n has children 2n and 2n + 1, and holds no less than both; the leaves start at m_LeafCount, and are exact
+    // for the pages that there are. Those behind them are found last, and mean that there is no room.
     u32 *m_Nodes = null;
     u32 m_LeafCount = 0;  // a power of two
     u32 m_PageCount = 0;  // 0: not valid

@@ -209,10 +209,10 @@ void SParticleStreamField::Swap(SParticleStreamField &other)
 CParticlePage::CParticlePage(CParticleStream_MainMemory *parent, u32 capacity)
     : m_ParticleCount(0)
     , m_Capacity(capacity)
+    , m_IndexInList(0)
+    , m_ListIndex(null)
     , m_Parent(parent)
     , m_StreamDef(null)
-    , m_ListIndex(null)
-    , m_IndexInList(0)
 {
 }
 

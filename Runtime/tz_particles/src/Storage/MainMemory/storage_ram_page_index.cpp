@@ -101,6 +101,14 @@ void CPageListIndex::Append(u32 freeCount, u32 particleCount)
     Update(pageIndex, freeCount, 0, particleCount);
 }
 
+void CPageListIndex::RemoveEmpty(u32 pageIndex)
+{
+    if (pageIndex >= m_PageCount)
+        return;
+    const u32 last = --m_PageCount;
+    Update(pageIndex, m_Nodes[m_LeafCount + last], 0, 0); // nothing when the page itself was the last
+}
+
 void CPageListIndex::Release()
 {
     if (m_Nodes != null)
