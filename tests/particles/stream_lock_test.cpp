@@ -209,7 +209,7 @@ TEST_F(StreamLock, CleanupGivesAllMemoryBack)
     const u32 blockCount = m_Memory.LiveBlockCount();
     for (u32 i = 0; i < 2 * CPageListIndex::kMinPageCount; ++i)
         m_Stream.AppendPage(16, 1);
-    m_Stream.StreamId(CStringId(Life)); // builds the index over the list
+    m_Stream.StreamId(CStringId(Life)); // the second check, Cleanup's own, builds the index over the list
     m_Stream.Cleanup();
     m_Runtime.Allocator().CleanAllFreePages();
     EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount);

@@ -5,9 +5,11 @@
 // into the page that was found last, which are most, cost no way through the tree.
 //
 // Kept up to date by each change of a listed page's count, each page appended and each empty one collected; anything
-// else that happens to the list invalidates it, and the next question builds it anew by one walk. Guarded by the page
-// lock of its stream.
+// else that happens to the list invalidates it, and the next question but one builds it anew by one walk. Guarded by
+// the page lock of its stream.
 #pragma once
+
+#include <utility>
 
 #include <tz_kernel/include/kr_mem.h>
 #include <tz_particles/include/ps_stream.h>
@@ -28,6 +30,8 @@ public:
     // Index of the first page with minCount free slots, or CGuid::INVALID.
     CGuid FindFirst(u32 minCount);
 
+    // False for the first question since it was invalidated, which a walk answers for less. To be asked once for each.
+    bool IsWorthBuilding() { return std::exchange(m_WasWanted, true); }
     // Makes room for a list of that many pages. False when memory is refused: then there is no index.
     bool Reserve(u32 pageCount);
     // Building: clears it, takes the pages in order, ends.
@@ -38,7 +42,11 @@ public:
     void Update(u32 pageIndex, u32 freeCount, u32 oldParticleCount, u32 newParticleCount);
     void Append(u32 freeCount, u32 particleCount); // invalidates itself when its room is used up
     void RemoveEmpty(u32 pageIndex);               // a page without particles; the last one takes its place
-    void Invalidate() { m_PageCount = 0; }
+    void Invalidate()
+    {
+        m_PageCount = 0;
+        m_WasWanted = false;
+    }
     void Release(); // gives the memory back
 
 private:
@@ -50,6 +58,7 @@ private:
     u32 m_LeafCount = 0;  // a power of two
     u32 m_PageCount = 0;  // 0: not valid
     u32 m_AddedCount = 0; // while building
+    bool m_WasWanted = false;
     u32 m_ParticleCount = 0;
     // No page before this one has m_SearchedCount free slots; m_PageCount and above: no page at all.
     u32 m_FirstCandidate = 0;

@@ -191,7 +191,7 @@ private:
     bool _BuildPageIndex_NoLock() const;
     void _AddToPageIndex_NoLock(CParticlePage &page); // that was appended to the list
     void _LeavePageIndex_NoLock(CParticlePage &page); // that is about to leave the list
-    u32 _MoveEmptyPagesBack_NoLock(const TMemoryView<CGuid> *reindexer);
+    u32 _MoveEmptyPagesBack_NoLock(TMemoryView<CGuid> reindexer);
     void _DropPagesFrom_NoLock(u32 newCount);
     u32 _DeepCopyPages_NoLock(const CParticleStream_MainMemory &other);
     void _RebuildPages_NoLock(const u8 *streamRemap, bool keepContents);

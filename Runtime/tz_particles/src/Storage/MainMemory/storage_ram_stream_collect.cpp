@@ -12,17 +12,17 @@ namespace
 // A long list is larger than the caches: pages are asked for from memory so many before their turn.
 constexpr u32 kPagesAhead = 8;
 
-// Writes an entry of a reindexer that may be absent, or shorter than the page list.
-void WriteEntry(const TMemoryView<CGuid> *reindexer, u32 index, CGuid value)
+// Writes an entry of a reindexer that may be shorter than the page list.
+void WriteEntry(const TMemoryView<CGuid> &reindexer, u32 index, CGuid value)
 {
-    if (reindexer != null && index < reindexer->Count() && reindexer->Data() != null)
-        reindexer->Data()[index] = value;
+    if (index < reindexer.Count())
+        reindexer.Data()[index] = value;
 }
 
 } // namespace
 
 // The first one found stands last. Returns how many pages stand before them.
-u32 CParticleStream_MainMemory::_MoveEmptyPagesBack_NoLock(const TMemoryView<CGuid> *reindexer)
+u32 CParticleStream_MainMemory::_MoveEmptyPagesBack_NoLock(TMemoryView<CGuid> reindexer)
 {
     PParticlePage *pages = m_Pages.RawDataPointer();
     u32 count = m_Pages.Count();
@@ -77,21 +77,21 @@ void CParticleStream_MainMemory::_DropPagesFrom_NoLock(u32 newCount)
 void CParticleStream_MainMemory::GarbageCollectOldPages(TMemoryView<CGuid> *pageReindexer)
 {
     TZ_ASSERT(pageReindexer == null || pageReindexer->Count() == m_Pages.Count());
+    TMemoryView<CGuid> reindexer; // empty when there is nothing to tell
     if (pageReindexer != null && pageReindexer->Data() != null)
-        Mem::FillIndices32(pageReindexer->Data(), pageReindexer->Count(), 0);
+    {
+        reindexer = *pageReindexer;
+        Mem::FillIndices32(reindexer.Data(), reindexer.Count(), 0);
+    }
     _DEBUG_CheckParticleCountConsistency();
     LockPages();
-    const u32 newCount = _MoveEmptyPagesBack_NoLock(pageReindexer);
+    const u32 newCount = _MoveEmptyPagesBack_NoLock(reindexer);
     _DropPagesFrom_NoLock(newCount);
     UnlockPages();
     _DEBUG_CheckParticleCountConsistency();
-    if (pageReindexer == null || pageReindexer->Data() == null)
-        return;
-    for (CGuid &entry : *pageReindexer)
-    {
-        if (entry >= newCount)
-            entry = CGuid::INVALID;
-    }
+    const CGuid removed = CGuid::INVALID;
+    for (CGuid &entry : reindexer)
+        entry = entry < newCount ? entry : removed;
 }
 
 } // namespace Tessaly

@@ -90,7 +90,7 @@ CParticlePageView CParticleStream_MainMemory::AllocateParticlesIFP(u32 wishedCou
 bool CParticleStream_MainMemory::_BuildPageIndex_NoLock() const
 {
     const u32 pageCount = m_Pages.Count();
-    if (!m_PageIndex.Reserve(pageCount))
+    if (!m_PageIndex.IsWorthBuilding() || !m_PageIndex.Reserve(pageCount))
         return false;
     m_PageIndex.Begin();
     for (u32 i = 0; i < pageCount; ++i)
