@@ -6,6 +6,7 @@
 // What a shared library shows to its hosts: everything else stays inside.
 #define TZ_API __attribute__((visibility("default")))
 #define TZ_NOINLINE __attribute__((noinline))
+#define TZ_FORCEINLINE __attribute__((always_inline)) inline
 #define TZ_COLD __attribute__((cold, noinline))
 // A condition that the code is laid out for, or against.
 #define TZ_LIKELY(expr) __builtin_expect(static_cast<bool>(expr), true)

@@ -101,7 +101,9 @@ TEST_F(PageView, UnfitColumnIsReportedAndEmpty)
     EXPECT_TRUE(view.DenseColumn<CFloat4>(CGuid(2)).Empty());
     EXPECT_TRUE(view.DenseColumn<float>(CGuid(0)).Empty());
     EXPECT_EQ(view.RawStreamBeginForWriting(CGuid(2)), nullptr);
-    EXPECT_EQ(m_Reports.Take().size(), 7u);
+    EXPECT_TRUE(view.Column<u64>(CGuid(0)).Empty()) << "12 bytes apart";
+    EXPECT_TRUE(CParticlePageView(*view.OriginalPage().Get(), 8, 9).ColumnForWriting<float>(CGuid(1)).Empty());
+    EXPECT_EQ(m_Reports.Take().size(), 10u);
     EXPECT_TRUE(none.GetStreamDef() == null && none.Streams().Empty() && !none.StreamId(CStringId(Life)).Valid());
     EXPECT_EQ(m_Reports.Count(), 0u);
     EXPECT_TRUE(none.RawStreamForWriting(CGuid(0)).m_RawDataPtr == null);

@@ -186,6 +186,7 @@ private:
     SMediumMemoryReport _ComputeMemoryUsage() const;
     inline u32 _EnterLock() const;
     inline void _LeaveLock(u32 threadId) const;
+    inline u32 _SumOfPages() const;
     inline PParticlePage _FindPageWithRoom_NoLock(u32 minCount) const;
     inline CPageListIndex *_PageIndex_NoLock() const; // up to date; null when the list is to be walked
     bool _BuildPageIndex_NoLock() const;

@@ -29,7 +29,7 @@ inline PParticlePage CParticleStream_MainMemory::_FindPageWithRoom_NoLock(u32 mi
     return null;
 }
 
-u32 CParticleStream_MainMemory::_RecomputeParticleCount() const
+TZ_FORCEINLINE u32 CParticleStream_MainMemory::_SumOfPages() const
 {
     if (m_Pages.Empty())
         return 0;
@@ -46,10 +46,12 @@ u32 CParticleStream_MainMemory::_RecomputeParticleCount() const
     return sum;
 }
 
+u32 CParticleStream_MainMemory::_RecomputeParticleCount() const { return _SumOfPages(); }
+
 void CParticleStream_MainMemory::_DEBUG_CheckParticleCountConsistency() const
 {
     LockPages();
-    const u32 realPCount = _RecomputeParticleCount();
+    const u32 realPCount = _SumOfPages();
     TZ_ASSERT(realPCount == m_ParticleCount.Load());
     UnlockPages();
 }
