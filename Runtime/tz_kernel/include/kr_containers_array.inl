@@ -151,7 +151,7 @@ CGuid TArray_Base<_Type, _BaseImpl>::PushBack(const _Other &element)
 
 template <typename _Type, typename _BaseImpl>
 template <typename _Other>
-u32 TArray_Base<_Type, _BaseImpl>::PushBackUnsafe(const _Other &element)
+inline u32 TArray_Base<_Type, _BaseImpl>::PushBackUnsafe(const _Other &element)
 {
     const u32 insertionIndex = BaseImpl::_Count();
     TZ_ASSERT(ureg(&element + 1) <= ureg(BaseImpl::_Data()) ||

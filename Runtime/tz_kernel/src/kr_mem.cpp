@@ -29,7 +29,7 @@ void *DefaultRealloc(void *ptr, u64 size, u32 alignment, EAllocType type, const 
 {
     const size_t bytes = size != 0 ? size_t(size) : 1;
     if (alignment <= kDefaultAlignment)
-        return std::realloc(ptr, bytes);
+        return ptr != null ? std::realloc(ptr, bytes) : std::malloc(bytes);
     void *block = DefaultAlloc(size, alignment, type, Origin_Alloc, tag, file, line, function);
     if (block != null && ptr != null)
     {

@@ -195,6 +195,7 @@ private:
     u32 _MoveEmptyPagesBack_NoLock(TMemoryView<CGuid> reindexer);
     void _DropPagesFrom_NoLock(u32 newCount);
     u32 _DeepCopyPages_NoLock(const CParticleStream_MainMemory &other);
+    bool _AppendPageLike_NoLock(const CParticlePage &other);
     void _RebuildPages_NoLock(const u8 *streamRemap, bool keepContents);
     u32 _RebuildPage_NoLock(u32 i, const u8 *streamRemap, bool keepContents);
     void _RebindConstantField(u32 streamId, SParticleStreamField &field) const;

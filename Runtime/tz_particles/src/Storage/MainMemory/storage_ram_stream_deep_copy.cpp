@@ -48,27 +48,50 @@ void CParticleStream_MainMemory::DeepCopy(const CParticleStream_MainMemory &othe
 }
 
 // Appends copies of other's pages that hold particles, until memory is refused. Returns how many particles they hold.
+// Some pages are made before their bytes are copied, which drive all that making one reads out of the first cache.
 u32 CParticleStream_MainMemory::_DeepCopyPages_NoLock(const CParticleStream_MainMemory &other)
 {
+    constexpr u32 kPagesAtATime = 16;
+    const CParticlePage *srcPages[kPagesAtATime];
     const u64 roughByteCount = u64(other.m_Pages.Count()) * other.m_PageSizeInBytes;
     const auto copyBytes = GoesPastCaches(roughByteCount) ? &CopyPastCaches : &Mem::Copy;
     u32 newPCount = 0;
-    for (u32 i = 0; i < other.m_Pages.Count(); ++i)
+    bool isRefused = false;
+    for (u32 i = 0; i < other.m_Pages.Count() && !isRefused;)
     {
-        const CParticlePage *srcPage = other.m_Pages.RawDataPointer()[i].Get();
-        if (srcPage->Empty())
-            continue;
-        // The copied rows are not filled first.
-        const PParticlePage dstPage =
-            _AllocNewPage_NoLock(srcPage->Capacity(), srcPage->RawPage()->Size(), true, srcPage->ParticleCount());
-        if (dstPage == null)
-            break;
-        TZ_ASSERT(dstPage->Capacity() == srcPage->Capacity());
-        TZ_ASSERT(dstPage->RawPage()->Size() == srcPage->RawPage()->Size());
-        dstPage->_DeepCopy(*srcPage, copyBytes);
-        newPCount += dstPage->ParticleCount();
+        u32 pageCount = 0;
+        for (; i < other.m_Pages.Count() && pageCount < kPagesAtATime && !isRefused; ++i)
+        {
+            const CParticlePage *srcPage = other.m_Pages.RawDataPointer()[i].Get();
+            if (srcPage->Empty())
+                continue;
+            isRefused = !_AppendPageLike_NoLock(*srcPage);
+            if (!isRefused)
+                srcPages[pageCount++] = srcPage;
+        }
+        const PParticlePage *dstPages = m_Pages.RawDataPointer() + (m_Pages.Count() - pageCount);
+        for (u32 k = 0; k < pageCount; ++k)
+        {
+            dstPages[k].Get()->_DeepCopy(*srcPages[k], copyBytes);
+            newPCount += dstPages[k].Get()->ParticleCount();
+        }
     }
     return newPCount;
+}
+
+// Appends a page for a copy of other, whose rows are not filled first. False when memory is refused.
+bool CParticleStream_MainMemory::_AppendPageLike_NoLock(const CParticlePage &other)
+{
+    const CParticlePage *srcPage = &other;
+    const u32 blockBytes = srcPage->RawPage()->Size();
+    const CParticlePage *dstPage =
+        _AllocNewPage_NoLock(srcPage->Capacity(), blockBytes, true, srcPage->ParticleCount()).Get(); // the list has it
+    if (dstPage == null)
+        return false;
+    TZ_ASSERT(dstPage->Capacity() == srcPage->Capacity());
+    TZ_ASSERT_TEXT("dstPage->RawPage()->Size() == srcPage->RawPage()->Size()",
+                   dstPage->RawPage().Get()->Size() == blockBytes);
+    return true;
 }
 
 } // namespace Tessaly

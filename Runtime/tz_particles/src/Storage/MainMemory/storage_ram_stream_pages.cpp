@@ -116,10 +116,11 @@ PParticlePage CParticleStream_MainMemory::_AllocNewPage_NoLock(u32 pageSize, u32
     CParticlePageAllocator *allocator = CParticlesInternals::PageAllocator();
     if (allocator == null)
         return null;
-    const PParticleRawPage_MainMemory rawPage = allocator->AllocPage(pageSizeInBytes);
+    PParticleRawPage_MainMemory rawPage = allocator->AllocPage(pageSizeInBytes);
     if (rawPage == null || ComputeTruePageSizeInBytes(pageSize, *m_StreamDef) > rawPage->Size())
         return null;
-    PParticlePage page = Mem::New<CParticlePage>(TZ_CALL_SITE, this, pageSize);
+    PParticlePage newPage = PParticlePage::_FromUnreferenced(Mem::New<CParticlePage>(TZ_CALL_SITE, this, pageSize));
+    CParticlePage *page = newPage.Get();
     if (page == null)
         return null;
     TZ_ASSERT(page->ReadyToWrite());
@@ -127,17 +128,16 @@ PParticlePage CParticleStream_MainMemory::_AllocNewPage_NoLock(u32 pageSize, u32
     TZ_ASSERT(m_ConstantDataFieldSlot.Count() == streamDef.Count());
     if (!TZ_VERIFY(page->m_Streams_Unsafe.Reserve(streamDef.Count())))
         return null;
-    page->m_RawPage = rawPage;
+    page->m_RawPage = std::move(rawPage);
     page->m_StreamDef = m_StreamDef;
     _LayOutPage(*page);
     page->_FillFreshRows(firstFreshRow);
     if (!addToPageList)
-        return page;
+        return newPage;
     if (!TZ_VERIFY(m_Pages.PushBack(page).Valid()))
-        page = null;
-    else
-        _AddToPageIndex_NoLock(*page);
-    return page;
+        return null;
+    _AddToPageIndex_NoLock(*page);
+    return newPage;
 }
 
 // Gives the page its fields: columns back to back in its block, constants into the constant data.
@@ -149,7 +149,7 @@ void CParticleStream_MainMemory::_LayOutPage(CParticlePage &pageToLayOut) const
     u32 dataOffset = 0;
     for (u32 sidx = 0; sidx < streamDef.Count(); ++sidx)
     {
-        const SParticleStreamFieldDef &def = streamDef[sidx];
+        const SParticleStreamFieldDef &def = streamDef.RawDataPointer()[sidx];
         TZ_VERIFY(page->m_Streams_Unsafe.PushBackUnsafe(def) == sidx);
         u8 *streamPtr = null;
         if (def.m_StorageSize == 0)
