@@ -11,29 +11,38 @@ namespace
 {
 
 constexpr u32 kAliveCount = 102400;
-constexpr u32 kFrameCount = u32(kBornLife); // in each of which a tenth dies
-constexpr u32 kBornCount = kAliveCount / kFrameCount;
+constexpr u32 kLifeFrameCount = u32(kBornLife); // in each of which a tenth dies
+constexpr u32 kBornCount = kAliveCount / kLifeFrameCount;
+constexpr u32 kFrameCount =
+    5 * kLifeFrameCount; // of a round: what the sides before it left in the caches counts little
 
-// Takes one frame off everyone's life, and lists who has none left: of 32 at a time it notes a bit each. Everyone's
-// columns run through this, where the dead are listed.
-TZ_NOINLINE u32 Age(float *life, u32 count, u32 *outDead)
+// Takes one frame off 32 lives; gives a bit for each that is over.
+u32 AgeOf32(float *life)
 {
     using SFloats4 = float __attribute__((vector_size(16)));
     using SInts4 = s32 __attribute__((vector_size(16)));
-    u32 deadCount = 0, i = 0;
-    for (; i + 32 <= count; i += 32)
+    SInts4 dead = {}, bits = {1, 2, 4, 8};
+    for (float *four = life; four != life + 32; four += 4, bits <<= 4)
     {
-        SInts4 dead = {}, bits = {1, 2, 4, 8};
-        for (float *four = life + i; four != life + i + 32; four += 4, bits <<= 4)
-        {
-            SFloats4 lives;
-            std::memcpy(&lives, four, sizeof(lives));
-            lives -= 1.0f;
-            std::memcpy(four, &lives, sizeof(lives));
-            dead |= (lives < 0.5f) & bits;
-        }
-        for (u32 left = u32(dead[0] | dead[1] | dead[2] | dead[3]); left != 0; left &= left - 1)
-            outDead[deadCount++] = i + u32(__builtin_ctz(left));
+        SFloats4 lives;
+        std::memcpy(&lives, four, sizeof(lives));
+        lives -= 1.0f;
+        std::memcpy(four, &lives, sizeof(lives));
+        dead |= (lives < 0.5f) & bits;
+    }
+    return u32(dead[0] | dead[1] | dead[2] | dead[3]);
+}
+
+// Takes one frame off everyone's life, and lists who has none left. Everyone's columns run through this, where the dead
+// are listed.
+TZ_NOINLINE u32 Age(float *life, u32 count, u32 *outDead)
+{
+    u32 deadCount = 0, i = 0;
+    for (; i + 64 <= count; i += 64)
+    {
+        const u64 first = AgeOf32(life + i), second = AgeOf32(life + i + 32);
+        for (u64 left = first | second << 32; left != 0; left &= left - 1)
+            outDead[deadCount++] = i + u32(__builtin_ctzll(left));
     }
     for (; i < count; ++i)
     {
