@@ -92,7 +92,7 @@ namespace IntegerTools
 {
 
 // Index of the highest set bit. Requires value != 0.
-inline u32 Log2(u32 value) { return 31u - static_cast<u32>(__builtin_clz(value)); }
+constexpr u32 Log2(u32 value) { return 31u - static_cast<u32>(__builtin_clz(value)); }
 
 } // namespace IntegerTools
 

@@ -12,6 +12,7 @@ namespace
 int g_AllocCount = 0;
 int g_AssertCount = 0;
 int g_UnlockCount = 0;
+int g_DeathCount = 0;
 
 } // namespace
 
@@ -30,6 +31,14 @@ int Assert::EvalAssert(const char *, const char *, int, const char *, const char
     return Result_Continue;
 }
 
+// Without asking the object whether it is to wait for reuse.
+void CRefCountedObject::_DeleteObject(CRefCountedObject *object, void *memory)
+{
+    ++g_DeathCount;
+    object->~CRefCountedObject();
+    Mem::_RawFree(memory, Mem::AllocType_Generic, Mem::Origin_New, Mem::kDefaultTag, "", 0, "");
+}
+
 void CThreadStats::RegisterCSUnlock() { ++g_UnlockCount; }
 
 } // namespace Tessaly
@@ -43,8 +52,12 @@ int main()
         CParticleStream_MainMemory stream(0);
         stream.Clear();
         stream.UnlockPages(); // reported: nobody holds the lock
+        Particles::PageAllocator()->AllocPage(1000);
     }
+    const bool isFreed =
+        Particles::PageAllocator()->TotalMemoryAllocated() + Particles::PageAllocator()->TotalMemoryAvailable() == 0;
     Particles::Shutdown();
-    std::printf("%d blocks, %d reports, %d unlocks\n", g_AllocCount, g_AssertCount, g_UnlockCount);
-    return g_AllocCount != 0 && g_AssertCount != 0 && g_UnlockCount != 0 ? 0 : 1;
+    std::printf("%d blocks, %d reports, %d unlocks, %d deaths\n", g_AllocCount, g_AssertCount, g_UnlockCount,
+                g_DeathCount);
+    return g_AllocCount != 0 && g_AssertCount != 0 && g_UnlockCount != 0 && g_DeathCount == 1 && isFreed ? 0 : 1;
 }

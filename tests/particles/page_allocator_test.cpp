@@ -2,6 +2,7 @@
 
 #include <future>
 #include <random>
+#include <set>
 #include <thread>
 
 #include <support/stream_fixture.h>
@@ -61,6 +62,51 @@ TEST_F(PageAllocator, BlocksAreRecycled)
     EXPECT_EQ(after.m_BlocksFree, before.m_BlocksFree - 1);
     EXPECT_EQ(after.m_BytesFree, before.m_BytesFree - again->Size());
     EXPECT_EQ(after.m_BytesInUse, again->Size());
+}
+
+TEST_F(PageAllocator, BlocksServeBareAndUnderRawPages)
+{
+    u32 leastSize = 0;
+    for (u32 slotId = 0; const u32 size = Allocator::_SlotIdToSize(slotId); ++slotId)
+    {
+        u8 *block = Pages().Alloc(leastSize);
+        std::memset(block, 1, size);
+        EXPECT_EQ(Pages().TotalMemoryAllocated(), size);
+        Pages().Retire(block, size);
+        {
+            const PParticleRawPage_MainMemory rawPage = Pages().AllocPage(leastSize);
+            EXPECT_TRUE(rawPage->RawDataForWriting() == block && rawPage->Size() == size) << size;
+        }
+        EXPECT_EQ(Pages().Alloc(size), block);
+        Pages().Retire(block, leastSize);
+        leastSize = size + 1;
+    }
+    Pages().Retire(Pages().Alloc(leastSize), leastSize);
+    Pages().Retire(null, leastSize);
+    EXPECT_EQ(Pages().TotalMemoryAllocated(), 0u);
+    EXPECT_EQ(Stats().m_AllocCount - Stats().m_RecycleCount, Stats().m_BlocksFree + 1) << "never pooled";
+}
+
+TEST_F(PageAllocator, NoBlockIsLostOrServedTwice)
+{
+    u64 recycleCount = 0;
+    for (const u32 size : {700u, 100000u, Allocator::kMaxAllocSize})
+    {
+        std::set<const u8 *> blocks;
+        std::vector<PParticleRawPage_MainMemory> held(150);
+        for (u32 round = 0; round < 6; ++round)
+        {
+            Pages().SetMemoryBudget(round == 2 || round == 3 ? u64(1) << 40 : 0); // past the threads' fronts
+            if (round == 5)
+                Pages().Update();
+            for (PParticleRawPage_MainMemory &page : held)
+                blocks.insert((page = Pages().AllocPage(size))->RawDataForWriting());
+            EXPECT_EQ(blocks.size(), held.size());
+            recycleCount += round != 0 ? held.size() : 0;
+            EXPECT_EQ(Stats().m_RecycleCount, recycleCount);
+            std::fill(held.begin(), held.end(), null);
+        }
+    }
 }
 
 TEST_F(PageAllocator, IdleBlocksGoBackAndBusyOnesStay)
@@ -215,17 +261,26 @@ TEST_F(PageAllocator, WhatWaitsWithAThreadIsWithinReach)
 TEST_F(PageAllocator, ThreadsMayLetBlocksGoAtTheirVeryEnd)
 {
     using PRawPage = PParticleRawPage_MainMemory;
+    Pages().AllocPage(700); // makes the key of the fronts, so that it is the first
     pthread_key_t key;
     ASSERT_EQ(pthread_key_create(&key, [](void *held) { delete static_cast<PRawPage *>(held); }), 0);
     for (u32 i = 0; i < 3; ++i)
     {
         PRawPage *held = new PRawPage(Pages().AllocPage(700));
-        std::thread([&] { pthread_setspecific(key, held); }).join();
+        const bool hasFront = i != 0;
+        std::thread(
+            [&]
+            {
+                if (hasFront)
+                    Pages().AllocPage(700);
+                pthread_setspecific(key, held);
+            })
+            .join();
         EXPECT_EQ(Pages().TotalMemoryAllocated(), 0u);
     }
     pthread_key_delete(key);
     Pages().Update();
-    EXPECT_EQ(Stats().m_BlocksFree, 1u);
+    EXPECT_EQ(Stats().m_BlocksFree, Stats().m_AllocCount - Stats().m_RecycleCount) << "none is lost";
 }
 
 TEST_F(PageAllocator, BlocksOutliveTheLastShutdown)

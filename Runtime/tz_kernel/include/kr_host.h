@@ -33,7 +33,8 @@
 //   release, and must take no critical section); CCriticalSection's construction, destruction and TryLock.
 // - kr_containers_internals.h: CContainersMonitorTArrays. Told of each change of a buffer's size before it is made,
 //   while the flag is set.
-// - kr_refptr.h: CRefCountedObject::_DeleteObject. It must ask _KeepForReuse first, as the default one does.
+// - kr_refptr.h: CRefCountedObject::_DeleteObject. It calls the object's _DeleteObjectOrKeep, as the default one does;
+//   where it runs the destructor and frees the memory itself, raw pages die instead of waiting for reuse.
 #pragma once
 
 #include <tz_assert.h>

@@ -27,7 +27,8 @@ public:
     // Drops a reference and returns the new count; never destroys.
     u32 _InternalRemoveReference() const
     {
-        if (m_StrongRefCount.Load() == 1) // the caller's own: no other thread has one to copy, a plain store serves
+        // The caller's own: no other thread has one to copy, a plain store serves.
+        if (TZ_LIKELY(m_StrongRefCount.Load() == 1))
         {
             __atomic_store_n(&m_StrongRefCount.m_Value, 0u, __ATOMIC_RELAXED);
             return 0;
@@ -64,12 +65,12 @@ public:
         _DeleteObject(dead, dead);
     }
 
-    // The service that ends an object: runs the destructor and frees memory, which came from the kernel's new. The
-    // default one asks the object first whether it is kept.
+    // The service that ends an object: the default one leaves it to the object.
     static void _DeleteObject(CRefCountedObject *object, void *memory);
 
-    // True when an object without references goes to where it waits for reuse instead of dying.
-    virtual bool _KeepForReuse() { return false; }
+    // Runs the destructor and frees memory, which came from the kernel's new. A class may put its objects where they
+    // wait for reuse instead.
+    virtual void _DeleteObjectOrKeep(void *memory);
 };
 
 // The parts of a reference.
@@ -142,14 +143,14 @@ public:
     ~TRefPtr() { _P::DelRef(_P::m_Ptr); }
 
     // The first reference to an object that no other thread knows yet; null is allowed.
-    static TRefPtr _FromUnreferenced(_Type *object)
+    static TRefPtr _FromUnreferenced(_Type &object)
     {
         TRefPtr reference;
-        if (object != null)
-            object->_InternalSetFirstRef();
-        reference.m_Ptr = object;
+        reference.m_Ptr = &object;
+        object._InternalSetFirstRef();
         return reference;
     }
+    static TRefPtr _FromUnreferenced(_Type *object) { return object != null ? _FromUnreferenced(*object) : TRefPtr(); }
 
     // Lets its object go and refers to another one, or to none.
     TRefPtr &operator=(_Type *object)

@@ -33,8 +33,9 @@ public:
     // The block's bytes. Requires that nobody reads it (asserted).
     u8 *RawDataForWriting()
     {
-        TZ_ASSERT(ReadersCount() == 0);
-        _OpenWholeBlock();
+        if (TZ_UNLIKELY(ReadersCount() != 0)) // else the site's flag does not matter
+            TZ_ASSERT(ReadersCount() == 0);
+        _OpenWholeBlockIFN();
         return m_Data;
     }
 
@@ -43,7 +44,7 @@ public:
     const u8 *BeginRead() const
     {
         __atomic_fetch_add(&m_ReadersCount, 1, __ATOMIC_ACQ_REL);
-        _OpenWholeBlock(); // a reader may copy free slots and all
+        _OpenWholeBlockIFN(); // a reader may copy free slots and all
         return m_Data;
     }
     void EndRead() const { __atomic_fetch_sub(&m_ReadersCount, 1, __ATOMIC_ACQ_REL); }
@@ -56,37 +57,33 @@ private:
     template <typename _Type>
     friend void Mem::Delete(const Mem::SCallSite &site, _Type *object);
 
-    CParticleRawPage_MainMemory(u8 *data, u32 size, u32 slotId, CParticlePageAllocator *allocator)
+    CParticleRawPage_MainMemory(u8 *data, u32 size, u32 slotId, CParticlePageAllocator *allocator, bool hasClosedBytes)
         : m_Data(data)
         , m_Size(size)
         , m_ReadersCount(0)
         , m_Allocator(allocator)
         , m_SlotId(slotId)
-        , m_Next(null)
-        , m_NewerBatch(null)
-        , m_OlderBatch(null)
-        , m_BatchCount(0)
-        , m_BatchDate(0)
         , m_IsWaiting(false)
+        , m_HasClosedBytes(hasClosedBytes)
     {
     }
     ~CParticleRawPage_MainMemory() override;
-    bool _KeepForReuse() override;
-    // For the address sanitizer. Not inline: what counts is whether the library is compiled for it, not its host.
+    void _DeleteObjectOrKeep(void *memory) override;
+    TZ_NOINLINE void _DeleteObjectOrKeepElsewhere(void *memory);
+    void _OpenWholeBlockIFN() const
+    {
+        if (m_HasClosedBytes)
+            _OpenWholeBlock();
+    }
     void _OpenWholeBlock() const;
 
     u8 *m_Data;
     u32 m_Size;
     mutable u32 m_ReadersCount;
     CParticlePageAllocator *m_Allocator;
-    u32 m_SlotId;                        // size class; kPoolSlotCount: none
-    CParticleRawPage_MainMemory *m_Next; // while it waits: behind it in its batch
-    // The rest of a batch's record, in its first raw page while the batch is in the pool.
-    CParticleRawPage_MainMemory *m_NewerBatch;
-    CParticleRawPage_MainMemory *m_OlderBatch;
-    u32 m_BatchCount;
-    u32 m_BatchDate;  // the allocator's date when it came to the pool
-    bool m_IsWaiting; // while it dies: it was not in use
+    u32 m_SlotId;          // size class; kPoolSlotCount: none
+    bool m_IsWaiting;      // while it dies: it was not in use
+    bool m_HasClosedBytes; // the library, whatever its host, is compiled for the address sanitizer
 };
 
 // References to a raw page.
@@ -184,7 +181,7 @@ public:
     void GetTotalStats(CParticlePageAllocator_Stats &outStats) const;
 
     // Size class of a block: the smallest one that holds size bytes; kPoolSlotCount above kMaxAllocSize.
-    static u32 _SizeToSlotId(u32 sizeInBytes);
+    static constexpr u32 _SizeToSlotId(u32 sizeInBytes);
     static u32 _SlotIdToSize(u32 slotId); // bytes; 0 for a class that does not exist
 
 private:
@@ -199,6 +196,12 @@ private:
         SArena *m_Arena;
         CParticleRawPage_MainMemory *m_RawPage; // null while the block is bare
         SBlockHeader *m_NextBare;
+        // Of a batch in the pool, in the header of its oldest block. The addresses of its other blocks, the newest
+        // last, stand in that block's bytes.
+        SBlockHeader *m_NewerBatch;
+        SBlockHeader *m_OlderBatch;
+        u32 m_BatchCount;
+        u32 m_BatchDate; // the allocator's date when it came to the pool
     };
 
     // A run of blocks of one class, in one piece of memory that begins with this record.
@@ -222,20 +225,26 @@ private:
         void *m_Header; // null: there is none
     };
 
-    // One size class: the raw pages that wait in no thread's front, newest batch first, and the arenas.
+    // One size class: the blocks that wait in no thread's front, newest batch first, and the arenas.
     struct SBlockPool
     {
         u32 m_IsLocked; // guards the rest; held for a few instructions only
         u32 m_WaitingCount;
-        CParticleRawPage_MainMemory *m_NewestBatch;
-        CParticleRawPage_MainMemory *m_OldestBatch;
+        SBlockHeader *m_NewestBatch;
+        SBlockHeader *m_OldestBatch;
         SArena *m_Arenas;   // that have a block to give
         u32 m_BlockCount;   // of all arenas, carved or not
-        u64 m_AllocCount;   // raw pages handed out, but for what the fronts count
-        u64 m_RecycleCount; // of these, raw pages that had waited here
-        u64 m_RetireCount;  // raw pages taken back
+        u64 m_AllocCount;   // blocks handed out, but for what the fronts count
+        u64 m_RecycleCount; // of these, blocks that had waited here
+        u64 m_RetireCount;  // blocks taken back
     };
     struct SFrontClass;
+    struct SFrontCounts
+    {
+        u64 m_WaitingCount;
+        u64 m_UsedCount; // by the fronts' account; may be below 0
+        u64 m_TakeCount;
+    };
     struct SThreadFront;
     class CFrontUse;
     class CThreadExit;
@@ -262,15 +271,16 @@ private:
     bool _TakeBytes(u32 blockBytes); // false: the budget is out
     void _GiveShare(u64 share);      // may destroy this
     void _CountRefusal() { __atomic_fetch_add(&m_Stats->m_RefusalCount, 1, __ATOMIC_RELAXED); }
-    CParticleRawPage_MainMemory *_TakeRawPage(u32 sizeInBytes);
-    TZ_NOINLINE CParticleRawPage_MainMemory *_TakeOtherRawPage(u32 slotId, u32 sizeInBytes);
-    CParticleRawPage_MainMemory *_TakeFromPool(u32 slotId);
-    CParticleRawPage_MainMemory *_TakeWaiting(SBlockPool &pool);
-    CParticleRawPage_MainMemory *_NewRawPage(u32 slotId, u32 blockBytes);
+    bool _TakeFromFront(u32 slotId, u8 *&outBlock);
+    TZ_NOINLINE u8 *_TakeElsewhere(u32 sizeInBytes);
+    u8 *_TakeFromPool(u32 slotId);
+    u8 *_TakeWaiting(SBlockPool &pool);
+    u8 *_NewRawPage(u32 slotId, u32 blockBytes);
     SBlockPlace _TakeBlock(u32 slotId, u32 blockBytes);
     SBlockHeader *_NewBlock(u32 slotId, u32 blockBytes);
-    bool _TakeBack(CParticleRawPage_MainMemory &rawPage); // false: it is not to wait
-    TZ_NOINLINE bool _TakeBackElsewhere(CParticleRawPage_MainMemory &rawPage);
+    bool _GiveToFront(u8 *block, u32 slotId);
+    bool _GiveElsewhere(CParticleRawPage_MainMemory &rawPage); // false: it is not to wait
+    TZ_NOINLINE void _RetireElsewhere(u8 *block);
     void _ReturnBlock(CParticleRawPage_MainMemory &rawPage);
     void _BareBlock(u32 slotId, SBlockHeader *header);
     void _FreeRawPagesRetiredBefore(u32 date);
@@ -279,26 +289,24 @@ private:
     u32 _Date() const { return __atomic_load_n(&m_CurrentDate, __ATOMIC_RELAXED); }
     void _AddStatsOfClass(u32 slotId, CParticlePageAllocator_Stats &stats) const;
 
-    // Batches: raw pages that wait and move between fronts and pool together, the newest first; under the pool's lock.
-    static u32 _BatchSize(u32 slotId); // raw pages at most
-    static void _PushBatch(SBlockPool &pool, CParticleRawPage_MainMemory *first, u32 count, u32 date);
-    static CParticleRawPage_MainMemory *_PopBatch(SBlockPool &pool);
-    static void _UnlinkBatch(SBlockPool &pool, CParticleRawPage_MainMemory &first);
-    static void _PutWaiting(SBlockPool &pool, CParticleRawPage_MainMemory &rawPage, u32 date);
+    // Batches: blocks that wait and move between fronts and pool together.
+    static u32 _BatchSize(u32 slotId); // blocks at most
+    static SBlockHeader &_MakeBatch(u8 *const *blocks, u32 count);
+    static u32 _ReadBatch(SBlockHeader &first, u8 **outBlocks);
+    static void _LinkBatch(SBlockPool &pool, SBlockHeader &first, u32 date); // this and what follows: under its lock
+    static void _UnlinkBatch(SBlockPool &pool, SBlockHeader &first);
 
     // The calling thread's front.
-    CParticleRawPage_MainMemory *_TakeFromFront(u32 slotId);
-    bool _GiveToFront(CParticleRawPage_MainMemory &rawPage);
     bool _HasRefilled(u32 slotId);
     bool _HasRoom(u32 slotId);
-    void _BeginBatch(SFrontClass &frontClass, u32 slotId);
-    void _MoveSpareToPool(SFrontClass &frontClass, u32 slotId);
+    void _MoveOldestToPool(SFrontClass &frontClass, u32 slotId, u32 count);
     void _BindFrontIFN();
     static void _UnbindFront(SThreadFront &front);
     // All fronts of this allocator: shuts them, empties them and their counts into the pools, and opens them unless
     // there is a budget.
     void _EmptyFronts();
     void _EmptyFront(SThreadFront &front);
+    SFrontCounts _CountInFronts(u32 slotId) const;
     void _UnbindAllFronts();
     void _UnbindAllFronts_NoLock();
     void _ShutFronts_NoLock();
@@ -307,8 +315,7 @@ private:
     static SThreadFront *m_Fronts; // that are bound to any allocator; under the lock of all fronts
 
     TArray<SBlockPool> m_Blocks;
-    u64 m_Serial; // unlike that of any other allocator of the process
-    TSharedField<bool, __ATOMIC_ACQUIRE, __ATOMIC_RELEASE> m_FrontsAreOpen;
+    TSharedField<bool> m_FrontsAreOpen; // to new ones; written under the lock of all fronts
     TSharedField<bool> m_IsLeftToBlocks;
     u64 m_MemoryBudget;
     Threads::CCriticalSection m_Lock; // serialises maintenance; never taken by AllocPage, Alloc and Retire
@@ -317,7 +324,7 @@ private:
     CParticlePageAllocator_Stats *m_Stats; // what no class counts: oversized blocks and refusals
 };
 
-inline u32 CParticlePageAllocator::_SizeToSlotId(u32 sizeInBytes)
+constexpr u32 CParticlePageAllocator::_SizeToSlotId(u32 sizeInBytes)
 {
     if (sizeInBytes > kMaxAllocSize)
         return kPoolSlotCount;

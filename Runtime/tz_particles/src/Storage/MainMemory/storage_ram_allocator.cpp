@@ -1,6 +1,8 @@
 // The page allocator: size classes, arenas, pools, budget, maintenance. The threads' fronts are in a file of their own.
 #include <sys/mman.h>
 
+#include <cstring>
+
 #include <tz_kernel/include/kr_address_sanitizer.h>
 #include <tz_kernel/include/kr_mem.h>
 #include <tz_memory.h>
@@ -13,11 +15,11 @@ namespace Tessaly
 namespace
 {
 
+using PageClasses::kBlockAlignment;
 using PageClasses::kMinAllocSizeLog2;
 using PageClasses::kStepsPerDoubling;
 using PageClasses::kUsedSlotCount;
 
-constexpr u32 kBlockAlignment = 64;
 constexpr u32 kArenaRecordBytes = 2 * kBlockAlignment; // up to the first header, wherever the arena lies
 constexpr u32 kHugePageBytes = 2 << 20;
 constexpr u32 kMinArenaBytes = 64 << 10;
@@ -46,13 +48,10 @@ void TouchEndOfHugePage(ureg start)
 #endif
 }
 
-u64 g_LastSerial = 0; // of an allocator
-
 } // namespace
 
 CParticlePageAllocator::CParticlePageAllocator()
-    : m_Serial(__atomic_add_fetch(&g_LastSerial, 1, __ATOMIC_RELAXED))
-    , m_FrontsAreOpen(false)
+    : m_FrontsAreOpen(false)
     , m_IsLeftToBlocks(false)
     , m_MemoryBudget(0)
     , m_TotalMemoryUsed(kOwnerShare)
@@ -93,14 +92,6 @@ u32 CParticlePageAllocator::_SlotIdToSize(u32 slotId)
     const u32 step = slotId % kStepsPerDoubling;
     return ((kStepsPerDoubling + step) << (kMinAllocSizeLog2 + doubling)) / kStepsPerDoubling;
 }
-
-// A header takes the 64 bytes in front of its block.
-CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_Header(u8 *block)
-{
-    return reinterpret_cast<SBlockHeader *>(block - kBlockAlignment);
-}
-
-u8 *CParticlePageAllocator::_Block(SBlockHeader *header) { return reinterpret_cast<u8 *>(header) + kBlockAlignment; }
 
 // Bytes that a block takes in an arena, its header included.
 u64 CParticlePageAllocator::_BlockStride(u32 blockBytes)
@@ -224,59 +215,65 @@ void CParticlePageAllocator::_GiveShare(u64 share)
         Mem::Delete(TZ_CALL_SITE, this);
 }
 
-void CParticlePageAllocator::_PushBatch(SBlockPool &pool, CParticleRawPage_MainMemory *first, u32 count, u32 date)
+// A batch of blocks that wait, the oldest first. Where it keeps their addresses the address sanitizer sees less: it
+// has to, to know that they are not lost.
+CParticlePageAllocator::SBlockHeader &CParticlePageAllocator::_MakeBatch(u8 *const *blocks, u32 count)
 {
-    first->m_BatchCount = count;
-    first->m_BatchDate = date;
-    first->m_NewerBatch = null;
-    first->m_OlderBatch = pool.m_NewestBatch;
-    (pool.m_NewestBatch != null ? pool.m_NewestBatch->m_NewerBatch : pool.m_OldestBatch) = first;
-    pool.m_NewestBatch = first;
-    pool.m_WaitingCount += count;
+    const size_t listBytes = (count - 1) * sizeof(*blocks);
+    Mem::Unpoison(blocks[0], listBytes);
+    std::memcpy(blocks[0], blocks + 1, listBytes);
+    SBlockHeader &first = *_Header(blocks[0]);
+    first.m_BatchCount = count;
+    return first;
 }
 
-void CParticlePageAllocator::_UnlinkBatch(SBlockPool &pool, CParticleRawPage_MainMemory &first)
+// The blocks of a batch that is in no pool any more, the oldest first; returns their number.
+u32 CParticlePageAllocator::_ReadBatch(SBlockHeader &first, u8 **outBlocks)
+{
+    const u32 count = first.m_BatchCount;
+    const size_t listBytes = (count - 1) * sizeof(*outBlocks);
+    outBlocks[0] = _Block(&first);
+    std::memcpy(outBlocks + 1, outBlocks[0], listBytes);
+    Mem::Poison(outBlocks[0], listBytes);
+    return count;
+}
+
+void CParticlePageAllocator::_LinkBatch(SBlockPool &pool, SBlockHeader &first, u32 date)
+{
+    first.m_BatchDate = date;
+    first.m_NewerBatch = null;
+    first.m_OlderBatch = pool.m_NewestBatch;
+    (pool.m_NewestBatch != null ? pool.m_NewestBatch->m_NewerBatch : pool.m_OldestBatch) = &first;
+    pool.m_NewestBatch = &first;
+    pool.m_WaitingCount += first.m_BatchCount;
+}
+
+void CParticlePageAllocator::_UnlinkBatch(SBlockPool &pool, SBlockHeader &first)
 {
     (first.m_NewerBatch != null ? first.m_NewerBatch->m_OlderBatch : pool.m_NewestBatch) = first.m_OlderBatch;
     (first.m_OlderBatch != null ? first.m_OlderBatch->m_NewerBatch : pool.m_OldestBatch) = first.m_NewerBatch;
     pool.m_WaitingCount -= first.m_BatchCount;
 }
 
-// The newest batch, or null.
-CParticleRawPage_MainMemory *CParticlePageAllocator::_PopBatch(SBlockPool &pool)
-{
-    CParticleRawPage_MainMemory *first = pool.m_NewestBatch;
-    if (first != null)
-        _UnlinkBatch(pool, *first);
-    return first;
-}
-
-// The newest raw page that waits in the pool, or null.
-CParticleRawPage_MainMemory *CParticlePageAllocator::_TakeWaiting(SBlockPool &pool)
+// The newest block that waits in the pool, or null.
+u8 *CParticlePageAllocator::_TakeWaiting(SBlockPool &pool)
 {
     const CPoolLock lock(pool);
-    CParticleRawPage_MainMemory *rawPage = _PopBatch(pool);
-    if (rawPage == null)
+    SBlockHeader *first = pool.m_NewestBatch;
+    if (first == null)
         return null;
-    if (rawPage->m_Next != null)
-        _PushBatch(pool, rawPage->m_Next, rawPage->m_BatchCount - 1, rawPage->m_BatchDate);
+    u8 *block = _Block(first);
+    if (first->m_BatchCount > 1)
+    {
+        const u32 newest = --first->m_BatchCount - 1; // among those that stand in the oldest one's bytes
+        std::memcpy(&block, block + newest * sizeof(block), sizeof(block));
+        --pool.m_WaitingCount;
+    }
+    else
+        _UnlinkBatch(pool, *first);
     ++pool.m_AllocCount;
     ++pool.m_RecycleCount;
-    return rawPage;
-}
-
-// Joins the newest batch when that is of the same date and not full, else begins one.
-void CParticlePageAllocator::_PutWaiting(SBlockPool &pool, CParticleRawPage_MainMemory &rawPage, u32 date)
-{
-    const CPoolLock lock(pool);
-    CParticleRawPage_MainMemory *batch = pool.m_NewestBatch;
-    if (batch != null && (batch->m_BatchDate != date || batch->m_BatchCount >= _BatchSize(rawPage.m_SlotId)))
-        batch = null;
-    if (batch != null)
-        _UnlinkBatch(pool, *batch);
-    rawPage.m_Next = batch;
-    _PushBatch(pool, &rawPage, batch != null ? batch->m_BatchCount + 1 : 1, date);
-    ++pool.m_RetireCount;
+    return block;
 }
 
 // A block from an arena of its class, or from a new one. None, when memory is out.
@@ -315,16 +312,17 @@ CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_NewBlock(u32 slot
     const ureg hugePage = Mem::Align<kHugePageBytes>(start);
     if (hugePage < TZMin(start + ureg(_BlockStride(blockBytes)), place.m_Arena->m_HugePagesEnd))
         TouchEndOfHugePage(hugePage);
-    return Mem::Construct<SBlockHeader>(place.m_Header, SBlockHeader{place.m_Arena, null, null});
+    return Mem::Construct<SBlockHeader>(place.m_Header, SBlockHeader{place.m_Arena, null, null, null, null, 0, 0});
 }
 
-// A raw page on a block that was bare, or null.
-CParticleRawPage_MainMemory *CParticlePageAllocator::_NewRawPage(u32 slotId, u32 blockBytes)
+// A block that was bare, with a raw page on it, or null.
+u8 *CParticlePageAllocator::_NewRawPage(u32 slotId, u32 blockBytes)
 {
     SBlockHeader *header = _NewBlock(slotId, blockBytes);
     if (header == null)
         return null;
-    header->m_RawPage = Mem::New<CParticleRawPage_MainMemory>(TZ_CALL_SITE, _Block(header), blockBytes, slotId, this);
+    header->m_RawPage = Mem::New<CParticleRawPage_MainMemory>(TZ_CALL_SITE, _Block(header), blockBytes, slotId, this,
+                                                              Mem::kIsAddressSanitized);
     if (header->m_RawPage == null)
     {
         _BareBlock(slotId, header);
@@ -337,95 +335,104 @@ CParticleRawPage_MainMemory *CParticlePageAllocator::_NewRawPage(u32 slotId, u32
     }
     else
         __atomic_fetch_add(&m_Stats->m_AllocCount, 1, __ATOMIC_RELAXED);
-    return header->m_RawPage;
+    return _Block(header);
 }
 
-// A raw page from the pool, else a new one; in want of memory, one that waits with another thread.
-CParticleRawPage_MainMemory *CParticlePageAllocator::_TakeFromPool(u32 slotId)
+// A block from the pool, else a new one; in want of memory, one that waits with another thread.
+u8 *CParticlePageAllocator::_TakeFromPool(u32 slotId)
 {
     SBlockPool &pool = _Pool(slotId);
-    CParticleRawPage_MainMemory *rawPage = _TakeWaiting(pool);
-    if (rawPage == null)
-        rawPage = _NewRawPage(slotId, _SlotIdToSize(slotId));
-    if (rawPage == null)
+    u8 *block = _TakeWaiting(pool);
+    if (block == null)
+        block = _NewRawPage(slotId, _SlotIdToSize(slotId));
+    if (block == null)
     {
         _EmptyFronts();
-        rawPage = _TakeWaiting(pool);
+        block = _TakeWaiting(pool);
     }
-    return rawPage;
+    return block;
 }
 
-// A raw page without a reference, accounted for; null when memory or the budget is out.
-inline CParticleRawPage_MainMemory *CParticlePageAllocator::_TakeRawPage(u32 sizeInBytes)
-{
-    const u32 slotId = _SizeToSlotId(sizeInBytes);
-    CParticleRawPage_MainMemory *rawPage = slotId < kPoolSlotCount ? _TakeFromFront(slotId) : null;
-    if (rawPage == null)
-        rawPage = _TakeOtherRawPage(slotId, sizeInBytes);
-    if (rawPage != null)
-        Mem::Unpoison(rawPage->m_Data, rawPage->m_Size);
-    return rawPage;
-}
-
-// The same, when there is none in the batch at hand.
-CParticleRawPage_MainMemory *CParticlePageAllocator::_TakeOtherRawPage(u32 slotId, u32 sizeInBytes)
+// A block, accounted for, when the front has none at hand; null when memory or the budget is out.
+u8 *CParticlePageAllocator::_TakeElsewhere(u32 sizeInBytes)
 {
     if (!Valid())
         return null;
+    const u32 slotId = _SizeToSlotId(sizeInBytes);
     const bool isPooled = slotId < kPoolSlotCount;
     if (isPooled && _HasRefilled(slotId))
     {
-        if (CParticleRawPage_MainMemory *rawPage = _TakeFromFront(slotId))
-            return rawPage;
+        u8 *block;
+        if (_TakeFromFront(slotId, block))
+            return block;
     }
     const u32 blockBytes = isPooled ? _SlotIdToSize(slotId) : sizeInBytes;
     if (_TakeBytes(blockBytes))
     {
-        CParticleRawPage_MainMemory *rawPage = isPooled ? _TakeFromPool(slotId) : _NewRawPage(slotId, blockBytes);
-        if (rawPage != null)
-            return rawPage;
+        if (u8 *block = isPooled ? _TakeFromPool(slotId) : _NewRawPage(slotId, blockBytes))
+        {
+            Mem::Unpoison(block, blockBytes);
+            return block;
+        }
         _GiveShare(blockBytes);
     }
     _CountRefusal();
     return null;
 }
 
-PParticleRawPage_MainMemory CParticlePageAllocator::AllocPage(u32 sizeInBytes)
-{
-    return PParticleRawPage_MainMemory::_FromUnreferenced(_TakeRawPage(sizeInBytes));
-}
-
 u8 *CParticlePageAllocator::Alloc(u32 sizeInBytes)
 {
-    CParticleRawPage_MainMemory *rawPage = _TakeRawPage(sizeInBytes);
-    return rawPage != null ? rawPage->m_Data : null;
+    u8 *block;
+    if (TZ_LIKELY(sizeInBytes <= kMaxAllocSize && _TakeFromFront(PageClasses::SlotIdOf(sizeInBytes), block)))
+        return block;
+    return _TakeElsewhere(sizeInBytes);
 }
 
-void CParticlePageAllocator::Retire(u8 *block, u32 /*sizeInBytes*/)
+PParticleRawPage_MainMemory CParticlePageAllocator::AllocPage(u32 sizeInBytes)
+{
+    u8 *block;
+    if (TZ_UNLIKELY(sizeInBytes > kMaxAllocSize || !_TakeFromFront(PageClasses::SlotIdOf(sizeInBytes), block)))
+    {
+        block = _TakeElsewhere(sizeInBytes);
+        if (block == null)
+            return null;
+    }
+    return PParticleRawPage_MainMemory::_FromUnreferenced(*_Header(block)->m_RawPage);
+}
+
+void CParticlePageAllocator::Retire(u8 *block, u32 sizeInBytes)
+{
+    if (TZ_UNLIKELY(block == null || sizeInBytes > kMaxAllocSize ||
+                    !_GiveToFront(block, PageClasses::SlotIdOf(sizeInBytes))))
+        _RetireElsewhere(block);
+}
+
+void CParticlePageAllocator::_RetireElsewhere(u8 *block)
 {
     if (block == null)
         return;
     CParticleRawPage_MainMemory *rawPage = _Header(block)->m_RawPage;
-    if (!_TakeBack(*rawPage))
+    if (!_GiveElsewhere(*rawPage))
         Mem::Delete(TZ_CALL_SITE, rawPage);
 }
 
-inline bool CParticlePageAllocator::_TakeBack(CParticleRawPage_MainMemory &rawPage)
-{
-    Mem::Poison(rawPage.m_Data, rawPage.m_Size);
-    return (rawPage.m_SlotId < kPoolSlotCount && _GiveToFront(rawPage)) || _TakeBackElsewhere(rawPage);
-}
-
-// The same, when the batch at hand has no room.
-bool CParticlePageAllocator::_TakeBackElsewhere(CParticleRawPage_MainMemory &rawPage)
+// Lets a block wait that the front has no room at hand for; false when it is not to.
+bool CParticlePageAllocator::_GiveElsewhere(CParticleRawPage_MainMemory &rawPage)
 {
     const u32 slotId = rawPage.m_SlotId;
     if (slotId >= kPoolSlotCount || m_IsLeftToBlocks)
         return false;
-    if (_HasRoom(slotId) && _GiveToFront(rawPage))
+    if (_HasRoom(slotId) && _GiveToFront(rawPage.m_Data, slotId))
         return true;
     const u32 blockBytes = rawPage.m_Size; // once it waits it may be anybody's
-    _PutWaiting(_Pool(slotId), rawPage, _Date());
+    Mem::Poison(rawPage.m_Data, blockBytes);
+    SBlockPool &pool = _Pool(slotId);
+    {
+        SBlockHeader &batch = _MakeBatch(&rawPage.m_Data, 1);
+        const CPoolLock lock(pool);
+        _LinkBatch(pool, batch, _Date());
+        ++pool.m_RetireCount;
+    }
     _GiveShare(blockBytes);
     return true;
 }
@@ -438,10 +445,17 @@ CParticleRawPage_MainMemory::~CParticleRawPage_MainMemory()
 
 void CParticleRawPage_MainMemory::_OpenWholeBlock() const { Mem::Unpoison(m_Data, m_Size); }
 
-bool CParticleRawPage_MainMemory::_KeepForReuse()
+void CParticleRawPage_MainMemory::_DeleteObjectOrKeep(void *memory)
 {
     __atomic_store_n(&m_ReadersCount, 0u, __ATOMIC_RELAXED); // readers who forgot to end
-    return m_Allocator->_TakeBack(*this);
+    if (TZ_UNLIKELY(!m_Allocator->_GiveToFront(m_Data, m_SlotId)))
+        _DeleteObjectOrKeepElsewhere(memory);
+}
+
+void CParticleRawPage_MainMemory::_DeleteObjectOrKeepElsewhere(void *memory)
+{
+    if (!m_Allocator->_GiveElsewhere(*this))
+        CRefCountedObject::_DeleteObjectOrKeep(memory);
 }
 
 // The end of a raw page: its block is bare again.
@@ -489,12 +503,12 @@ void CParticlePageAllocator::_FreeRawPagesRetiredBefore(u32 date)
     for (u32 slotId = 0; slotId < m_Blocks.Count(); ++slotId)
     {
         SBlockPool &pool = _Pool(slotId);
-        CParticleRawPage_MainMemory *idle = null; // batches, through m_OlderBatch
+        SBlockHeader *idle = null; // batches, through m_OlderBatch
         {
             const CPoolLock lock(pool);
             while (pool.m_OldestBatch != null && s32(pool.m_OldestBatch->m_BatchDate - date) < 0)
             {
-                CParticleRawPage_MainMemory *first = pool.m_OldestBatch;
+                SBlockHeader *first = pool.m_OldestBatch;
                 _UnlinkBatch(pool, *first);
                 first->m_OlderBatch = idle;
                 idle = first;
@@ -502,14 +516,14 @@ void CParticlePageAllocator::_FreeRawPagesRetiredBefore(u32 date)
         }
         while (idle != null)
         {
-            CParticleRawPage_MainMemory *rawPage = idle;
+            u8 *blocks[PageClasses::kMaxBatchSize];
+            const u32 count = _ReadBatch(*idle, blocks);
             idle = idle->m_OlderBatch;
-            while (rawPage != null)
+            for (u32 i = 0; i < count; ++i)
             {
-                CParticleRawPage_MainMemory *next = rawPage->m_Next;
+                CParticleRawPage_MainMemory *rawPage = _Header(blocks[i])->m_RawPage;
                 rawPage->m_IsWaiting = true;
                 Mem::Delete(TZ_CALL_SITE, rawPage);
-                rawPage = next;
             }
         }
     }

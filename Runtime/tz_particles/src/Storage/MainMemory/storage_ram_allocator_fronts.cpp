@@ -6,9 +6,11 @@
 // the fronts stay shut and the pools serve alone.
 #include <linux/membarrier.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <mutex>
 
 #include "storage_ram_allocator_pools.h"
@@ -34,16 +36,29 @@ bool HasBarrier()
 
 } // namespace
 
-// Lets the front of a thread go at the thread's end: by a key of POSIX, whose destructors are called again for what the
-// destructors of other keys bound. At the end of the library, or of the process, all fronts go.
+// Makes threads' fronts, and lets each go at its thread's end: by a key of POSIX, whose destructors are called again
+// for what the destructors of other keys bound. At the end of the library, or of the process, all fronts are let go.
 class CParticlePageAllocator::CThreadExit : public CNonCopyable
 {
 public:
-    // False: the front would not be let go.
-    static bool Awaits(SThreadFront &front)
+    // A front for the calling thread, bound to no allocator. Null in want of memory. Under the lock of all fronts.
+    static SThreadFront *NewFront()
     {
         static CThreadExit threadExit;
-        return threadExit.m_IsMade && pthread_setspecific(threadExit.m_Key, &front) == 0;
+        if (!threadExit.m_IsMade)
+            return null;
+        // The system's own memory: at the end of its thread no memory service may be called any more. It is all zero.
+        void *place = mmap(null, sizeof(SThreadFront), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (place == MAP_FAILED)
+            return null;
+        SThreadFront *front = static_cast<SThreadFront *>(place);
+        if (pthread_setspecific(threadExit.m_Key, front) != 0)
+        {
+            munmap(place, sizeof(SThreadFront));
+            return null;
+        }
+        SThreadFront::OfThisThread() = front;
+        return front;
     }
 
 private:
@@ -63,11 +78,12 @@ private:
 
     static void OnThreadEnd(void *threadFront)
     {
-        SThreadFront &front = *static_cast<SThreadFront *>(threadFront);
-        front.m_IsClosed = true;
-        front.m_Serial = 0;
-        const std::lock_guard<std::mutex> lock(g_FrontsLock);
-        _UnbindFront(front);
+        SThreadFront::OfThisThread() = null;
+        {
+            const std::lock_guard<std::mutex> lock(g_FrontsLock);
+            _UnbindFront(*static_cast<SThreadFront *>(threadFront));
+        }
+        munmap(threadFront, sizeof(SThreadFront));
     }
 
     pthread_key_t m_Key;
@@ -76,86 +92,80 @@ private:
 
 CParticlePageAllocator::SThreadFront *CParticlePageAllocator::m_Fronts = null;
 
-// For a class whose batch is used up: its spare one, or one from the pool. False when there is none, or the fronts are
-// shut.
+// For a class that is empty: takes a batch over from the pool. False when there is none, or the front is shut.
 bool CParticlePageAllocator::_HasRefilled(u32 slotId)
 {
     _BindFrontIFN();
-    SThreadFront &front = SThreadFront::OfThisThread();
-    const CFrontUse use(front, *this);
-    if (!use.IsGranted() || front.m_Serial != m_Serial)
+    SThreadFront *front = SThreadFront::OfThisThread();
+    if (front == null)
         return false;
-    SFrontClass &frontClass = front.m_Classes[slotId];
-    if (frontClass.m_Spare == null)
+    const CFrontUse use(*front, *this);
+    if (!use.IsGranted())
+        return false;
+    SFrontClass &frontClass = front->m_Classes[slotId];
+    SBlockPool &pool = _Pool(slotId);
+    SBlockHeader *first;
     {
-        SBlockPool &pool = _Pool(slotId);
         const CPoolLock lock(pool);
-        frontClass.m_Spare = _PopBatch(pool);
-        if (frontClass.m_Spare == null)
+        first = pool.m_NewestBatch;
+        if (first == null)
             return false;
-        frontClass.m_SpareCount = frontClass.m_Spare->m_BatchCount;
-        frontClass.m_MovedInCount += frontClass.m_SpareCount;
+        _UnlinkBatch(pool, *first);
+        frontClass.m_Count = first->m_BatchCount;
+        frontClass.m_MovedInCount += first->m_BatchCount;
     }
-    frontClass.m_First = frontClass.m_Spare;
-    frontClass.m_Room = _BatchSize(slotId) - frontClass.m_SpareCount;
-    frontClass.m_Spare = null;
-    frontClass.m_SpareCount = 0;
+    _ReadBatch(*first, frontClass.m_Blocks);
+    frontClass.m_Capacity = 2 * _BatchSize(slotId);
     return true;
 }
 
-// For a class whose batch is full: begins another. False when the fronts are shut.
+// For a class that is full: makes room. False when the front is shut.
 bool CParticlePageAllocator::_HasRoom(u32 slotId)
 {
     _BindFrontIFN();
-    SThreadFront &front = SThreadFront::OfThisThread();
-    const CFrontUse use(front, *this);
-    if (!use.IsGranted() || front.m_Serial != m_Serial)
+    SThreadFront *front = SThreadFront::OfThisThread();
+    if (front == null)
         return false;
-    SFrontClass &frontClass = front.m_Classes[slotId];
-    if (frontClass.m_Room == 0)
-        _BeginBatch(frontClass, slotId);
+    const CFrontUse use(*front, *this);
+    if (!use.IsGranted())
+        return false;
+    SFrontClass &frontClass = front->m_Classes[slotId];
+    frontClass.m_Capacity = 2 * _BatchSize(slotId);
+    if (frontClass.m_Count == frontClass.m_Capacity)
+        _MoveOldestToPool(frontClass, slotId, _BatchSize(slotId));
     return true;
 }
 
-// For a class without room: the batch in use becomes the spare one, which goes to the pool.
-void CParticlePageAllocator::_BeginBatch(SFrontClass &frontClass, u32 slotId)
+void CParticlePageAllocator::_MoveOldestToPool(SFrontClass &frontClass, u32 slotId, u32 count)
 {
-    if (frontClass.m_First != null)
-    {
-        _MoveSpareToPool(frontClass, slotId);
-        frontClass.m_Spare = frontClass.m_First;
-        frontClass.m_SpareCount = _BatchSize(slotId) - frontClass.m_Room;
-        frontClass.m_First = null;
-    }
-    frontClass.m_Room = _BatchSize(slotId);
-}
-
-void CParticlePageAllocator::_MoveSpareToPool(SFrontClass &frontClass, u32 slotId)
-{
-    if (frontClass.m_Spare == null)
-        return;
+    const u64 restCount = frontClass.m_Count - count;
+    SBlockHeader &batch = _MakeBatch(frontClass.m_Blocks, count);
+    std::memmove(frontClass.m_Blocks, frontClass.m_Blocks + count, restCount * sizeof(u8 *));
     SBlockPool &pool = _Pool(slotId);
     const CPoolLock lock(pool);
-    _PushBatch(pool, frontClass.m_Spare, frontClass.m_SpareCount, _Date());
-    frontClass.m_MovedInCount -= frontClass.m_SpareCount;
-    frontClass.m_Spare = null;
-    frontClass.m_SpareCount = 0;
+    _LinkBatch(pool, batch, _Date());
+    frontClass.m_Count = restCount;
+    frontClass.m_MovedInCount -= count;
 }
 
-// Makes the calling thread's front one of this allocator's, unless the fronts are shut or the thread is at its end.
+// Makes the calling thread's front one of this allocator's, unless the fronts are shut.
 void CParticlePageAllocator::_BindFrontIFN()
 {
-    SThreadFront &front = SThreadFront::OfThisThread();
-    if (front.m_Serial == m_Serial || !m_FrontsAreOpen || front.m_IsClosed || !CThreadExit::Awaits(front))
+    SThreadFront *front = SThreadFront::OfThisThread();
+    if ((front != null && front->m_OpenTo == this) || !m_FrontsAreOpen)
         return;
     const std::lock_guard<std::mutex> lock(g_FrontsLock);
-    if (g_FrontsAreOver)
+    if (!m_FrontsAreOpen || g_FrontsAreOver)
         return;
-    _UnbindFront(front);
-    front.m_Next = m_Fronts;
-    m_Fronts = &front;
-    front.m_Allocator = this;
-    front.m_Serial = m_Serial;
+    if (front == null)
+        front = CThreadExit::NewFront();
+    if (front == null || front->m_Allocator == this)
+        return;
+    _UnbindFront(*front);
+    front->m_Next = m_Fronts;
+    m_Fronts = front;
+    front->m_Allocator = this;
+    front->m_OpenTo = this;
 }
 
 // Under the lock of all fronts, on the front's own thread.
@@ -203,6 +213,11 @@ void CParticlePageAllocator::_EmptyFronts()
 void CParticlePageAllocator::_ShutFronts_NoLock()
 {
     m_FrontsAreOpen = false;
+    for (SThreadFront *front = m_Fronts; front != null; front = front->m_Next)
+    {
+        if (front->m_Allocator == this)
+            front->m_OpenTo = null;
+    }
     if (m_Fronts != null && !CallBarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED))
         CallBarrier(MEMBARRIER_CMD_GLOBAL); // slower, but asks for no registration
     for (SThreadFront *front = m_Fronts; front != null; front = front->m_Next)
@@ -219,6 +234,11 @@ void CParticlePageAllocator::_OpenFronts_NoLock()
 {
     m_FrontsAreOpen = __atomic_load_n(&m_MemoryBudget, __ATOMIC_RELAXED) == 0 && !m_IsLeftToBlocks &&
                       !g_FrontsAreOver && HasBarrier();
+    for (SThreadFront *front = m_Fronts; m_FrontsAreOpen && front != null; front = front->m_Next)
+    {
+        if (front->m_Allocator == this)
+            front->m_OpenTo = this;
+    }
 }
 
 void CParticlePageAllocator::SetMemoryBudget(u64 bytes)
@@ -235,20 +255,20 @@ void CParticlePageAllocator::_EmptyFront(SThreadFront &front)
     for (u32 slotId = 0; slotId < m_Blocks.Count(); ++slotId)
     {
         SFrontClass &frontClass = front.m_Classes[slotId];
-        if ((frontClass.m_GiveCount | frontClass.m_TakeCount | frontClass.m_MovedInCount) == 0)
+        while (const u64 count = frontClass.m_Count)
+            _MoveOldestToPool(frontClass, slotId, u32(TZMin(count, u64(_BatchSize(slotId)))));
+        if (frontClass.m_MovedInCount == 0 && frontClass.m_TakeCount == 0)
             continue;
-        _MoveSpareToPool(frontClass, slotId);
-        _BeginBatch(frontClass, slotId); // what was in use is the spare one now
-        _MoveSpareToPool(frontClass, slotId);
         {
             SBlockPool &pool = _Pool(slotId);
             const CPoolLock lock(pool);
             pool.m_AllocCount += frontClass.m_TakeCount;
             pool.m_RecycleCount += frontClass.m_TakeCount;
-            pool.m_RetireCount += frontClass.m_GiveCount;
+            pool.m_RetireCount += frontClass.m_TakeCount - frontClass.m_MovedInCount;
         }
-        __atomic_fetch_add(&m_TotalMemoryUsed, frontClass.UsedCount() * _SlotIdToSize(slotId), __ATOMIC_RELAXED);
-        frontClass = SFrontClass();
+        __atomic_fetch_add(&m_TotalMemoryUsed, frontClass.m_MovedInCount * _SlotIdToSize(slotId), __ATOMIC_RELAXED);
+        frontClass.m_MovedInCount = 0;
+        frontClass.m_TakeCount = 0;
     }
 }
 
@@ -256,41 +276,41 @@ u64 CParticlePageAllocator::_BytesInUse() const
 {
     const std::lock_guard<std::mutex> lock(g_FrontsLock);
     u64 bytes = __atomic_load_n(&m_TotalMemoryUsed, __ATOMIC_RELAXED);
-    for (const SThreadFront *front = m_Fronts; front != null; front = front->m_Next)
-    {
-        for (u32 slotId = 0; front->m_Allocator == this && slotId < m_Blocks.Count(); ++slotId)
-            bytes += front->m_Classes[slotId].UsedCount() * _SlotIdToSize(slotId);
-    }
+    for (u32 slotId = 0; m_Fronts != null && slotId < m_Blocks.Count(); ++slotId)
+        bytes += _CountInFronts(slotId).m_UsedCount * _SlotIdToSize(slotId);
     return _WithoutOwnerShare(bytes);
 }
 
-void CParticlePageAllocator::_AddStatsOfClass(u32 slotId, CParticlePageAllocator_Stats &stats) const
+// What the fronts of this allocator count beside the pool. Under the lock of all fronts.
+CParticlePageAllocator::SFrontCounts CParticlePageAllocator::_CountInFronts(u32 slotId) const
 {
-    u64 waitingCount = 0, recycleCount = 0, retireCount = 0;
-    const std::lock_guard<std::mutex> frontsLock(g_FrontsLock);
+    SFrontCounts counts = {0, 0, 0};
+    const CPoolLock lock(const_cast<SBlockPool &>(m_Blocks.RawDataPointer()[slotId])); // no blocks move meanwhile
     for (const SThreadFront *front = m_Fronts; front != null; front = front->m_Next)
     {
         if (front->m_Allocator != this)
             continue;
         const SFrontClass &frontClass = front->m_Classes[slotId];
-        waitingCount += frontClass.WaitingCount();
-        recycleCount += frontClass.m_TakeCount;
-        retireCount += frontClass.m_GiveCount;
+        const u64 count = frontClass.m_Count;
+        counts.m_WaitingCount += count;
+        counts.m_UsedCount += frontClass.m_MovedInCount - count;
+        counts.m_TakeCount += frontClass.m_TakeCount;
     }
-    u64 allocCount = recycleCount;
-    {
-        SBlockPool &pool = const_cast<SBlockPool &>(m_Blocks.RawDataPointer()[slotId]);
-        const CPoolLock lock(pool);
-        waitingCount += pool.m_WaitingCount;
-        allocCount += pool.m_AllocCount;
-        recycleCount += pool.m_RecycleCount;
-        retireCount += pool.m_RetireCount;
-    }
+    return counts;
+}
+
+void CParticlePageAllocator::_AddStatsOfClass(u32 slotId, CParticlePageAllocator_Stats &stats) const
+{
+    const std::lock_guard<std::mutex> frontsLock(g_FrontsLock);
+    const SFrontCounts inFronts = _CountInFronts(slotId);
+    SBlockPool &pool = const_cast<SBlockPool &>(m_Blocks.RawDataPointer()[slotId]);
+    const CPoolLock lock(pool);
+    const u64 waitingCount = pool.m_WaitingCount + inFronts.m_WaitingCount;
     stats.m_BytesFree += waitingCount * _SlotIdToSize(slotId);
     stats.m_BlocksFree += waitingCount;
-    stats.m_BlocksInUse += allocCount - retireCount;
-    stats.m_AllocCount += allocCount;
-    stats.m_RecycleCount += recycleCount;
+    stats.m_BlocksInUse += pool.m_AllocCount - pool.m_RetireCount + inFronts.m_UsedCount;
+    stats.m_AllocCount += pool.m_AllocCount + inFronts.m_TakeCount;
+    stats.m_RecycleCount += pool.m_RecycleCount + inFronts.m_TakeCount;
 }
 
 } // namespace Tessaly

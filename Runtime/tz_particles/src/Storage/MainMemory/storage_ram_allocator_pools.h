@@ -4,6 +4,7 @@
 
 #include <sched.h>
 
+#include <tz_kernel/include/kr_address_sanitizer.h>
 #include <tz_particles/include/Storage/MainMemory/storage_ram_allocator.h>
 
 namespace Tessaly
@@ -18,13 +19,55 @@ static_assert(CParticlePageAllocator::kMinAllocSize == 1u << kMinAllocSizeLog2, 
 static_assert(CParticlePageAllocator::kMaxAllocSize == CParticlePageAllocator::kMinAllocSize << 11, "the last class");
 static_assert(kUsedSlotCount <= CParticlePageAllocator::kPoolSlotCount, "every class has a slot");
 
+constexpr u32 kBlockAlignment = 64;
+constexpr u32 kMaxBatchSize = 30;
+
+// _SizeToSlotId of every size up to kMaxAllocSize; no class ends between two multiples of the step.
+struct SSlotIds
+{
+    static constexpr u32 kStep = CParticlePageAllocator::kMinAllocSize / kStepsPerDoubling;
+
+    u8 m_SlotIds[CParticlePageAllocator::kMaxAllocSize / kStep + 1];
+
+    constexpr SSlotIds()
+        : m_SlotIds()
+    {
+        u32 size = 0;
+        for (u8 &slotId : m_SlotIds)
+        {
+            slotId = u8(CParticlePageAllocator::_SizeToSlotId(size));
+            size += kStep;
+        }
+    }
+};
+
+inline constexpr SSlotIds kSlotIds;
+
+// Requires a size of up to kMaxAllocSize.
+inline u32 SlotIdOf(u32 sizeInBytes)
+{
+    return kSlotIds.m_SlotIds[(sizeInBytes + SSlotIds::kStep - 1) / SSlotIds::kStep];
+}
+
 } // namespace PageClasses
 
-// 32 up to 64 KiB, then half as many for each doubling.
+// A header takes the 64 bytes in front of its block.
+inline CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_Header(u8 *block)
+{
+    return reinterpret_cast<SBlockHeader *>(block - PageClasses::kBlockAlignment);
+}
+
+inline u8 *CParticlePageAllocator::_Block(SBlockHeader *header)
+{
+    return reinterpret_cast<u8 *>(header) + PageClasses::kBlockAlignment;
+}
+
+// As many as there may be up to 64 KiB; 16, 8, 4 and 2 for the next doublings.
 inline u32 CParticlePageAllocator::_BatchSize(u32 slotId)
 {
     constexpr u32 kFirstLargeDoubling = 7;
-    return 32u >> (TZMax(slotId / PageClasses::kStepsPerDoubling, kFirstLargeDoubling) - kFirstLargeDoubling);
+    const u32 doubling = TZMax(slotId / PageClasses::kStepsPerDoubling, kFirstLargeDoubling);
+    return TZMin(32u >> (doubling - kFirstLargeDoubling), PageClasses::kMaxBatchSize);
 }
 
 // Holds the lock of one class for a scope. Spins, since the holder is a few instructions from its end; yields in case
@@ -44,36 +87,38 @@ private:
     SBlockPool &m_Pool;
 };
 
-// One class of a front: up to two batches. Waiting in it: m_GiveCount - m_TakeCount + m_MovedInCount.
-struct alignas(64) CParticlePageAllocator::SFrontClass
+// One class of a front: up to two batches of blocks, the oldest first. In use by its account, since it was emptied
+// last: m_MovedInCount - m_Count, which may be below 0. Both change under the pool's lock when blocks move.
+struct CParticlePageAllocator::SFrontClass
 {
-    CParticleRawPage_MainMemory *m_First = null; // the batch in use
-    CParticleRawPage_MainMemory *m_Spare = null; // another one, or null
-    u32 m_Room = 0;                              // raw pages that the batch in use may grow by
-    u32 m_SpareCount = 0;
-    // Since the front was emptied last.
-    TSharedField<u64> m_GiveCount;
-    TSharedField<u64> m_TakeCount;
+    TSharedField<u64> m_Count;        // blocks that wait here
     TSharedField<u64> m_MovedInCount; // from the pool, less those moved there
-
-    u64 WaitingCount() const { return m_GiveCount - m_TakeCount + m_MovedInCount; }
-    u64 UsedCount() const { return m_TakeCount - m_GiveCount; } // in use by its account; may be below 0
+    TSharedField<u64> m_TakeCount;    // blocks handed out
+    u64 m_Capacity;                   // two batches; 0 until something comes
+    u8 *m_Blocks[2 * PageClasses::kMaxBatchSize];
 };
 
-// What one thread has let go and not asked for again. Only its thread touches it while the fronts are open, but for the
-// counts, which anybody may read under the lock of all fronts.
+// What one thread has let go and not asked for again. Only its thread touches it while it is open, but for the counts,
+// which anybody may read under the lock of all fronts.
 struct CParticlePageAllocator::SThreadFront
 {
-    u64 m_Serial = 0;        // of the allocator that it was bound to last, which may be gone; its thread's own
-    u32 m_IsInUse = 0;       // by its thread, and written by no one else
-    bool m_IsClosed = false; // its thread is at its end
-    CParticlePageAllocator *m_Allocator = null; // that it is bound to; under the lock of all fronts
-    SThreadFront *m_Next = null;                // among all that are bound; likewise
-    SFrontClass m_Classes[PageClasses::kUsedSlotCount];
+    // That it is open to; null while it is shut. Written under the lock of all fronts.
+    TSharedPointer<const CParticlePageAllocator> m_OpenTo;
+    u32 m_IsInUse;                                         // by its thread, and written by no one else
+    CParticlePageAllocator *m_Allocator;                   // that it is bound to; under the lock of all fronts
+    SThreadFront *m_Next;                                  // among all that are bound; likewise
+    alignas(64) SFrontClass m_Classes[kPoolSlotCount + 1]; // the last one, of blocks that are not pooled, stays empty
 
-    static SThreadFront &OfThisThread()
+    // m_Classes[slotId], by an address that is computed once.
+    SFrontClass &Class(u32 slotId)
     {
-        static thread_local SThreadFront front;
+        return *reinterpret_cast<SFrontClass *>(reinterpret_cast<ureg>(m_Classes) + ureg(slotId) * sizeof(SFrontClass));
+    }
+
+    // Null: none yet, or none any more. A word that costs no call, in a shared library either.
+    static SThreadFront *&OfThisThread()
+    {
+        static thread_local SThreadFront *front __attribute__((tls_model("initial-exec"))) = null;
         return front;
     }
 };
@@ -87,7 +132,7 @@ public:
     {
         __atomic_store_n(&m_Front.m_IsInUse, 1u, __ATOMIC_RELAXED);
         __atomic_signal_fence(__ATOMIC_SEQ_CST); // the processor's own order is what the other side's barrier is for
-        m_IsGranted = allocator.m_FrontsAreOpen;
+        m_IsGranted = m_Front.m_OpenTo == &allocator;
     }
     ~CFrontUse() { __atomic_store_n(&m_Front.m_IsInUse, 0u, __ATOMIC_RELEASE); }
 
@@ -98,38 +143,44 @@ private:
     bool m_IsGranted;
 };
 
-// A raw page of the batch at hand. Null when there is none, and when the front is not the thread's to use.
-inline CParticleRawPage_MainMemory *CParticlePageAllocator::_TakeFromFront(u32 slotId)
+// The block that was let go last. False when there is none, and when the front is not the thread's to use.
+inline bool CParticlePageAllocator::_TakeFromFront(u32 slotId, u8 *&outBlock)
 {
-    SThreadFront &front = SThreadFront::OfThisThread();
-    if (front.m_Serial != m_Serial)
-        return null;
-    const CFrontUse use(front, *this);
-    SFrontClass &frontClass = front.m_Classes[slotId];
-    CParticleRawPage_MainMemory *rawPage = use.IsGranted() ? frontClass.m_First : null;
-    if (rawPage != null)
-    {
-        frontClass.m_First = rawPage->m_Next;
-        ++frontClass.m_Room;
-        ++frontClass.m_TakeCount;
-    }
-    return rawPage;
+    SThreadFront *front = SThreadFront::OfThisThread();
+    if (TZ_UNLIKELY(front == null))
+        return false;
+    const CFrontUse use(*front, *this);
+    if (TZ_UNLIKELY(!use.IsGranted()))
+        return false;
+    SFrontClass &frontClass = front->Class(slotId);
+    const u64 count = frontClass.m_Count;
+    if (TZ_UNLIKELY(count == 0))
+        return false;
+    outBlock = frontClass.m_Blocks[count - 1];
+    frontClass.m_Count = count - 1;
+    ++frontClass.m_TakeCount;
+    if (Mem::kIsAddressSanitized)
+        Mem::Unpoison(outBlock, _SlotIdToSize(slotId));
+    return true;
 }
 
-// False when the batch at hand has no room, and when the front is not the thread's to use.
-inline bool CParticlePageAllocator::_GiveToFront(CParticleRawPage_MainMemory &rawPage)
+// False when there is no room, and when the front is not the thread's to use.
+inline bool CParticlePageAllocator::_GiveToFront(u8 *block, u32 slotId)
 {
-    SThreadFront &front = SThreadFront::OfThisThread();
-    if (front.m_Serial != m_Serial)
+    SThreadFront *front = SThreadFront::OfThisThread();
+    if (TZ_UNLIKELY(front == null))
         return false;
-    const CFrontUse use(front, *this);
-    SFrontClass &frontClass = front.m_Classes[rawPage.m_SlotId];
-    if (!use.IsGranted() || frontClass.m_Room == 0)
+    const CFrontUse use(*front, *this);
+    if (TZ_UNLIKELY(!use.IsGranted()))
         return false;
-    rawPage.m_Next = frontClass.m_First;
-    frontClass.m_First = &rawPage;
-    --frontClass.m_Room;
-    ++frontClass.m_GiveCount;
+    SFrontClass &frontClass = front->Class(slotId);
+    const u64 count = frontClass.m_Count;
+    if (TZ_UNLIKELY(count >= frontClass.m_Capacity))
+        return false;
+    if (Mem::kIsAddressSanitized)
+        Mem::Poison(block, _SlotIdToSize(slotId));
+    frontClass.m_Blocks[count] = block;
+    frontClass.m_Count = count + 1;
     return true;
 }
 
