@@ -185,7 +185,7 @@ private:
     u8 *_ConstantBlock(CGuid cstId) const;   // requires cstId < m_ConstantData.Count()
     SMediumMemoryReport _ComputeMemoryUsage() const;
     inline u32 _EnterLock() const;
-    inline void _LeaveLock(u32 threadId) const;
+    inline bool _LeaveLock() const;
     inline u32 _SumOfPages() const;
     inline PParticlePage _FindPageWithRoom_NoLock(u32 minCount) const;
     inline CPageListIndex *_PageIndex_NoLock() const; // up to date; null when the list is to be walked

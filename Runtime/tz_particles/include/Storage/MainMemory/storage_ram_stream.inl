@@ -23,17 +23,19 @@ inline u32 CParticleStream_MainMemory::_EnterLock() const
     return depth;
 }
 
-// Misuse changes nothing: a count of 0 stays, and nobody releases what another thread holds.
-inline void CParticleStream_MainMemory::_LeaveLock(u32 threadId) const
+// False on misuse, which the caller reports and which changes nothing: a count of 0 stays, and nobody releases what
+// another thread holds.
+inline bool CParticleStream_MainMemory::_LeaveLock() const
 {
     const u32 depth = m_PagesLocked;
-    if (depth == 0 || !(m_ThreadOwningLock == threadId))
-        return;
+    if (TZ_UNLIKELY(depth == 0 || !(m_ThreadOwningLock == CCurrentThread::_KnownThreadID())))
+        return false;
     m_PagesLocked = depth - 1;
     // Before the mutex is released: the next owner finds the field empty.
     if (depth == 1)
         m_ThreadOwningLock = CGuid::INVALID;
     m_PagesProtectCS.Unlock();
+    return true;
 }
 
 // The four lock operations have assertion sites of their own, and only two open a scope. These two are inline: each
@@ -49,10 +51,10 @@ inline void CParticleStream_MainMemory::LockPages() const
 inline void CParticleStream_MainMemory::UnlockPages() const
 {
     TZ_PROFILE_SCOPE("CParticleStream_MainMemory::UnlockPages");
-    const u32 threadId = CCurrentThread::_KnownThreadID();
+    if (TZ_LIKELY(_LeaveLock()))
+        return;
     TZ_ASSERT(m_PagesLocked != 0);
-    TZ_ASSERT_TEXT("m_ThreadOwningLock == CCurrentThread::ThreadID()", m_ThreadOwningLock == threadId);
-    _LeaveLock(threadId);
+    TZ_ASSERT(m_ThreadOwningLock == CCurrentThread::ThreadID());
 }
 
 } // namespace Tessaly

@@ -84,10 +84,10 @@ void CParticleStream_MainMemory::LockPagesToRender() const
 
 void CParticleStream_MainMemory::UnlockPagesToRender() const
 {
-    const u32 threadId = CCurrentThread::ThreadID();
+    if (TZ_LIKELY(_LeaveLock()))
+        return;
     TZ_ASSERT(m_PagesLocked != 0);
-    TZ_ASSERT_TEXT("m_ThreadOwningLock == CCurrentThread::ThreadID()", m_ThreadOwningLock == threadId);
-    _LeaveLock(threadId);
+    TZ_ASSERT(m_ThreadOwningLock == CCurrentThread::ThreadID());
 }
 
 bool CParticleStream_MainMemory::LockedByCurrentThread() const
