@@ -89,9 +89,8 @@ void CParticleStream_MainMemory::GarbageCollectOldPages(TMemoryView<CGuid> *page
     _DropPagesFrom_NoLock(newCount);
     UnlockPages();
     _DEBUG_CheckParticleCountConsistency();
-    const CGuid removed = CGuid::INVALID;
     for (CGuid &entry : reindexer)
-        entry = entry < newCount ? entry : removed;
+        entry = entry | (entry < newCount ? 0u : CGuid::INVALID.Get()); // without a branch: goes by vectors
 }
 
 } // namespace Tessaly

@@ -40,7 +40,7 @@ TZ_FORCEINLINE u32 CParticleStream_MainMemory::_SumOfPages() const
     else
     {
         for (const PParticlePage &page : m_Pages.View())
-            sum += page != null ? page->ParticleCount() : 0; // null: in the midst of a resize pass
+            sum += page != null ? page.Get()->ParticleCount() : 0; // null: in the midst of a resize pass
     }
     UnlockPages();
     return sum;
