@@ -24,6 +24,9 @@ class TZ_API CThreadStats
 public:
     static void RegisterCSUnlock(); // by the holder, right before it releases
     static u64 CSUnlockCount();     // releases by all threads since the process started
+    // RegisterCSUnlock; without a call when the default one has told where it counts this thread's releases.
+    static void _CountCSUnlock();
+    static u64 *&_OwnUnlocks(); // that place; null: RegisterCSUnlock is to be called, as always when a host replaced it
 };
 
 namespace Threads

@@ -14,6 +14,20 @@ inline u32 CCurrentThread::_KnownThreadID()
     return id;
 }
 
+inline u64 *&CThreadStats::_OwnUnlocks()
+{
+    static thread_local u64 *unlocks __attribute__((tls_model("initial-exec"))) = null;
+    return unlocks;
+}
+
+inline void CThreadStats::_CountCSUnlock()
+{
+    u64 *unlocks = _OwnUnlocks();
+    if (TZ_UNLIKELY(unlocks == null))
+        return RegisterCSUnlock();
+    __atomic_store_n(unlocks, __atomic_load_n(unlocks, __ATOMIC_RELAXED) + 1, __ATOMIC_RELAXED);
+}
+
 namespace Threads
 {
 
@@ -25,7 +39,7 @@ inline void CCriticalSection::Lock() const
 
 inline void CCriticalSection::Unlock() const
 {
-    CThreadStats::RegisterCSUnlock();
+    CThreadStats::_CountCSUnlock();
     // Before the release: afterwards it would overwrite the next holder's note.
     __atomic_store_n(&m_Owner, CGuid::INVALID.Get(), __ATOMIC_RELAXED);
     pthread_mutex_unlock(&m_CS);
