@@ -155,13 +155,16 @@ bool WriteFile(const std::string &path, _Print print)
 
 std::string Summary()
 {
-    size_t judgedCount = 0, heldCount = 0;
+    size_t targetCount = 0, heldCount = 0;
     for (const SRowResult &result : g_Results)
     {
-        judgedCount += result.Judged().empty() ? 0 : 1;
-        heldCount += result.Judged().empty() || !result.IsHeld() ? 0 : 1;
+        for (const SComparison &comparison : result.Judged())
+        {
+            ++targetCount;
+            heldCount += comparison.IsHeld() ? 1 : 0;
+        }
     }
-    return std::to_string(heldCount) + " of " + std::to_string(judgedCount) + " rows with targets are held.";
+    return std::to_string(heldCount) + " of " + std::to_string(targetCount) + " targets are held.";
 }
 
 bool WriteResults()

@@ -45,16 +45,6 @@ std::string Figures(const SRowResult &result, ESide kind)
     return list;
 }
 
-// "held", or that it is not, and why.
-std::string Verdict(const SRowResult &result)
-{
-    if (result.Judged().empty())
-        return "";
-    if (result.IsHeld())
-        return "held";
-    return "NOT held" + (result.m_Row.m_Reason.empty() ? "" : ": " + result.m_Row.m_Reason);
-}
-
 SComparison Compare(const SRowResult &result, size_t ours, size_t other)
 {
     std::vector<double> ratios;
@@ -98,6 +88,20 @@ std::string HugePages()
     return begin < end && end != std::string::npos ? modes.substr(begin + 1, end - begin - 1) : modes;
 }
 
+// "held", or which targets are not, and why.
+std::string Verdict(const SRowResult &result)
+{
+    std::string missed;
+    for (const SComparison &comparison : result.Judged())
+    {
+        if (!comparison.IsHeld())
+            Append(missed, Named(comparison.m_Ours, "NOT held beside " + comparison.m_Beside));
+    }
+    if (missed.empty())
+        return result.Judged().empty() ? "" : "held";
+    return missed + (result.m_Row.m_Reason.empty() ? "" : ": " + result.m_Row.m_Reason);
+}
+
 } // namespace
 
 double SRowResult::Figure(size_t side) const { return Quantile(m_Values[side], 0.5) / m_Row.m_ItemCount; }
@@ -127,12 +131,6 @@ std::vector<SComparison> SRowResult::Judged() const
                                 [](const SComparison &comparison) { return comparison.m_Target == 0.0; }),
                  judged.end());
     return judged;
-}
-
-bool SRowResult::IsHeld() const
-{
-    const std::vector<SComparison> judged = Judged();
-    return std::all_of(judged.begin(), judged.end(), [](const SComparison &comparison) { return comparison.IsHeld(); });
 }
 
 void PrintTableHead(std::FILE *file)

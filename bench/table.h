@@ -31,7 +31,6 @@ struct SRowResult
     double Figure(size_t side) const; // median, for each item
     std::vector<SComparison> Comparisons() const;
     std::vector<SComparison> Judged() const; // those that have a target
-    bool IsHeld() const;
 };
 
 void PrintTableHead(std::FILE *file);
