@@ -94,17 +94,25 @@ TEST_F(PageAllocator, NoBlockIsLostOrServedTwice)
     {
         std::set<const u8 *> blocks;
         std::vector<PParticleRawPage_MainMemory> held(150);
-        for (u32 round = 0; round < 6; ++round)
+        std::vector<u8 *> bare(held.size());
+        for (size_t round = 0; round < 6; ++round)
         {
             Pages().SetMemoryBudget(round == 2 || round == 3 ? u64(1) << 40 : 0); // past the threads' fronts
             if (round == 5)
                 Pages().Update();
-            for (PParticleRawPage_MainMemory &page : held)
-                blocks.insert((page = Pages().AllocPage(size))->RawDataForWriting());
+            for (size_t i = 0; i < held.size(); ++i)
+            {
+                if ((i + round) % 3 == 0)
+                    blocks.insert(bare[i] = Pages().Alloc(size));
+                else
+                    blocks.insert((held[i] = Pages().AllocPage(size))->RawDataForWriting());
+            }
             EXPECT_EQ(blocks.size(), held.size());
             recycleCount += round != 0 ? held.size() : 0;
             EXPECT_EQ(Stats().m_RecycleCount, recycleCount);
-            std::fill(held.begin(), held.end(), null);
+            for (size_t i = 0; i < held.size(); ++i)
+                (i + round) % 3 == 0 ? Pages().Retire(bare[i], size) : void(held[i] = null);
+            EXPECT_EQ(Stats().m_BlocksInUse, 0u);
         }
     }
 }

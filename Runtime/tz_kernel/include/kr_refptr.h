@@ -143,14 +143,19 @@ public:
     ~TRefPtr() { _P::DelRef(_P::m_Ptr); }
 
     // The first reference to an object that no other thread knows yet; null is allowed.
-    static TRefPtr _FromUnreferenced(_Type &object)
+    static TRefPtr _FromUnreferenced(_Type *object)
+    {
+        if (object != null)
+            object->_InternalSetFirstRef();
+        return _FromOwnReference(object);
+    }
+    // The reference that the caller has, and gives away with it; null is allowed.
+    static TRefPtr _FromOwnReference(_Type *object)
     {
         TRefPtr reference;
-        reference.m_Ptr = &object;
-        object._InternalSetFirstRef();
+        reference.m_Ptr = object;
         return reference;
     }
-    static TRefPtr _FromUnreferenced(_Type *object) { return object != null ? _FromUnreferenced(*object) : TRefPtr(); }
 
     // Lets its object go and refers to another one, or to none.
     TRefPtr &operator=(_Type *object)

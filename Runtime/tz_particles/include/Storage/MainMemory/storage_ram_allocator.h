@@ -65,6 +65,7 @@ private:
         , m_SlotId(slotId)
         , m_IsWaiting(false)
         , m_HasClosedBytes(hasClosedBytes)
+        , m_Apart{}
     {
     }
     ~CParticleRawPage_MainMemory() override;
@@ -84,6 +85,7 @@ private:
     u32 m_SlotId;          // size class; kPoolSlotCount: none
     bool m_IsWaiting;      // while it dies: it was not in use
     bool m_HasClosedBytes; // the library, whatever its host, is compiled for the address sanitizer
+    u8 m_Apart[40];        // so that no cache line has what two threads write, where blocks of memory adjoin
 };
 
 // References to a raw page.
@@ -157,7 +159,10 @@ public:
 
     // A raw page of at least sizeInBytes bytes, aligned to 64, without readers; 0 gives a smallest block. Null when
     // memory or the budget is out. AllocPage(p->Size())->Size() == p->Size().
-    PParticleRawPage_MainMemory AllocPage(u32 sizeInBytes);
+    PParticleRawPage_MainMemory AllocPage(u32 sizeInBytes)
+    {
+        return PParticleRawPage_MainMemory::_FromOwnReference(_AllocRawPage(sizeInBytes));
+    }
 
     // The blocks under AllocPage: Alloc gives one of _SlotIdToSize(_SizeToSlotId(size)) bytes (of size itself above
     // kMaxAllocSize), or null; Retire takes one back with the size that was asked, or any that rounds to the same.
@@ -165,7 +170,7 @@ public:
     void Retire(u8 *block, u32 sizeInBytes);
 
     // Gives back to the memory services: Update the blocks that no one asked for during the last kMaxIdleUpdates
-    // calls (of up to 32 of a class that a thread took over together, one asked for is all asked for),
+    // calls (of up to 62 of a class that a thread took over together, one asked for is all asked for),
     // CleanAllFreePages every waiting block. To be called from where time is to spare, once a frame or so.
     void Update();
     void CleanAllFreePages();
@@ -196,8 +201,8 @@ private:
         SArena *m_Arena;
         CParticleRawPage_MainMemory *m_RawPage; // null while the block is bare
         SBlockHeader *m_NextBare;
-        // Of a batch in the pool, in the header of its oldest block. The addresses of its other blocks, the newest
-        // last, stand in that block's bytes.
+        // Of a batch in the pool, in the header of its oldest block. Its other blocks, the newest last, are listed in
+        // that block's bytes.
         SBlockHeader *m_NewerBatch;
         SBlockHeader *m_OlderBatch;
         u32 m_BatchCount;
@@ -238,6 +243,7 @@ private:
         u64 m_RecycleCount; // of these, blocks that had waited here
         u64 m_RetireCount;  // blocks taken back
     };
+    struct SWaiting;
     struct SFrontClass;
     struct SFrontCounts
     {
@@ -271,16 +277,18 @@ private:
     bool _TakeBytes(u32 blockBytes); // false: the budget is out
     void _GiveShare(u64 share);      // may destroy this
     void _CountRefusal() { __atomic_fetch_add(&m_Stats->m_RefusalCount, 1, __ATOMIC_RELAXED); }
-    bool _TakeFromFront(u32 slotId, u8 *&outBlock);
+    bool _TakeFromFront(u32 slotId, SWaiting &outWaiting);
     TZ_NOINLINE u8 *_TakeElsewhere(u32 sizeInBytes);
+    CParticleRawPage_MainMemory *_AllocRawPage(u32 sizeInBytes); // with its first reference, or null
+    TZ_NOINLINE CParticleRawPage_MainMemory *_AllocRawPageElsewhere(u32 sizeInBytes);
     u8 *_TakeFromPool(u32 slotId);
     u8 *_TakeWaiting(SBlockPool &pool);
     u8 *_NewRawPage(u32 slotId, u32 blockBytes);
     SBlockPlace _TakeBlock(u32 slotId, u32 blockBytes);
     SBlockHeader *_NewBlock(u32 slotId, u32 blockBytes);
-    bool _GiveToFront(u8 *block, u32 slotId);
+    bool _GiveToFront(SWaiting waiting, u32 slotId);
     bool _GiveElsewhere(CParticleRawPage_MainMemory &rawPage); // false: it is not to wait
-    TZ_NOINLINE void _RetireElsewhere(u8 *block);
+    TZ_NOINLINE void _RetireElsewhere(u8 *block, u32 sizeInBytes);
     void _ReturnBlock(CParticleRawPage_MainMemory &rawPage);
     void _BareBlock(u32 slotId, SBlockHeader *header);
     void _FreeRawPagesRetiredBefore(u32 date);
@@ -291,8 +299,8 @@ private:
 
     // Batches: blocks that wait and move between fronts and pool together.
     static u32 _BatchSize(u32 slotId); // blocks at most
-    static SBlockHeader &_MakeBatch(u8 *const *blocks, u32 count);
-    static u32 _ReadBatch(SBlockHeader &first, u8 **outBlocks);
+    static SBlockHeader &_MakeBatch(const SWaiting *waiting, u32 count);
+    static u32 _ReadBatch(SBlockHeader &first, SWaiting *outWaiting);
     static void _LinkBatch(SBlockPool &pool, SBlockHeader &first, u32 date); // this and what follows: under its lock
     static void _UnlinkBatch(SBlockPool &pool, SBlockHeader &first);
 

@@ -215,26 +215,28 @@ void CParticlePageAllocator::_GiveShare(u64 share)
         Mem::Delete(TZ_CALL_SITE, this);
 }
 
-// A batch of blocks that wait, the oldest first. Where it keeps their addresses the address sanitizer sees less: it
-// has to, to know that they are not lost.
-CParticlePageAllocator::SBlockHeader &CParticlePageAllocator::_MakeBatch(u8 *const *blocks, u32 count)
+// A batch of what waits, the oldest first. Where it is listed the address sanitizer sees less: it has to, to know that
+// it is not lost.
+CParticlePageAllocator::SBlockHeader &CParticlePageAllocator::_MakeBatch(const SWaiting *waiting, u32 count)
 {
-    const size_t listBytes = (count - 1) * sizeof(*blocks);
-    Mem::Unpoison(blocks[0], listBytes);
-    std::memcpy(blocks[0], blocks + 1, listBytes);
-    SBlockHeader &first = *_Header(blocks[0]);
+    static_assert((PageClasses::kMaxBatchSize - 1) * sizeof(SWaiting) <= kMinAllocSize, "any block holds the list");
+    u8 *list = waiting[0].Block();
+    const size_t listBytes = (count - 1) * sizeof(*waiting);
+    Mem::Unpoison(list, listBytes);
+    std::memcpy(list, waiting + 1, listBytes);
+    SBlockHeader &first = *_Header(list);
     first.m_BatchCount = count;
     return first;
 }
 
-// The blocks of a batch that is in no pool any more, the oldest first; returns their number.
-u32 CParticlePageAllocator::_ReadBatch(SBlockHeader &first, u8 **outBlocks)
+// What waits in a batch that is in no pool any more, the oldest first; returns its number.
+u32 CParticlePageAllocator::_ReadBatch(SBlockHeader &first, SWaiting *outWaiting)
 {
     const u32 count = first.m_BatchCount;
-    const size_t listBytes = (count - 1) * sizeof(*outBlocks);
-    outBlocks[0] = _Block(&first);
-    std::memcpy(outBlocks + 1, outBlocks[0], listBytes);
-    Mem::Poison(outBlocks[0], listBytes);
+    const size_t listBytes = (count - 1) * sizeof(*outWaiting);
+    outWaiting[0] = SWaiting(first.m_RawPage);
+    std::memcpy(outWaiting + 1, _Block(&first), listBytes);
+    Mem::Poison(_Block(&first), listBytes);
     return count;
 }
 
@@ -262,18 +264,18 @@ u8 *CParticlePageAllocator::_TakeWaiting(SBlockPool &pool)
     SBlockHeader *first = pool.m_NewestBatch;
     if (first == null)
         return null;
-    u8 *block = _Block(first);
+    SWaiting waiting(first->m_RawPage);
     if (first->m_BatchCount > 1)
     {
-        const u32 newest = --first->m_BatchCount - 1; // among those that stand in the oldest one's bytes
-        std::memcpy(&block, block + newest * sizeof(block), sizeof(block));
+        const u32 newest = --first->m_BatchCount - 1; // among those that are listed in the oldest one's bytes
+        std::memcpy(&waiting, _Block(first) + newest * sizeof(waiting), sizeof(waiting));
         --pool.m_WaitingCount;
     }
     else
         _UnlinkBatch(pool, *first);
     ++pool.m_AllocCount;
     ++pool.m_RecycleCount;
-    return block;
+    return waiting.Block();
 }
 
 // A block from an arena of its class, or from a new one. None, when memory is out.
@@ -362,9 +364,9 @@ u8 *CParticlePageAllocator::_TakeElsewhere(u32 sizeInBytes)
     const bool isPooled = slotId < kPoolSlotCount;
     if (isPooled && _HasRefilled(slotId))
     {
-        u8 *block;
-        if (_TakeFromFront(slotId, block))
-            return block;
+        SWaiting waiting;
+        if (_TakeFromFront(slotId, waiting))
+            return waiting.Block();
     }
     const u32 blockBytes = isPooled ? _SlotIdToSize(slotId) : sizeInBytes;
     if (_TakeBytes(blockBytes))
@@ -382,34 +384,45 @@ u8 *CParticlePageAllocator::_TakeElsewhere(u32 sizeInBytes)
 
 u8 *CParticlePageAllocator::Alloc(u32 sizeInBytes)
 {
-    u8 *block;
-    if (TZ_LIKELY(sizeInBytes <= kMaxAllocSize && _TakeFromFront(PageClasses::SlotIdOf(sizeInBytes), block)))
-        return block;
+    SWaiting waiting;
+    if (TZ_LIKELY(sizeInBytes <= kMaxAllocSize && _TakeFromFront(PageClasses::SlotIdOf(sizeInBytes), waiting)))
+        return waiting.Block();
     return _TakeElsewhere(sizeInBytes);
 }
 
-PParticleRawPage_MainMemory CParticlePageAllocator::AllocPage(u32 sizeInBytes)
+CParticleRawPage_MainMemory *CParticlePageAllocator::_AllocRawPage(u32 sizeInBytes)
 {
-    u8 *block;
-    if (TZ_UNLIKELY(sizeInBytes > kMaxAllocSize || !_TakeFromFront(PageClasses::SlotIdOf(sizeInBytes), block)))
-    {
-        block = _TakeElsewhere(sizeInBytes);
-        if (block == null)
-            return null;
-    }
-    return PParticleRawPage_MainMemory::_FromUnreferenced(*_Header(block)->m_RawPage);
+    SWaiting waiting;
+    if (TZ_UNLIKELY(sizeInBytes > kMaxAllocSize || !_TakeFromFront(PageClasses::SlotIdOf(sizeInBytes), waiting)))
+        return _AllocRawPageElsewhere(sizeInBytes);
+    CParticleRawPage_MainMemory *rawPage = waiting.RawPage();
+    rawPage->_InternalSetFirstRef();
+    return rawPage;
+}
+
+CParticleRawPage_MainMemory *CParticlePageAllocator::_AllocRawPageElsewhere(u32 sizeInBytes)
+{
+    u8 *block = _TakeElsewhere(sizeInBytes);
+    if (block == null)
+        return null;
+    CParticleRawPage_MainMemory *rawPage = _Header(block)->m_RawPage;
+    rawPage->_InternalSetFirstRef();
+    return rawPage;
 }
 
 void CParticlePageAllocator::Retire(u8 *block, u32 sizeInBytes)
 {
     if (TZ_UNLIKELY(block == null || sizeInBytes > kMaxAllocSize ||
-                    !_GiveToFront(block, PageClasses::SlotIdOf(sizeInBytes))))
-        _RetireElsewhere(block);
+                    !_GiveToFront(SWaiting(block), PageClasses::SlotIdOf(sizeInBytes))))
+        _RetireElsewhere(block, sizeInBytes);
 }
 
-void CParticlePageAllocator::_RetireElsewhere(u8 *block)
+void CParticlePageAllocator::_RetireElsewhere(u8 *block, u32 sizeInBytes)
 {
     if (block == null)
+        return;
+    const u32 slotId = _SizeToSlotId(sizeInBytes);
+    if (slotId < kPoolSlotCount && _HasRoom(slotId) && _GiveToFront(SWaiting(block), slotId))
         return;
     CParticleRawPage_MainMemory *rawPage = _Header(block)->m_RawPage;
     if (!_GiveElsewhere(*rawPage))
@@ -422,13 +435,14 @@ bool CParticlePageAllocator::_GiveElsewhere(CParticleRawPage_MainMemory &rawPage
     const u32 slotId = rawPage.m_SlotId;
     if (slotId >= kPoolSlotCount || m_IsLeftToBlocks)
         return false;
-    if (_HasRoom(slotId) && _GiveToFront(rawPage.m_Data, slotId))
+    if (_HasRoom(slotId) && _GiveToFront(SWaiting(&rawPage), slotId))
         return true;
     const u32 blockBytes = rawPage.m_Size; // once it waits it may be anybody's
     Mem::Poison(rawPage.m_Data, blockBytes);
     SBlockPool &pool = _Pool(slotId);
     {
-        SBlockHeader &batch = _MakeBatch(&rawPage.m_Data, 1);
+        const SWaiting waiting(&rawPage);
+        SBlockHeader &batch = _MakeBatch(&waiting, 1);
         const CPoolLock lock(pool);
         _LinkBatch(pool, batch, _Date());
         ++pool.m_RetireCount;
@@ -448,7 +462,7 @@ void CParticleRawPage_MainMemory::_OpenWholeBlock() const { Mem::Unpoison(m_Data
 void CParticleRawPage_MainMemory::_DeleteObjectOrKeep(void *memory)
 {
     __atomic_store_n(&m_ReadersCount, 0u, __ATOMIC_RELAXED); // readers who forgot to end
-    if (TZ_UNLIKELY(!m_Allocator->_GiveToFront(m_Data, m_SlotId)))
+    if (TZ_UNLIKELY(!m_Allocator->_GiveToFront(CParticlePageAllocator::SWaiting(this), m_SlotId)))
         _DeleteObjectOrKeepElsewhere(memory);
 }
 
@@ -516,12 +530,12 @@ void CParticlePageAllocator::_FreeRawPagesRetiredBefore(u32 date)
         }
         while (idle != null)
         {
-            u8 *blocks[PageClasses::kMaxBatchSize];
-            const u32 count = _ReadBatch(*idle, blocks);
+            SWaiting waiting[PageClasses::kMaxBatchSize];
+            const u32 count = _ReadBatch(*idle, waiting);
             idle = idle->m_OlderBatch;
             for (u32 i = 0; i < count; ++i)
             {
-                CParticleRawPage_MainMemory *rawPage = _Header(blocks[i])->m_RawPage;
+                CParticleRawPage_MainMemory *rawPage = waiting[i].RawPage();
                 rawPage->m_IsWaiting = true;
                 Mem::Delete(TZ_CALL_SITE, rawPage);
             }

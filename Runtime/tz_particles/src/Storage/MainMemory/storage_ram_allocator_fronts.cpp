@@ -114,7 +114,7 @@ bool CParticlePageAllocator::_HasRefilled(u32 slotId)
         frontClass.m_Count = first->m_BatchCount;
         frontClass.m_MovedInCount += first->m_BatchCount;
     }
-    _ReadBatch(*first, frontClass.m_Blocks);
+    _ReadBatch(*first, frontClass.m_Waiting);
     frontClass.m_Capacity = 2 * _BatchSize(slotId);
     return true;
 }
@@ -139,8 +139,8 @@ bool CParticlePageAllocator::_HasRoom(u32 slotId)
 void CParticlePageAllocator::_MoveOldestToPool(SFrontClass &frontClass, u32 slotId, u32 count)
 {
     const u64 restCount = frontClass.m_Count - count;
-    SBlockHeader &batch = _MakeBatch(frontClass.m_Blocks, count);
-    std::memmove(frontClass.m_Blocks, frontClass.m_Blocks + count, restCount * sizeof(u8 *));
+    SBlockHeader &batch = _MakeBatch(frontClass.m_Waiting, count);
+    std::memmove(frontClass.m_Waiting, frontClass.m_Waiting + count, restCount * sizeof(SWaiting));
     SBlockPool &pool = _Pool(slotId);
     const CPoolLock lock(pool);
     _LinkBatch(pool, batch, _Date());

@@ -20,7 +20,7 @@ static_assert(CParticlePageAllocator::kMaxAllocSize == CParticlePageAllocator::k
 static_assert(kUsedSlotCount <= CParticlePageAllocator::kPoolSlotCount, "every class has a slot");
 
 constexpr u32 kBlockAlignment = 64;
-constexpr u32 kMaxBatchSize = 30;
+constexpr u32 kMaxBatchSize = 62; // what a smallest block can list, and 1 KiB for two in a front
 
 // _SizeToSlotId of every size up to kMaxAllocSize; no class ends between two multiples of the step.
 struct SSlotIds
@@ -62,12 +62,12 @@ inline u8 *CParticlePageAllocator::_Block(SBlockHeader *header)
     return reinterpret_cast<u8 *>(header) + PageClasses::kBlockAlignment;
 }
 
-// As many as there may be up to 64 KiB; 16, 8, 4 and 2 for the next doublings.
+// As many as there may be up to 32 KiB, from there on half as many for each doubling: 2 of 1 MiB.
 inline u32 CParticlePageAllocator::_BatchSize(u32 slotId)
 {
-    constexpr u32 kFirstLargeDoubling = 7;
+    constexpr u32 kFirstLargeDoubling = 6;
     const u32 doubling = TZMax(slotId / PageClasses::kStepsPerDoubling, kFirstLargeDoubling);
-    return TZMin(32u >> (doubling - kFirstLargeDoubling), PageClasses::kMaxBatchSize);
+    return TZMin(64u >> (doubling - kFirstLargeDoubling), PageClasses::kMaxBatchSize);
 }
 
 // Holds the lock of one class for a scope. Spins, since the holder is a few instructions from its end; yields in case
@@ -87,6 +87,42 @@ private:
     SBlockPool &m_Pool;
 };
 
+// A block that waits: by its raw page when that was let go, by its address and a mark when it was let go bare, so that
+// who asks for the same again touches neither the header nor what else it does not need.
+struct CParticlePageAllocator::SWaiting
+{
+    explicit SWaiting(CParticleRawPage_MainMemory *rawPage)
+        : m_Address(reinterpret_cast<ureg>(rawPage))
+    {
+    }
+    explicit SWaiting(u8 *block)
+        : m_Address(reinterpret_cast<ureg>(block) | kBareMark)
+    {
+    }
+    SWaiting() = default;
+
+    u8 *Block() const
+    {
+        if (TZ_LIKELY(_IsBare()))
+            return _BareBlock();
+        return reinterpret_cast<CParticleRawPage_MainMemory *>(m_Address)->m_Data;
+    }
+    CParticleRawPage_MainMemory *RawPage() const
+    {
+        if (TZ_UNLIKELY(_IsBare()))
+            return _Header(_BareBlock())->m_RawPage;
+        return reinterpret_cast<CParticleRawPage_MainMemory *>(m_Address);
+    }
+
+private:
+    static constexpr ureg kBareMark = 1;
+
+    bool _IsBare() const { return (m_Address & kBareMark) != 0; }
+    u8 *_BareBlock() const { return reinterpret_cast<u8 *>(m_Address - kBareMark); }
+
+    ureg m_Address;
+};
+
 // One class of a front: up to two batches of blocks, the oldest first. In use by its account, since it was emptied
 // last: m_MovedInCount - m_Count, which may be below 0. Both change under the pool's lock when blocks move.
 struct CParticlePageAllocator::SFrontClass
@@ -95,7 +131,7 @@ struct CParticlePageAllocator::SFrontClass
     TSharedField<u64> m_MovedInCount; // from the pool, less those moved there
     TSharedField<u64> m_TakeCount;    // blocks handed out
     u64 m_Capacity;                   // two batches; 0 until something comes
-    u8 *m_Blocks[2 * PageClasses::kMaxBatchSize];
+    SWaiting m_Waiting[2 * PageClasses::kMaxBatchSize];
 };
 
 // What one thread has let go and not asked for again. Only its thread touches it while it is open, but for the counts,
@@ -112,6 +148,7 @@ struct CParticlePageAllocator::SThreadFront
     // m_Classes[slotId], by an address that is computed once.
     SFrontClass &Class(u32 slotId)
     {
+        static_assert(sizeof(SFrontClass) == 1024, "a shift finds it");
         return *reinterpret_cast<SFrontClass *>(reinterpret_cast<ureg>(m_Classes) + ureg(slotId) * sizeof(SFrontClass));
     }
 
@@ -144,7 +181,7 @@ private:
 };
 
 // The block that was let go last. False when there is none, and when the front is not the thread's to use.
-inline bool CParticlePageAllocator::_TakeFromFront(u32 slotId, u8 *&outBlock)
+inline bool CParticlePageAllocator::_TakeFromFront(u32 slotId, SWaiting &outWaiting)
 {
     SThreadFront *front = SThreadFront::OfThisThread();
     if (TZ_UNLIKELY(front == null))
@@ -156,16 +193,16 @@ inline bool CParticlePageAllocator::_TakeFromFront(u32 slotId, u8 *&outBlock)
     const u64 count = frontClass.m_Count;
     if (TZ_UNLIKELY(count == 0))
         return false;
-    outBlock = frontClass.m_Blocks[count - 1];
+    outWaiting = frontClass.m_Waiting[count - 1];
     frontClass.m_Count = count - 1;
     ++frontClass.m_TakeCount;
     if (Mem::kIsAddressSanitized)
-        Mem::Unpoison(outBlock, _SlotIdToSize(slotId));
+        Mem::Unpoison(outWaiting.Block(), _SlotIdToSize(slotId));
     return true;
 }
 
 // False when there is no room, and when the front is not the thread's to use.
-inline bool CParticlePageAllocator::_GiveToFront(u8 *block, u32 slotId)
+inline bool CParticlePageAllocator::_GiveToFront(SWaiting waiting, u32 slotId)
 {
     SThreadFront *front = SThreadFront::OfThisThread();
     if (TZ_UNLIKELY(front == null))
@@ -178,8 +215,8 @@ inline bool CParticlePageAllocator::_GiveToFront(u8 *block, u32 slotId)
     if (TZ_UNLIKELY(count >= frontClass.m_Capacity))
         return false;
     if (Mem::kIsAddressSanitized)
-        Mem::Poison(block, _SlotIdToSize(slotId));
-    frontClass.m_Blocks[count] = block;
+        Mem::Poison(waiting.Block(), _SlotIdToSize(slotId));
+    frontClass.m_Waiting[count] = waiting;
     frontClass.m_Count = count + 1;
     return true;
 }
