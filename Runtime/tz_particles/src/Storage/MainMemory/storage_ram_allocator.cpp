@@ -22,6 +22,8 @@ using PageClasses::kUsedSlotCount;
 
 constexpr u32 kArenaRecordBytes = 2 * kBlockAlignment; // up to the first header, wherever the arena lies
 constexpr u32 kHugePageBytes = 2 << 20;
+constexpr u32 kSmallPageBytes = 4 << 10;
+constexpr u32 kMinApartBytes = 512 << 10;
 constexpr u32 kMinArenaBytes = 64 << 10;
 constexpr u32 kMaxArenaBytes = 16 << 20;
 constexpr u64 kMinBytesForHugePages = kHugePageBytes; // of a class: a huge page wastes at most what it used before
@@ -93,10 +95,12 @@ u32 CParticlePageAllocator::_SlotIdToSize(u32 slotId)
     return ((kStepsPerDoubling + step) << (kMinAllocSizeLog2 + doubling)) / kStepsPerDoubling;
 }
 
-// Bytes that a block takes in an arena, its header included.
+// Bytes that a block takes in an arena, its header included. Blocks of half a MiB and more stand a small page further
+// apart: at a distance of a power of two their first pages would share a few entries for translations.
 u64 CParticlePageAllocator::_BlockStride(u32 blockBytes)
 {
-    return Mem::Align<kBlockAlignment>(u64(blockBytes)) + kBlockAlignment;
+    const u32 apart = blockBytes >= kMinApartBytes ? kSmallPageBytes : 0;
+    return Mem::Align<kBlockAlignment>(u64(blockBytes)) + kBlockAlignment + apart;
 }
 
 // Blocks of the next arena of a class that has classBlockCount in arenas. Each arena holds about as much as all before
