@@ -84,6 +84,8 @@ TEST_F(PageView, ColumnsStartAtItsFirstParticle)
     EXPECT_EQ(colours.Stride(), 0u);
     EXPECT_EQ(colours[2], CFloat4(0.25f, 0.5f, 0.75f, 1.0f));
     EXPECT_EQ(view.Column<S64Bytes>(CGuid(2)).Count(), 3u);
+    page.StreamsForWriting()[0].Clear(); // no data, and no address beyond it
+    EXPECT_TRUE(view.Column<CFloat3>(CGuid(0)).Empty() && view.ColumnForWriting<CFloat3>(CGuid(0)).Empty());
     EXPECT_EQ(m_Reports.Count(), 0u);
 }
 

@@ -40,10 +40,11 @@ bool CParticlePageView::_TakeColumn(CGuid streamId, bool isForWriting, TStridedM
         return false;
     const SParticleStreamField &field = page->Streams().Data()[streamId.Get()];
     const u32 stride = field.m_Definition.m_StorageSize;
-    u8 *start = field.m_RawDataPtr + size_t(stride) * m_First;
     const bool isWhole = stride >= sizeof(_Type) || (stride == 0 && !isForWriting && sizeof(_Type) <= sizeof(S64Bytes));
-    if (!isWhole || field.m_RawDataPtr == null || (ureg(start) | stride) % alignof(_Type) != 0 ||
-        (isForWriting && !page->ReadyToWrite()))
+    if (!isWhole || field.m_RawDataPtr == null)
+        return false;
+    u8 *start = field.m_RawDataPtr + size_t(stride) * m_First;
+    if ((ureg(start) | stride) % alignof(_Type) != 0 || (isForWriting && !page->ReadyToWrite()))
         return false;
     outColumn = TStridedMemoryView<_Type>(reinterpret_cast<_Type *>(start), m_Count, stride);
     return true;
