@@ -141,9 +141,9 @@ void CParticleStream_MainMemory::_RebuildPages_NoLock(const u8 *streamRemap, boo
 // or one whose replacement was refused, leaves the list instead (the last page moves to i), and 0 is returned.
 u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const u8 *streamRemap, bool keepContents)
 {
+    const u32 particleCount = m_Pages.RawDataPointer()[i].Get()->ParticleCount();
     const PParticlePage page = m_Pages.RawDataPointer()[i];
     const u32 oldCount = m_Pages.Count();
-    const u32 particleCount = page->ParticleCount();
     PParticlePage newPage;
     if (particleCount != 0)
     {
