@@ -66,6 +66,26 @@ TEST_F(Page, CopyOfAnotherLayoutStaysInItsColumns)
     EXPECT_EQ(page.Streams()[1].m_RawDataPtr[0], kFreshParticleByte);
 }
 
+TEST_F(Page, CopyOfAnotherCapacityKeepsColumnsApart)
+{
+    CDefinition definition;
+    definition.Stored(Position, BaseType_Float4).Stored(Life, BaseType_Float4);
+    for (const u32 capacity : {4u, 8u})
+    {
+        CTestStream source(12 - capacity, definition), target(capacity, definition);
+        CParticlePage &full = source.AppendPage(12 - capacity, 12 - capacity), &page = target.AppendPage(capacity, 0);
+        std::memset(full.Streams()[0].m_RawDataPtr, 0x11, 64);
+        std::memset(full.Streams()[1].m_RawDataPtr, 0x22, 64);
+        page.DeepCopy(full);
+        target.RegisterBornCount(4);
+        EXPECT_EQ(page.Streams()[0].m_RawDataPtr[63], 0x11);
+        EXPECT_EQ(page.Streams()[1].m_RawDataPtr[0], 0x22);
+        full.StreamsForWriting()[0].Clear();
+        page.DeepCopy(full);
+        EXPECT_EQ(page.Streams()[0].m_RawDataPtr[0], 0x11) << "a column without data has none to give";
+    }
+}
+
 TEST_F(PageView, ColumnsStartAtItsFirstParticle)
 {
     CParticlePage &page = m_Stream.AppendPage(11, 9);

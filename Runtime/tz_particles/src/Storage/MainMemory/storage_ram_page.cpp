@@ -273,11 +273,27 @@ void CParticlePage::_DeepCopy(const CParticlePage &other, FnCopyBytes copyBytes)
     const u32 fieldCount = TZMin(StreamsCount(), other.StreamsCount());
     SParticleStreamField *dstFields = m_Streams_Unsafe.RawDataPointer();
     const SParticleStreamField *srcFields = other.m_Streams_Unsafe.RawDataPointer();
+    // Columns that lie behind each other on both sides, as those of full pages do, go in one copy.
+    u8 *dst = null;
+    const u8 *src = null;
+    ureg byteCount = 0;
     for (u32 i = 0; i < fieldCount; ++i)
     {
+        u8 *dstColumn = dstFields[i].m_RawDataPtr;
+        const u8 *srcColumn = srcFields[i].m_RawDataPtr;
         const u32 rowBytes = TZMin(dstFields[i].m_Definition.m_StorageSize, srcFields[i].m_Definition.m_StorageSize);
-        copyBytes(dstFields[i].m_RawDataPtr, srcFields[i].m_RawDataPtr, ureg(rowBytes) * particleCount);
+        if (rowBytes == 0 || dstColumn == null || srcColumn == null)
+            continue;
+        if (dstColumn != dst + byteCount || srcColumn != src + byteCount)
+        {
+            copyBytes(dst, src, byteCount);
+            dst = dstColumn;
+            src = srcColumn;
+            byteCount = 0;
+        }
+        byteCount += ureg(rowBytes) * particleCount;
     }
+    copyBytes(dst, src, byteCount);
     _SetParticleCount(particleCount);
 }
 
