@@ -257,12 +257,28 @@ TEST_F(PageAllocator, WhatWaitsWithAThreadIsWithinReach)
     EXPECT_TRUE(Pages().AllocPage(2000) != null) << "one that waits with the other thread";
     m_Memory.RefuseNone();
     Pages().CleanAllFreePages();
-    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount);
+    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 1) << "the other thread's front";
+    Particles::Shutdown();
+    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount - 4) << "both fronts, the allocator, its pools and statistics";
+    EXPECT_TRUE(Particles::Startup());
     end.set_value();
     other.join();
     EXPECT_EQ(Stats().m_BlocksFree, 1u) << "a thread leaves it to the others";
+    EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 2) << "and takes nothing along";
     EXPECT_TRUE(Pages().AllocPage(70000) != null);
-    EXPECT_EQ(Stats().m_RecycleCount, 2u);
+    EXPECT_EQ(Stats().m_RecycleCount, 1u);
+}
+
+// A thread's front is asked for where blocks are, and the service may want one itself.
+TEST_F(PageAllocator, MemoryServicesMayUseBlocks)
+{
+    Pages().AllocPage(700);
+    Pages().Update(); // to where every thread finds it
+    u32 count = 0;
+    m_Memory.AtEachCall([&](const SMemoryCall &) { count += Pages().AllocPage(700) != null ? 1 : 0; });
+    std::thread([&] { Pages().AllocPage(700); }).join();
+    m_Memory.AtEachCall(CAllocatorHook::FnAtCall());
+    EXPECT_EQ(count, 2u) << "the front comes and goes";
 }
 
 // Destructors of keys run behind those of thread_local objects, and may be the first of their thread to let a block go.

@@ -7,7 +7,9 @@
 // services when no block of it is left. What waits stands first in a small front of the thread that let it go, which
 // that thread serves itself from without an atomic instruction, and from there goes in batches to the pool of its
 // class, which has a small lock. No memory service is called and no byte is filled under either. Any thread may call
-// any operation but Setup and the destructor. A thread has one front, for the allocator that it used last.
+// any operation but Setup and the destructor. A thread has one front, for the allocator that it used last; it goes back
+// to the memory services at the end of its thread or of its allocator, whichever is first. Where its memory is refused,
+// the pools serve.
 //
 //   TotalMemoryAllocated() == sum of Size() over the raw pages that are alive (and of blocks taken with Alloc)
 #pragma once
@@ -82,7 +84,7 @@ private:
     u32 m_Size;
     mutable u32 m_ReadersCount;
     CParticlePageAllocator *m_Allocator;
-    u32 m_SlotId;          // size class; kPoolSlotCount: none
+    u32 m_SlotId;          // size class; the one behind the last: none, it is not pooled
     bool m_IsWaiting;      // while it dies: it was not in use
     bool m_HasClosedBytes; // the library, whatever its host, is compiled for the address sanitizer
     u8 m_Apart[40];        // so that no cache line has what two threads write, where blocks of memory adjoin
@@ -153,7 +155,8 @@ public:
     // Requires that every raw page is dead (asserted); CParticlesInternals keeps the process's own alive until then.
     ~CParticlePageAllocator();
 
-    // Makes the size classes. False when memory is refused. To be called once, before anything else.
+    // Makes the size classes, and the calling thread's front. False when memory is refused for the former. To be called
+    // once, before anything else.
     bool Setup();
     bool Valid() const; // Setup succeeded
 
@@ -251,6 +254,7 @@ private:
         u64 m_UsedCount; // by the fronts' account; may be below 0
         u64 m_TakeCount;
     };
+    struct SThread;
     struct SThreadFront;
     class CFrontUse;
     class CThreadExit;
@@ -309,19 +313,24 @@ private:
     bool _HasRoom(u32 slotId);
     void _MoveOldestToPool(SFrontClass &frontClass, u32 slotId, u32 count);
     void _BindFrontIFN();
-    static void _UnbindFront(SThreadFront &front);
+    bool _HasBoundFront(SThread &thread, SThreadFront *newFront);
+    static SThreadFront *_NewFront();
+    static void _FreeFront(SThreadFront *front);
+    static SThreadFront *_TakeFrontOf(const SThread &thread);
     // All fronts of this allocator: shuts them, empties them and their counts into the pools, and opens them unless
     // there is a budget.
     void _EmptyFronts();
     void _EmptyFront(SThreadFront &front);
     SFrontCounts _CountInFronts(u32 slotId) const;
-    void _UnbindAllFronts();
-    void _UnbindAllFronts_NoLock();
+    void _FreeFronts();
     void _ShutFronts_NoLock();
     void _OpenFronts_NoLock();
 
-    static SThreadFront *m_Fronts; // that are bound to any allocator; under the lock of all fronts
+    static u64 _NextId();
 
+    static SThreadFront *m_Fronts; // of all allocators; under the lock of all fronts
+
+    const u64 m_Id; // that no other allocator of the process has, had or will have
     TArray<SBlockPool> m_Blocks;
     TSharedField<bool> m_FrontsAreOpen; // to new ones; written under the lock of all fronts
     TSharedField<bool> m_IsLeftToBlocks;

@@ -53,7 +53,8 @@ void TouchEndOfHugePage(ureg start)
 } // namespace
 
 CParticlePageAllocator::CParticlePageAllocator()
-    : m_FrontsAreOpen(false)
+    : m_Id(_NextId())
+    , m_FrontsAreOpen(false)
     , m_IsLeftToBlocks(false)
     , m_MemoryBudget(0)
     , m_TotalMemoryUsed(kOwnerShare)
@@ -67,8 +68,8 @@ CParticlePageAllocator::CParticlePageAllocator()
 CParticlePageAllocator::~CParticlePageAllocator()
 {
     TZ_ASSERT(_BytesInUse() == 0);
-    _UnbindAllFronts();
     CleanAllFreePages();
+    _FreeFronts();
     Mem::Delete(TZ_CALL_SITE, m_Stats);
 }
 
@@ -81,6 +82,7 @@ bool CParticlePageAllocator::Setup()
     for (u32 slotId = 0; slotId < kUsedSlotCount; ++slotId)
         m_Blocks.PushBackUnsafe(SBlockPool());
     _EmptyFronts(); // there is none, and from now on they are open
+    _BindFrontIFN();
     return true;
 }
 
@@ -364,8 +366,8 @@ u8 *CParticlePageAllocator::_TakeElsewhere(u32 sizeInBytes)
 {
     if (!Valid())
         return null;
-    const u32 slotId = _SizeToSlotId(sizeInBytes);
-    const bool isPooled = slotId < kPoolSlotCount;
+    const u32 slotId = TZMin(_SizeToSlotId(sizeInBytes), kUsedSlotCount);
+    const bool isPooled = slotId < kUsedSlotCount;
     if (isPooled && _HasRefilled(slotId))
     {
         SWaiting waiting;
@@ -437,7 +439,7 @@ void CParticlePageAllocator::_RetireElsewhere(u8 *block, u32 sizeInBytes)
 bool CParticlePageAllocator::_GiveElsewhere(CParticleRawPage_MainMemory &rawPage)
 {
     const u32 slotId = rawPage.m_SlotId;
-    if (slotId >= kPoolSlotCount || m_IsLeftToBlocks)
+    if (slotId >= kUsedSlotCount || m_IsLeftToBlocks)
         return false;
     if (_HasRoom(slotId) && _GiveToFront(SWaiting(&rawPage), slotId))
         return true;

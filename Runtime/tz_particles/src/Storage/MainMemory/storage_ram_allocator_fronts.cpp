@@ -6,12 +6,14 @@
 // the fronts stay shut and the pools serve alone.
 #include <linux/membarrier.h>
 #include <pthread.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <mutex>
+
+#include <tz_kernel/include/kr_mem.h>
+#include <tz_memory.h>
 
 #include "storage_ram_allocator_pools.h"
 
@@ -25,6 +27,7 @@ namespace
 // and requests come from under the page lock.
 std::mutex g_FrontsLock;
 bool g_FrontsAreOver = false; // the library is at its end
+u64 g_LastAllocatorId = 0;
 
 bool CallBarrier(int command) { return syscall(SYS_membarrier, command, 0, 0) == 0; }
 
@@ -36,29 +39,16 @@ bool HasBarrier()
 
 } // namespace
 
-// Makes threads' fronts, and lets each go at its thread's end: by a key of POSIX, whose destructors are called again
-// for what the destructors of other keys bound. At the end of the library, or of the process, all fronts are let go.
+// Lets a thread's front go at the thread's end: by a key of POSIX, whose destructors are called again for what the
+// destructors of other keys bound. At the end of the library, or of the process, all fronts are shut for good.
 class CParticlePageAllocator::CThreadExit : public CNonCopyable
 {
 public:
-    // A front for the calling thread, bound to no allocator. Null in want of memory. Under the lock of all fronts.
-    static SThreadFront *NewFront()
+    // False: the thread's end would not be heard of. Under the lock of all fronts.
+    static bool IsHeard(SThread &thread)
     {
         static CThreadExit threadExit;
-        if (!threadExit.m_IsMade)
-            return null;
-        // The system's own memory: at the end of its thread no memory service may be called any more. It is all zero.
-        void *place = mmap(null, sizeof(SThreadFront), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (place == MAP_FAILED)
-            return null;
-        SThreadFront *front = static_cast<SThreadFront *>(place);
-        if (pthread_setspecific(threadExit.m_Key, front) != 0)
-        {
-            munmap(place, sizeof(SThreadFront));
-            return null;
-        }
-        SThreadFront::OfThisThread() = front;
-        return front;
+        return threadExit.m_IsMade && pthread_setspecific(threadExit.m_Key, &thread) == 0;
     }
 
 private:
@@ -66,24 +56,28 @@ private:
         : m_IsMade(pthread_key_create(&m_Key, &OnThreadEnd) == 0)
     {
     }
+    // What is in the fronts goes to the pools. Their memory stays with their allocators, for threads may still run.
     ~CThreadExit()
     {
         const std::lock_guard<std::mutex> lock(g_FrontsLock);
         g_FrontsAreOver = true;
-        while (m_Fronts != null)
-            m_Fronts->m_Allocator->_UnbindAllFronts_NoLock();
+        for (SThreadFront *front = m_Fronts; front != null; front = front->m_Next)
+            front->m_Allocator->_ShutFronts_NoLock();
         if (m_IsMade)
             pthread_key_delete(m_Key);
     }
 
-    static void OnThreadEnd(void *threadFront)
+    static void OnThreadEnd(void *endingThread)
     {
-        SThreadFront::OfThisThread() = null;
+        SThread &thread = *static_cast<SThread *>(endingThread);
+        thread.m_AllocatorId = 0;
+        thread.m_BindsNone = true; // the destructors of other keys, and the memory service, use the pools
+        SThreadFront *front;
         {
             const std::lock_guard<std::mutex> lock(g_FrontsLock);
-            _UnbindFront(*static_cast<SThreadFront *>(threadFront));
+            front = _TakeFrontOf(thread);
         }
-        munmap(threadFront, sizeof(SThreadFront));
+        _FreeFront(front);
     }
 
     pthread_key_t m_Key;
@@ -92,17 +86,19 @@ private:
 
 CParticlePageAllocator::SThreadFront *CParticlePageAllocator::m_Fronts = null;
 
+u64 CParticlePageAllocator::_NextId() { return __atomic_add_fetch(&g_LastAllocatorId, 1, __ATOMIC_RELAXED); }
+
 // For a class that is empty: takes a batch over from the pool. False when there is none, or the front is shut.
 bool CParticlePageAllocator::_HasRefilled(u32 slotId)
 {
     _BindFrontIFN();
-    SThreadFront *front = SThreadFront::OfThisThread();
-    if (front == null)
+    const SThread &thread = SThread::This();
+    if (thread.m_AllocatorId != m_Id)
         return false;
-    const CFrontUse use(*front, *this);
+    const CFrontUse use(*thread.m_Front);
     if (!use.IsGranted())
         return false;
-    SFrontClass &frontClass = front->m_Classes[slotId];
+    SFrontClass &frontClass = thread.m_Front->m_Classes[slotId];
     SBlockPool &pool = _Pool(slotId);
     SBlockHeader *first;
     {
@@ -123,13 +119,13 @@ bool CParticlePageAllocator::_HasRefilled(u32 slotId)
 bool CParticlePageAllocator::_HasRoom(u32 slotId)
 {
     _BindFrontIFN();
-    SThreadFront *front = SThreadFront::OfThisThread();
-    if (front == null)
+    const SThread &thread = SThread::This();
+    if (thread.m_AllocatorId != m_Id)
         return false;
-    const CFrontUse use(*front, *this);
+    const CFrontUse use(*thread.m_Front);
     if (!use.IsGranted())
         return false;
-    SFrontClass &frontClass = front->m_Classes[slotId];
+    SFrontClass &frontClass = thread.m_Front->m_Classes[slotId];
     frontClass.m_Capacity = 2 * _BatchSize(slotId);
     if (frontClass.m_Count == frontClass.m_Capacity)
         _MoveOldestToPool(frontClass, slotId, _BatchSize(slotId));
@@ -151,55 +147,97 @@ void CParticlePageAllocator::_MoveOldestToPool(SFrontClass &frontClass, u32 slot
 // Makes the calling thread's front one of this allocator's, unless the fronts are shut.
 void CParticlePageAllocator::_BindFrontIFN()
 {
-    SThreadFront *front = SThreadFront::OfThisThread();
-    if ((front != null && front->m_OpenTo == this) || !m_FrontsAreOpen)
+    SThread &thread = SThread::This();
+    if (thread.m_AllocatorId == m_Id || thread.m_BindsNone || !m_FrontsAreOpen)
         return;
+    thread.m_BindsNone = true; // the memory service may use blocks itself
+    if (!_HasBoundFront(thread, null))
+    {
+        SThreadFront *front = _NewFront();
+        if (front != null && !_HasBoundFront(thread, front))
+            _FreeFront(front);
+    }
+    thread.m_BindsNone = false;
+}
+
+// Binds the new front, or with null the one that the thread has with another allocator. False when there is none to
+// bind, and when the fronts are shut.
+bool CParticlePageAllocator::_HasBoundFront(SThread &thread, SThreadFront *newFront)
+{
     const std::lock_guard<std::mutex> lock(g_FrontsLock);
-    if (!m_FrontsAreOpen || g_FrontsAreOver)
-        return;
+    if (!m_FrontsAreOpen || g_FrontsAreOver || !CThreadExit::IsHeard(thread))
+        return false;
+    SThreadFront *front = newFront != null ? newFront : _TakeFrontOf(thread);
     if (front == null)
-        front = CThreadExit::NewFront();
-    if (front == null || front->m_Allocator == this)
-        return;
-    _UnbindFront(*front);
+        return false;
+    front->m_Allocator = this;
+    front->m_Thread = &thread;
     front->m_Next = m_Fronts;
     m_Fronts = front;
-    front->m_Allocator = this;
-    front->m_OpenTo = this;
+    front->m_IsOpen = true;
+    thread.m_AllocatorId = m_Id;
+    thread.m_Front = front;
+    return true;
 }
 
-// Under the lock of all fronts, on the front's own thread.
-void CParticlePageAllocator::_UnbindFront(SThreadFront &front)
+// The thread's front, emptied, from the allocator that has it. Null: none has. Under the lock of all fronts.
+CParticlePageAllocator::SThreadFront *CParticlePageAllocator::_TakeFrontOf(const SThread &thread)
 {
-    if (front.m_Allocator == null)
-        return;
-    front.m_Allocator->_EmptyFront(front);
-    front.m_Allocator = null;
     SThreadFront **place = &m_Fronts;
-    while (*place != &front)
+    while (*place != null && (*place)->m_Thread != &thread)
         place = &(*place)->m_Next;
-    *place = front.m_Next;
+    SThreadFront *front = *place;
+    if (front == null)
+        return null;
+    *place = front->m_Next;
+    front->m_Allocator->_EmptyFront(*front);
+    return front;
 }
 
-void CParticlePageAllocator::_UnbindAllFronts()
+// A front that is bound to no allocator. Null in want of memory.
+CParticlePageAllocator::SThreadFront *CParticlePageAllocator::_NewFront()
 {
-    const std::lock_guard<std::mutex> lock(g_FrontsLock);
-    _UnbindAllFronts_NoLock();
+    constexpr u32 kAlignment = alignof(SThreadFront);
+    void *memory = Mem::_RawAlloc(sizeof(SThreadFront) + kAlignment, 0, Mem::AllocType_Generic, Mem::Origin_Alloc,
+                                  Mem::kDefaultTag, __FILE__, __LINE__, TZ_FUNCTION_SIGNATURE);
+    if (memory == null)
+        return null;
+    return Mem::Construct<SThreadFront>(reinterpret_cast<void *>(Mem::Align<kAlignment>(ureg(memory))), memory);
 }
 
-void CParticlePageAllocator::_UnbindAllFronts_NoLock()
+// Null is allowed.
+void CParticlePageAllocator::_FreeFront(SThreadFront *front)
 {
-    _ShutFronts_NoLock();
-    for (SThreadFront **place = &m_Fronts; *place != null;)
+    if (front != null)
+        Mem::_RawFree(front->m_Memory, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__,
+                      TZ_FUNCTION_SIGNATURE);
+}
+
+// With the allocator's end: no thread has a block of its any more, so that none is about to look into its front.
+void CParticlePageAllocator::_FreeFronts()
+{
+    SThreadFront *freed = null;
     {
-        SThreadFront &front = **place;
-        if (front.m_Allocator == this)
+        const std::lock_guard<std::mutex> lock(g_FrontsLock);
+        _ShutFronts_NoLock();
+        for (SThreadFront **place = &m_Fronts; *place != null;)
         {
-            front.m_Allocator = null;
-            *place = front.m_Next;
+            SThreadFront *front = *place;
+            if (front->m_Allocator == this)
+            {
+                *place = front->m_Next;
+                front->m_Next = freed;
+                freed = front;
+            }
+            else
+                place = &front->m_Next;
         }
-        else
-            place = &front.m_Next;
+    }
+    while (freed != null)
+    {
+        SThreadFront *front = freed;
+        freed = front->m_Next;
+        _FreeFront(front);
     }
 }
 
@@ -216,7 +254,7 @@ void CParticlePageAllocator::_ShutFronts_NoLock()
     for (SThreadFront *front = m_Fronts; front != null; front = front->m_Next)
     {
         if (front->m_Allocator == this)
-            front->m_OpenTo = null;
+            front->m_IsOpen = false;
     }
     if (m_Fronts != null && !CallBarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED))
         CallBarrier(MEMBARRIER_CMD_GLOBAL); // slower, but asks for no registration
@@ -237,7 +275,7 @@ void CParticlePageAllocator::_OpenFronts_NoLock()
     for (SThreadFront *front = m_Fronts; m_FrontsAreOpen && front != null; front = front->m_Next)
     {
         if (front->m_Allocator == this)
-            front->m_OpenTo = this;
+            front->m_IsOpen = true;
     }
 }
 

@@ -132,18 +132,36 @@ struct CParticlePageAllocator::SFrontClass
     TSharedField<u64> m_TakeCount;    // blocks handed out
     u64 m_Capacity;                   // two batches; 0 until something comes
     SWaiting m_Waiting[2 * PageClasses::kMaxBatchSize];
+
+    SFrontClass()
+        : m_Capacity(0)
+    {
+    }
 };
 
 // What one thread has let go and not asked for again. Only its thread touches it while it is open, but for the counts,
 // which anybody may read under the lock of all fronts.
 struct CParticlePageAllocator::SThreadFront
 {
-    // That it is open to; null while it is shut. Written under the lock of all fronts.
-    TSharedPointer<const CParticlePageAllocator> m_OpenTo;
-    u32 m_IsInUse;                                         // by its thread, and written by no one else
-    CParticlePageAllocator *m_Allocator;                   // that it is bound to; under the lock of all fronts
-    SThreadFront *m_Next;                                  // among all that are bound; likewise
-    alignas(64) SFrontClass m_Classes[kPoolSlotCount + 1]; // the last one, of blocks that are not pooled, stays empty
+    // Written under the lock of all fronts.
+    TSharedField<bool, __ATOMIC_ACQUIRE, __ATOMIC_RELEASE> m_IsOpen;
+    u32 m_IsInUse;                       // by its thread, and written by no one else
+    CParticlePageAllocator *m_Allocator; // whose blocks wait here; this and the next ones under the lock of all fronts
+    const SThread *m_Thread;             // whose front it is; it may have ended
+    SThreadFront *m_Next;                // among the fronts of all allocators
+    void *m_Memory;                      // from the memory services
+    // The last one, of blocks that are not pooled, stays empty.
+    alignas(PageClasses::kBlockAlignment) SFrontClass m_Classes[PageClasses::kUsedSlotCount + 1];
+
+    explicit SThreadFront(void *memory)
+        : m_IsOpen(false)
+        , m_IsInUse(0)
+        , m_Allocator(null)
+        , m_Thread(null)
+        , m_Next(null)
+        , m_Memory(memory)
+    {
+    }
 
     // m_Classes[slotId], by an address that is computed once.
     SFrontClass &Class(u32 slotId)
@@ -151,12 +169,21 @@ struct CParticlePageAllocator::SThreadFront
         static_assert(sizeof(SFrontClass) == 1024, "a shift finds it");
         return *reinterpret_cast<SFrontClass *>(reinterpret_cast<ureg>(m_Classes) + ureg(slotId) * sizeof(SFrontClass));
     }
+};
 
-    // Null: none yet, or none any more. A word that costs no call, in a shared library either.
-    static SThreadFront *&OfThisThread()
+// What a thread knows of its front. The front itself may be gone, and nobody looks into it but by its allocator's id:
+// then the allocator is alive, and with it the front.
+struct CParticlePageAllocator::SThread
+{
+    u64 m_AllocatorId; // 0: there is no front
+    SThreadFront *m_Front;
+    bool m_BindsNone; // it is about to bind one, or at its end
+
+    // Words that cost no call, in a shared library either.
+    static SThread &This()
     {
-        static thread_local SThreadFront *front __attribute__((tls_model("initial-exec"))) = null;
-        return front;
+        static thread_local SThread thread __attribute__((tls_model("initial-exec"))) = {0, null, false};
+        return thread;
     }
 };
 
@@ -164,12 +191,12 @@ struct CParticlePageAllocator::SThreadFront
 class CParticlePageAllocator::CFrontUse : public CNonCopyable
 {
 public:
-    CFrontUse(SThreadFront &front, const CParticlePageAllocator &allocator)
+    explicit CFrontUse(SThreadFront &front)
         : m_Front(front)
     {
         __atomic_store_n(&m_Front.m_IsInUse, 1u, __ATOMIC_RELAXED);
         __atomic_signal_fence(__ATOMIC_SEQ_CST); // the processor's own order is what the other side's barrier is for
-        m_IsGranted = m_Front.m_OpenTo == &allocator;
+        m_IsGranted = m_Front.m_IsOpen;
     }
     ~CFrontUse() { __atomic_store_n(&m_Front.m_IsInUse, 0u, __ATOMIC_RELEASE); }
 
@@ -183,13 +210,13 @@ private:
 // The block that was let go last. False when there is none, and when the front is not the thread's to use.
 inline bool CParticlePageAllocator::_TakeFromFront(u32 slotId, SWaiting &outWaiting)
 {
-    SThreadFront *front = SThreadFront::OfThisThread();
-    if (TZ_UNLIKELY(front == null))
+    const SThread &thread = SThread::This();
+    if (TZ_UNLIKELY(thread.m_AllocatorId != m_Id))
         return false;
-    const CFrontUse use(*front, *this);
+    const CFrontUse use(*thread.m_Front);
     if (TZ_UNLIKELY(!use.IsGranted()))
         return false;
-    SFrontClass &frontClass = front->Class(slotId);
+    SFrontClass &frontClass = thread.m_Front->Class(slotId);
     const u64 count = frontClass.m_Count;
     if (TZ_UNLIKELY(count == 0))
         return false;
@@ -204,13 +231,13 @@ inline bool CParticlePageAllocator::_TakeFromFront(u32 slotId, SWaiting &outWait
 // False when there is no room, and when the front is not the thread's to use.
 inline bool CParticlePageAllocator::_GiveToFront(SWaiting waiting, u32 slotId)
 {
-    SThreadFront *front = SThreadFront::OfThisThread();
-    if (TZ_UNLIKELY(front == null))
+    const SThread &thread = SThread::This();
+    if (TZ_UNLIKELY(thread.m_AllocatorId != m_Id))
         return false;
-    const CFrontUse use(*front, *this);
+    const CFrontUse use(*thread.m_Front);
     if (TZ_UNLIKELY(!use.IsGranted()))
         return false;
-    SFrontClass &frontClass = front->Class(slotId);
+    SFrontClass &frontClass = thread.m_Front->Class(slotId);
     const u64 count = frontClass.m_Count;
     if (TZ_UNLIKELY(count >= frontClass.m_Capacity))
         return false;
