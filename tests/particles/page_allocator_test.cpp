@@ -83,6 +83,14 @@ TEST_F(PageAllocator, BlocksServeBareAndUnderRawPages)
     }
     Pages().Retire(Pages().Alloc(leastSize), leastSize);
     Pages().Retire(null, leastSize);
+    u8 *small = Pages().Alloc(700);
+    for (const u32 wrongSize : {500u, 5000u, leastSize})
+    {
+        Pages().Retire(small, wrongSize);
+        m_Reports.Expect({"slotId == TZMin(_SizeToSlotId(sizeInBytes), kUsedSlotCount)"});
+        EXPECT_EQ(Pages().Alloc(700), small) << "it waits as what it is";
+    }
+    Pages().Retire(small, 700);
     EXPECT_EQ(Pages().TotalMemoryAllocated(), 0u);
     EXPECT_EQ(Stats().m_AllocCount - Stats().m_RecycleCount, Stats().m_BlocksFree + 1) << "never pooled";
 }

@@ -168,7 +168,8 @@ public:
     }
 
     // The blocks under AllocPage: Alloc gives one of _SlotIdToSize(_SizeToSlotId(size)) bytes (of size itself above
-    // kMaxAllocSize), or null; Retire takes one back with the size that was asked, or any that rounds to the same.
+    // kMaxAllocSize), or null; Retire takes one back with the size that was asked, or any that rounds to the same. With
+    // a size of another class it reports, and takes the block back as what it is.
     u8 *Alloc(u32 sizeInBytes);
     void Retire(u8 *block, u32 sizeInBytes);
 
@@ -210,6 +211,7 @@ private:
         SBlockHeader *m_OlderBatch;
         u32 m_BatchCount;
         u32 m_BatchDate; // the allocator's date when it came to the pool
+        u32 m_SlotId;    // of the block
     };
 
     // A run of blocks of one class, in one piece of memory that begins with this record.
@@ -293,6 +295,7 @@ private:
     bool _GiveToFront(SWaiting waiting, u32 slotId);
     bool _GiveElsewhere(CParticleRawPage_MainMemory &rawPage); // false: it is not to wait
     TZ_NOINLINE void _RetireElsewhere(u8 *block, u32 sizeInBytes);
+    static bool _IsOfSlot(u8 *block, u32 slotId);
     void _ReturnBlock(CParticleRawPage_MainMemory &rawPage);
     void _BareBlock(u32 slotId, SBlockHeader *header);
     void _FreeRawPagesRetiredBefore(u32 date);

@@ -320,7 +320,8 @@ CParticlePageAllocator::SBlockHeader *CParticlePageAllocator::_NewBlock(u32 slot
     const ureg hugePage = Mem::Align<kHugePageBytes>(start);
     if (hugePage < TZMin(start + ureg(_BlockStride(blockBytes)), place.m_Arena->m_HugePagesEnd))
         TouchEndOfHugePage(hugePage);
-    return Mem::Construct<SBlockHeader>(place.m_Header, SBlockHeader{place.m_Arena, null, null, null, null, 0, 0});
+    return Mem::Construct<SBlockHeader>(place.m_Header,
+                                        SBlockHeader{place.m_Arena, null, null, null, null, 0, 0, slotId});
 }
 
 // A block that was bare, with a raw page on it, or null.
@@ -419,16 +420,21 @@ CParticleRawPage_MainMemory *CParticlePageAllocator::_AllocRawPageElsewhere(u32 
 void CParticlePageAllocator::Retire(u8 *block, u32 sizeInBytes)
 {
     if (TZ_UNLIKELY(block == null || sizeInBytes > kMaxAllocSize ||
+                    !_IsOfSlot(block, PageClasses::SlotIdOf(sizeInBytes)) ||
                     !_GiveToFront(SWaiting(block), PageClasses::SlotIdOf(sizeInBytes))))
         _RetireElsewhere(block, sizeInBytes);
 }
+
+// What the header says counts, whatever size came along: else a block would be handed out as larger than it is.
+bool CParticlePageAllocator::_IsOfSlot(u8 *block, u32 slotId) { return _Header(block)->m_SlotId == slotId; }
 
 void CParticlePageAllocator::_RetireElsewhere(u8 *block, u32 sizeInBytes)
 {
     if (block == null)
         return;
-    const u32 slotId = _SizeToSlotId(sizeInBytes);
-    if (slotId < kPoolSlotCount && _HasRoom(slotId) && _GiveToFront(SWaiting(block), slotId))
+    const u32 slotId = _Header(block)->m_SlotId;
+    TZ_ASSERT(slotId == TZMin(_SizeToSlotId(sizeInBytes), kUsedSlotCount));
+    if (slotId < kUsedSlotCount && _HasRoom(slotId) && _GiveToFront(SWaiting(block), slotId))
         return;
     CParticleRawPage_MainMemory *rawPage = _Header(block)->m_RawPage;
     if (!_GiveElsewhere(*rawPage))

@@ -213,10 +213,11 @@ inline bool CParticlePageAllocator::_TakeFromFront(u32 slotId, SWaiting &outWait
     const SThread &thread = SThread::This();
     if (TZ_UNLIKELY(thread.m_AllocatorId != m_Id))
         return false;
-    const CFrontUse use(*thread.m_Front);
+    SThreadFront &front = *thread.m_Front;
+    const CFrontUse use(front);
     if (TZ_UNLIKELY(!use.IsGranted()))
         return false;
-    SFrontClass &frontClass = thread.m_Front->Class(slotId);
+    SFrontClass &frontClass = front.Class(slotId);
     const u64 count = frontClass.m_Count;
     if (TZ_UNLIKELY(count == 0))
         return false;
@@ -234,10 +235,11 @@ inline bool CParticlePageAllocator::_GiveToFront(SWaiting waiting, u32 slotId)
     const SThread &thread = SThread::This();
     if (TZ_UNLIKELY(thread.m_AllocatorId != m_Id))
         return false;
-    const CFrontUse use(*thread.m_Front);
+    SThreadFront &front = *thread.m_Front;
+    const CFrontUse use(front);
     if (TZ_UNLIKELY(!use.IsGranted()))
         return false;
-    SFrontClass &frontClass = thread.m_Front->Class(slotId);
+    SFrontClass &frontClass = front.Class(slotId);
     const u64 count = frontClass.m_Count;
     if (TZ_UNLIKELY(count >= frontClass.m_Capacity))
         return false;
