@@ -299,7 +299,7 @@ void AddBulkRow(u32 bytes)
     };
     AddRow({"11", SizeName(bytes) + ", " + std::to_string(count) + " gotten, then released",
             double(count) * kBulkRepeatCount, "ns a block", 0.0,
-            "each block costs a cache line for its first byte, a raw page one more for its count"},
+            "each block costs a cache line for its first byte, and one for its size class or its count"},
            body);
 }
 
