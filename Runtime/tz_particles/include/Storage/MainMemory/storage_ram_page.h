@@ -169,9 +169,9 @@ private:
     TSharedField<u32> m_ParticleCount;
     u32 m_Capacity;
     u32 m_IndexInList;
-    CPageListIndex *m_ListIndex; // of the list that the page is in, told of each change of the count; or null
     PParticleRawPage_MainMemory m_RawPage;
     TArray<SParticleStreamField> m_Streams_Unsafe;
+    CPageListIndex *m_ListIndex; // of the list that the page is in, told of each change of the count; or null
     CParticleStream_MainMemory *m_Parent;
     const SParticleStreamDef *m_StreamDef;
 };
