@@ -1,6 +1,8 @@
-// Atomics: TAtomic, whose read-modify-writes are full barriers, and TSharedField for fields that a lock guards but
-// that may also be read without it.
+// Atomics: TAtomic, whose read-modify-writes are full barriers; LoadShared and StoreShared for members of plain types
+// that a lock guards but that may also be read without it.
 #pragma once
+
+#include <type_traits>
 
 #include <tz_defs.h>
 
@@ -70,6 +72,26 @@ void TZSwap(TAtomic<_Type> &a, TAtomic<_Type> &b)
     a.Store(bValue);
     b.Store(aValue);
 }
+
+namespace Threads
+{
+
+// A member of a plain type that is written under a lock and may be read without it: one atomic load or store each.
+template <int _Order = __ATOMIC_RELAXED, typename _Type>
+_Type LoadShared(const _Type &member)
+{
+    _Type value;
+    __atomic_load(&member, &value, _Order);
+    return value;
+}
+
+template <int _Order = __ATOMIC_RELAXED, typename _Type>
+void StoreShared(_Type &member, std::common_type_t<_Type> value)
+{
+    __atomic_store(&member, &value, _Order);
+}
+
+} // namespace Threads
 
 // A field that is written under a lock and may be read without it: every access is one atomic load or store of the
 // given order, and it has the size and alignment of its value. It has no atomic read-modify-write.
