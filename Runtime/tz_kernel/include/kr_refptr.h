@@ -101,8 +101,8 @@ public:
     _Type *Get() const { return m_Ptr; }                     // null: no object
     explicit operator bool() const { return m_Ptr != null; } // there is an object
 
-protected:
-    // The new object gets its reference before the old one loses its own: the old one may own the new one.
+    // Lets its object go and refers to another one, or to none. The new object gets its reference before the old one
+    // loses its own: the old one may own the new one.
     void Copy(_Type *object)
     {
         if (object == m_Ptr)
