@@ -1,20 +1,13 @@
-// Runs the rows and prints them as a table, each line when its row is done.
-//   --quick           one round: shows that everything works
-//   --rounds N        so many rounds a row; 25 unless said
-//   --shapes          other sizes of particles and pages, instead of the table
-//   --ours-alone      without the other sides, for a profiler
-//   --filter REGEX    only the rows whose "group: work" matches
-//   --json FILE       the same as JSON
-//   --markdown FILE   the same as a text to be read: machine, date, table
-// Ends with status 1 when the runtime reported anything, whatever the figures. Each row runs in a process of its own.
+// Runs the rows and prints them as a table, each line when its row is done; --help lists the options.
+// Ends with status 1 when the runtime reported anything or an output could not be written, whatever the figures. Each
+// row runs in a process of its own.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <numeric>
 #include <regex>
 
-#include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <tz_particles/include/ps_runtime.h>
 
@@ -27,12 +20,33 @@ namespace Bench
 namespace
 {
 
+void AddTableRows()
+{
+    AddSpawnRows();
+    AddLifeRows();
+    AddPassRows();
+    AddRemovalRows();
+    AddDeepCopyRows();
+    AddConversionRows();
+    AddRebindRows();
+    AddPageListRows();
+    AddBlockRows();
+    AddMemoryRows();
+    AddLockRows();
+}
+
+void AddAllShapeRows()
+{
+    AddShapeRows();
+    AddHandOverRows();
+}
+
 struct SOptions
 {
     unsigned m_RoundCount = 25;
-    bool m_ShowsShapes = false;
+    void (*m_AddRows)() = &AddTableRows;
     bool m_IsOursAlone = false;
-    std::string m_Filter;
+    std::regex m_Filter;
     std::string m_JsonPath;
     std::string m_MarkdownPath;
 };
@@ -91,51 +105,55 @@ SRowResult MeasureRow(const SRow &row, const std::function<void(const RunSides &
     return result;
 }
 
-bool ReadOptions(int count, char **arguments)
+// Whether the stream took everything until now.
+bool IsWritten(std::FILE *stream) { return std::fflush(stream) == 0 && std::ferror(stream) == 0; }
+
+std::string RegexProblem(const std::string &text)
 {
-    for (int i = 1; i < count; ++i)
+    try
     {
-        const std::string option = arguments[i];
-        const char *value = i + 1 < count ? arguments[i + 1] : nullptr;
-        const bool isFlag = option == "--quick" || option == "--shapes" || option == "--ours-alone";
-        if (option == "--quick")
-            g_Options.m_RoundCount = 1;
-        else if (option == "--shapes")
-            g_Options.m_ShowsShapes = true;
-        else if (option == "--ours-alone")
-            g_Options.m_IsOursAlone = true;
-        if (isFlag)
-            continue;
-        if (value == nullptr)
-            return false;
-        if (option == "--rounds")
-            g_Options.m_RoundCount = unsigned(std::clamp(std::atoi(value), 1, 1000));
-        else if (option == "--filter")
-            g_Options.m_Filter = value;
-        else if (option == "--json")
-            g_Options.m_JsonPath = value;
-        else if (option == "--markdown")
-            g_Options.m_MarkdownPath = value;
-        else
-            return false;
-        ++i;
+        const std::regex regex(text);
+        return "";
     }
-    return true;
+    catch (const std::regex_error &)
+    {
+        return "'" + text + "' is no regular expression";
+    }
 }
 
-void AddTableRows()
+// Ends the program on --help, and with 2 on a bad command line.
+void ReadOptions(int argc, char **argv)
 {
-    AddSpawnRows();
-    AddLifeRows();
-    AddPassRows();
-    AddRemovalRows();
-    AddDeepCopyRows();
-    AddConversionRows();
-    AddRebindRows();
-    AddPageListRows();
-    AddBlockRows();
-    AddMemoryRows();
-    AddLockRows();
+    CLI::App app("Runs the benchmarks and prints a table: ours beside limits and peers.", "tessaly_bench");
+    app.add_option("--rounds", g_Options.m_RoundCount, "rounds a row (25)")->check(CLI::Range(1, 1000))->type_name("N");
+    app.add_flag_callback(
+        "--quick", [] { g_Options.m_RoundCount = 1; }, "one round: shows that everything works");
+    app.add_flag_callback(
+        "--shapes", [] { g_Options.m_AddRows = &AddAllShapeRows; },
+        "other sizes of particles and pages, instead of the table");
+    app.add_flag("--ours-alone", g_Options.m_IsOursAlone, "without the other sides, for a profiler");
+    app.add_option_function<std::string>(
+           "--filter", [](const std::string &text) { g_Options.m_Filter = text; },
+           "only the rows whose \"group: work\" matches this regular expression")
+        ->check(RegexProblem)
+        ->type_name("REGEX");
+    app.add_option("--json", g_Options.m_JsonPath, "write the same there as JSON")->type_name("FILE");
+    app.add_option("--markdown", g_Options.m_MarkdownPath, "write the same there as a text: machine, date, table")
+        ->type_name("FILE");
+    try
+    {
+        app.parse(argc, argv);
+    }
+    catch (const CLI::CallForHelp &)
+    {
+        std::fputs(app.help().c_str(), stdout);
+        std::exit(IsWritten(stdout) ? 0 : 1);
+    }
+    catch (const CLI::ParseError &error)
+    {
+        std::fprintf(stderr, "tessaly_bench: %s\n", error.what());
+        std::exit(2);
+    }
 }
 
 template <typename _Print>
@@ -144,13 +162,14 @@ bool WriteFile(const std::string &path, _Print print)
     if (path.empty())
         return true;
     std::FILE *file = std::fopen(path.c_str(), "w");
-    if (file == nullptr)
-    {
-        std::fprintf(stderr, "%s: can not be written\n", path.c_str());
-        return false;
-    }
-    print(file);
-    return std::fclose(file) == 0;
+    if (file != nullptr)
+        print(file);
+    const bool isWritten = file != nullptr && IsWritten(file);
+    if (!isWritten)
+        std::fprintf(stderr, "tessaly_bench: %s can not be written\n", path.c_str());
+    if (file != nullptr)
+        std::fclose(file);
+    return isWritten;
 }
 
 std::string Summary()
@@ -187,22 +206,23 @@ int Run()
 {
     std::printf("%s; medians over %u rounds\n\n", MachineAndDate().c_str(), g_Options.m_RoundCount);
     PrintTableHead(stdout);
-    if (g_Options.m_ShowsShapes)
-    {
-        AddShapeRows();
-        AddHandOverRows();
-    }
-    else
-        AddTableRows();
+    g_Options.m_AddRows();
     std::printf("\n%s\n", Summary().c_str());
-    return WriteResults() && !g_Results.empty() ? 0 : 1;
+    const bool areResultsWritten = WriteResults();
+    if (!IsWritten(stdout))
+        std::fprintf(stderr, "tessaly_bench: the output can not be written\n");
+    else if (g_Results.empty())
+        std::fprintf(stderr, "tessaly_bench: no row matches the filter\n");
+    else
+        return areResultsWritten ? 0 : 1;
+    return 1;
 }
 
 } // namespace
 
 void AddRow(const SRow &row, const std::function<void(const RunSides &)> &body)
 {
-    if (!std::regex_search(row.m_Group + ": " + row.m_Work, std::regex(g_Options.m_Filter)))
+    if (!std::regex_search(row.m_Group + ": " + row.m_Work, g_Options.m_Filter))
         return;
     g_Results.push_back(MeasureInChild(row, [&] { return MeasureRow(row, body); }));
     PrintTableLine(stdout, g_Results.back());
@@ -213,14 +233,7 @@ void AddRow(const SRow &row, const std::function<void(const RunSides &)> &body)
 
 int main(int argc, char **argv)
 {
-    if (!Bench::ReadOptions(argc, argv))
-    {
-        std::fprintf(stderr,
-                     "usage: %s [--quick] [--rounds N] [--shapes] [--ours-alone] [--filter REGEX] [--json FILE] "
-                     "[--markdown FILE]\n",
-                     argv[0]);
-        return 2;
-    }
+    Bench::ReadOptions(argc, argv);
     Bench::MakeRoomForBlockPeers(argv);
     return Bench::Run();
 }

@@ -6,7 +6,7 @@ export CMAKE_BUILD_PARALLEL_LEVEL="${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}"
 export CTEST_PARALLEL_LEVEL="${CTEST_PARALLEL_LEVEL:-$(nproc)}"
 
 # What a configure and build of the whole project needs.
-build_packages=(g++ cmake ninja-build libgtest-dev libplf-colony-dev libpng-dev nlohmann-json3-dev)
+build_packages=(g++ cmake ninja-build libcli11-dev libgtest-dev libplf-colony-dev libpng-dev nlohmann-json3-dev)
 
 # step TEXT: a heading in the output.
 step()
