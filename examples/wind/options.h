@@ -29,8 +29,6 @@ enum class EParse
     Bad
 };
 
-// Reads the arguments into `outOptions`. Bad: `outError` says in one line what is wrong.
-EParse ParseOptions(int argc, const char *const *argv, SOptions &outOptions, std::string &outError);
-
-std::string HelpText();
+// Reads the arguments into `outOptions`. Help: `outText` is the text. Bad: it says in one line what is wrong.
+EParse ParseOptions(int argc, const char *const *argv, SOptions &outOptions, std::string &outText);
 } // namespace Wind

@@ -68,6 +68,9 @@ int Fail(std::FILE *err, EExit status, const std::string &problem)
     return status;
 }
 
+// Whether the stream took everything until now.
+bool IsWritten(std::FILE *stream) { return std::fflush(stream) == 0 && std::ferror(stream) == 0; }
+
 bool MakeFolder(const std::filesystem::path &folder, std::string &outError)
 {
     std::error_code error;
@@ -125,6 +128,8 @@ int Play(const SOptions &options, const CWindField &field, std::FILE *out, std::
     if (!PlayAndWrite(options, field, out, problem))
         return Fail(err, Exit_Failure, problem);
     std::fprintf(out, "%-12s %u\n", "assertions", reports.Count());
+    if (!IsWritten(out))
+        return Fail(err, Exit_Failure, "the output cannot be written");
     return reports.Count() == 0 ? Exit_Success : Exit_Failure;
 }
 } // namespace
@@ -133,19 +138,20 @@ int RunProgram(int argc, const char *const *argv, std::FILE *out, std::FILE *err
 {
     SOptions options;
     CWindField field;
-    std::string problem;
+    std::string text;
     options.m_Input = WIND_DATA_FOLDER "/gfs-wind-2017-10-20.json";
-    switch (ParseOptions(argc, argv, options, problem))
+    switch (ParseOptions(argc, argv, options, text))
     {
     case EParse::Help:
-        return std::fputs(HelpText().c_str(), out) >= 0 ? Exit_Success : Exit_Failure;
+        std::fputs(text.c_str(), out);
+        return IsWritten(out) ? Exit_Success : Exit_Failure;
     case EParse::Bad:
-        return Fail(err, Exit_BadInput, problem);
+        return Fail(err, Exit_BadInput, text);
     case EParse::Run:
         break;
     }
-    if (!field.Load(options.m_Input, problem) || !MakeFolders(options, problem))
-        return Fail(err, Exit_BadInput, problem);
+    if (!field.Load(options.m_Input, text) || !MakeFolders(options, text))
+        return Fail(err, Exit_BadInput, text);
     return Play(options, field, out, err);
 }
 } // namespace Wind
