@@ -39,6 +39,7 @@ class COpenArray : public TArray<u32>
 {
 public:
     using TArray<u32>::_Grow;
+    bool IsUnused() const { return m_Data == null && m_Count == 0 && m_MaxCount == 0; }
 };
 
 std::vector<u32> Elements(const TArray<u32> &array)
@@ -105,6 +106,7 @@ TEST_F(Array, RefusedGrowthIsReportedAndChangesNothing)
 TEST_F(Array, GrowthPastTheCountersRangeIsRefused)
 {
     COpenArray array;
+    EXPECT_TRUE(array.IsUnused());
     EXPECT_FALSE(array._Grow(0xF0000000u));
     m_Reports.Expect({"static_cast<typename TType_StripQual<_TypeSrc>::Type>(result) == value"});
     EXPECT_EQ(m_Memory.RequestCount(), 0u);
@@ -118,7 +120,9 @@ TEST_F(Array, OwnElementIsReportedAndAppendedEvenWhileGrowing)
     TArray<u32> array, full;
     PushNumbers(array, 9);
     EXPECT_EQ(array.PushBack(array[8]), 9u);
-    EXPECT_EQ(array.PushBackUnsafe(array[9]), 10u);
+    m_Reports.AtEachReport([&](const Assert::SReport &) { array.PushBackUnsafe(5u); });
+    EXPECT_EQ(array.PushBackUnsafe(array[9]), 11u) << "the handler's own has index 10";
+    m_Reports.AtEachReport(CReportRecorder::FnAtReport());
     m_Reports.Expect({kAliasText, kAliasText});
     EXPECT_EQ(array.Last(), 8u);
     EXPECT_EQ(full.PushBackUnsafe(1u), CGuid::INVALID);
@@ -174,8 +178,14 @@ TEST_F(Array, IndexOutOfRangeIsReportedAndGuarded)
     for (u32 i = 0; i < 2; ++i)
         EXPECT_EQ(array[1].m_Value, 0u) << "silencing the site removes no guard";
     m_Reports.Expect({"pos < BaseImpl::_Count()"});
-    EXPECT_EQ(static_cast<const TArray<SOwn> &>(array)[1].m_Value, 0u);
-    m_Reports.Expect({"pos < BaseImpl::_Count()"});
+    m_Reports.AnswerWith(Assert::Result_Continue);
+    array.Reserve(2);
+    array.RawDataPointer()[1].m_Value = 7;
+    const TArray<SOwn> &constArray = array;
+    EXPECT_TRUE(constArray[1].m_Value == 7 && constArray[2].m_Value == 0) << "within the capacity, and beyond it";
+    EXPECT_EQ(array[1].m_Value, 7u) << "by the silent site";
+    m_Reports.Expect({"pos < BaseImpl::_Count()", "pos < BaseImpl::_Count()"});
+    EXPECT_TRUE(&array.First() != array.RawDataPointer() && &constArray.Last() == &array.First());
 }
 
 TEST_F(Array, IsMadeFromAndAssignedViews)
@@ -246,7 +256,7 @@ TEST_F(RefPtr, CountsEveryHolderAndDestroysWithTheLast)
     PNode moved = std::move(a);
     moved = moved.Get();
     EXPECT_EQ(moved->StrongRefCount(), 1u) << "the same object: nothing happens";
-    a = moved.Get();
+    a.Copy(moved.Get());
     EXPECT_EQ(moved->StrongRefCount(), 2u);
     a = null;
     EXPECT_EQ(a.operator->(), nullptr);

@@ -160,11 +160,11 @@ TEST(MemoryView, ReadsElementsAndReportsEachMisuse)
 {
     CReportRecorder reports;
     u32 words[3] = {10, 20, 30};
-    const TMemoryView<u32> view(words, 3);
+    const TMemoryView<u32> view(words, 2);
     const TMemoryView<const u32> constView = view;
-    EXPECT_EQ(std::accumulate(constView.begin(), constView.end(), 0u), 60u);
+    EXPECT_EQ(std::accumulate(constView.begin(), constView.end(), 0u), 30u);
     EXPECT_EQ(reports.Count(), 0u);
-    EXPECT_EQ(view[3], 0u) << "a stand-in, not the memory behind the view";
+    EXPECT_EQ(&view[2], words + 2) << "reported, and read all the same";
     reports.Expect({"index < m_Count"});
     EXPECT_EQ(TMemoryView<u32>()[0], 0u);
     reports.Expect({"m_Data != null", "index < m_Count"});
@@ -186,6 +186,8 @@ TEST(StridedMemoryView, StepsInWrappingBytes)
     EXPECT_EQ((TStridedMemoryView<const u32>(TMemoryView<const u32>(words, 6))[5]), 31u);
     EXPECT_EQ(reports.Count(), 0u);
 
+    EXPECT_EQ((TStridedMemoryView<u32>(words, 2, 8)[2]), 30u);
+    reports.Expect({"index < m_Storage.m_Count"});
     EXPECT_EQ(TStridedMemoryView<u32>()[0], 0u);
     reports.Expect({"m_Storage.m_RawDataPtr != null", "index < m_Storage.m_Count"});
 }

@@ -150,6 +150,7 @@ TEST_F(Definition, ComparesEveryMemberAndFindsTheFirstFieldOfAName)
     EXPECT_FALSE(copy.Copy(m_Definition.Def()));
     m_Reports.Expect({"false"});
     EXPECT_TRUE(copy == same.Def());
+    EXPECT_TRUE(copy.Copy(otherSize.Def()) && copy == otherSize.Def()) << "what fits asks for no memory";
 }
 
 TEST_F(Definition, FieldStorageIsTrashedAndSwapped)

@@ -157,7 +157,11 @@ TEST_F(StreamLock, QueriesBeforeBindingAndOutOfRangeGiveEmptyRecords)
     EXPECT_NE(seen[0].m_Function.find("CParticleStream_MainMemory::StreamId("), std::string::npos);
     EXPECT_EQ(m_Stream.StreamDef(CGuid(1)).m_NameGUID, CStringId(Life));
     EXPECT_EQ(m_Stream.StreamDef(CGuid(4)), SParticleStreamFieldDef());
-    EXPECT_TRUE(m_Stream.Page(CGuid(0)) == null);
+    m_Stream.AppendPage(11, 1);
+    m_Stream.AppendPage(11, 0);
+    m_Stream.GarbageCollectOldPages(null);
+    EXPECT_TRUE(m_Stream.Page(CGuid(1)) == null) << "whatever the list's buffer still holds";
+    m_Stream.Cleanup();
     m_Reports.Expect({"pos < BaseImpl::_Count()", "pos < BaseImpl::_Count()"});
     Particles::Shutdown();
     EXPECT_TRUE(m_Stream.AllocateParticlesIFP(1, 0).Empty());

@@ -41,10 +41,9 @@ protected:
     void _FreeBuffer();
     void _Swap(TArray_BaseContainerImpl &other);
 
-private:
-    _Type *m_Data = null;
-    u32 m_Count = 0;
-    u32 m_MaxCount = 0;
+    _Type *m_Data = null; // null: never allocated
+    u32 m_Count = 0;      // elements
+    u32 m_MaxCount = 0;   // elements that fit
 };
 
 // What does not depend on how an array is made.
@@ -76,8 +75,8 @@ public:
     _Type *RawDataPointer() { return BaseImpl::_Data(); }
     const _Type *RawDataPointer() const { return BaseImpl::_Data(); }
     // The first and the last element; of an empty array a zeroed stand-in.
-    _Type &First() { return _Element(0); }
-    const _Type &First() const { return _Element(0); }
+    _Type &First() { return Empty() ? Last() : _Element(0); }
+    const _Type &First() const { return Empty() ? Last() : _Element(0); }
     _Type &Last() { return _Element(BaseImpl::_Count() - 1); }
     const _Type &Last() const { return _Element(BaseImpl::_Count() - 1); }
     // All elements, good until the array changes its buffer.
@@ -92,7 +91,8 @@ public:
     _Type *_RawBegin() const { return BaseImpl::_Data(); }
     _Type *_RawEnd() const { return BaseImpl::_Data() + BaseImpl::_Count(); }
 
-    // An index out of range is reported and gives a zeroed stand-in.
+    // An index out of range is reported and gives what lies there within the capacity, whether or not it has been
+    // constructed; beyond it a zeroed stand-in.
     _Type &operator[](u32 pos)
     {
         TZ_ASSERT(pos < BaseImpl::_Count());
@@ -127,10 +127,10 @@ public:
     void Clean(); // the same, and frees the buffer
 
 protected:
-    // The element, or a zeroed stand-in.
+    // The element's place within the capacity, or a zeroed stand-in.
     _Type &_Element(u32 pos) const
     {
-        return pos < BaseImpl::_Count() ? BaseImpl::_Data()[pos] : Internal::MissingElement<_Type>();
+        return pos < BaseImpl::_MaxCount() ? BaseImpl::_Data()[pos] : Internal::MissingElement<_Type>();
     }
     // All elements of the view or none: false when memory is refused.
     template <typename _View>

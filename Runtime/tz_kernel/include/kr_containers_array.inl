@@ -153,9 +153,9 @@ template <typename _Type, typename _BaseImpl>
 template <typename _Other>
 inline u32 TArray_Base<_Type, _BaseImpl>::PushBackUnsafe(const _Other &element)
 {
-    const u32 insertionIndex = BaseImpl::_Count();
     TZ_ASSERT(ureg(&element + 1) <= ureg(BaseImpl::_Data()) ||
               ureg(&element) >= ureg(BaseImpl::_Data() + BaseImpl::_Count()));
+    const u32 insertionIndex = BaseImpl::_Count();
     TZ_ASSERT(insertionIndex < BaseImpl::_MaxCount());
     if (insertionIndex >= BaseImpl::_MaxCount())
         return CGuid::INVALID;

@@ -10,6 +10,8 @@
 #include <tz_defs.h>
 #include <tz_memory.h>
 
+#include "kr_mem_utils.h"
+
 namespace Tessaly
 {
 namespace Mem

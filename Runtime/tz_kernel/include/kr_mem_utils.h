@@ -5,6 +5,8 @@
 
 #include <tz_defs.h>
 
+#include "kr_mem.h"
+
 namespace Tessaly
 {
 namespace Mem

@@ -1,5 +1,5 @@
 // Non-owning views: TMemoryView on contiguous elements, TStridedMemoryView on elements a fixed number of bytes apart.
-// Indexing is checked (two sites each); an element outside the view is a zeroed stand-in. Iteration is not checked.
+// Indexing is checked (two sites each); iteration is not.
 #pragma once
 
 #include <tz_defs.h>
@@ -46,11 +46,12 @@ public:
     _Type *begin() const { return Data(); }
     _Type *end() const { return DataEnd(); }
 
-    // One element; outside the view a zeroed stand-in, after a report.
+    // One element. An index outside the view is reported and gives what lies there all the same; of a view without
+    // data, a zeroed stand-in.
     _Type &operator[](u32 index) const
     {
         _AssertAccessible(index);
-        return m_Data != null && index < m_Count ? Data()[index] : Internal::MissingElement<_Type>();
+        return m_Data != null ? Data()[index] : Internal::MissingElement<_Type>();
     }
 
     // The check of operator[] alone.
@@ -156,12 +157,11 @@ public:
     CIterator begin() const { return CIterator(m_Storage.m_RawDataPtr, m_Storage.m_Stride, 0); }
     CIterator end() const { return CIterator(m_Storage.m_RawDataPtr, m_Storage.m_Stride, m_Storage.m_Count); }
 
-    // One element; outside the view a zeroed stand-in, after a report. The product of index and stride is taken in 32
-    // bits.
+    // One element, as on a view without gaps. The product of index and stride is taken in 32 bits.
     _Type &operator[](u32 index) const
     {
         _AssertAccessible(index);
-        if (m_Storage.m_RawDataPtr == null || index >= m_Storage.m_Count)
+        if (m_Storage.m_RawDataPtr == null)
             return Internal::MissingElement<_Type>();
         return *reinterpret_cast<_Type *>(m_Storage.m_RawDataPtr + index * m_Storage.m_Stride);
     }

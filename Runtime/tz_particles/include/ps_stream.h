@@ -53,7 +53,8 @@ struct TZ_API SParticleStreamDef : public CNonCopyable
 
     bool Empty() const { return m_StreamDef.Empty(); } // no field
     void Clear() { m_StreamDef.Clear(); }              // while no stream is bound to it
-    // Takes the entries of other, all or none: false when memory is refused, with nothing changed.
+    // Takes the entries of other, all or none: false when memory is refused, with nothing changed. Asks for no memory
+    // when they fit; a definition copied onto itself stays as it is.
     bool Copy(const SParticleStreamDef &other);
 
     // Equal when both list the same fields in the same order. O(fields).

@@ -8,10 +8,11 @@ bool SParticleStreamDef::Copy(const SParticleStreamDef &other)
 {
     if (this == &other)
         return true;
-    TArray<SParticleStreamFieldDef> copy(other.m_StreamDef.View());
-    if (copy.Count() != other.m_StreamDef.Count())
+    if (!m_StreamDef.Reserve(other.m_StreamDef.Count()))
         return false;
-    m_StreamDef.Swap(copy);
+    m_StreamDef.Clear();
+    for (const SParticleStreamFieldDef &field : other.m_StreamDef.View())
+        m_StreamDef.PushBackUnsafe(field);
     return true;
 }
 

@@ -6,7 +6,7 @@
 namespace Tessaly
 {
 
-class CParticlesInternals
+class TZ_API CParticlesInternals
 {
 public:
     // Makes the page allocator; calls are counted. False when memory is refused.

@@ -105,7 +105,8 @@ public:
     const SParticleStreamField &RawStream(CGuid streamId) const
     {
         TZ_ASSERT(streamId.Valid());
-        return m_Streams_Unsafe[streamId];
+        const SParticleStreamField &field = m_Streams_Unsafe[streamId]; // reports an index out of range
+        return streamId < StreamsCount() ? field : Internal::MissingElement<const SParticleStreamField>();
     }
     const SParticleStreamField &Stream(CGuid streamId) const { return RawStream(streamId); }
     CGuid StreamId(CStringId nameGUID) const; // as SParticleStreamDef::StreamId, from the page's own fields

@@ -10,7 +10,11 @@ namespace Tessaly
 
 inline SMediumMemoryReport CParticleStream_MainMemory::ComputeMemoryUsage() const { return _ComputeMemoryUsage(); }
 
-inline const PParticlePage &CParticleStream_MainMemory::Page(CGuid pageId) const { return m_Pages[pageId]; }
+inline const PParticlePage &CParticleStream_MainMemory::Page(CGuid pageId) const
+{
+    const PParticlePage &page = m_Pages[pageId]; // reports an index out of range
+    return pageId < m_Pages.Count() ? page : Internal::MissingElement<const PParticlePage>();
+}
 
 // Returns the depth that the lock has now.
 inline u32 CParticleStream_MainMemory::_EnterLock() const
