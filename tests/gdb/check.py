@@ -28,9 +28,9 @@ def check_values():
     check("p g_Numbers", r"= 3 of 9 = \{100, 101, 102\}$")
     check("p g_Guids", r"= \{7, INVALID\}$")
     check("p (CGuid &)g_Guids[1]", "INVALID$")
-    check("p g_Names", r"= \{name 7, no name\}$")
+    check("p g_Names", r'= \{name 7, no name, name "spin", name 4195148034\}$')
     check("p g_Pages", r"= \{2 references = \{m_Ptr = 0x[0-9a-f]+\}, null\}$")
-    check("p g_Def.m_StreamDef", r"= 38 of \d+ = \{Bool \(1 byte, name 1\), .*Float4 \(constant, name 100\), I32 ")
+    check("p g_Def.m_StreamDef", r"= 38 of \d+ = \{Bool \(1 byte, name 1\), .*Float4 \(constant, name 100\), I32 \(constant, name .glow.\)")
     check("p g_Stream->m_ConstantDataFieldSlot", r"= 38 elements = \{INVALID, .*, 0, INVALID\}$")
     check("p g_Stream->m_ConstantData", r"= 1 element = \{\{m_Data = \{1069547520, ")
     check("p *g_Pages[0].m_Ptr", r"= 6 of 8 particles, 38 fields = \{.*\[34\] = Double \(8 bytes, name 35\) at 0x")
@@ -51,7 +51,7 @@ def check_table():
           r"^page 0x[0-9a-f]+: 7 of 8 particles, 38 fields$",
           r"^\[32\] Float3 \(12 bytes, name 33\)$",
           r"^\[36\] Float4 \(constant, name 100\): \(1.5, 2.5, 3.5, 4.5\)$",
-          r"^\[37\] I32 \(constant, name 101\): no data$",
+          r"^\[37\] I32 \(constant, name .glow.\): no data$",
           "^ +1 +" + " +".join(row) + "$",
           "^ +4 +true",
           "^2 more$")

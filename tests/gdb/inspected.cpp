@@ -8,7 +8,7 @@ alignas(64) unsigned char g_Garbage[1024];
 SParticleStreamDef g_Def;
 TArray<u32> g_Numbers;
 CGuid g_Guids[] = {CGuid(7), CGuid::INVALID};
-CStringId g_Names[] = {CStringId(7), CStringId()};
+CStringId g_Names[] = {CStringId(7), CStringId(), CStringId("spin"), CStringId("unregistered")};
 CParticleStream_MainMemory *g_Stream = null;
 CParticlePageView g_Views[2];
 PParticlePage g_Pages[2];
@@ -32,7 +32,7 @@ void FillDefinition()
         g_Def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId(u32(type)), EBaseTypeID(type), size));
     }
     g_Def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId(100), BaseType_Float4, 0));
-    g_Def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId(101), BaseType_I32, 0));
+    g_Def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId("glow"), BaseType_I32, 0));
 }
 
 // Component k of particle i becomes i + 10 k, negative where the type is signed.
@@ -68,6 +68,8 @@ int main()
         return 1;
     {
         FillDefinition();
+        CStringId::Register("spin");
+        CStringId::Register("glow");
         const float constants[16] = {1.5f, 2.5f, 3.5f, 4.5f};
         S64Bytes blocks[1];
         std::memcpy(blocks, constants, sizeof(constants));

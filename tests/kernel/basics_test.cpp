@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <numeric>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -58,7 +59,55 @@ TEST(Guid, ComparesWithIntegersAndWraps)
     EXPECT_EQ((Mem::Align<16, u32>(16)), 16u);
     EXPECT_EQ((Mem::Align<16, u32>(0xFFFFFFF1u)), 0u);
     EXPECT_EQ((Mem::Align<16, u64>(0xFFFFFFF1u)), 0x100000000u);
-    EXPECT_TRUE(CStringId().Empty() && !CStringId(1).Empty());
+}
+
+TEST(StringId, IsTheHashOfATextOrANumber)
+{
+    static_assert(CStringId("a").m_Id == 0xE40C292Cu && CStringId("foobar").m_Id == 0xBF9CF968u, "FNV-1a");
+    static_assert(CStringId("foo\0bar") == CStringId("foo") && CStringId::FromText("foobar", 3) == CStringId("foo"),
+                  "");
+    static_assert(CStringId("akhnp9x").m_Id == 1, "a text whose hash is 0");
+    EXPECT_TRUE(CStringId().Empty() && CStringId(0).Empty() && !CStringId(1).Empty() && !CStringId("").Empty());
+    EXPECT_TRUE(CStringId(7u).m_Id == 7 && CStringId("7").m_Id != 7 && CStringId::FromText(null, 3).Empty());
+    EXPECT_EQ(CStringId("\xE9").m_Id, (0x811C9DC5u ^ 0xE9u) * 0x01000193u) << "characters are bytes";
+}
+
+TEST(StringId, KeepsRegisteredTexts)
+{
+    CAllocatorHook memory;
+    CReportRecorder reports;
+    char text[] = "liquid";
+    EXPECT_EQ(CStringId(text).Text(), nullptr);
+    EXPECT_EQ(CStringId::Register(text), CStringId("liquid"));
+    text[0] = 'L';
+    EXPECT_STREQ(CStringId("liquid").Text(), "liquid");
+    CStringId::Register("liquid");
+    EXPECT_EQ(memory.RequestCount(), 1u);
+    EXPECT_EQ(CStringId::Register("costarring"), CStringId("liquid"));
+    const std::vector<SSeenReport> seen = reports.Take();
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].m_Message,
+              "the names \"liquid\" and \"costarring\" have the same id, 1582148253: rename one of them");
+    EXPECT_TRUE(CStringId::Register(null).Empty());
+    reports.Expect({"text != null"});
+    memory.RefuseFrom(1);
+    EXPECT_EQ(CStringId::Register("solid"), CStringId("solid"));
+    EXPECT_EQ(CStringId("solid").Text(), nullptr);
+    memory.RefuseNone();
+
+    bool isFirst = true; // another thread registers the same name in between
+    memory.AtEachCall(
+        [&](const SMemoryCall &)
+        {
+            if (std::exchange(isFirst, false))
+                std::thread([] { CStringId::Register("gas"); }).join();
+        });
+    CStringId::Register("gas");
+    memory.AtEachCall(CAllocatorHook::FnAtCall());
+    EXPECT_STREQ(CStringId("gas").Text(), "gas");
+    EXPECT_EQ(memory.LiveBlockCount(), 2u) << "each once";
+    CStringId::UnregisterAll();
+    EXPECT_EQ(CStringId("liquid").Text(), nullptr);
 }
 
 TEST(BaseTypeTraits, RowsAreWhatTheNamesSay)

@@ -13,6 +13,7 @@ import gdb.types
 FRESH_BYTE = 0xF3  # what a particle's data reads as until somebody writes it
 MAX_FIELDS = 4096  # a page that seems to have more is none
 MAX_WALKED_PAGES = 1000
+MAX_WALKED_NAMES = 10000
 MAX_READ_BYTES = 1 << 24  # at once
 DEFAULT_ROW_COUNT = 20
 CONSTANT_BYTES = 64
@@ -109,10 +110,28 @@ def _base_type(definition):
     return name, CODES.get(name, ""), 1
 
 
+def _name_text(name):
+    """The text that was registered for a CStringId, else its number."""
+    number = int(name["m_Id"])
+    if number == 0:
+        return "no name"
+    try:
+        registered = gdb.parse_and_eval("Tessaly::Internal::g_RegisteredNames")
+        for _ in range(MAX_WALKED_NAMES):
+            if int(registered) == 0:
+                break
+            if int(registered["m_Id"]) == number:
+                return f'name "{registered["m_Text"].string(errors="replace")}"'
+            registered = registered["m_Next"]
+    except ERRORS:
+        pass  # a program without the list, or one that is broken
+    return f"name {number}"
+
+
 def _definition_text(definition):
     size = int(definition["m_StorageSize"])
     storage = "constant" if size == 0 else _plural(size, "byte")
-    return f"{_base_type(definition)[0]} ({storage}, name {int(definition['m_NameGUID']['m_Id'])})"
+    return f"{_base_type(definition)[0]} ({storage}, {_name_text(definition['m_NameGUID'])})"
 
 
 def _field_text(field):
@@ -258,7 +277,7 @@ PRINTERS = {
                lambda array: _elements(*_buffer(array)[:2]), "array"),
     "TRefPtr": (_ref_text, lambda ref: [("m_Ptr", ref["m_Ptr"])][:int(ref["m_Ptr"] != 0)], None),
     "TGuid": (_guid_text, lambda _: (), None),
-    "CStringId": (lambda name: f"name {int(name['m_Id'])}" if name["m_Id"] != 0 else "no name", lambda _: (), None),
+    "CStringId": (_name_text, lambda _: (), None),
     "TMemoryView": (_view_text, lambda view: _elements(*_view(view)), "array"),
     "TStridedMemoryView": (_view_text, lambda view: _elements(*_view(view)), "array"),
     "CParticlePageView": (_page_view_text, lambda view: _page_part("page", view["m_Page"]["m_Ptr"]), None),
