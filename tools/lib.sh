@@ -1,5 +1,8 @@
 # Shared by the tools; sourced, after `set -euo pipefail`. Leaves the caller in the project's folder.
 
+# The comment that opens the script: what --help prints, and where its options are listed, one a line, each with the
+# name of its value in capitals if it has one.
+usage="$(sed -n '2,/^[^#]/s/^#\( \|$\)//p' "$0")"
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 export CMAKE_BUILD_PARALLEL_LEVEL="${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}"
@@ -8,16 +11,57 @@ export CTEST_PARALLEL_LEVEL="${CTEST_PARALLEL_LEVEL:-$(nproc)}"
 # What a configure and build of the whole project needs.
 build_packages=(g++ cmake ninja-build libcli11-dev libgtest-dev libplf-colony-dev libpng-dev nlohmann-json3-dev)
 
+# usage_error TEXT: one line, and the status of a wrong call.
+usage_error()
+{
+    echo "tools/$(basename "$0"): $*; see --help" >&2
+    exit 2
+}
+
+# check_arguments COUNT "$@": serves --help, and ends the script where an option is unknown or lacks its value, and
+# where there are more than COUNT other arguments.
+check_arguments()
+{
+    local left="$1" value
+    shift
+    while [ "$#" -gt 0 ]; do
+        case "$1" in
+        -h | --help)
+            printf '%s\n' "$usage"
+            exit
+            ;;
+        -*)
+            value="$(awk -v option="${1%%=*}" '$1 == option { print $2 ~ /^[A-Z]/ ? $2 : "none" }' <<<"$usage")"
+            [ -n "$value" ] || usage_error "unknown option $1"
+            if [ "$value" != none ] && [[ "$1" != *=* ]]; then
+                [ "$#" -gt 1 ] || usage_error "$1 needs a value: $value"
+                shift
+            fi
+            ;;
+        *)
+            [ "$left" -gt 0 ] || usage_error "surplus argument $1"
+            left="$((left - 1))"
+            ;;
+        esac
+        shift
+    done
+}
+
 # step TEXT: a heading in the output.
 step()
 {
     printf '\n== %s\n' "$*"
 }
 
-# need_packages NAME...: installs those Debian packages that are missing; asks no server when none is.
+# need_packages NAME...: installs those Debian packages that are missing; asks no server when none is. Where it can not
+# install it names them, and ends the script unless there is nobody to tell whether they are there.
 need_packages()
 {
     local name missing=() as_root=()
+    if ! command -v dpkg-query >/dev/null; then
+        echo "This is no Debian; what it calls $* should be installed." >&2
+        return
+    fi
     for name in "$@"; do
         if [ "$(dpkg-query --show --showformat='${db:Status-Status}' "$name" 2>/dev/null)" != installed ]; then
             missing+=("$name")
@@ -26,12 +70,18 @@ need_packages()
     if [ "${#missing[@]}" -eq 0 ]; then
         return
     fi
-    step "installing ${missing[*]}"
     if [ "$(id -u)" -ne 0 ]; then
         as_root=(sudo)
     fi
-    "${as_root[@]}" apt-get update
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install --yes --no-install-recommends "${missing[@]}"
+    if command -v apt-get >/dev/null && command -v "${as_root[@]:-true}" >/dev/null; then
+        step "installing ${missing[*]}"
+        if "${as_root[@]}" apt-get update && "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+            apt-get install --yes --no-install-recommends "${missing[@]}"; then
+            return
+        fi
+    fi
+    echo "Please install these packages, which are missing here: ${missing[*]}." >&2
+    exit 1
 }
 
 # build PRESET [TARGET...]: configures and builds, everything unless targets are given.
