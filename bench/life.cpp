@@ -76,7 +76,7 @@ void Frame(CParticleStream_MainMemory &stream, std::vector<u32> &dead)
     for (u32 i = 0; i < stream.PageCount(); ++i)
     {
         const TMemoryView<float> life =
-            CParticlePageView(*stream.Page(CGuid(i))).DenseColumnForWriting<float>(CGuid(Field_Life));
+            CParticlePageView(stream.Page(CGuid(i))).DenseColumnForWriting<float>(CGuid(Field_Life));
         const u32 deadCount = Age(life.Data(), life.Count(), dead.data());
         stream.RemoveParticles(CGuid(i), TMemoryView<const u32>(dead.data(), deadCount));
     }
@@ -163,7 +163,7 @@ void SteadyLife(const RunSides &run, bool isMixed)
     const float *lives = firstLives.data();
     for (u32 i = 0; i < stream.PageCount(); ++i)
     {
-        for (float &life : CParticlePageView(*stream.Page(CGuid(i))).DenseColumnForWriting<float>(CGuid(Field_Life)))
+        for (float &life : CParticlePageView(stream.Page(CGuid(i))).DenseColumnForWriting<float>(CGuid(Field_Life)))
             life = *lives++;
     }
     SColumns columns, listedColumns;

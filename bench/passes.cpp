@@ -52,7 +52,7 @@ public:
                {
                    const CScopedPagesLock lock(m_Stream);
                    for (u32 i = 0; i < m_Stream.PageCount(); ++i)
-                       onView(CParticlePageView(*m_Stream.Page(CGuid(i))));
+                       onView(CParticlePageView(m_Stream.Page(CGuid(i))));
                });
     }
     // Got without a view and without a check.

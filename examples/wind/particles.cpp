@@ -39,7 +39,7 @@ void ForEachPage(const CParticleStream_MainMemory &stream, const _Work &work)
 {
     for (u32 i = 0; i < stream.PageCount(); ++i)
     {
-        const CParticlePageView page(*stream.Page(CGuid(i)));
+        const CParticlePageView page(stream.Page(CGuid(i)));
         if (!page.Empty())
             work(page);
     }
@@ -157,7 +157,7 @@ void CWindParticles::_RemoveDead(const SFields &fields)
     const CScopedPagesLock lock(m_Stream);
     for (u32 i = 0; i < m_Stream.PageCount(); ++i)
     {
-        FindDead(CParticlePageView(*m_Stream.Page(CGuid(i))), fields, m_DeadIndices);
+        FindDead(CParticlePageView(m_Stream.Page(CGuid(i))), fields, m_DeadIndices);
         if (m_DeadIndices.empty())
             continue;
         const TMemoryView<const u32> indices(m_DeadIndices.data(), u32(m_DeadIndices.size()));

@@ -126,6 +126,8 @@ TEST_F(PageView, UnfitColumnIsReportedAndEmpty)
     EXPECT_TRUE(view.Column<u64>(CGuid(0)).Empty()) << "12 bytes apart";
     EXPECT_TRUE(CParticlePageView(*view.OriginalPage().Get(), 8, 9).ColumnForWriting<float>(CGuid(1)).Empty());
     EXPECT_EQ(m_Reports.Take().size(), 10u);
+    EXPECT_TRUE(CParticlePageView(m_Stream.Page(CGuid(9))).OriginalPage() == null);
+    m_Reports.Expect({"pos < BaseImpl::_Count()"});
     EXPECT_TRUE(none.GetStreamDef() == null && none.Streams().Empty() && !none.StreamId(CStringId(Life)).Valid());
     EXPECT_EQ(m_Reports.Count(), 0u);
     EXPECT_TRUE(none.RawStreamForWriting(CGuid(0)).m_RawDataPtr == null);
@@ -151,6 +153,43 @@ TEST_F(Definition, ComparesEveryMemberAndFindsTheFirstFieldOfAName)
     m_Reports.Expect({"false"});
     EXPECT_TRUE(copy == same.Def());
     EXPECT_TRUE(copy.Copy(otherSize.Def()) && copy == otherSize.Def()) << "what fits asks for no memory";
+}
+
+TEST_F(Definition, GrowsByNameAndTypeOrStaysAsItIs)
+{
+    SParticleStreamDef def;
+    EXPECT_EQ(def.Add(CStringId("position"), BaseType_Float3), 0u);
+    EXPECT_EQ(def.Add(CStringId("spin"), BaseType_Quaternion), 1u);
+    EXPECT_TRUE(m_Stream.BindStreamDef(&def) && m_Stream.GetStreamDef() == &def);
+    EXPECT_EQ(m_Stream.ConstantDataFieldSlot().Count(), 2u);
+    const CParticlePageView born = m_Stream.AllocateParticlesIFP(3, 0);
+    EXPECT_EQ(born.ColumnForWriting<CFloat3>(CGuid(0)).Stride(), 12u);
+    EXPECT_EQ(def.AddConstant(CStringId("glow"), BaseType_Float4), 2u);
+    EXPECT_EQ(def.m_StreamDef[2], SParticleStreamFieldDef(CStringId("glow"), BaseType_Float4, 0));
+
+    CTestStream unbound(11);
+    EXPECT_FALSE(unbound.BindStreamDef(&def) || unbound.BindStreamDef(null) || unbound.GetStreamDef() != null);
+    CStringId::Register("spin");
+    EXPECT_FALSE(def.Add(CStringId(), BaseType_Float).Valid() || def.AddConstant("spin", BaseType_Void).Valid());
+    EXPECT_FALSE(def.Add(CStringId(9), __MaxBaseTypes).Valid() || def.Add(CStringId(9), BaseType_Evolved).Valid());
+    std::vector<std::string> messages;
+    for (const SSeenReport &report : m_Reports.Take())
+        messages.push_back(report.m_Message);
+    EXPECT_EQ(messages, (std::vector<std::string>{
+                            "field 2 is a constant: bind the definition with its constant data and slot table",
+                            "def != null", "field 3 of the definition needs a name: CStringId(0) is none",
+                            "field 1 of the definition has the name 152360985 (\"spin\") already",
+                            "field 152360985 (\"spin\") can not be of type 0, which has no size",
+                            "field 9 (\"not registered\") can not be of type 37, which has no size",
+                            "field 9 (\"not registered\") can not be of type -1, which has no size"}));
+    CStringId::UnregisterAll();
+    for (u32 name = 3; def.m_StreamDef.Count() < def.m_StreamDef.Capacity(); ++name)
+        def.Add(name, BaseType_U8);
+    m_Memory.RefuseFrom(1);
+    EXPECT_FALSE(def.Add(CStringId("late"), BaseType_Float).Valid());
+    m_Reports.Expect({"false"});
+    EXPECT_EQ(def.m_StreamDef.Count(), 9u);
+    m_Stream.Cleanup(); // def goes first
 }
 
 TEST_F(Definition, FieldStorageIsTrashedAndSwapped)

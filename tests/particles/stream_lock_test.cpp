@@ -182,7 +182,7 @@ TEST_F(StreamLock, PagesGoInsideItWhenClearedAndOutsideInCleanup)
     {
         for (const u32 count : {4u, 3u, 1u})
             m_Stream.AppendPage(16, count);
-        const CParticlePageView view(*m_Stream.Page(CGuid(1)));
+        const CParticlePageView view(m_Stream.Page(CGuid(1)));
         deaths.clear();
         unlocksBefore = CThreadStats::CSUnlockCount();
         m_Memory.AtEachCall(

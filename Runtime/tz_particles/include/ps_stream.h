@@ -61,9 +61,18 @@ struct TZ_API SParticleStreamDef : public CNonCopyable
     bool operator==(const SParticleStreamDef &other) const;
     bool operator!=(const SParticleStreamDef &other) const { return !(*this == other); }
 
+    // Append a stored field of the type's size, or a constant field. Returns its index. Fails with CGuid::INVALID, and
+    // changes nothing: for an empty name, a name that a field has already and a type without size, which are reported,
+    // and when memory is refused.
+    CGuid Add(CStringId name, EBaseTypeID type) { return _Add(name, type, false); }
+    CGuid AddConstant(CStringId name, EBaseTypeID type) { return _Add(name, type, true); }
+
     // Index of the first field of that name; CGuid::INVALID for the empty name and for one that no field has.
     // O(fields).
     CGuid StreamId(CStringId nameGUID) const;
+
+private:
+    CGuid _Add(CStringId name, EBaseTypeID type, bool isConstant);
 };
 
 // One block of constant data: the value that a constant field points at.

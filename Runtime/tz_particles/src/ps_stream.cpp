@@ -1,4 +1,4 @@
-// Stream definitions: comparison, search by name, duplication.
+// Stream definitions: making, comparison, search by name, duplication.
 #include <tz_particles/include/ps_stream.h>
 
 namespace Tessaly
@@ -28,6 +28,23 @@ bool SParticleStreamDef::operator==(const SParticleStreamDef &other) const
             return false;
     }
     return true;
+}
+
+CGuid SParticleStreamDef::_Add(CStringId name, EBaseTypeID type, bool isConstant)
+{
+    const CGuid namesake = StreamId(name);
+    const char *text = name.Text() != null ? name.Text() : "not registered";
+    const bool hasSize = type > BaseType_Void && type < __MaxBaseTypes;
+    TZ_ASSERT_MESSAGE(!name.Empty(), "field %u of the definition needs a name: CStringId(0) is none",
+                      m_StreamDef.Count());
+    TZ_ASSERT_MESSAGE(!namesake.Valid(), "field %u of the definition has the name %u (\"%s\") already", namesake.Get(),
+                      name.m_Id, text);
+    TZ_ASSERT_MESSAGE(hasSize, "field %u (\"%s\") can not be of type %d, which has no size", name.m_Id, text,
+                      int(type));
+    if (name.Empty() || namesake.Valid() || !hasSize)
+        return CGuid::INVALID;
+    const u32 storageSize = isConstant ? 0 : CBaseTypeTraits::Traits(type).Size;
+    return m_StreamDef.PushBack(SParticleStreamFieldDef(name, type, storageSize));
 }
 
 CGuid SParticleStreamDef::StreamId(CStringId nameGUID) const

@@ -194,6 +194,7 @@ public:
     {
     }
     CParticlePageView(const CParticlePage &page); // the whole page, as full as it is now
+    CParticlePageView(const PParticlePage &page); // the same; of null the empty view
     // A run of its particles. Requires that they are there (asserted).
     CParticlePageView(const CParticlePage &page, u32 first, u32 count)
         : CParticlePageView(PParticlePage(const_cast<CParticlePage *>(&page)), first, count)

@@ -13,6 +13,13 @@ inline CParticlePageView::CParticlePageView(const CParticlePage &page)
 {
 }
 
+inline CParticlePageView::CParticlePageView(const PParticlePage &page)
+    : m_Page(page)
+    , m_First(0)
+    , m_Count(page != null ? page.Get()->ParticleCount() : 0)
+{
+}
+
 inline const SParticleStreamField &CParticlePageView::RawStream(CGuid streamId) const
 {
     if (!TZ_VERIFY(m_Page != null))

@@ -146,6 +146,10 @@ public:
                        const TStridedMemoryView<const CGuid> &constantDataFieldSlot,
                        const SParticleImplementationCache &cache);
 
+    // The same for a definition without constants. True when it is bound; false, and nothing changed, for null and for
+    // a definition with a constant field, which are reported.
+    bool BindStreamDef(const SParticleStreamDef *def);
+
     // Drops every page without particles; the order of the others changes, views stay good. pageReindexer may be null;
     // of its PageCount() entries, entry k becomes the new index of the page that was at k, or CGuid::INVALID. Takes the
     // lock; the list must not be changed by another thread meanwhile. Pages that waited to be resized stay counted:

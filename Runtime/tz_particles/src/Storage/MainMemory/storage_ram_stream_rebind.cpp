@@ -123,6 +123,24 @@ void CParticleStream_MainMemory::BindStreamDef(const SParticleStreamDef *def,
     _DEBUG_CheckParticleCountConsistency();
 }
 
+bool CParticleStream_MainMemory::BindStreamDef(const SParticleStreamDef *def)
+{
+    if (!TZ_VERIFY(def != null))
+        return false;
+    for (u32 i = 0; i < def->m_StreamDef.Count(); ++i)
+    {
+        const bool isStored = def->m_StreamDef[i].m_StorageSize != 0;
+        TZ_ASSERT_MESSAGE(isStored, "field %u is a constant: bind the definition with its constant data and slot table",
+                          i);
+        if (!isStored)
+            return false;
+    }
+    // A slot for each field, and none of them a constant's.
+    const TStridedMemoryView<const CGuid> slots(&CGuid::INVALID, def->m_StreamDef.Count(), 0);
+    BindStreamDef(def, TMemoryView<const S64Bytes>(), slots, SParticleImplementationCache());
+    return true;
+}
+
 void CParticleStream_MainMemory::_RebuildPages_NoLock(const u8 *streamRemap, bool keepContents)
 {
     const u32 oldPCount = m_ParticleCount.Load();
