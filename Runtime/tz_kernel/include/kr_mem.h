@@ -47,7 +47,12 @@ TZ_API void *_RawRealloc(void *ptr, u64 size, u32 alignment, EAllocType type, co
 TZ_API void _RawFree(void *ptr, EAllocType type, EOrigin origin, const char *tag, const char *file, int line,
                      const char *function);
 
-// Three functions behind the services, each of the contract of its namesake above.
+// Tells that nobody needs what these bytes hold. The block that they belong to stays allocated; what they read
+// afterwards is not told. The default service gives the system pages that lie wholly within the range back to the
+// operating system, where they belong to a block that it mapped, and touches no other memory.
+TZ_API void _RawDiscard(void *ptr, u64 size);
+
+// The functions behind the services, each of the contract of its namesake above.
 struct SAllocator
 {
     // Called by any thread at any time.
@@ -57,9 +62,10 @@ struct SAllocator
                        const char *function);
     void (*m_Free)(void *ptr, EAllocType type, EOrigin origin, const char *tag, const char *file, int line,
                    const char *function);
+    void (*m_Discard)(void *ptr, u64 size) = null; // optional; null: nothing happens
 };
 
-// The C library's allocator behind the three signatures.
+// The C library's allocator; blocks of 1 MiB and more are mapped, with huge pages advised, and unmapped when freed.
 TZ_API const SAllocator &DefaultAllocator();
 
 // Makes the services call allocator, which the caller keeps alive; null restores the default one. A block is freed by
