@@ -77,16 +77,17 @@ pages 1 (2 out of sync), particles 3 of 12 slots, bytes live 10 free 20 padding 
     EXPECT_NE(Printed(SParticleStreamStats()).find(" 0.0 % of 0 slots"), std::string::npos);
     CParticlePageAllocator_Stats blocks;
     u64 *counters[] = {&blocks.m_BytesInUse, &blocks.m_BytesFree,    &blocks.m_BlocksInUse, &blocks.m_BlocksFree,
-                       &blocks.m_AllocCount, &blocks.m_RecycleCount, &blocks.m_RefusalCount};
-    for (u32 i = 0; i < 7; ++i)
+                       &blocks.m_AllocCount, &blocks.m_RecycleCount, &blocks.m_RefusalCount, &blocks.m_BytesReserved};
+    for (u32 i = 0; i < 8; ++i)
         *counters[i] = 31 + i;
     EXPECT_EQ(Printed(blocks), R"(blocks in use             33   31 bytes
-waiting                   34   32 bytes
+free                      34   32 bytes
+reserved                       38 bytes
 handed out                35   36 recycled
 refused                   37
-blocks in use 33 (31 bytes), waiting 34 (32 bytes), handed out 35 (36 recycled), refused 37{"bytesInUse":31,)"
-                               R"("bytesFree":32,"blocksInUse":33,"blocksFree":34,"allocations":35,"recycled":36,)"
-                               R"("refusals":37})");
+blocks in use 33 (31 bytes), free 34 (32 bytes), reserved 38 bytes, handed out 35 (36 recycled), refused 37)"
+                               R"({"bytesInUse":31,"bytesFree":32,"bytesReserved":38,"blocksInUse":33,"blocksFree":34,)"
+                               R"("allocations":35,"recycled":36,"refusals":37})");
 }
 
 } // namespace

@@ -195,13 +195,13 @@ TEST_F(StreamLock, PagesGoInsideItWhenClearedAndOutsideInCleanup)
             });
         isCleanup ? m_Stream.Cleanup() : m_Stream.Clear();
         m_Memory.AtEachCall(CAllocatorHook::FnAtCall());
-        // Two pages; in a cleanup after the entry check (two unlocks) and the exchange, and then the list, after the
-        // exit check.
-        ASSERT_EQ(deaths.size(), isCleanup ? 3u : 2u);
+        // Two pages with their raw pages; in a cleanup after the entry check (two unlocks) and the exchange, and then the
+        // list, after the exit check.
+        ASSERT_EQ(deaths.size(), isCleanup ? 5u : 4u);
         for (size_t i = 0; i < deaths.size(); ++i)
         {
             EXPECT_EQ(deaths[i].m_IsLocked, !isCleanup);
-            EXPECT_EQ(deaths[i].m_Unlocks, !isCleanup ? 2u : i == 2 ? 4u : 3u);
+            EXPECT_EQ(deaths[i].m_Unlocks, !isCleanup ? 2u : i == 4 ? 4u : 3u);
         }
         EXPECT_EQ(m_Stream.PageCount() + m_Stream.ParticleCount(), 0u);
         EXPECT_EQ(CParticlePageView(view).OriginalPage()->ParticleCount(), isCleanup ? 3u : 0u) << "cleared for all";

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tz_kernel/include/kr_address_sanitizer.h>
+
 namespace Tessaly
 {
 namespace Tests
@@ -14,13 +16,12 @@ namespace
 
 CAllocatorHook *g_Hook = null;
 constexpr u64 kSoiled = 1 << 18; // bytes of a block; more would cost too much
-constexpr u32 kHugePage = 2 << 20;
 
 } // namespace
 
 CAllocatorHook::CAllocatorHook()
 {
-    static const Mem::SAllocator allocator = {&OnAlloc, &OnRealloc, &OnFree};
+    static const Mem::SAllocator allocator = {&OnAlloc, &OnRealloc, &OnFree, &OnDiscard};
     g_Hook = this;
     Mem::SetAllocator(&allocator);
 }
@@ -60,7 +61,7 @@ bool CAllocatorHook::_Begins(const SMemoryCall &call, Mem::EAllocType type, cons
     {
         const std::lock_guard<std::mutex> lock(m_Lock);
         callback = m_AtCall;
-        if (call.m_Kind != SMemoryCall::Free)
+        if (call.m_Kind == SMemoryCall::Alloc || call.m_Kind == SMemoryCall::Realloc)
         {
             ++m_RequestCount;
             isRefused = m_Refuses && m_Refuses(call);
@@ -78,7 +79,7 @@ void *CAllocatorHook::OnAlloc(u64 size, u32 alignment, Mem::EAllocType type, Mem
                               const char *file, int line, const char *function)
 {
     CAllocatorHook &self = *g_Hook;
-    EXPECT_TRUE(alignment == 0 || (alignment >= kHugePage && size % alignment == 0)) << function;
+    EXPECT_EQ(alignment, 0u) << function;
     if (!self._Begins({SMemoryCall::Alloc, null, size, origin, function}, type, tag))
         return null;
     const u64 served = self.m_ServeAtMost != 0 ? TZMin(size, self.m_ServeAtMost.load()) : size;
@@ -121,6 +122,14 @@ void CAllocatorHook::OnFree(void *ptr, Mem::EAllocType type, Mem::EOrigin origin
         }
     }
     Mem::DefaultAllocator().m_Free(ptr, type, origin, tag, file, line, function);
+}
+
+void CAllocatorHook::OnDiscard(void *ptr, u64 size)
+{
+    g_Hook->_Begins({SMemoryCall::Discard, ptr, size, Mem::Origin_Alloc, "discard"}, Mem::AllocType_Generic,
+                    Mem::kDefaultTag);
+    Mem::Unpoison(ptr, size);
+    std::memset(ptr, 0x5A, size); // whoever still needs a byte of it is to notice
 }
 
 } // namespace Tests

@@ -1,6 +1,6 @@
 // Stands between the runtime and its memory while it lives: refuses the requests that the test chooses, and fails the
 // test when a block is not given back, is given back with another origin, or comes with an unusual type or tag.
-// Blocks that are older than the hook may be freed under it. One at a time.
+// Blocks that are older than the hook may be freed under it. Discarded bytes are overwritten. One at a time.
 #pragma once
 
 #include <atomic>
@@ -23,12 +23,13 @@ struct SMemoryCall
     {
         Alloc,
         Realloc,
-        Free
+        Free,
+        Discard
     };
 
     EKind m_Kind;
-    void *m_Ptr; // of Realloc and Free
-    u64 m_Size;  // bytes; of Alloc and Realloc
+    void *m_Ptr; // of Realloc, Free and Discard
+    u64 m_Size;  // bytes; of Alloc, Realloc and Discard
     u32 m_Origin;
     std::string_view m_Function;
 };
@@ -79,6 +80,7 @@ private:
                            int line, const char *function);
     static void OnFree(void *ptr, Mem::EAllocType type, Mem::EOrigin origin, const char *tag, const char *file,
                        int line, const char *function);
+    static void OnDiscard(void *ptr, u64 size);
 
     bool _Begins(const SMemoryCall &call, Mem::EAllocType type, const char *tag); // false: refuse it
 

@@ -25,7 +25,8 @@
 // statically or dynamically, from its first call on, on any thread and under any lock.
 //
 // - tz_assert.h: EvalAssert, EvalAssertFormat, VerifyAssertFalse_Breaks. SetHandler sets nothing for those.
-// - kr_mem.h: _RawAlloc, _RawRealloc and _RawFree, together. SetAllocator sets nothing then.
+// - kr_mem.h: _RawAlloc, _RawRealloc and _RawFree, together, and _RawDiscard where it wants to hear of it.
+//   SetAllocator sets nothing then.
 // - kr_mem_utils.h: Copy_Overlapped, FillIndices32.
 // - kr_profiler.h: MainEngineProfiler. A null one keeps every scope from the sink.
 // - kr_threads_basics.h: CCurrentThread::ThreadID (a number per thread, always the same one, never given again, never
@@ -33,8 +34,7 @@
 //   release, and must take no critical section); CCriticalSection's construction, destruction and TryLock.
 // - kr_containers_internals.h: CContainersMonitorTArrays. Told of each change of a buffer's size before it is made,
 //   while the flag is set.
-// - kr_refptr.h: CRefCountedObject::_DeleteObject. It calls the object's _DeleteObjectOrKeep, as the default one does;
-//   where it runs the destructor and frees the memory itself, raw pages die instead of waiting for reuse.
+// - kr_refptr.h: CRefCountedObject::_DeleteObject.
 #pragma once
 
 #include <tz_assert.h>

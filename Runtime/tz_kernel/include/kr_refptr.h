@@ -20,19 +20,9 @@ public:
     // One reference more.
     void _InternalAddStrongRef() const { m_StrongRefCount.Add(1); }
 
-    // The first reference. Requires that there is none, and that no other thread knows the object yet: nobody can tell
-    // a plain store from an atomic step then.
-    void _InternalSetFirstRef() const { __atomic_store_n(&m_StrongRefCount.m_Value, 1u, __ATOMIC_RELAXED); }
-
     // Drops a reference and returns the new count; never destroys.
     u32 _InternalRemoveReference() const
     {
-        // The caller's own: no other thread has one to copy, a plain store serves.
-        if (TZ_LIKELY(m_StrongRefCount.Load() == 1))
-        {
-            __atomic_store_n(&m_StrongRefCount.m_Value, 0u, __ATOMIC_RELAXED);
-            return 0;
-        }
         const u32 nrc = m_StrongRefCount.Dec();
         TZ_ASSERT_MESSAGE(s32(nrc) >= 0, "/!\\ strong refcount underflow /!\\");
         return nrc;
@@ -65,12 +55,8 @@ public:
         _DeleteObject(dead, dead);
     }
 
-    // The service that ends an object: the default one leaves it to the object.
+    // The service that ends an object: runs the destructor and frees memory, which came from the kernel's new.
     static void _DeleteObject(CRefCountedObject *object, void *memory);
-
-    // Runs the destructor and frees memory, which came from the kernel's new. A class may put its objects where they
-    // wait for reuse instead.
-    virtual void _DeleteObjectOrKeep(void *memory);
 };
 
 // The parts of a reference.
@@ -141,21 +127,6 @@ public:
     {
     }
     ~TRefPtr() { _P::DelRef(_P::m_Ptr); }
-
-    // The first reference to an object that no other thread knows yet; null is allowed.
-    static TRefPtr _FromUnreferenced(_Type *object)
-    {
-        if (object != null)
-            object->_InternalSetFirstRef();
-        return _FromOwnReference(object);
-    }
-    // The reference that the caller has, and gives away with it; null is allowed.
-    static TRefPtr _FromOwnReference(_Type *object)
-    {
-        TRefPtr reference;
-        reference.m_Ptr = object;
-        return reference;
-    }
 
     // Lets its object go and refers to another one, or to none.
     TRefPtr &operator=(_Type *object)

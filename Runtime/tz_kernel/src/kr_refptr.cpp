@@ -6,13 +6,7 @@ namespace Tessaly
 
 TZ_REPLACEABLE void CRefCountedObject::_DeleteObject(CRefCountedObject *object, void *memory)
 {
-    object->_DeleteObjectOrKeep(memory);
-}
-
-// Not inline: else the compiler would try it first in the service above, which is but a jump.
-TZ_NOINLINE void CRefCountedObject::_DeleteObjectOrKeep(void *memory)
-{
-    this->~CRefCountedObject();
+    object->~CRefCountedObject();
     Mem::_RawFree(memory, Mem::AllocType_Generic, Mem::Origin_New, Mem::kDefaultTag, __FILE__, __LINE__,
                   TZ_FUNCTION_SIGNATURE);
 }

@@ -16,7 +16,7 @@ u32 g_StartupCount = 0;
 
 } // namespace
 
-TSharedPointer<CParticlePageAllocator> CParticlesInternals::m_PageAllocator;
+CParticlePageAllocator *CParticlesInternals::m_PageAllocator = null;
 
 bool CParticlesInternals::Startup()
 {
@@ -26,10 +26,10 @@ bool CParticlesInternals::Startup()
         CParticlePageAllocator *allocator = Mem::New<CParticlePageAllocator>(TZ_CALL_SITE);
         if (allocator == null || !allocator->Setup())
         {
-            Mem::Delete(TZ_CALL_SITE, allocator);
+            CRefCountedObject::RemoveReference(allocator);
             return false;
         }
-        m_PageAllocator = allocator;
+        __atomic_store_n(&m_PageAllocator, allocator, __ATOMIC_RELEASE);
     }
     ++g_StartupCount;
     return true;
@@ -45,8 +45,8 @@ void CParticlesInternals::Shutdown()
     if (startupCount != 1)
         return;
     CParticlePageAllocator *allocator = m_PageAllocator;
-    m_PageAllocator = null;
-    allocator->_LeaveToBlocks();
+    __atomic_store_n(&m_PageAllocator, null, __ATOMIC_RELEASE);
+    allocator->_ShutDown();
 }
 
 namespace Particles
@@ -54,7 +54,7 @@ namespace Particles
 
 bool Startup() { return CParticlesInternals::Startup(); }
 void Shutdown() { CParticlesInternals::Shutdown(); }
-CParticlePageAllocator *PageAllocator() { return CParticlesInternals::m_PageAllocator; }
+CParticlePageAllocator *PageAllocator() { return __atomic_load_n(&CParticlesInternals::m_PageAllocator, __ATOMIC_ACQUIRE); }
 
 } // namespace Particles
 } // namespace Tessaly

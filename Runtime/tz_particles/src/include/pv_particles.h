@@ -17,11 +17,12 @@ public:
     // The page allocator; asserts that it exists, and gives null when it does not.
     static CParticlePageAllocator *PageAllocator()
     {
-        TZ_ASSERT(m_PageAllocator != null);
-        return m_PageAllocator;
+        CParticlePageAllocator *allocator = __atomic_load_n(&m_PageAllocator, __ATOMIC_ACQUIRE);
+        TZ_ASSERT_TEXT("m_PageAllocator != null", allocator != null);
+        return allocator;
     }
 
-    static TSharedPointer<CParticlePageAllocator> m_PageAllocator;
+    static CParticlePageAllocator *m_PageAllocator; // read without a lock
 };
 
 } // namespace Tessaly

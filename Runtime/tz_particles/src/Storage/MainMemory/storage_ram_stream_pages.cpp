@@ -119,7 +119,7 @@ PParticlePage CParticleStream_MainMemory::_AllocNewPage_NoLock(u32 pageSize, u32
     PParticleRawPage_MainMemory rawPage = allocator->AllocPage(pageSizeInBytes);
     if (rawPage == null || ComputeTruePageSizeInBytes(pageSize, *m_StreamDef) > rawPage->Size())
         return null;
-    PParticlePage newPage = PParticlePage::_FromUnreferenced(Mem::New<CParticlePage>(TZ_CALL_SITE, this, pageSize));
+    PParticlePage newPage = Mem::New<CParticlePage>(TZ_CALL_SITE, this, pageSize);
     CParticlePage *page = newPage.Get();
     if (page == null)
         return null;

@@ -1,0 +1,96 @@
+// A raw page: one raw byte block of the page allocator, shared by reference, and the scoped reader of one.
+#pragma once
+
+#include <tz_defs.h>
+#include <tz_kernel/include/kr_refptr.h>
+
+namespace Tessaly
+{
+
+class CParticlePageAllocator;
+struct SPageBlock;
+
+// One raw byte block, shared by reference. With its last reference it goes back to its allocator.
+class TZ_API CParticleRawPage_MainMemory : public CRefCountedObject
+{
+public:
+    u32 Size() const { return m_Size; } // bytes
+    // BeginRead calls without their EndRead yet. While there are any, pages refuse to be written.
+    u32 ReadersCount() const { return __atomic_load_n(&m_ReadersCount, __ATOMIC_ACQUIRE); }
+
+    // The block's bytes. Requires that nobody reads it (asserted).
+    u8 *RawDataForWriting()
+    {
+        if (TZ_UNLIKELY(ReadersCount() != 0)) // else the site's flag does not matter
+            TZ_ASSERT(ReadersCount() == 0);
+        _OpenWholeBlockIFN();
+        return m_Data;
+    }
+
+    // Adds a reader and returns the block's bytes; while it has readers, the pages on it refuse to be written.
+    // Called under the page lock of the stream; EndRead may come later, from any thread.
+    const u8 *BeginRead() const
+    {
+        __atomic_fetch_add(&m_ReadersCount, 1, __ATOMIC_ACQ_REL);
+        _OpenWholeBlockIFN(); // a reader may copy free slots and all
+        return m_Data;
+    }
+    void EndRead() const { __atomic_fetch_sub(&m_ReadersCount, 1, __ATOMIC_ACQ_REL); }
+
+private:
+    friend class CParticlePageAllocator;
+    friend class CParticlePage;
+    template <typename _Type, typename... _Args>
+    friend _Type *Mem::Construct(void *place, _Args &&...args);
+
+    CParticleRawPage_MainMemory(CParticlePageAllocator &allocator, SPageBlock &block);
+    ~CParticleRawPage_MainMemory() override; // gives the block back
+    void _OpenWholeBlockIFN() const
+    {
+        if (m_HasPoison)
+            _OpenWholeBlock();
+    }
+    void _OpenWholeBlock() const;
+
+    u8 *m_Data;
+    u32 m_Size;
+    mutable u32 m_ReadersCount;
+    SPageBlock *m_Block;
+    TRefPtr<CParticlePageAllocator> m_Allocator;
+    bool m_HasPoison; // the library, whatever its host, is compiled for the address sanitizer
+};
+
+// References to a raw page.
+using PParticleRawPage_MainMemory = TRefPtr<CParticleRawPage_MainMemory>;
+using PCParticleRawPage_MainMemory = TRefPtr<const CParticleRawPage_MainMemory>;
+
+// Reads a raw page for a scope and holds the block meanwhile. Made under the page lock of the stream.
+class CScopedRawPageReader : public CNonCopyable
+{
+public:
+    // Begins to read; the destructor ends it.
+    explicit CScopedRawPageReader(const CParticleRawPage_MainMemory &rawPage)
+        : m_RawPage(&rawPage)
+        , m_Data(rawPage.BeginRead())
+    {
+    }
+    // The same by reference; of null there is nothing to read.
+    explicit CScopedRawPageReader(const PParticleRawPage_MainMemory &rawPage)
+        : m_RawPage(rawPage)
+        , m_Data(rawPage != null ? rawPage->BeginRead() : null)
+    {
+    }
+    ~CScopedRawPageReader()
+    {
+        if (m_RawPage != null)
+            m_RawPage->EndRead();
+    }
+
+    const u8 *Data() const { return m_Data; } // the block's bytes; null when it reads nothing
+
+private:
+    PCParticleRawPage_MainMemory m_RawPage;
+    const u8 *m_Data;
+};
+
+} // namespace Tessaly
