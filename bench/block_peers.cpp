@@ -55,18 +55,18 @@ const std::vector<SBlockPeer> &BlockPeers()
     return peers;
 }
 
-void MakeRoomForBlockPeers(char **arguments)
+void ReserveTlsForBlockPeers(char **arguments)
 {
-    static const char *const kName = "GLIBC_TUNABLES", *const kRoom = "glibc.rtld.optional_static_tls";
+    static const char *const kName = "GLIBC_TUNABLES", *const kReserve = "glibc.rtld.optional_static_tls";
     const char *present = std::getenv(kName);
     const std::string tunables = present != nullptr ? present : "";
-    if (tunables.find(kRoom) != std::string::npos)
+    if (tunables.find(kReserve) != std::string::npos)
         return;
-    setenv(kName, (tunables + (tunables.empty() ? "" : ":") + kRoom + "=16384").c_str(), 1);
+    setenv(kName, (tunables + (tunables.empty() ? "" : ":") + kReserve + "=16384").c_str(), 1);
     // The end of the data segment stays the C library's alone.
     setenv("TCMALLOC_SKIP_SBRK", "true", 1);
     execv("/proc/self/exe", arguments);
-    Fail("/proc/self/exe", "can not be started anew");
+    Fail("/proc/self/exe", "can not be started again");
 }
 
 } // namespace Bench

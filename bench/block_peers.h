@@ -19,8 +19,8 @@ struct SBlockPeer
 // can not be loaded, or is not what it is called.
 const std::vector<SBlockPeer> &BlockPeers();
 
-// Thread-local variables of plugins need room that the loader sets aside when a program starts: starts this one anew
-// with that room, unless it has it.
-void MakeRoomForBlockPeers(char **arguments);
+// Thread-local variables of plugins need static TLS space, which the loader reserves when a program starts: starts this
+// program again with that space reserved, unless it is.
+void ReserveTlsForBlockPeers(char **arguments);
 
 } // namespace Bench

@@ -1,6 +1,8 @@
 // Deaths: a steady life of births and deaths, and the removal alone.
 #include <cstring>
 
+#include <tz_particles/include/ps_runtime.h>
+
 #include "containers.h"
 #include "row.h"
 
@@ -153,23 +155,42 @@ void LiveOn(CMeter &meter, _Frame frame)
         });
 }
 
+// A stream that starts with everyone alive.
+class CLivingStream
+{
+public:
+    explicit CLivingStream(const std::vector<float> &firstLives)
+        : m_Stream(0)
+        , m_Dead(kAliveCount)
+    {
+        Bind(m_Stream, Particle());
+        AppendParticles(m_Stream, kAliveCount);
+        const float *lives = firstLives.data();
+        for (u32 i = 0; i < m_Stream.PageCount(); ++i)
+        {
+            for (float &life :
+                 CParticlePageView(m_Stream.Page(CGuid(i))).DenseColumnForWriting<float>(CGuid(Field_Life)))
+                life = *lives++;
+        }
+    }
+
+    void Frame() { Bench::Frame(m_Stream, m_Dead); }
+    void Collect() { m_Stream.GarbageCollectOldPages(null); }
+
+private:
+    CParticleStream_MainMemory m_Stream;
+    std::vector<u32> m_Dead;
+};
+
 void SteadyLife(const RunSides &run, bool isMixed)
 {
     const std::vector<float> firstLives = FirstLives(isMixed);
-    std::vector<u32> dead(kAliveCount);
-    CParticleStream_MainMemory stream(0);
-    Bind(stream, Particle());
-    AppendParticles(stream, kAliveCount);
-    const float *lives = firstLives.data();
-    for (u32 i = 0; i < stream.PageCount(); ++i)
-    {
-        for (float &life : CParticlePageView(stream.Page(CGuid(i))).DenseColumnForWriting<float>(CGuid(Field_Life)))
-            life = *lives++;
-    }
+    CLivingStream stream(firstLives);
     SColumns columns, listedColumns;
     columns.Resize(kAliveCount);
     columns.m_Life = firstLives;
     listedColumns = columns;
+    std::vector<u32> dead(kAliveCount);
     CStructs structs;
     CColony colony;
     for (const float life : firstLives)
@@ -177,12 +198,33 @@ void SteadyLife(const RunSides &run, bool isMixed)
         structs.push_back(Born(0, life));
         colony.insert(Born(0, life));
     }
-    run({Ours([&](CMeter &meter) { LiveOn(meter, [&] { Frame(stream, dead); }); }),
+    run({Ours([&](CMeter &meter) { LiveOn(meter, [&] { stream.Frame(); }); }),
          Limit("vectors, dead listed first", 0.0,
                [&](CMeter &meter) { LiveOn(meter, [&] { FrameByList(listedColumns, dead); }); }),
          Peer("vector per column", 0.6, [&](CMeter &meter) { LiveOn(meter, [&] { Frame(columns); }); }),
          Peer("vector of structs", 0.0, [&](CMeter &meter) { LiveOn(meter, [&] { Frame(structs); }); }),
          Peer("plf::colony", 0.15, [&](CMeter &meter) { LiveOn(meter, [&] { Frame(colony); }); })});
+}
+
+// Each thread has a stream of its own, whose emptied pages go back to the page allocator and come from it; the first
+// thread calls Update once a frame.
+void LifeOnThreads(unsigned threadCount, CMeter &meter)
+{
+    const std::vector<float> firstLives = FirstLives(false);
+    RunOnThreads(threadCount, meter,
+                 [&](unsigned thread, CRendezvous &rendezvous)
+                 {
+                     CLivingStream stream(firstLives);
+                     rendezvous.Begin(thread);
+                     for (u32 i = 0; i < kFrameCount; ++i)
+                     {
+                         stream.Frame();
+                         stream.Collect();
+                         if (thread == 0)
+                             Particles::PageAllocator()->Update();
+                     }
+                     rendezvous.End(thread);
+                 });
 }
 
 // One in ten, in no order: the indices within pages of pageSize particles, and where each page's list ends.
@@ -271,6 +313,13 @@ void AddLifeRows()
     };
     addRow("steady life of 102,400, ages in order of birth", false, "");
     addRow("steady life of 102,400, ages mixed", true, "a death moves a row of five columns, in a colony none");
+    AddRow({"11", "steady life of 102,400 on each of two threads, Update each frame", kFrameCount * kAliveCount,
+            "ns a particle"},
+           [](const RunSides &run)
+           {
+               run({Ours([](CMeter &meter) { LifeOnThreads(2, meter); }),
+                    Limit("one thread alone", 1.1, [](CMeter &meter) { LifeOnThreads(1, meter); })});
+           });
 }
 
 void AddRemovalRows()

@@ -35,12 +35,6 @@ void AddTableRows()
     AddLockRows();
 }
 
-void AddAllShapeRows()
-{
-    AddShapeRows();
-    AddHandOverRows();
-}
-
 struct SOptions
 {
     unsigned m_RoundCount = 25;
@@ -129,7 +123,7 @@ void ReadOptions(int argc, char **argv)
     app.add_flag_callback(
         "--quick", [] { g_Options.m_RoundCount = 1; }, "one round: shows that everything works");
     app.add_flag_callback(
-        "--shapes", [] { g_Options.m_AddRows = &AddAllShapeRows; },
+        "--shapes", [] { g_Options.m_AddRows = &AddShapeRows; },
         "other sizes of particles and pages, instead of the table");
     app.add_flag("--ours-alone", g_Options.m_IsOursAlone, "without the other sides, for a profiler");
     app.add_option_function<std::string>(
@@ -234,6 +228,6 @@ void AddRow(const SRow &row, const std::function<void(const RunSides &)> &body)
 int main(int argc, char **argv)
 {
     Bench::ReadOptions(argc, argv);
-    Bench::MakeRoomForBlockPeers(argv);
+    Bench::ReserveTlsForBlockPeers(argv);
     return Bench::Run();
 }

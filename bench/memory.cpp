@@ -1,8 +1,7 @@
 // Bytes of the process that are resident: of a million particles, and of what is left behind them.
-#include <fstream>
-
 #include "containers.h"
 #include "plain_blocks.h"
+#include "resident.h"
 #include "row.h"
 
 namespace Bench
@@ -10,19 +9,6 @@ namespace Bench
 
 namespace
 {
-
-// Bytes resident, those of the program's own code and of its files apart; the kernel counts them page by page.
-double ResidentBytes()
-{
-    std::ifstream file("/proc/self/smaps_rollup");
-    for (std::string word; file >> word;)
-    {
-        double kibibytes = 0.0;
-        if (word == "Anonymous:" && file >> kibibytes)
-            return kibibytes * 1024.0;
-    }
-    return 0.0;
-}
 
 // What make's result keeps resident, from a trimmed heap on.
 template <typename _Make>
@@ -88,23 +74,24 @@ void ResidentPerParticle(const RunSides &run)
               })});
 }
 
-// What stays resident behind a million, above the allocator's floor: what is so when its first page came and went. The
-// heap is trimmed both times: what the page allocator gave back is the C library's to give back.
+// What stays resident behind a million, in an ordinary process and round after round.
 void ResidentAfterCleanup(const RunSides &run)
 {
     CParticleStream_MainMemory stream(0);
     Bind(stream, Particle());
-    const auto residentAfter = [&](u32 particleCount)
+    CResident resident;
+    const auto ours = [&](CMeter &meter)
     {
-        AppendParticles(stream, particleCount);
-        stream.Cleanup();
-        TrimHeap();
-        return ResidentBytes();
+        resident.Follow(
+            [&]
+            {
+                AppendParticles(stream, kParticleCount);
+                stream.Cleanup();
+                Particles::PageAllocator()->CleanAllFreePages();
+            });
+        meter.Add(resident.Bytes());
     };
-    const double floor = residentAfter(1);
-    run({Ours([&](CMeter &meter) { meter.Add(residentAfter(kParticleCount) - floor); }),
-         Limit("a hundredth of the million", 1.0,
-               [=](CMeter &meter) { meter.Add(0.01 * sizeof(SParticle) * kParticleCount); })});
+    run({Ours(ours), Limit("1 MiB", 1.0, [=](CMeter &meter) { meter.Add(1 << 20); })});
 }
 
 } // namespace
@@ -113,8 +100,7 @@ void AddMemoryRows()
 {
     AddRow({"memory", "a million in full pages", kParticleCount / kPageSize * kPageSize, "bytes a particle"},
            &ResidentPerParticle);
-    AddRow({"memory", "left behind a million by Cleanup, CleanAllFreePages", kParticleCount, "bytes a particle"},
-           &ResidentAfterCleanup);
+    AddRow({"memory", "left behind a million by Cleanup, CleanAllFreePages", 1 << 20, "MiB"}, &ResidentAfterCleanup);
 }
 
 } // namespace Bench

@@ -23,7 +23,7 @@ std::string OnPages(const char *title, u32 pageCount)
     return title + (" on " + std::to_string(pageCount)) + " pages";
 }
 
-// A list of pages as one writes it by hand: three allocations a page, and blocks that go to a free list.
+// A list of pages as one would write it: three allocations a page, and blocks that go to a free list.
 class CPlainPageList
 {
 public:

@@ -102,7 +102,7 @@ void AddMoveRow(u32 particleCount, double target, const char *processor, PassOve
              Peer("vector of structs", 0.0, [&](CMeter &meter) { sides.Repeat(meter, inStructs); })});
     };
     AddRow({"5", "position += velocity * dt, " + std::to_string(particleCount) + ", " + processor, kParticleCount,
-            "ns a particle", 0.0, "fetching ahead begins anew in each page's columns, pieces of 12 KiB"},
+            "ns a particle", 0.0, "the prefetcher starts again in each page's column of 12 KiB"},
            body);
 }
 

@@ -61,9 +61,8 @@ private:
     std::vector<u8 *> m_Blocks;
 };
 
-// Gives back to the system whatever nobody uses. Large blocks come from the system and return to it, as in a new
-// program: else the C library would keep a part of them for the next one who asks, with the huge pages that ours were
-// advised to use.
+// Gives free memory back to the system. From then on the C library maps large blocks and unmaps them, as it does in a
+// new program: otherwise a peer's next block would be warm.
 inline void TrimHeap()
 {
     mallopt(M_MMAP_THRESHOLD, 128 << 10);

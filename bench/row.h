@@ -131,7 +131,6 @@ void AddPageListRows();
 void AddBlockRows();
 void AddMemoryRows();
 void AddLockRows();
-void AddShapeRows();    // on demand
-void AddHandOverRows(); // on demand
+void AddShapeRows(); // on demand
 
 } // namespace Bench

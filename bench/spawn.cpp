@@ -72,7 +72,7 @@ void SpawnWarm(const RunSides &run)
          Peer("plf::colony, emplace", 0.0, [&](CMeter &meter) { again(meter, colonyInPlace); })});
 }
 
-// A container that is made, filled and thrown away, the heap being trimmed before.
+// A container that is made, filled and destroyed, the heap being trimmed before.
 template <typename _Container, typename _Birth>
 void SpawnFromNothing(CMeter &meter, _Birth birth)
 {
@@ -120,7 +120,7 @@ void AddFromNothingRow()
     AddRow({"3", "spawn a million by 64 from nothing", kParticleCount, "ns a particle"}, body);
 }
 
-// A list of pageCount pages, of which only the last has room: for all the births that are measured.
+// A list of pageCount pages, of which only the last has free slots: enough for all the births that are measured.
 class CLongList
 {
 public:

@@ -19,7 +19,7 @@ struct SComparison
     double m_RatioQuartiles[2];
     double m_Target; // 0: none
 
-    bool IsHeld() const { return m_Ratio <= m_Target; }
+    bool IsHeld() const { return m_Ratio < m_Target + 0.005; } // by the two decimals that are shown
 };
 
 struct SRowResult

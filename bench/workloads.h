@@ -89,7 +89,8 @@ inline void Bind(CParticleStream_MainMemory &stream, const SParticleStreamDef &d
     stream.BindStreamDef(&definition, TMemoryView<const S64Bytes>(), slots, SParticleImplementationCache());
 }
 
-// Appends pages, of which page i gets particlesIn(i) particles. O(pages), where births would look for room each time.
+// Appends pages, of which page i gets particlesIn(i) particles. O(pages), where births would look for free slots each
+// time.
 template <typename _ParticlesIn>
 void AppendPages(CParticleStream_MainMemory &stream, u32 pageCount, _ParticlesIn particlesIn)
 {
