@@ -219,8 +219,9 @@ TEST_F(PageAllocator, FreeBlocksServeOtherThreadsAndOtherClasses)
     EXPECT_TRUE(refused == null);
     EXPECT_EQ(Stats().m_BlocksFree, 0u) << "free blocks of all classes went back before the second try";
     EXPECT_EQ(Stats().m_RefusalCount, 1u);
-    u32 requestCount = 0;
+    m_Memory.RefuseNone();
     Pages().AllocPage(2000); // leaves a free block
+    u32 requestCount = 0;
     m_Memory.RefuseIf([&](const SMemoryCall &) { return ++requestCount == 1; });
     EXPECT_TRUE(Pages().AllocPage(70000) != null) << "the second try";
     EXPECT_EQ(Stats().m_RefusalCount, 1u);

@@ -164,8 +164,8 @@ SPageBlock *CParticlePageAllocator::_TakeFree(u32 slotId)
 void CParticlePageAllocator::_Release(SPageBlock &block)
 {
     const u32 slotId = block.SlotId();
-    Mem::Poison(block.Data(), block.Size());
-    __atomic_fetch_sub(&m_TotalMemoryUsed, block.Size(), __ATOMIC_RELAXED);
+    const u32 blockBytes = block.Size(); // once it is free it may be anybody's
+    Mem::Poison(block.Data(), blockBytes);
     SShard &shard = m_Shards->m_Shards[CCurrentThread::ThreadID() % kShardCount];
     {
         const std::lock_guard<std::mutex> lock(shard.m_Lock);
@@ -175,7 +175,8 @@ void CParticlePageAllocator::_Release(SPageBlock &block)
     }
     if (slotId == kPoolSlotCount)
         m_Shards->m_Arenas.FreeAtOnce(block);
-    else if (__atomic_load_n(&m_IsShutDown, __ATOMIC_RELAXED))
+    __atomic_fetch_sub(&m_TotalMemoryUsed, blockBytes, __ATOMIC_RELAXED);
+    if (__atomic_load_n(&m_IsShutDown, __ATOMIC_RELAXED))
         CleanAllFreePages();
 }
 
