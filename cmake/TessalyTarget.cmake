@@ -6,6 +6,23 @@ function(tessaly_set_warnings target)
     endif()
 endfunction()
 
+# Finds the packages that a folder's targets need. Where one is missing, says so and ends the calling list file: a user
+# needs none of them to build the library.
+macro(tessaly_need_packages part)
+    set(tessaly_missing "")
+    foreach(tessaly_package IN ITEMS ${ARGN})
+        find_package(${tessaly_package} QUIET)
+        if(NOT ${tessaly_package}_FOUND)
+            list(APPEND tessaly_missing ${tessaly_package})
+        endif()
+    endforeach()
+    if(tessaly_missing)
+        list(JOIN tessaly_missing ", " tessaly_missing)
+        message(STATUS "Tessaly: ${part} left out, not found: ${tessaly_missing}")
+        return()
+    endif()
+endmacro()
+
 # While the major version is 0, a minor one may break hosts.
 set(TESSALY_SOVERSION ${PROJECT_VERSION_MAJOR})
 if(PROJECT_VERSION_MAJOR EQUAL 0)

@@ -1,6 +1,10 @@
 // Compiler-dependent spellings, in one place.
 #pragma once
 
+#if !defined(__linux__)
+#    error "Tessaly runs on Linux only."
+#endif
+
 #include <csignal>
 
 // What a shared library shows to its hosts: everything else stays inside.

@@ -1,10 +1,10 @@
 // Threads: the re-entrant critical section, thread ids and the thread statistics.
 #pragma once
 
-#include <pthread.h>
-
 #include <tz_defs.h>
 #include <tz_guid.h>
+
+#include <pthread.h>
 
 namespace Tessaly
 {
