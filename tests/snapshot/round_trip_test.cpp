@@ -1,5 +1,5 @@
-// What is saved comes back: definitions, constants, values, page size; and converted, where the stream has fields of its
-// own.
+// What is saved comes back: definitions, constants, values, page size; and converted, where the stream has fields of
+// its own.
 #include "support.h"
 
 using namespace Tessaly;
@@ -51,4 +51,26 @@ TEST_F(SnapshotTest, PagesOfAllSizesComeBackDense)
     ASSERT_TRUE(Snapshot::Save(stream, Path()));
     ASSERT_TRUE(Snapshot::Load(Path(), fileDefinition, loaded)); // a second time into the same definition
     ExpectSame(loaded, stream);
+}
+
+TEST_F(SnapshotTest, NamesComeBack)
+{
+    CDefinition definition;
+    for (const char *name : {"position", "a/b", ".", "fields", "höhe"})
+        definition.Stored(CStringId::Register(name).m_Id, BaseType_Float);
+    definition.Stored(CStringId("position").m_Id, BaseType_Float2).Stored(CStringId("nobody knows").m_Id, BaseType_I8);
+    {
+        CParticleStream_MainMemory stream(10), loaded(1);
+        definition.BindTo(stream);
+        Fill(stream, 11);
+        ASSERT_TRUE(Snapshot::Save(stream, Path()));
+        CStringId::UnregisterAll();
+        Snapshot::SLoadedDefinition fileDefinition;
+        ASSERT_TRUE(Snapshot::Load(Path(), fileDefinition, loaded));
+        ExpectSame(loaded, stream);
+    }
+    for (const char *name : {"position", "a/b", ".", "fields", "höhe"})
+        EXPECT_STREQ(CStringId::FromText(name, 100).Text(), name);
+    EXPECT_EQ(CStringId("nobody knows").Text(), null);
+    CStringId::UnregisterAll();
 }

@@ -7,8 +7,8 @@
 //   /NAME            the dataset of a field again, by its registered name
 //
 // Numbers are little endian, bools are bytes; values of a type without components are bytes. Every chunk has a
-// Fletcher-32 checksum. HDF5 itself is not thread safe: one mutex of this library is held during each call below. A host
-// that uses HDF5 on other threads keeps it apart from these calls.
+// Fletcher-32 checksum. HDF5 itself is not thread safe: one mutex of this library is held during each call below. A
+// host that uses HDF5 on other threads keeps it apart from these calls.
 #pragma once
 
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>

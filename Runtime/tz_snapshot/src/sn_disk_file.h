@@ -28,9 +28,9 @@ public:
     // A property list for H5Fopen and H5Fcreate that gives them this file; negative on failure.
     hid_t MakeAccess();
 
-    int Error() const { return m_Error; } // errno of the first access that failed, 0: none
-    u64 Size() const { return m_Size; }   // bytes
-    bool Sync();                          // until the disk has it all
+    int Error() const { return m_Error; }    // errno of the first access that failed, 0: none
+    u64 Size() const { return m_Size; }      // bytes
+    bool Sync();                             // until the disk has it all
     void Abandon() { m_IsAbandoned = true; } // nothing more is written
 
     // For HDF5. False on failure.

@@ -20,8 +20,8 @@ Threads::CCriticalSection &Mutex()
 
 bool AppendPart(const SPart &part, TArray<SPart> &outParts, CReason &reason)
 {
-    return outParts.PushBack(part).Valid() || reason.Set("memory for %s fields is refused",
-                                                         SNumberText(outParts.Count() + 1).m_Text);
+    return outParts.PushBack(part).Valid() ||
+           reason.Set("memory for %s fields is refused", SNumberText(outParts.Count() + 1).m_Text);
 }
 
 } // namespace
@@ -76,8 +76,8 @@ bool AppendParts(const SParticleStreamDef &def, TArray<SPart> &outParts, CReason
         const CBaseTypeTraits &traits = CBaseTypeTraits::Traits(field.m_Type);
         const bool hasValue = traits.Size != 0 && traits.Size <= field.m_StorageSize;
         const u32 valueBytes = hasValue ? traits.Size : 0, restBytes = field.m_StorageSize - valueBytes;
-        const SPart value = {i, false, 0, valueBytes, traits.VectorDimension, field.m_StorageSize,
-                             ComponentType(field.m_Type), false};
+        const SPart value = {
+            i, false, 0, valueBytes, traits.VectorDimension, field.m_StorageSize, ComponentType(field.m_Type), false};
         const SPart rest = {i, hasValue, valueBytes, restBytes, restBytes, field.m_StorageSize, H5T_STD_U8LE, false};
         if ((hasValue && !AppendPart(value, outParts, reason)) ||
             (restBytes != 0 && !AppendPart(rest, outParts, reason)))

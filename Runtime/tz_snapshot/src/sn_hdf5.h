@@ -16,7 +16,8 @@ constexpr u32 kVersion = 1;
 constexpr u32 kMaxChunkBytes = 1024 * 1024; // the largest block of a page
 constexpr u32 kChecksumBytes = 4;
 constexpr u32 kDeflateSkipped = 1; // in a chunk's mask: the first of two filters was left out
-constexpr u32 kMaxOpenParts = 32; // at a time: open datasets cost memory
+constexpr u32 kMaxTextBytes = 256; // with the NUL
+constexpr u32 kMaxOpenParts = 32;  // at a time: open datasets cost memory
 
 // A handle of HDF5, closed with the object; negative when there is none.
 template <herr_t (*_Close)(hid_t)>

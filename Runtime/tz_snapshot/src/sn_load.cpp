@@ -51,7 +51,6 @@ void SLoadedDefinition::_Release()
 namespace
 {
 
-constexpr u32 kMaxTextBytes = 256;
 constexpr u64 kMaxDeflateRatio = 1032;
 
 // A file of a snapshot, read and checked bit by bit.
@@ -69,6 +68,8 @@ public:
     bool ReadDefinition(SLoadedDefinition::SContents &outContents);
     // Fills an empty stream, which is bound to the definition that was read.
     bool ReadParticles(CParticleStream_MainMemory &stream);
+    // Registers the fields' names that nobody registered yet.
+    void RegisterNames(const SParticleStreamDef &def) const;
 
     u32 ParticleCount() const { return m_ParticleCount; }
     u32 PageSize() const { return m_PageSize; }
@@ -253,8 +254,7 @@ bool CSnapshotReader::_OpenParts(u32 firstPart, u32 partCount, CDataset *outData
         const SFieldName name(part.m_Field);
         CGroup group;
         if (!IsHardLink(m_File.Id(), part.GroupName()) ||
-            !group.Take(H5Gopen2(m_File.Id(), part.GroupName(), H5P_DEFAULT)) ||
-            !IsHardLink(group.Id(), name.m_Text) ||
+            !group.Take(H5Gopen2(m_File.Id(), part.GroupName(), H5P_DEFAULT)) || !IsHardLink(group.Id(), name.m_Text) ||
             !outDatasets[i].Take(H5Dopen2(group.Id(), name.m_Text, access.Id())))
             return m_Reason.Set("field %u: the dataset in %s is missing or damaged", part.m_Field, part.GroupName());
     }
@@ -286,8 +286,7 @@ bool CSnapshotReader::_CheckChunks(hid_t dataset, SPart &part)
     hsize_t chunk[2] = {};
     if (H5Pget_layout(creation.Id()) != H5D_CHUNKED || H5Pget_chunk(creation.Id(), 2, chunk) != 2 ||
         chunk[1] != part.m_ComponentCount || chunk[0] == 0 || chunk[0] > m_ParticleCount ||
-        chunk[0] > kMaxChunkBytes / part.m_ByteCount ||
-        (m_ChunkParticleCount != 0 && chunk[0] != m_ChunkParticleCount))
+        chunk[0] > kMaxChunkBytes / part.m_ByteCount || (m_ChunkParticleCount != 0 && chunk[0] != m_ChunkParticleCount))
         return m_Reason.Set("field %u: chunks of %s x %s values", part.m_Field, SNumberText(chunk[0]).m_Text,
                             SNumberText(chunk[1]).m_Text);
     m_ChunkParticleCount = u32(chunk[0]);
@@ -317,8 +316,7 @@ bool CSnapshotReader::ReadParticles(CParticleStream_MainMemory &stream)
     for (const SPart &part : m_Parts.View())
         largestPart = TZMax(largestPart, part.m_ByteCount);
     const u64 chunkBytes = u64(m_ChunkParticleCount) * largestPart + kChecksumBytes;
-    if (m_ParticleCount != 0 &&
-        (!m_Chunk.Alloc(chunkBytes, m_Reason) || !m_Deflated.Alloc(chunkBytes, m_Reason)))
+    if (m_ParticleCount != 0 && (!m_Chunk.Alloc(chunkBytes, m_Reason) || !m_Deflated.Alloc(chunkBytes, m_Reason)))
         return false;
     for (u32 i = 0; i < m_Parts.Count(); i += kMaxOpenParts)
     {
@@ -392,8 +390,7 @@ bool CSnapshotReader::_ReadChunk(hid_t dataset, const SPart &part, u32 firstPart
         return false;
     const ureg packedBytes = ureg(storedBytes) - kChecksumBytes;
     std::memcpy(&checksum, m_Deflated.Data() + packedBytes, kChecksumBytes);
-    if (checksum != Fletcher32(m_Deflated.Data(), packedBytes) ||
-        mask > (part.m_IsDeflated ? kDeflateSkipped : 0))
+    if (checksum != Fletcher32(m_Deflated.Data(), packedBytes) || mask > (part.m_IsDeflated ? kDeflateSkipped : 0))
         return false;
     if (part.m_IsDeflated && mask == 0)
     {
@@ -431,6 +428,19 @@ void CSnapshotReader::_Scatter(const SPart &part, u32 count, SPlace &place,
     }
 }
 
+void CSnapshotReader::RegisterNames(const SParticleStreamDef &def) const
+{
+    char text[kMaxTextBytes];
+    for (u32 i = 0; i < def.m_StreamDef.Count(); ++i)
+    {
+        const CStringId name = def.m_StreamDef.RawDataPointer()[i].m_NameGUID;
+        const CObject object(H5Oopen(m_Fields.Id(), SFieldName(i).m_Text, H5P_DEFAULT));
+        if (name.Text() == null && ReadText(object.Id(), "name", text) &&
+            CStringId::FromText(text, kMaxTextBytes) == name)
+            CStringId::Register(text);
+    }
+}
+
 // Loads into a stream of its own, which changes places with the caller's at the end.
 bool LoadFrom(const char *path, SLoadedDefinition::SContents &contents, CParticleStream_MainMemory &stream,
               const SLoadOptions &options, CReason &reason)
@@ -465,6 +475,7 @@ bool LoadFrom(const char *path, SLoadedDefinition::SContents &contents, CParticl
         stream.BindStreamDef(&contents.m_Def, contents.ConstantData(), contents.Slots(), cache);
     }
     stream.Swap(loaded);
+    reader.RegisterNames(contents.m_Def);
     return true;
 }
 

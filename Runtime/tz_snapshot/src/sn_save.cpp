@@ -171,6 +171,7 @@ private:
     bool _CreateFile();
     bool _CreateFields();
     bool _WriteFieldAttributes(hid_t object, u32 field);
+    bool _WriteName(hid_t object, CStringId name);
     hid_t _CreateDataset(const SPart &part);
     bool _WriteParts(u32 firstPart, u32 partCount);
     bool _WriteChunk(hid_t dataset, const SPart &part, u32 firstParticle, CFrozenStream::SPlace &place);
@@ -270,7 +271,7 @@ bool CSnapshotWriter::_WriteFieldAttributes(hid_t object, u32 field)
     const SParticleStreamFieldDef &def = m_Stream.Def().m_StreamDef.RawDataPointer()[field];
     const CBaseTypeTraits &traits = CBaseTypeTraits::Traits(def.m_Type);
     if (!WriteNumber(object, "id", def.m_NameGUID.m_Id) || !WriteText(object, "type", traits.Name) ||
-        !WriteNumber(object, "storage_size", def.m_StorageSize))
+        !WriteNumber(object, "storage_size", def.m_StorageSize) || !_WriteName(object, def.m_NameGUID))
         return false;
     if (def.m_StorageSize != 0)
         return true;
@@ -283,6 +284,19 @@ bool CSnapshotWriter::_WriteFieldAttributes(hid_t object, u32 field)
     const bool isValue = traits.Size != 0 && usedBytes <= traits.Size;
     return WriteAttribute(object, "value", isValue ? ComponentType(def.m_Type) : H5T_STD_U8LE,
                           isValue ? traits.VectorDimension : sizeof(block), &block);
+}
+
+// The name as an attribute, and as a link from the root where it can be one that is not there yet.
+bool CSnapshotWriter::_WriteName(hid_t object, CStringId name)
+{
+    const char *text = name.Text();
+    if (text == null || text[0] == 0 || std::strlen(text) >= kMaxTextBytes)
+        return true;
+    if (!WriteText(object, "name", text))
+        return false;
+    if (std::strchr(text, '/') == null && std::strcmp(text, ".") != 0 && H5Lexists(m_File.Id(), text, H5P_DEFAULT) == 0)
+        return H5Olink(object, m_File.Id(), text, H5P_DEFAULT, H5P_DEFAULT) >= 0;
+    return true;
 }
 
 hid_t CSnapshotWriter::_CreateDataset(const SPart &part)
