@@ -1,104 +1,200 @@
 // Draws docs/memory.svg: bytes per particle by page size, in streams of three sizes, as real streams and their pages
 // take them. What a page takes is its block and its three records.
-//   memory_chart >docs/memory.svg
+//   memory_chart docs     writes memory.svg, and memory.csv with the figures in it
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 #include <tz_particles/include/ps_runtime.h>
 
+#include <CLI/CLI.hpp>
+#include <cairo-svg.h>
+
 #include <cmath>
 #include <cstdio>
+#include <vector>
 
 using namespace Tessaly;
 
 namespace
 {
 
-constexpr u32 kLeft = 60, kTop = 30, kWidth = 560, kHeight = 260, kMaxBytes = 160; // the plot, and where it ends
-constexpr u32 kFirstLog2 = 4, kLastLog2 = 14;                                      // page sizes 16 to 16384
+constexpr double kLeft = 60, kTop = 30, kWidth = 560, kHeight = 260, kMaxBytes = 160; // the plot, and where it ends
+constexpr u32 kFirstLog2 = 4, kLastLog2 = 14;                                         // page sizes 16 to 16384
+
+struct SColour
+{
+    double m_Red, m_Green, m_Blue;
+};
+constexpr SColour kGrid = {0.87, 0.87, 0.87}, kInk = {0.1, 0.1, 0.1};
 
 struct SCurve
 {
     u32 m_ParticleCount;
     const char *m_Label;
-    const char *m_Colour;
+    SColour m_Colour;
 };
-constexpr SCurve kCurves[] = {
-    {100, "100 particles", "#c0392b"}, {1000, "1,000 particles", "#d68910"}, {100000, "100,000 particles", "#2471a3"}};
+constexpr SCurve kCurves[] = {{100, "100 particles", {0.75, 0.22, 0.17}},
+                              {1000, "1,000 particles", {0.84, 0.54, 0.06}},
+                              {100000, "100,000 particles", {0.14, 0.44, 0.64}}};
+
+// Bytes per particle of each curve, a point for each quarter of a doubling of the page size.
+struct SPoint
+{
+    double m_Log2;
+    u32 m_PageSize;
+    double m_Bytes[std::size(kCurves)];
+};
 
 double BytesPerParticle(const SParticleStreamDef &def, u32 pageSize, u32 particleCount)
 {
-    const CGuid noConstants[5];
     CParticleStream_MainMemory stream(pageSize);
-    stream.BindStreamDef(&def, {}, {noConstants, 5}, {});
+    stream.BindStreamDef(&def);
     TArray<CParticlePageView> views;
     stream.AllocateParticles(particleCount, views);
     return double(stream.ComputeMemoryUsage().m_ParticleBytes) / double(particleCount);
 }
 
-double X(double log2) { return kLeft + (log2 - kFirstLog2) * kWidth / (kLastLog2 - kFirstLog2); }
-double Y(double bytes) { return kTop + kHeight * (1.0 - bytes / kMaxBytes); }
-
-void DrawText(double x, double y, const char *anchor, const char *text)
+std::vector<SPoint> Measure()
 {
-    std::printf("<text x=\"%.0f\" y=\"%.0f\" text-anchor=\"%s\">%s</text>\n", x, y, anchor, text);
-}
-
-void DrawAxes()
-{
-    char label[40];
-    for (u32 bytes = 0; bytes <= kMaxBytes; bytes += 20)
-    {
-        std::printf("<path d=\"M%u %.0fh%u\" stroke=\"#ddd\"/>\n", kLeft, Y(bytes), kWidth);
-        std::snprintf(label, sizeof(label), "%u", bytes);
-        DrawText(kLeft - 8, Y(bytes) + 4, "end", label);
-    }
-    for (u32 log2 = kFirstLog2; log2 <= kLastLog2; ++log2)
-    {
-        std::snprintf(label, sizeof(label), "%u", 1u << log2);
-        DrawText(X(log2), kTop + kHeight + 18, "middle", label);
-    }
-    DrawText(kLeft, kTop - 12, "start", "bytes per particle, of which 48 are its values");
-    DrawText(kLeft + kWidth, kTop + kHeight + 36, "end", "particles a page");
-}
-
-// A point for each quarter of a doubling; what leaves the plot is left out.
-void DrawCurve(const SParticleStreamDef &def, const SCurve &curve, u32 row)
-{
-    std::printf("<path fill=\"none\" stroke-width=\"2\" stroke=\"%s\" d=\"", curve.m_Colour);
-    char command = 'M';
+    SParticleStreamDef def;
+    def.Add(CStringId("position"), BaseType_Float3);
+    def.Add(CStringId("velocity"), BaseType_Float3);
+    def.Add(CStringId("colour"), BaseType_Float4);
+    def.Add(CStringId("age"), BaseType_Float);
+    def.Add(CStringId("size"), BaseType_Float);
+    std::vector<SPoint> points;
     for (u32 i = 0; i <= 4 * (kLastLog2 - kFirstLog2); ++i)
     {
         const double log2 = kFirstLog2 + i / 4.0;
-        const double bytes = BytesPerParticle(def, u32(std::lround(std::exp2(log2))), curve.m_ParticleCount);
-        if (bytes > kMaxBytes)
-            break;
-        std::printf("%c%.0f %.0f", command, X(log2), Y(bytes));
-        command = 'L';
+        SPoint point = {log2, u32(std::lround(std::exp2(log2))), {}};
+        for (size_t curve = 0; curve < std::size(kCurves); ++curve)
+            point.m_Bytes[curve] = BytesPerParticle(def, point.m_PageSize, kCurves[curve].m_ParticleCount);
+        points.push_back(point);
     }
-    std::printf("\"/>\n<rect x=\"%u\" y=\"%u\" width=\"12\" height=\"12\" fill=\"%s\"/>\n", kLeft + 420,
-                kTop + 20 * row, curve.m_Colour);
-    DrawText(kLeft + 440, kTop + 20 * row + 11, "start", curve.m_Label);
+    return points;
+}
+
+double X(double log2) { return kLeft + (log2 - kFirstLog2) * kWidth / (kLastLog2 - kFirstLog2); }
+double Y(double bytes) { return kTop + kHeight * (1.0 - bytes / kMaxBytes); }
+
+void Use(cairo_t *cairo, const SColour &colour)
+{
+    cairo_set_source_rgb(cairo, colour.m_Red, colour.m_Green, colour.m_Blue);
+}
+
+// `anchor` tells which part of the text stands at x: 0 its left end, 1 its right end.
+void DrawText(cairo_t *cairo, double x, double y, double anchor, const std::string &text)
+{
+    cairo_text_extents_t extents;
+    cairo_text_extents(cairo, text.c_str(), &extents);
+    cairo_move_to(cairo, x - anchor * extents.x_advance, y);
+    cairo_show_text(cairo, text.c_str());
+}
+
+void DrawAxes(cairo_t *cairo)
+{
+    cairo_set_line_width(cairo, 1);
+    for (u32 bytes = 0; bytes <= u32(kMaxBytes); bytes += 20)
+    {
+        Use(cairo, kGrid);
+        cairo_move_to(cairo, kLeft, Y(bytes));
+        cairo_rel_line_to(cairo, kWidth, 0);
+        cairo_stroke(cairo);
+        Use(cairo, kInk);
+        DrawText(cairo, kLeft - 8, Y(bytes) + 4, 1, std::to_string(bytes));
+    }
+    for (u32 log2 = kFirstLog2; log2 <= kLastLog2; ++log2)
+        DrawText(cairo, X(log2), kTop + kHeight + 18, 0.5, std::to_string(1u << log2));
+    DrawText(cairo, kLeft, kTop - 12, 0, "bytes per particle, of which 48 are its values");
+    DrawText(cairo, kLeft + kWidth, kTop + kHeight + 36, 1, "particles a page");
+}
+
+// What leaves the plot is left out.
+void DrawCurve(cairo_t *cairo, const std::vector<SPoint> &points, size_t curve)
+{
+    Use(cairo, kCurves[curve].m_Colour);
+    cairo_set_line_width(cairo, 2);
+    cairo_new_path(cairo); // a text leaves its end as the current point
+    for (const SPoint &point : points)
+    {
+        if (point.m_Bytes[curve] > kMaxBytes)
+            break;
+        cairo_line_to(cairo, X(point.m_Log2), Y(point.m_Bytes[curve]));
+    }
+    cairo_stroke(cairo);
+    const double top = kTop + 20.0 * double(curve);
+    cairo_rectangle(cairo, kLeft + 420, top, 12, 12);
+    cairo_fill(cairo);
+    Use(cairo, kInk);
+    DrawText(cairo, kLeft + 440, top + 11, 0, kCurves[curve].m_Label);
+}
+
+bool WriteDrawing(const std::string &path, const std::vector<SPoint> &points)
+{
+    cairo_surface_t *surface = cairo_svg_surface_create(path.c_str(), kLeft + kWidth + 30, kTop + kHeight + 50);
+    cairo_svg_surface_set_document_unit(surface, CAIRO_SVG_UNIT_PX);
+    cairo_t *cairo = cairo_create(surface);
+    cairo_set_source_rgb(cairo, 1, 1, 1);
+    cairo_paint(cairo);
+    cairo_set_font_size(cairo, 12);
+    DrawAxes(cairo);
+    for (size_t curve = 0; curve < std::size(kCurves); ++curve)
+        DrawCurve(cairo, points, curve);
+    cairo_destroy(cairo);
+    cairo_surface_finish(surface);
+    const bool isWritten = cairo_surface_status(surface) == CAIRO_STATUS_SUCCESS;
+    cairo_surface_destroy(surface);
+    return isWritten;
+}
+
+bool WriteFigures(const std::string &path, const std::vector<SPoint> &points)
+{
+    std::FILE *file = std::fopen(path.c_str(), "w");
+    if (file == null)
+        return false;
+    std::fputs("particles a page", file);
+    for (const SCurve &curve : kCurves)
+        std::fprintf(file, ";%s", curve.m_Label);
+    for (const SPoint &point : points)
+    {
+        std::fprintf(file, "\n%u", point.m_PageSize);
+        for (const double bytes : point.m_Bytes)
+            std::fprintf(file, ";%.1f", bytes);
+    }
+    std::fputc('\n', file);
+    const bool isWritten = std::fflush(file) == 0;
+    return std::fclose(file) == 0 && isWritten;
 }
 
 } // namespace
 
-int main()
+int main(int argc, char **argv)
 {
+    CLI::App app("Draws how many bytes a particle takes, by page size: memory.svg, and its figures in memory.csv.",
+                 "memory_chart");
+    std::string folder;
+    app.add_option("FOLDER", folder, "where the two go")->required()->check(CLI::ExistingDirectory)->type_name("");
+    try
+    {
+        app.parse(argc, argv);
+    }
+    catch (const CLI::CallForHelp &)
+    {
+        return std::fputs(app.help().c_str(), stdout) >= 0 && std::fflush(stdout) == 0 ? 0 : 1;
+    }
+    catch (const CLI::ParseError &error)
+    {
+        std::fprintf(stderr, "memory_chart: %s\n", error.what());
+        return 2;
+    }
     if (!Particles::Startup())
         return 1;
-    SParticleStreamDef def;
-    for (u32 name = 1; name <= 2; ++name)
-        def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId(name), BaseType_Float3, 12));
-    def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId(3), BaseType_Float4, 16));
-    for (u32 name = 4; name <= 5; ++name)
-        def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId(name), BaseType_Float, 4));
-
-    std::printf("<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 %u %u\" font-family=\"sans-serif\" "
-                "font-size=\"12\">\n<rect width=\"100%%\" height=\"100%%\" fill=\"white\"/>\n",
-                kLeft + kWidth + 30, kTop + kHeight + 50);
-    DrawAxes();
-    for (u32 i = 0; i < 3; ++i)
-        DrawCurve(def, kCurves[i], i);
-    std::printf("</svg>\n");
+    const std::vector<SPoint> points = Measure();
     Particles::Shutdown();
+    for (const auto &[name, write] : {std::pair("/memory.svg", &WriteDrawing), std::pair("/memory.csv", &WriteFigures)})
+    {
+        if (write(folder + name, points))
+            continue;
+        std::fprintf(stderr, "memory_chart: %s%s cannot be written\n", folder.c_str(), name);
+        return 1;
+    }
     return 0;
 }
