@@ -1,0 +1,208 @@
+// Bodies of ps_for_each.h.
+#pragma once
+
+#include "ps_for_each.h"
+
+namespace Tessaly
+{
+
+namespace Internal
+{
+
+// One type on one field.
+struct SColumnRequest
+{
+    CGuid m_FieldId;
+    u32 m_TypeSize;      // bytes
+    u32 m_TypeAlignment; // bytes
+    bool m_IsWritten;
+};
+
+using TColumnRequests = TMemoryView<const SColumnRequest>;
+
+// Whether the page has all that is requested; the first that it has not is reported.
+TZ_API bool HasColumns(const CParticlePage &page, const TColumnRequests &requests);
+// Whether the stream has, by its first page with particles, and no page with readers would be written; the first that
+// is not so is reported. Expects the lock.
+TZ_API bool CanServe(const CParticleStream_MainMemory &stream, const TColumnRequests &requests, bool removesParticles);
+
+// Goes over the pages with particles, and notices when somebody else changes the stream meanwhile. Expects the lock.
+class TZ_API CPageWalk : public CNonCopyable
+{
+public:
+    explicit CPageWalk(const CParticleStream_MainMemory &stream);
+
+    bool Next();     // to the next page; false: there is none, or the stream was changed
+    bool IsIntact(); // the stream was not changed; the first time that it was is reported
+    void CountRemoved(u32 count);
+
+    CGuid PageId() const { return m_PageId; }
+    const CParticlePage &Page() const { return *m_Page.Get(); }
+
+private:
+    const CParticleStream_MainMemory &m_Stream;
+    PParticlePage m_Page;
+    CGuid m_PageId;
+    bool m_IsIntact;
+    // What they must be.
+    u32 m_PageCount;
+    u32 m_StreamParticleCount;
+    u32 m_PageParticleCount;
+};
+
+// The pages with particles as tasks of several threads. Expects the lock.
+class TZ_API CPageTasks : public CNonCopyable
+{
+public:
+    explicit CPageTasks(const CParticleStream_MainMemory &stream);
+
+    u32 Count() const { return m_Pages.Count(); }
+    const CParticlePageView *Find(u32 index) const; // null, after a report, for an index out of range
+    void CheckIntact() const;                       // reports when the stream was changed
+
+private:
+    const CParticleStream_MainMemory &m_Stream;
+    u32 m_PageCount; // that it must have
+    TArray<CParticlePageView> m_Pages;
+};
+
+// A column whose values lie as far apart as the stride says; 0: one value for all.
+template <typename _Type>
+struct TStridedColumn
+{
+    u8 *m_Start;
+    size_t m_Stride;
+
+    _Type &operator[](size_t row) const { return *reinterpret_cast<_Type *>(m_Start + row * m_Stride); }
+};
+
+template <typename _Fn, typename... _Columns>
+TZ_FORCEINLINE void VisitRows(u32 first, u32 end, _Fn &fn, const _Columns... columns)
+{
+    for (size_t row = first; row < end; ++row)
+        fn(columns[row]...);
+}
+
+// Calls fn with the values of rows first to end - 1 of the page. False, after a report, when it has not the columns.
+template <typename... _Types, typename _Fn, size_t... _Indices>
+TZ_FORCEINLINE bool VisitColumns(const CParticlePage &page, const SColumnRequest *requests, u32 first, u32 end, _Fn &fn,
+                                 std::index_sequence<_Indices...>)
+{
+    const SParticleStreamField *fields = page.Streams().Data();
+    const SParticleStreamField *const columns[] = {fields + requests[_Indices].m_FieldId.Get()...};
+    const auto isDense = [](const SParticleStreamField &field, size_t typeSize)
+    { return field.m_Definition.m_StorageSize == typeSize && field.m_RawDataPtr != null; };
+    if (TZ_LIKELY((isDense(*columns[_Indices], sizeof(_Types)) && ...)))
+        VisitRows(first, end, fn, reinterpret_cast<_Types *>(columns[_Indices]->m_RawDataPtr)...);
+    else if (HasColumns(page, {requests, sizeof...(_Types)}))
+        VisitRows(
+            first, end, fn,
+            TStridedColumn<_Types>{columns[_Indices]->m_RawDataPtr, columns[_Indices]->m_Definition.m_StorageSize}...);
+    else
+        return false;
+    return true;
+}
+
+template <typename... _Types, typename _Fn>
+TZ_FORCEINLINE void ForEach(const CParticleStream_MainMemory &stream,
+                            const SColumnRequest (&requests)[sizeof...(_Types)], _Fn &fn)
+{
+    const CScopedPagesLock lock(stream);
+    if (!CanServe(stream, {requests, sizeof...(_Types)}, false))
+        return;
+    for (CPageWalk walk(stream); walk.Next();)
+    {
+        if (!VisitColumns<_Types...>(walk.Page(), requests, 0, walk.Page().ParticleCount(), fn,
+                                     std::index_sequence_for<_Types...>()))
+            return;
+    }
+}
+
+template <typename _Type>
+SColumnRequest RequestColumn(CGuid fieldId)
+{
+    static_assert(std::is_object<_Type>::value, "types of values, const where they are only read");
+    return {fieldId, sizeof(_Type), alignof(_Type), !std::is_const<_Type>::value};
+}
+
+} // namespace Internal
+
+namespace Particles
+{
+
+template <typename _Fn>
+void ForEachPage(const CParticleStream_MainMemory &stream, _Fn fn)
+{
+    const CScopedPagesLock lock(stream);
+    for (Internal::CPageWalk walk(stream); walk.Next();)
+        fn(CParticlePageView(walk.Page()));
+}
+
+template <typename... _Types, typename _Fn>
+void ForEach(CParticleStream_MainMemory &stream, typename Internal::TFieldId<_Types>::Type... fieldIds, _Fn fn)
+{
+    Internal::ForEach<_Types...>(stream, {Internal::RequestColumn<_Types>(fieldIds)...}, fn);
+}
+
+template <typename... _Types, typename _Fn>
+void ForEach(const CParticleStream_MainMemory &stream, typename Internal::TFieldId<_Types>::Type... fieldIds, _Fn fn)
+{
+    static_assert((std::is_const<_Types>::value && ...), "a const stream is only read: all types are const");
+    Internal::ForEach<_Types...>(stream, {Internal::RequestColumn<_Types>(fieldIds)...}, fn);
+}
+
+template <typename... _Types, typename _Predicate>
+u32 RemoveIf(CParticleStream_MainMemory &stream, typename Internal::TFieldId<_Types>::Type... fieldIds,
+             _Predicate predicate)
+{
+    const Internal::SColumnRequest requests[] = {Internal::RequestColumn<_Types>(fieldIds)...};
+    const CScopedPagesLock lock(stream);
+    if (!Internal::CanServe(stream, {requests, sizeof...(_Types)}, true))
+        return 0;
+    constexpr u32 kRowsAtATime = 1024;
+    u32 rows[kRowsAtATime];
+    u32 removedCount = 0;
+    for (Internal::CPageWalk walk(stream); walk.Next();)
+    {
+        // From the page's end on: only particles that were asked already change their rows.
+        for (u32 first, end = walk.Page().ParticleCount(); end != 0 && walk.IsIntact(); end = first)
+        {
+            first = end - TZMin(end, kRowsAtATime);
+            u32 row = first;
+            u32 count = 0;
+            auto collect = [&](_Types &...values)
+            {
+                rows[count] = row++;
+                count += predicate(values...) ? 1 : 0;
+            };
+            if (!Internal::VisitColumns<_Types...>(walk.Page(), requests, first, end, collect,
+                                                   std::index_sequence_for<_Types...>()))
+                return removedCount;
+            if (count == 0 || !walk.IsIntact())
+                continue;
+            count = stream.RemoveParticles(walk.PageId(), {rows, count});
+            walk.CountRemoved(count);
+            removedCount += count;
+        }
+    }
+    return removedCount;
+}
+
+template <typename _Executor, typename _Fn>
+void ForEachPageOn(_Executor &&executor, const CParticleStream_MainMemory &stream, _Fn fn)
+{
+    const CScopedPagesLock lock(stream);
+    const Internal::CPageTasks tasks(stream);
+    if (tasks.Count() == 0)
+        return;
+    executor(tasks.Count(),
+             [&tasks, &fn](u32 index)
+             {
+                 if (const CParticlePageView *view = tasks.Find(index))
+                     fn(*view);
+             });
+    tasks.CheckIntact();
+}
+
+} // namespace Particles
+} // namespace Tessaly
