@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
 #include <support/allocator_hook.h>
 #include <tz_kernel/include/kr_profiler_trace.h>
@@ -21,7 +22,13 @@ namespace
 
 using namespace Profiler;
 
-const SNodeDescriptor kOuter("outer \"quoted\" \\ \xE9\n", __FILE__, CFloat3(1, 0, 0), 0);
+// Valid characters of two to four bytes; then what is none: a lone byte, one too long, a surrogate, one past the last,
+// a torn one.
+#define BAD "\ufffd"
+#define VALID_TEXT "\u00e9 \u20ac \U0001F30D"
+const SNodeDescriptor kOuter("outer \"quoted\" \\ \n\x7F " VALID_TEXT
+                             " \xE9 \xC0\xAF \xED\xA0\x80 \xF4\x90\x80\x80 \xE2\x82",
+                             __FILE__, CFloat3(1, 0, 0), 0);
 const SNodeDescriptor kInner("inner", __FILE__, CFloat3(0, 1, 0), 0);
 
 nlohmann::json Written(const CTraceSink &sink)
@@ -76,7 +83,9 @@ TEST(TraceSink, WritesNestedScopesOfNamedThreads)
         for (size_t i = 0; i < events.size(); i += 3)
         {
             EXPECT_EQ(events[i]["name"], "inner");
-            EXPECT_EQ(events[i + 2]["name"], "outer \"quoted\" \\ \u00e9\n");
+            EXPECT_EQ(events[i + 2]["name"], "outer \"quoted\" \\ \n\x7F " VALID_TEXT " " BAD " " BAD BAD
+                                             " " BAD BAD BAD " " BAD BAD BAD BAD " " BAD BAD);
+            EXPECT_EQ(events[i]["pid"], getpid());
             u64 start = Nanoseconds(events[i]["ts"]), end = start + Nanoseconds(events[i]["dur"]);
             for (size_t j = i + 1; j < i + 3; ++j)
             {
@@ -102,12 +111,22 @@ TEST(TraceSink, DropsAndCountsWhatIsTooMuch)
         sink.OnScopeBegin(kInner);
     for (u32 i = 0; i < CTraceSink::kMaxDepth + 3; ++i)
         sink.OnScopeEnd(i < 3 ? kOuter : kInner);
+    for (u32 i = 0; i < 7; ++i) // the last ten are three of the first kind and these
+        sink.OnScopeBegin(kOuter), sink.OnScopeEnd(kOuter);
     EXPECT_EQ(sink.ScopeCount(), 10u);
-    EXPECT_EQ(sink.DroppedCount(), CTraceSink::kMaxDepth + 3 - 10);
+    EXPECT_EQ(sink.DroppedCount(), CTraceSink::kMaxDepth);
     const nlohmann::json written = Written(sink);
-    EXPECT_EQ(written["otherData"]["droppedScopes"], CTraceSink::kMaxDepth + 3 - 10);
-    for (const nlohmann::json &event : written["traceEvents"])
-        EXPECT_TRUE(event["ph"] == "M" || event["name"] == "inner") << "too deep";
+    EXPECT_EQ(written["otherData"]["droppedScopes"], CTraceSink::kMaxDepth);
+    const nlohmann::json &events = written["traceEvents"];
+    ASSERT_EQ(events.size(), 1u + 10);
+    double lastEnd = 0;
+    for (size_t i = 1; i < events.size(); ++i)
+    {
+        EXPECT_EQ(events[i]["name"] == "inner", i <= 3) << i;
+        const double end = events[i]["ts"].get<double>() + events[i]["dur"].get<double>();
+        EXPECT_LE(lastEnd, end + 1e-4) << i;
+        lastEnd = end;
+    }
 
     CTraceSink one(10), another(10);
     for (CTraceSink *next : {&one, &another, &one})

@@ -6,8 +6,8 @@
 //   Profiler::CProfiler::SetSink(null);
 //   trace.Write(file);
 //
-// It keeps the scopes that end first, of all threads, up to a number that it is told. What comes later is dropped and
-// counted, and so is a scope inside kMaxDepth others of its thread. All memory is asked for when the sink is made.
+// It keeps the scopes that ended last, of all threads, up to a number that it is told. Those before them are dropped
+// and counted, and so is a scope inside kMaxDepth others of its thread. All memory is asked for when the sink is made.
 #pragma once
 
 #include <cstdio>
@@ -44,7 +44,7 @@ public:
     // Writes what was kept until now: one object whose traceEvents hold a complete event (X; times in microseconds
     // since the sink was made) for each scope, in the order in which they ended, and a thread_name event for each
     // thread: the name that the system had for it when it came here first. otherData.droppedScopes tells what is
-    // missing. Names are written as text; a byte that is not printable ASCII becomes the code point of its number.
+    // missing. Names are written as they are, in UTF-8; a byte that is not valid UTF-8 becomes U+FFFD.
     // False when the stream refused something. Any thread; recording threads wait meanwhile.
     bool Write(std::FILE *stream) const;
 
@@ -70,7 +70,8 @@ private:
     mutable std::mutex m_Lock; // guards the rest; no service is called under it
     SScope *m_Scopes;
     u32 m_MaxScopes;
-    u32 m_ScopeCount;
+    u32 m_ScopeCount; // kept
+    u32 m_NextScope;  // where the next one goes: when all are used, the place of the oldest
     u64 m_DroppedCount;
     u32 m_ThreadCount;
     SThread m_Threads[kMaxThreads];

@@ -1,9 +1,10 @@
-// The trace sink: scopes kept as they end, written as JSON at the end.
+// The trace sink: a ring of the scopes that ended last, written as JSON at the end.
 #include "../include/kr_profiler_trace.h"
 
 #include <chrono>
 #include <cinttypes>
 #include <pthread.h>
+#include <unistd.h>
 
 #include "../include/kr_mem.h"
 #include "../include/kr_threads_basics.h"
@@ -28,19 +29,41 @@ struct SOpenScopes
 
 thread_local SOpenScopes t_Open;
 
+// How many bytes the character takes that begins here; 0 when that is not valid UTF-8.
+u32 CharacterLength(const u8 *text)
+{
+    static constexpr u32 kFirstPoints[] = {0, 0, 0x80, 0x800, 0x10000}; // by length: a smaller one is written shorter
+    const u8 lead = text[0];
+    if (lead < 0x80)
+        return 1;
+    const u32 length = (lead & 0xE0) == 0xC0 ? 2 : (lead & 0xF0) == 0xE0 ? 3 : (lead & 0xF8) == 0xF0 ? 4 : 0;
+    u32 point = lead & (0x7Fu >> length);
+    for (u32 i = 1; i < length; ++i)
+    {
+        if ((text[i] & 0xC0) != 0x80) // the end of the text, too
+            return 0;
+        point = point << 6 | (text[i] & 0x3F);
+    }
+    const bool isSurrogate = point >= 0xD800 && point <= 0xDFFF;
+    return point >= kFirstPoints[length] && point <= 0x10FFFF && !isSurrogate ? length : 0;
+}
+
 // A JSON string, quotes included.
 void WriteText(std::FILE *stream, const char *text)
 {
     std::fputc('"', stream);
-    for (; *text != '\0'; ++text)
+    for (const u8 *next = reinterpret_cast<const u8 *>(text); *next != '\0';)
     {
-        const u8 byte = static_cast<u8>(*text);
-        if (byte == '"' || byte == '\\')
-            std::fprintf(stream, "\\%c", byte);
-        else if (byte >= 0x20 && byte < 0x7F)
-            std::fputc(byte, stream);
+        const u32 length = CharacterLength(next);
+        if (length == 0)
+            std::fputs("\\ufffd", stream);
+        else if (*next == '"' || *next == '\\')
+            std::fprintf(stream, "\\%c", *next);
+        else if (*next < 0x20 || *next == 0x7F)
+            std::fprintf(stream, "\\u%04x", *next);
         else
-            std::fprintf(stream, "\\u%04x", byte);
+            std::fwrite(next, 1, length, stream);
+        next += TZMax(length, 1u);
     }
     std::fputc('"', stream);
 }
@@ -55,6 +78,7 @@ CTraceSink::CTraceSink(u32 maxScopes)
                                                     TZ_FUNCTION_SIGNATURE)))
     , m_MaxScopes(m_Scopes != null ? maxScopes : 0)
     , m_ScopeCount(0)
+    , m_NextScope(0)
     , m_DroppedCount(0)
     , m_ThreadCount(0)
     , m_Threads()
@@ -90,14 +114,15 @@ void CTraceSink::OnScopeEnd(const SNodeDescriptor &node)
 
     const std::lock_guard<std::mutex> lock(m_Lock);
     if (depth >= kMaxDepth || m_ScopeCount == m_MaxScopes)
-    {
-        ++m_DroppedCount;
+        ++m_DroppedCount; // this one, or the oldest
+    if (depth >= kMaxDepth || m_MaxScopes == 0)
         return;
-    }
     if (t_Open.m_NamedInSink != m_SinkId)
         _NameThread_NoLock(threadId);
     const u64 start = t_Open.m_Starts[depth];
-    m_Scopes[m_ScopeCount++] = {&node, start - m_Origin, end - start, threadId};
+    m_Scopes[m_NextScope] = {&node, start - m_Origin, end - start, threadId};
+    m_NextScope = m_NextScope + 1 != m_MaxScopes ? m_NextScope + 1 : 0;
+    m_ScopeCount = TZMin(m_ScopeCount + 1, m_MaxScopes);
 }
 
 void CTraceSink::_NameThread_NoLock(u32 threadId)
@@ -131,23 +156,25 @@ bool CTraceSink::Write(std::FILE *stream) const
     std::fprintf(stream, "{\"displayTimeUnit\":\"ns\",\"otherData\":{\"droppedScopes\":%" PRIu64 "},\"traceEvents\":[",
                  m_DroppedCount);
     const char *separator = "\n";
+    const int processId = getpid();
     for (u32 i = 0; i < m_ThreadCount; ++i, separator = ",\n")
     {
         std::fprintf(stream,
-                     "%s{\"ph\":\"M\",\"name\":\"thread_name\",\"pid\":1,\"tid\":%u,\"args\":{\"name\":", separator,
-                     m_Threads[i].m_Id);
+                     "%s{\"ph\":\"M\",\"name\":\"thread_name\",\"pid\":%d,\"tid\":%u,\"args\":{\"name\":", separator,
+                     processId, m_Threads[i].m_Id);
         WriteText(stream, m_Threads[i].m_Name);
         std::fputs("}}", stream);
     }
     for (u32 i = 0; i < m_ScopeCount; ++i, separator = ",\n")
     {
-        const SScope &scope = m_Scopes[i];
+        const u32 oldest = m_ScopeCount == m_MaxScopes ? m_NextScope : 0;
+        const SScope &scope = m_Scopes[(u64(oldest) + i) % m_MaxScopes];
         std::fprintf(stream, "%s{\"ph\":\"X\",\"name\":", separator);
         WriteText(stream, scope.m_Node->m_Name);
         // Microseconds with three decimals, exactly: what lies inside another scope must lie there in the file, too.
-        std::fprintf(stream, ",\"ts\":%" PRIu64 ".%03u,\"dur\":%" PRIu64 ".%03u,\"pid\":1,\"tid\":%u}",
+        std::fprintf(stream, ",\"ts\":%" PRIu64 ".%03u,\"dur\":%" PRIu64 ".%03u,\"pid\":%d,\"tid\":%u}",
                      scope.m_Start / 1000, u32(scope.m_Start % 1000), scope.m_Duration / 1000,
-                     u32(scope.m_Duration % 1000), scope.m_ThreadId);
+                     u32(scope.m_Duration % 1000), processId, scope.m_ThreadId);
     }
     std::fputs("\n]}\n", stream);
     return std::fflush(stream) == 0 && std::ferror(stream) == 0;
