@@ -213,14 +213,14 @@ TEST(LargeCopy, WritesWhatAPlainOneWrites)
 {
     std::vector<u8> src(1000), dst, expected;
     std::iota(src.begin(), src.end(), u8(1));
-    CopyPastCaches(null, null, 0); // a constant without data
+    CopyNonTemporal(null, null, 0); // a constant without data
     for (const u32 byteCount : {0u, 1u, 15u, 16u, 63u, 64u, 65u, 128u, 200u, 777u})
     {
         for (u32 offset = 0; offset < 64; offset += 3)
         {
             dst.assign(1000, 0xEE);
             expected = dst;
-            CopyPastCaches(dst.data() + offset, src.data() + offset / 2, byteCount);
+            CopyNonTemporal(dst.data() + offset, src.data() + offset / 2, byteCount);
             std::copy_n(src.begin() + offset / 2, byteCount, expected.begin() + offset);
             ASSERT_EQ(dst, expected) << byteCount << " bytes to " << offset;
         }

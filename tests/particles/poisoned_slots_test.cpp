@@ -14,6 +14,9 @@ namespace
 class PoisonedSlots : public CStreamTest
 {
 protected:
+    PoisonedSlots() { Particles::SetPoisonFreeSlots(true); }
+    ~PoisonedSlots() override { Particles::SetPoisonFreeSlots(false); }
+
     CTestStream m_Stream{11, m_Definition};
 };
 

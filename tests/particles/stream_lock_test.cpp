@@ -195,8 +195,8 @@ TEST_F(StreamLock, PagesGoInsideItWhenClearedAndOutsideInCleanup)
             });
         isCleanup ? m_Stream.Cleanup() : m_Stream.Clear();
         m_Memory.AtEachCall(CAllocatorHook::FnAtCall());
-        // Two pages with their raw pages; in a cleanup after the entry check (two unlocks) and the exchange, and then the
-        // list, after the exit check.
+        // Two pages with their raw pages; in a cleanup after the entry check (two unlocks) and the exchange, and then
+        // the list, after the exit check.
         ASSERT_EQ(deaths.size(), isCleanup ? 5u : 4u);
         for (size_t i = 0; i < deaths.size(); ++i)
         {
@@ -211,7 +211,7 @@ TEST_F(StreamLock, PagesGoInsideItWhenClearedAndOutsideInCleanup)
 TEST_F(StreamLock, CleanupGivesAllMemoryBack)
 {
     const u32 blockCount = m_Memory.LiveBlockCount();
-    for (u32 i = 0; i < 2 * CPageListIndex::kMinPageCount; ++i)
+    for (u32 i = 0; i < 2 * CPageListIndex::kMaxWalkedPageCount; ++i)
         m_Stream.AppendPage(16, 1);
     m_Stream.StreamId(CStringId(Life)); // the second check, Cleanup's own, builds the index over the list
     m_Stream.Cleanup();

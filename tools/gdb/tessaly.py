@@ -61,7 +61,7 @@ def _check_readable(address, size):
 
 
 def _number(value):
-    """The integer inside a TSharedField, a TAtomic, a TGuid or a plain integer."""
+    """The integer inside a TAtomic, a TGuid or a plain integer."""
     while value.type.strip_typedefs().code == gdb.TYPE_CODE_STRUCT:
         value = value[value.type.strip_typedefs().fields()[0]]
     return int(value)

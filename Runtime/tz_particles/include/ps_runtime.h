@@ -22,5 +22,10 @@ TZ_API void Shutdown();
 // The page allocator, for its budget, maintenance and statistics; null while the runtime is not started.
 TZ_API CParticlePageAllocator *PageAllocator();
 
+// Under the address sanitizer: whether touching a page's free slots, as through a view on particles that are gone, is
+// an error. Off by default: what a free slot holds may be read. Holds for pages made, and counts changed, from then on.
+// Without the sanitizer it does nothing. Any thread.
+TZ_API void SetPoisonFreeSlots(bool isOn);
+
 } // namespace Particles
 } // namespace Tessaly

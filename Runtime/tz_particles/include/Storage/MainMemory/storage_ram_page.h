@@ -7,9 +7,10 @@
 //   ParticleCount() <= Capacity();  m_ParticleCount of every field == ParticleCount()
 //   column of a field: Align<16>(m_StorageSize * Capacity()) bytes, columns back to back in definition order
 //
-// Under the address sanitizer the free slots are poisoned, and so is the rest of the block, what rounds columns up
-// included: touching a particle that is gone, through a view taken earlier, is an error. RawDataForWriting and
-// BeginRead open the whole block, until the page's count changes next without readers.
+// Under the address sanitizer, after Particles::SetPoisonFreeSlots(true), the free slots are poisoned, and so is the
+// rest of the block, what rounds columns up included: touching a particle that is gone, through a view taken earlier,
+// is an error. RawDataForWriting and BeginRead open the whole block, until the page's count changes next without
+// readers.
 #pragma once
 
 #include <tz_kernel/include/kr_memoryviews.h>
@@ -24,7 +25,7 @@ namespace Tessaly
 
 class CParticleStream_MainMemory;
 
-// The byte that fresh particle data reads as, until somebody writes it.
+// The byte that slots read as which nobody used since their page was made.
 constexpr u8 kFreshParticleByte = 0xF3;
 
 // The storage of one field inside one page. It never owns the bytes.
@@ -86,9 +87,9 @@ public:
     CParticlePage(CParticleStream_MainMemory *parent, u32 capacity);
     ~CParticlePage() override;
 
-    u32 ParticleCount() const { return m_ParticleCount; }          // live particles; may be read without a lock
-    u32 Capacity() const { return m_Capacity; }                    // particles; never changes
-    u32 FreeCount() const { return Capacity() - ParticleCount(); } // particles that still fit
+    u32 ParticleCount() const { return Threads::LoadShared(m_ParticleCount); } // live; may be read without a lock
+    u32 Capacity() const { return m_Capacity; }                                // particles; never changes
+    u32 FreeCount() const { return Capacity() - ParticleCount(); }             // particles that still fit
     // As the counts say: no particle is left, no slot is left.
     bool Empty() const { return ParticleCount() == 0; }
     bool Full() const { return ParticleCount() == Capacity(); }
@@ -142,16 +143,11 @@ public:
     u32 MemoryFootprint() const;
 
     // Names another parent; the stream does it when it swaps its pages.
-    void ReassignParentStream(CParticleStream_MainMemory *parent)
-    {
-        m_Parent = parent;
-        if (m_ListIndex != null)
-            m_ListIndex->Invalidate();
-        m_ListIndex = null;
-    }
+    void ReassignParentStream(CParticleStream_MainMemory *parent) { m_Parent = parent; }
 
 private:
     friend class CParticleStream_MainMemory;
+    friend class CPageListIndex;
 
     using FnCopyBytes = void (*)(void *dst, const void *src, ureg byteCount);
     void _DeepCopy(const CParticlePage &other, FnCopyBytes copyBytes);
@@ -160,16 +156,17 @@ private:
     u32 _ColumnSizeInBytes(const SParticleStreamField &field) const;
     // Fills every stored column from particle first to its end, rounding included, with kFreshParticleByte.
     void _FillFreshRows(u32 first);
-    // For the address sanitizer: particles may be touched, what else is in the block may not while it has no reader.
+    // For the address sanitizer: particles may be touched; what else is in the block may not while it has no reader,
+    // when the host wants that.
     // Called under the lock that guards the count. Rows that stay live are never poisoned in between.
     void _PoisonFreeSlots();
     void _UnpoisonAllSlots() const; // for the page's own writing of free slots
     // Moves the particles from first on to the front; those before it are gone.
     void _DropFirstParticles(u32 first);
 
-    TSharedField<u32> m_ParticleCount;
+    u32 m_ParticleCount;
     u32 m_Capacity;
-    u32 m_IndexInList;
+    u32 m_IndexInList; // written by the index, as m_ListIndex
     PParticleRawPage_MainMemory m_RawPage;
     TArray<SParticleStreamField> m_Streams_Unsafe;
     CPageListIndex *m_ListIndex; // of the list that the page is in, told of each change of the count; or null
@@ -255,9 +252,6 @@ private:
     bool _HasParticles() const; // a page, and the run within its capacity
     // Start of the view's values of a field, or null.
     u8 *_ColumnStart(const SParticleStreamField &field) const;
-    // True, and the column, when all is as it should be. Else the caller finds out what is not, check by check.
-    template <typename _Type>
-    bool _TakeColumn(CGuid streamId, bool isForWriting, TStridedMemoryView<_Type> &outColumn) const;
     template <typename _Type>
     TStridedMemoryView<_Type> _TypedColumn(const SParticleStreamField &field) const;
 

@@ -40,24 +40,6 @@ inline u8 *CParticlePageView::_ColumnStart(const SParticleStreamField &field) co
 }
 
 template <typename _Type>
-bool CParticlePageView::_TakeColumn(CGuid streamId, bool isForWriting, TStridedMemoryView<_Type> &outColumn) const
-{
-    const CParticlePage *page = m_Page.Get();
-    if (page == null || streamId.Get() >= page->StreamsCount() || u64(m_First) + m_Count > page->Capacity())
-        return false;
-    const SParticleStreamField &field = page->Streams().Data()[streamId.Get()];
-    const u32 stride = field.m_Definition.m_StorageSize;
-    const bool isWhole = stride >= sizeof(_Type) || (stride == 0 && !isForWriting && sizeof(_Type) <= sizeof(S64Bytes));
-    if (!isWhole || field.m_RawDataPtr == null)
-        return false;
-    u8 *start = field.m_RawDataPtr + size_t(stride) * m_First;
-    if ((ureg(start) | stride) % alignof(_Type) != 0 || (isForWriting && !page->ReadyToWrite()))
-        return false;
-    outColumn = TStridedMemoryView<_Type>(reinterpret_cast<_Type *>(start), m_Count, stride);
-    return true;
-}
-
-template <typename _Type>
 TStridedMemoryView<_Type> CParticlePageView::_TypedColumn(const SParticleStreamField &field) const
 {
     const u32 stride = field.m_Definition.m_StorageSize;
@@ -73,18 +55,12 @@ TStridedMemoryView<_Type> CParticlePageView::_TypedColumn(const SParticleStreamF
 template <typename _Type>
 TStridedMemoryView<const _Type> CParticlePageView::Column(CGuid streamId) const
 {
-    TStridedMemoryView<const _Type> column;
-    if (TZ_LIKELY(_TakeColumn(streamId, false, column)))
-        return column;
     return _TypedColumn<const _Type>(RawStream(streamId));
 }
 
 template <typename _Type>
 TStridedMemoryView<_Type> CParticlePageView::ColumnForWriting(CGuid streamId) const
 {
-    TStridedMemoryView<_Type> column;
-    if (TZ_LIKELY(_TakeColumn(streamId, true, column)))
-        return column;
     const SParticleStreamField &field = RawStream(streamId);
     if (!TZ_VERIFY(!field.IsConstant()) || !TZ_VERIFY(m_Page->ReadyToWrite()))
         return TStridedMemoryView<_Type>();

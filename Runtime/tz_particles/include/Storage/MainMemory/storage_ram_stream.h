@@ -16,7 +16,8 @@
 #include <tz_particles/include/ps_descriptor.h>
 #include <tz_particles/include/ps_stream.h>
 
-#include "storage_ram_page.h"
+#include "storage_ram_page_index.h"
+#include "storage_ram_page_list.h"
 
 namespace Tessaly
 {
@@ -32,7 +33,10 @@ public:
 
     // The virtual interface. Lock and Unlock are LockPages and UnlockPages; the two queries take no lock: the
     // definition that is bound (null: none), and the live particles.
-    const SParticleStreamDef *GetStreamDef() const override { return m_StreamDef; }
+    const SParticleStreamDef *GetStreamDef() const override
+    {
+        return Threads::LoadShared<__ATOMIC_ACQUIRE>(m_StreamDef);
+    }
     u32 ParticleCount() const override { return m_ParticleCount.Load(); }
     void Lock() const override { LockPages(); }
     void Unlock() const override { UnlockPages(); }
@@ -58,13 +62,13 @@ public:
     inline void UnlockPages() const;
     void LockPagesToRender() const;
     void UnlockPagesToRender() const;
-    bool LockedByCurrentThread() const; // the calling thread holds the page lock
+    inline bool LockedByCurrentThread() const; // the calling thread holds the page lock
 
     // Capacity, in particles, of the pages made from now on; lowered to a power of two when a page would exceed the
     // page allocator's largest block; 0 gives the default. Moves nothing: pages of another capacity become pending
     // resizes. Takes the lock unless the size is unchanged. O(pages).
     void SetPageSize(u32 size);
-    u32 PageSize() const { return m_PageSize; } // particles; takes no lock
+    u32 PageSize() const { return Threads::LoadShared(m_PageSize); } // particles; takes no lock
 
     // Makes an empty page of PageSize() particles, appended to the list (views and page indices stay good) or held by
     // the caller alone. Null when the stream is unbound or memory is refused. Expects the lock when the page is added.
@@ -82,9 +86,10 @@ public:
 
     // Takes up to wishedCount slots, in particles, of one page: the first in the list with room for minCountHint of
     // them (0 or more than wishedCount: for all), else a new page. Returns the view on them, already counted; empty
-    // when no page can be had. The new values read 0xF3 until the caller writes them: where other threads may look, or
-    // remove particles, allocate and fill under one lock. Views and page indices stay good. Takes the lock. O(log
-    // pages), O(pages) after anything else happened to a long page list.
+    // when no page can be had. The new values are what the slots held before: those of particles that are gone, or 0xF3
+    // in slots that nobody used yet. Where other threads may look, or remove particles, allocate and fill under one
+    // lock. Views and page indices stay good. Takes the lock. O(pages) up to 128 pages; above, O(log pages), and
+    // O(pages) after anything else happened to the page list.
     CParticlePageView AllocateParticlesIFP(u32 wishedCount, u32 minCountHint);
     // Asks AllocateParticlesIFP until count particles are served or nothing more can be had; free slots of existing
     // pages are used up first. Appends the views to outViews and returns how many particles they hold. Takes the lock
@@ -125,10 +130,12 @@ public:
     // particles. SetPageSize counts all of them. Expects the lock. O(pages).
     void ComputePendingResizes_NoLock();
     // Empties up to maxPageCountToProcess waiting pages that hold particles, and drops empty ones that it meets.
-    // Particles leave the stream only when no page can be had for them. Page indices change; views keep the emptied
-    // pages, as they were. Takes the lock. O(pages), and a copy of each particle in the emptied ones.
+    // When no page can be had, which is reported, what is left of the page in progress is lost: ParticleCount() before
+    // and after tells how many particles. Page indices change; views keep the emptied pages, as they were. Takes the
+    // lock. O(pages), and a copy of each particle in the emptied ones.
     void ResizePending(u32 maxPageCountToProcess);
-    bool HasPendingResizes() const { return m_PageCount_OutOfSync != 0; } // as counted last; takes no lock
+    // As counted last; takes no lock.
+    bool HasPendingResizes() const { return Threads::LoadShared(m_PageCount_OutOfSync) != 0; }
 
     // Makes this stream an independent copy of other, which nobody changes meanwhile: its settings, and copies of its
     // pages that hold particles; what this stream held is released first. When memory is refused, the pages copied so
@@ -141,7 +148,9 @@ public:
     // particles go when a page of the present size would exceed the largest block. Nothing happens when def is bound
     // already; null is reported and changes nothing. Every page is replaced by one of the new layout, or gone: page
     // indices change, and views keep the former pages. The old definition and constant data are read during the call.
-    // Takes the lock, for the pages: the owner alone binds. O(particles).
+    // When memory is refused, the particles of each page that can not be made are lost, and nothing is reported:
+    // ParticleCount() before and after tells how many. Takes the lock, for the pages: the owner alone binds.
+    // O(particles).
     void BindStreamDef(const SParticleStreamDef *def, const TMemoryView<const S64Bytes> &constantData,
                        const TStridedMemoryView<const CGuid> &constantDataFieldSlot,
                        const SParticleImplementationCache &cache);
@@ -181,6 +190,7 @@ private:
     static constexpr u32 kDefaultPageSize = 1024; // particles
 
     class CResizePass;
+    struct SRebuild;
 
     // The same as AllocNewPage_NoLock, but leaves the rows before firstFreshRow as they are: the caller writes them.
     PParticlePage _AllocNewPage_NoLock(u32 pageSize, u32 pageSizeInBytes, bool addToPageList, u32 firstFreshRow);
@@ -192,29 +202,25 @@ private:
     inline bool _LeaveLock() const;
     inline u32 _SumOfPages() const;
     inline PParticlePage _FindPageWithRoom_NoLock(u32 minCount) const;
-    inline CPageListIndex *_PageIndex_NoLock() const; // up to date; null when the list is to be walked
-    bool _BuildPageIndex_NoLock() const;
-    void _AddToPageIndex_NoLock(CParticlePage &page); // that was appended to the list
-    void _LeavePageIndex_NoLock(CParticlePage &page); // that is about to leave the list
-    u32 _MoveEmptyPagesBack_NoLock(TMemoryView<CGuid> reindexer);
-    void _DropPagesFrom_NoLock(u32 newCount);
+    inline CPageListIndex *_PageIndex_NoLock() const; // valid; null when the list is to be walked
     u32 _DeepCopyPages_NoLock(const CParticleStream_MainMemory &other);
-    bool _AppendPageLike_NoLock(const CParticlePage &other);
-    void _RebuildPages_NoLock(const u8 *streamRemap, bool keepContents);
-    u32 _RebuildPage_NoLock(u32 i, const u8 *streamRemap, bool keepContents);
+    void _RebuildPages_NoLock(const SRebuild &rebuild);
+    u32 _RebuildPage_NoLock(u32 i, const SRebuild &rebuild);
     void _RebindConstantField(u32 streamId, SParticleStreamField &field) const;
+    bool _HasBadConstantField() const;
 
-    TSharedField<u32> m_PageSize; // particles
-    u32 m_PageSizeInBytes;        // bytes; 0 while unbound
-    TSharedPointer<const SParticleStreamDef> m_StreamDef;
+    // What is read without the lock is read and written by Threads::LoadShared and StoreShared.
+    u32 m_PageSize;        // particles
+    u32 m_PageSizeInBytes; // bytes; 0 while unbound
+    const SParticleStreamDef *m_StreamDef;
     TMemoryView<const S64Bytes> m_ConstantData;
     TStridedMemoryView<const CGuid> m_ConstantDataFieldSlot;
-    TArray<PParticlePage> m_Pages;
+    CPageList m_Pages;
     Threads::CCriticalSection m_PagesProtectCS;
-    TSharedField<u32> m_PageCount_OutOfSync; // pages that wait to be resized; may be left too high
+    u32 m_PageCount_OutOfSync; // pages that wait to be resized; may be left too high
     TAtomic<u32> m_ParticleCount;
-    mutable TSharedField<u32> m_PagesLocked; // nesting depth of the page lock; written by its holder
-    mutable TSharedField<CGuid> m_ThreadOwningLock;
+    mutable u32 m_PagesLocked; // nesting depth of the page lock; written by its holder
+    mutable CGuid m_ThreadOwningLock;
     mutable CPageListIndex m_PageIndex; // follows m_Pages; see _PageIndex_NoLock
 };
 

@@ -21,9 +21,9 @@ inline u32 CParticleStream_MainMemory::_EnterLock() const
 {
     m_PagesProtectCS.Lock();
     const u32 depth = m_PagesLocked + 1;
-    m_PagesLocked = depth;
+    Threads::StoreShared(m_PagesLocked, depth);
     if (depth == 1)
-        m_ThreadOwningLock = CGuid(CCurrentThread::_KnownThreadID());
+        Threads::StoreShared(m_ThreadOwningLock, CCurrentThread::_KnownThreadID());
     return depth;
 }
 
@@ -31,19 +31,24 @@ inline u32 CParticleStream_MainMemory::_EnterLock() const
 // another thread holds.
 inline bool CParticleStream_MainMemory::_LeaveLock() const
 {
-    const u32 depth = m_PagesLocked;
-    if (TZ_UNLIKELY(depth == 0 || !(m_ThreadOwningLock == CCurrentThread::_KnownThreadID())))
+    const u32 depth = Threads::LoadShared(m_PagesLocked);
+    if (TZ_UNLIKELY(depth == 0 || Threads::LoadShared(m_ThreadOwningLock) != CCurrentThread::_KnownThreadID()))
         return false;
-    m_PagesLocked = depth - 1;
+    Threads::StoreShared(m_PagesLocked, depth - 1);
     // Before the mutex is released: the next owner finds the field empty.
     if (depth == 1)
-        m_ThreadOwningLock = CGuid::INVALID;
+        Threads::StoreShared(m_ThreadOwningLock, CGuid::INVALID);
     m_PagesProtectCS.Unlock();
     return true;
 }
 
-// The four lock operations have assertion sites of their own, and only two open a scope. These two are inline: each
-// call between the mutex's two locked instructions is felt.
+inline bool CParticleStream_MainMemory::LockedByCurrentThread() const
+{
+    return Threads::LoadShared(m_PagesLocked) != 0 &&
+           Threads::LoadShared(m_ThreadOwningLock) == CCurrentThread::ThreadID();
+}
+
+// The four lock operations have assertion sites of their own, and only two open a scope.
 
 inline void CParticleStream_MainMemory::LockPages() const
 {
@@ -57,8 +62,9 @@ inline void CParticleStream_MainMemory::UnlockPages() const
     TZ_PROFILE_SCOPE("CParticleStream_MainMemory::UnlockPages");
     if (TZ_LIKELY(_LeaveLock()))
         return;
-    TZ_ASSERT(m_PagesLocked != 0);
-    TZ_ASSERT(m_ThreadOwningLock == CCurrentThread::ThreadID());
+    TZ_ASSERT_TEXT("m_PagesLocked != 0", Threads::LoadShared(m_PagesLocked) != 0);
+    TZ_ASSERT_TEXT("m_ThreadOwningLock == CCurrentThread::ThreadID()",
+                   Threads::LoadShared(m_ThreadOwningLock) == CCurrentThread::ThreadID());
 }
 
 } // namespace Tessaly

@@ -1,4 +1,4 @@
-// Copies that are too large for the processor's caches.
+// Copies by non-temporal stores.
 #include "storage_ram_copy.h"
 
 #include <cstring>
@@ -15,7 +15,7 @@ namespace Tessaly
 
 #if defined(__SSE2__)
 
-void CopyPastCaches(void *dst, const void *src, ureg byteCount)
+void CopyNonTemporal(void *dst, const void *src, ureg byteCount)
 {
     constexpr ureg kLineBytes = 64;
     TZ_ASSERT(!Mem::Overlaps(dst, byteCount, src, byteCount));
@@ -43,7 +43,7 @@ void CopyPastCaches(void *dst, const void *src, ureg byteCount)
 
 #else
 
-void CopyPastCaches(void *dst, const void *src, ureg byteCount) { Mem::Copy(dst, src, byteCount); }
+void CopyNonTemporal(void *dst, const void *src, ureg byteCount) { Mem::Copy(dst, src, byteCount); }
 
 #endif
 

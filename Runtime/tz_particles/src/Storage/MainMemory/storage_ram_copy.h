@@ -1,4 +1,4 @@
-// Copies that are too large for the processor's caches. The library's own; not installed.
+// Copies that are too large for the processor's cache. The library's own; not installed.
 #pragma once
 
 #include <tz_defs.h>
@@ -6,11 +6,11 @@
 namespace Tessaly
 {
 
-// From so many bytes on, copied in one go, nothing of the copy is left in the caches when its reader comes, and writing
-// past them spares reading every line first: about half of the last level of today's processors.
-constexpr u64 kMinBytesPastCaches = 16 << 20;
+// From so many bytes on, copied in one go, nothing of the copy is left in the cache when its reader comes, and
+// non-temporal stores spare reading every line first: about half of the last level of today's processors.
+constexpr u64 kMinBytesNonTemporal = 16 << 20;
 
-// As Mem::Copy, written to memory without a stay in the caches where the processor can.
-void CopyPastCaches(void *dst, const void *src, ureg byteCount);
+// As Mem::Copy, by non-temporal stores where the processor has them.
+void CopyNonTemporal(void *dst, const void *src, ureg byteCount);
 
 } // namespace Tessaly

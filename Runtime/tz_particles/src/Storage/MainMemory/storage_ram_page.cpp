@@ -2,17 +2,19 @@
 #include <tz_particles/include/Storage/MainMemory/storage_ram_page.h>
 
 #include <cstring>
-#include <utility>
 
 #include <tz_kernel/include/kr_address_sanitizer.h>
 #include <tz_kernel/include/kr_mem_utils.h>
 #include <tz_memory.h>
+#include <tz_particles/include/ps_runtime.h>
 
 namespace Tessaly
 {
 
 namespace
 {
+
+bool g_PoisonsFreeSlots = false;
 
 void FillFresh(u8 *bytes, size_t count)
 {
@@ -24,24 +26,11 @@ void FillFresh(u8 *bytes, size_t count)
 constexpr u32 kRowsAtATime = 8;
 
 template <u32 _RowBytes>
-void MoveRow(u8 *column, const SParticleMove &move)
-{
-    std::memcpy(column + size_t(move.m_To) * _RowBytes, column + size_t(move.m_From) * _RowBytes, _RowBytes);
-}
-
-template <u32 _RowBytes, size_t... _Indices>
-void MoveRows(u8 *column, const SParticleMove *moves, std::index_sequence<_Indices...>)
-{
-    (MoveRow<_RowBytes>(column, moves[_Indices]), ...);
-}
-
-template <u32 _RowBytes>
 void MoveRows(u8 *column, const SParticleMove *moves, u32 moveCount)
 {
-    if (moveCount == kRowsAtATime) // mostly, and then without a loop
-        return MoveRows<_RowBytes>(column, moves, std::make_index_sequence<kRowsAtATime>());
     for (u32 i = 0; i < moveCount; ++i)
-        MoveRow<_RowBytes>(column, moves[i]);
+        std::memcpy(column + size_t(moves[i].m_To) * _RowBytes, column + size_t(moves[i].m_From) * _RowBytes,
+                    _RowBytes);
 }
 
 void MoveRows(u8 *column, u32 rowBytes, const SParticleMove *moves, u32 moveCount)
@@ -186,6 +175,8 @@ private:
 
 } // namespace
 
+void Particles::SetPoisonFreeSlots(bool isOn) { Threads::StoreShared(g_PoisonsFreeSlots, isOn); }
+
 void SParticleStreamField::Clear()
 {
     m_RawDataPtr = null;
@@ -310,7 +301,7 @@ u32 CParticlePage::MemoryFootprint() const
 void CParticlePage::_SetParticleCount(u32 count)
 {
     const u32 oldCount = m_ParticleCount;
-    m_ParticleCount = count;
+    Threads::StoreShared(m_ParticleCount, count);
     if (m_ListIndex != null)
         m_ListIndex->Update(m_IndexInList, m_Capacity - count, oldCount, count);
     for (SParticleStreamField &field : m_Streams_Unsafe.ViewForWriting())
@@ -322,6 +313,8 @@ void CParticlePage::_PoisonFreeSlots()
 {
     if (!Mem::kIsAddressSanitized || m_RawPage == null)
         return;
+    if (!Threads::LoadShared(g_PoisonsFreeSlots))
+        return _UnpoisonAllSlots();
     const u8 *block = m_RawPage->m_Data;
     const u8 *blockEnd = block + m_RawPage->Size();
     const u8 *columnsEnd = block;

@@ -1,10 +1,18 @@
-// The index over a long page list.
-#include <tz_particles/include/Storage/MainMemory/storage_ram_page_index.h>
+// The index over a long page list, and what its pages know of it.
+#include <tz_particles/include/Storage/MainMemory/storage_ram_page.h>
 
 #include <cstring>
+#include <utility>
 
 namespace Tessaly
 {
+
+CPageListIndex::~CPageListIndex()
+{
+    if (m_Nodes != null)
+        Mem::_RawFree(m_Nodes, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__,
+                      TZ_FUNCTION_SIGNATURE);
+}
 
 CGuid CPageListIndex::FindFirst(u32 minCount)
 {
@@ -33,50 +41,83 @@ CGuid CPageListIndex::_Search(u32 minCount)
             node = left;
         else if (bound >= minCount)
             node = left + 1;
-        else if (node != 1) // it was too high: back to where it misled
+        else if (node != 1) // the upper bound was too high: back to the node above, which followed it
             node /= 2;
     }
     return CGuid::INVALID;
 }
 
-bool CPageListIndex::Reserve(u32 pageCount)
+void CPageListIndex::Reserve(u32 pageCount)
 {
-    if (pageCount <= m_LeafCount)
-        return true;
-    if (pageCount > 1u << 30)
-        return false;
-    Release();
+    if (pageCount <= kMaxWalkedPageCount || pageCount <= m_LeafCount || pageCount > 1u << 30)
+        return;
+    // While the memory service has the old nodes, there are none.
+    Invalidate();
+    u32 *oldNodes = std::exchange(m_Nodes, null);
+    const u32 oldLeafCount = std::exchange(m_LeafCount, 0u);
     const u32 leafCount = 2u << IntegerTools::Log2(pageCount); // room to grow
-    void *nodes = Mem::_RawAlloc(u64(leafCount) * 2 * sizeof(u32), 0, Mem::AllocType_Generic, Mem::Origin_Alloc,
-                                 Mem::kDefaultTag, __FILE__, __LINE__, TZ_FUNCTION_SIGNATURE);
-    if (nodes == null)
+    void *nodes = Mem::_RawRealloc(oldNodes, u64(leafCount) * 2 * sizeof(u32), 0, Mem::AllocType_Generic,
+                                   Mem::kDefaultTag, __FILE__, __LINE__, TZ_FUNCTION_SIGNATURE);
+    m_Nodes = nodes != null ? static_cast<u32 *>(nodes) : oldNodes;
+    m_LeafCount = nodes != null ? leafCount : oldLeafCount;
+}
+
+bool CPageListIndex::Build(const TMemoryView<const PParticlePage> &pages)
+{
+    if (pages.Count() > m_LeafCount)
         return false;
-    m_Nodes = static_cast<u32 *>(nodes);
-    m_LeafCount = leafCount;
+    u32 *leaves = m_Nodes + m_LeafCount;
+    m_ParticleCount = 0;
+    for (u32 i = 0; i < pages.Count(); ++i)
+    {
+        CParticlePage &page = *pages.Data()[i].Get();
+        leaves[i] = page.FreeCount();
+        m_ParticleCount += page.ParticleCount();
+        page.m_ListIndex = this;
+        page.m_IndexInList = i;
+    }
+    std::memset(leaves + pages.Count(), 0, size_t(m_LeafCount - pages.Count()) * sizeof(u32));
+    for (u32 node = m_LeafCount - 1; node != 0; --node)
+        m_Nodes[node] = TZMax(m_Nodes[2 * node], m_Nodes[2 * node + 1]);
+    m_PageCount = pages.Count();
+    m_FirstCandidate = 0;
+    m_SearchedCount = 0;
     return true;
 }
 
-void CPageListIndex::Begin()
+void CPageListIndex::Swap(CPageListIndex &other)
 {
-    m_PageCount = 0;
-    m_AddedCount = 0;
-    m_ParticleCount = 0;
-    m_FirstCandidate = 0;
-    m_SearchedCount = 0;
+    Invalidate();
+    other.Invalidate();
+    TZSwap(m_Nodes, other.m_Nodes);
+    TZSwap(m_LeafCount, other.m_LeafCount);
 }
 
-void CPageListIndex::Add(u32 freeCount, u32 particleCount)
+void CPageListIndex::Attach(CParticlePage &page, u32 pageIndex)
 {
-    m_Nodes[m_LeafCount + m_AddedCount++] = freeCount;
-    m_ParticleCount += particleCount;
+    if (m_PageCount == 0 || m_PageCount != pageIndex || pageIndex >= m_LeafCount)
+        return Invalidate();
+    m_PageCount = pageIndex + 1;
+    page.m_ListIndex = this;
+    page.m_IndexInList = pageIndex;
+    Update(pageIndex, page.FreeCount(), 0, page.ParticleCount());
 }
 
-void CPageListIndex::End()
+void CPageListIndex::Detach(CParticlePage &page)
 {
-    std::memset(m_Nodes + m_LeafCount + m_AddedCount, 0, size_t(m_LeafCount - m_AddedCount) * sizeof(u32));
-    for (u32 node = m_LeafCount - 1; node != 0; --node)
-        m_Nodes[node] = TZMax(m_Nodes[2 * node], m_Nodes[2 * node + 1]);
-    m_PageCount = m_AddedCount;
+    if (page.m_ListIndex != null)
+        page.m_ListIndex->Invalidate();
+    page.m_ListIndex = null;
+}
+
+void CPageListIndex::DetachEmpty(CParticlePage &page, CParticlePage &lastPage)
+{
+    CPageListIndex *index = std::exchange(page.m_ListIndex, nullptr);
+    if (index == null || index->m_PageCount == 0)
+        return;
+    --index->m_PageCount;
+    lastPage.m_IndexInList = page.m_IndexInList;
+    index->Update(page.m_IndexInList, lastPage.FreeCount(), 0, 0); // nothing when the page itself was the last
 }
 
 void CPageListIndex::Update(u32 pageIndex, u32 freeCount, u32 oldParticleCount, u32 newParticleCount)
@@ -89,34 +130,6 @@ void CPageListIndex::Update(u32 pageIndex, u32 freeCount, u32 oldParticleCount, 
         m_Nodes[node] = freeCount;
     if (pageIndex < m_FirstCandidate && freeCount >= m_SearchedCount)
         m_FirstCandidate = pageIndex;
-}
-
-void CPageListIndex::Append(u32 freeCount, u32 particleCount)
-{
-    if (m_PageCount == 0)
-        return;
-    if (m_PageCount == m_LeafCount)
-        return Invalidate();
-    const u32 pageIndex = m_PageCount++;
-    Update(pageIndex, freeCount, 0, particleCount);
-}
-
-void CPageListIndex::RemoveEmpty(u32 pageIndex)
-{
-    if (pageIndex >= m_PageCount)
-        return;
-    const u32 last = --m_PageCount;
-    Update(pageIndex, m_Nodes[m_LeafCount + last], 0, 0); // nothing when the page itself was the last
-}
-
-void CPageListIndex::Release()
-{
-    if (m_Nodes != null)
-        Mem::_RawFree(m_Nodes, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__,
-                      TZ_FUNCTION_SIGNATURE);
-    m_Nodes = null;
-    m_LeafCount = 0;
-    m_PageCount = 0;
 }
 
 } // namespace Tessaly

@@ -6,6 +6,20 @@
 namespace Tessaly
 {
 
+namespace
+{
+
+// Exchanges members that may be read meanwhile.
+template <typename _Type>
+void SwapShared(_Type &a, _Type &b)
+{
+    const _Type oldA = a;
+    Threads::StoreShared<__ATOMIC_RELEASE>(a, b);
+    Threads::StoreShared<__ATOMIC_RELEASE>(b, oldA);
+}
+
+} // namespace
+
 CParticleStream_MainMemory::CParticleStream_MainMemory(u32 pageSize)
     : m_PageSize(pageSize)
     , m_PageSizeInBytes(0)
@@ -15,7 +29,7 @@ CParticleStream_MainMemory::CParticleStream_MainMemory(u32 pageSize)
     , m_PagesLocked(0)
     , m_ThreadOwningLock(CGuid::INVALID)
 {
-    if (m_PageSize == 0u)
+    if (m_PageSize == 0)
         m_PageSize = kDefaultPageSize;
 }
 
@@ -25,12 +39,14 @@ void CParticleStream_MainMemory::Clear()
     LockPages();
     for (const PParticlePage &page : m_Pages.View())
     {
-        _LeavePageIndex_NoLock(*page);
+        CPageListIndex::Detach(*page);
         page->Clear();
     }
-    m_Pages.Clear();
+    while (!m_Pages.Empty())
+        m_Pages.Take_KeepOrder(0);
+    m_Pages.MoveToBufferStart();
     m_ParticleCount.Store(0);
-    m_PageCount_OutOfSync = 0;
+    Threads::StoreShared(m_PageCount_OutOfSync, 0);
     UnlockPages();
     _DEBUG_CheckParticleCountConsistency();
 }
@@ -38,15 +54,16 @@ void CParticleStream_MainMemory::Clear()
 void CParticleStream_MainMemory::Cleanup()
 {
     _DEBUG_CheckParticleCountConsistency();
+    CPageListIndex pageIndex;
     TArray<PParticlePage> pageList;
     LockPages();
     for (const PParticlePage &page : m_Pages.View())
-        _LeavePageIndex_NoLock(*page);
-    m_PageIndex.Release();
-    TZSwap(m_Pages, pageList);
+        CPageListIndex::Detach(*page);
+    m_PageIndex.Swap(pageIndex);
+    m_Pages.Swap(pageList);
     m_ParticleCount.Store(0);
     UnlockPages();
-    m_PageCount_OutOfSync = 0;
+    Threads::StoreShared(m_PageCount_OutOfSync, 0);
     // Pages die outside the lock: their blocks' way home waits for nobody, and nobody for it.
     for (PParticlePage &page : pageList.ViewForWriting())
         page = null;
@@ -56,21 +73,24 @@ void CParticleStream_MainMemory::Cleanup()
 void CParticleStream_MainMemory::Swap(CParticleStream_MainMemory &other)
 {
     _DEBUG_CheckParticleCountConsistency();
-    TZ_ASSERT(m_PagesLocked == 0);
+    TZ_ASSERT_TEXT("m_PagesLocked == 0", Threads::LoadShared(m_PagesLocked) == 0);
     LockPages();
-    TZ_ASSERT(other.m_PagesLocked == 0);
-    TZSwap(m_PageSize, other.m_PageSize);
+    TZ_ASSERT_TEXT("other.m_PagesLocked == 0", Threads::LoadShared(other.m_PagesLocked) == 0);
+    SwapShared(m_PageSize, other.m_PageSize);
     TZSwap(m_PageSizeInBytes, other.m_PageSizeInBytes);
-    TZSwap(m_StreamDef, other.m_StreamDef);
+    SwapShared(m_StreamDef, other.m_StreamDef);
     TZSwap(m_ParticleCount, other.m_ParticleCount);
-    TZSwap(m_Pages, other.m_Pages);
-    TZSwap(m_PageCount_OutOfSync, other.m_PageCount_OutOfSync);
-    m_PageIndex.Invalidate();
-    other.m_PageIndex.Invalidate();
-    for (const PParticlePage &page : m_Pages.View())
-        page->ReassignParentStream(this);
-    for (const PParticlePage &page : other.m_Pages.View())
-        page->ReassignParentStream(&other);
+    m_Pages.Swap(other.m_Pages);
+    SwapShared(m_PageCount_OutOfSync, other.m_PageCount_OutOfSync);
+    m_PageIndex.Swap(other.m_PageIndex);
+    for (CParticleStream_MainMemory *stream : {this, &other})
+    {
+        for (const PParticlePage &page : stream->m_Pages.View())
+        {
+            CPageListIndex::Detach(*page);
+            page->ReassignParentStream(stream);
+        }
+    }
     UnlockPages();
     _DEBUG_CheckParticleCountConsistency();
 }
@@ -86,33 +106,31 @@ void CParticleStream_MainMemory::UnlockPagesToRender() const
 {
     if (TZ_LIKELY(_LeaveLock()))
         return;
-    TZ_ASSERT(m_PagesLocked != 0);
-    TZ_ASSERT(m_ThreadOwningLock == CCurrentThread::ThreadID());
-}
-
-bool CParticleStream_MainMemory::LockedByCurrentThread() const
-{
-    return m_PagesLocked != 0 && m_ThreadOwningLock == CCurrentThread::ThreadID();
+    TZ_ASSERT_TEXT("m_PagesLocked != 0", Threads::LoadShared(m_PagesLocked) != 0);
+    TZ_ASSERT_TEXT("m_ThreadOwningLock == CCurrentThread::ThreadID()",
+                   Threads::LoadShared(m_ThreadOwningLock) == CCurrentThread::ThreadID());
 }
 
 CGuid CParticleStream_MainMemory::StreamId(CStringId nameGUID) const
 {
     _DEBUG_CheckParticleCountConsistency();
-    if (!TZ_VERIFY(m_StreamDef != null))
-        return CGuid::INVALID;
-    return m_StreamDef->StreamId(nameGUID);
+    const SParticleStreamDef *def = GetStreamDef();
+    if (def != null)
+        return def->StreamId(nameGUID);
+    TZ_VERIFY(m_StreamDef != null);
+    return CGuid::INVALID;
 }
 
 u32 CParticleStream_MainMemory::StreamsCount() const
 {
-    const SParticleStreamDef *def = m_StreamDef;
+    const SParticleStreamDef *def = GetStreamDef();
     return def != null ? def->m_StreamDef.Count() : 0;
 }
 
 const SParticleStreamFieldDef &CParticleStream_MainMemory::StreamDef(CGuid streamId) const
 {
     static const SParticleStreamFieldDef emptyRecord;
-    const SParticleStreamDef *def = m_StreamDef;
+    const SParticleStreamDef *def = GetStreamDef();
     if (def == null)
         return emptyRecord;
     const SParticleStreamFieldDef &fieldDef = def->m_StreamDef[streamId]; // reports an index out of range

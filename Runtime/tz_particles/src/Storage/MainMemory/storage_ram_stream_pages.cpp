@@ -60,7 +60,7 @@ bool CParticleStream_MainMemory::_ClampPageSizeToAllocatorCapsIFN()
     const u64 sizePerParticle = trueSize / m_PageSize;
     TZ_ASSERT(sizePerParticle != 0);
     const u32 maxParticleCount = sizePerParticle != 0 ? u32(kMaxAllocSize / sizePerParticle) : 0;
-    m_PageSize = maxParticleCount != 0 ? 1u << IntegerTools::Log2(maxParticleCount) : 1u;
+    Threads::StoreShared(m_PageSize, maxParticleCount != 0 ? 1u << IntegerTools::Log2(maxParticleCount) : 1u);
     m_PageSizeInBytes = _ComputePageSizeInBytes(m_PageSize, m_StreamDef);
     TZ_ASSERT(m_PageSizeInBytes <= kMaxAllocSize);
     TZ_ASSERT(m_PageSizeInBytes != 0);
@@ -70,12 +70,12 @@ bool CParticleStream_MainMemory::_ClampPageSizeToAllocatorCapsIFN()
 void CParticleStream_MainMemory::SetPageSize(u32 size)
 {
     TZ_PROFILE_SCOPE("SetPageSize");
-    if (m_PageSize == size)
+    if (PageSize() == size)
         return;
     TZ_ASSERT(m_Pages.Empty() || m_ConstantDataFieldSlot.Count() == m_StreamDef->m_StreamDef.Count());
     _DEBUG_CheckParticleCountConsistency();
     LockPages();
-    m_PageSize = size;
+    Threads::StoreShared(m_PageSize, size);
     if (m_StreamDef != null)
     {
         m_PageSizeInBytes = _ComputePageSizeInBytes(size, m_StreamDef);
@@ -83,7 +83,7 @@ void CParticleStream_MainMemory::SetPageSize(u32 size)
     }
     if (size == 0)
     {
-        m_PageSize = kDefaultPageSize;
+        Threads::StoreShared(m_PageSize, kDefaultPageSize);
         if (m_StreamDef != null)
             m_PageSizeInBytes = _ComputePageSizeInBytes(kDefaultPageSize, m_StreamDef);
     }
@@ -92,7 +92,7 @@ void CParticleStream_MainMemory::SetPageSize(u32 size)
     u32 outOfSyncCount = 0;
     for (const PParticlePage &page : m_Pages.View())
         outOfSyncCount += page->Capacity() != m_PageSize ? 1 : 0;
-    m_PageCount_OutOfSync = outOfSyncCount;
+    Threads::StoreShared(m_PageCount_OutOfSync, outOfSyncCount);
     TZ_ASSERT(m_Pages.Empty() || m_StreamDef != null);
     UnlockPages();
     _DEBUG_CheckParticleCountConsistency();
@@ -119,8 +119,7 @@ PParticlePage CParticleStream_MainMemory::_AllocNewPage_NoLock(u32 pageSize, u32
     PParticleRawPage_MainMemory rawPage = allocator->AllocPage(pageSizeInBytes);
     if (rawPage == null || ComputeTruePageSizeInBytes(pageSize, *m_StreamDef) > rawPage->Size())
         return null;
-    PParticlePage newPage = Mem::New<CParticlePage>(TZ_CALL_SITE, this, pageSize);
-    CParticlePage *page = newPage.Get();
+    PParticlePage page = Mem::New<CParticlePage>(TZ_CALL_SITE, this, pageSize);
     if (page == null)
         return null;
     TZ_ASSERT(page->ReadyToWrite());
@@ -133,11 +132,13 @@ PParticlePage CParticleStream_MainMemory::_AllocNewPage_NoLock(u32 pageSize, u32
     _LayOutPage(*page);
     page->_FillFreshRows(firstFreshRow);
     if (!addToPageList)
-        return newPage;
+        return page;
+    const u32 pageIndex = m_Pages.Count();
+    m_PageIndex.Reserve(TZMax(pageIndex + 1, m_Pages.Capacity()));
     if (!TZ_VERIFY(m_Pages.PushBack(page).Valid()))
         return null;
-    _AddToPageIndex_NoLock(*page);
-    return newPage;
+    m_PageIndex.Attach(*page, pageIndex);
+    return page;
 }
 
 // Gives the page its fields: columns back to back in its block, constants into the constant data.

@@ -9,9 +9,9 @@ namespace Tessaly
 inline CPageListIndex *CParticleStream_MainMemory::_PageIndex_NoLock() const
 {
     const u32 pageCount = m_Pages.Count();
-    if (pageCount < CPageListIndex::kMinPageCount)
+    if (pageCount <= CPageListIndex::kMaxWalkedPageCount)
         return null;
-    return m_PageIndex.IsValidFor(pageCount) || _BuildPageIndex_NoLock() ? &m_PageIndex : null;
+    return m_PageIndex.IsValidFor(pageCount) || m_PageIndex.Build(m_Pages.View()) ? &m_PageIndex : null;
 }
 
 inline PParticlePage CParticleStream_MainMemory::_FindPageWithRoom_NoLock(u32 minCount) const
@@ -23,7 +23,7 @@ inline PParticlePage CParticleStream_MainMemory::_FindPageWithRoom_NoLock(u32 mi
     }
     for (const PParticlePage &page : m_Pages.View())
     {
-        if (page->FreeCount() >= minCount)
+        if (page.Get()->FreeCount() >= minCount)
             return page;
     }
     return null;
@@ -40,7 +40,7 @@ TZ_FORCEINLINE u32 CParticleStream_MainMemory::_SumOfPages() const
     else
     {
         for (const PParticlePage &page : m_Pages.View())
-            sum += page != null ? page.Get()->ParticleCount() : 0; // null: in the midst of a resize pass
+            sum += page.Get()->ParticleCount();
     }
     UnlockPages();
     return sum;
@@ -87,40 +87,6 @@ CParticlePageView CParticleStream_MainMemory::AllocateParticlesIFP(u32 wishedCou
     TZ_ASSERT(page->ParticleCount() >= startId + wishedCount);
     _DEBUG_CheckParticleCountConsistency();
     return CParticlePageView(std::move(page), startId, wishedCount);
-}
-
-bool CParticleStream_MainMemory::_BuildPageIndex_NoLock() const
-{
-    const u32 pageCount = m_Pages.Count();
-    if (!m_PageIndex.IsWorthBuilding() || !m_PageIndex.Reserve(pageCount))
-        return false;
-    m_PageIndex.Begin();
-    for (u32 i = 0; i < pageCount; ++i)
-    {
-        CParticlePage *page = m_Pages.RawDataPointer()[i].Get();
-        if (page == null) // in the midst of a resize pass
-            return false;
-        m_PageIndex.Add(page->FreeCount(), page->ParticleCount());
-        page->m_ListIndex = &m_PageIndex;
-        page->m_IndexInList = i;
-    }
-    m_PageIndex.End();
-    return true;
-}
-
-void CParticleStream_MainMemory::_AddToPageIndex_NoLock(CParticlePage &page)
-{
-    if (!m_PageIndex.IsValidFor(m_Pages.Count() - 1))
-        return m_PageIndex.Invalidate();
-    page.m_ListIndex = &m_PageIndex;
-    page.m_IndexInList = m_Pages.Count() - 1;
-    m_PageIndex.Append(page.FreeCount(), page.ParticleCount());
-}
-
-void CParticleStream_MainMemory::_LeavePageIndex_NoLock(CParticlePage &page)
-{
-    page.m_ListIndex = null;
-    m_PageIndex.Invalidate();
 }
 
 u32 CParticleStream_MainMemory::AllocateParticles(u32 count, TArray<CParticlePageView> &outViews)

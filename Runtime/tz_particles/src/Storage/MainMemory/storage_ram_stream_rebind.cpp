@@ -39,9 +39,9 @@ void MapFieldsByName(const TArray<SParticleStreamFieldDef> &dstDefinition,
     }
 }
 
-// The columns of a page that are copied as they are, in the order in which the old block holds them: read from front to
-// back it is fetched ahead by the processor, which begins anew at each leap. Where the new columns lie matters little,
-// their block is the one that the page before has left, and still in the cache.
+// The columns of a page that are copied as they are, sorted by source address: the prefetcher follows a block that is
+// read from front to back. The order of the destinations matters little: their block is the one that the page before
+// has left, and still in the cache.
 class CColumnCopies
 {
 public:
@@ -91,7 +91,24 @@ void TakeOverField(const SParticleStreamField &src, const SParticleStreamField &
     ConvertField(src, dst, particleCount);
 }
 
+bool HasBadType(const SParticleStreamDef &def)
+{
+    for (const SParticleStreamFieldDef &field : def.m_StreamDef.View())
+    {
+        if (field.m_Type < BaseType_Evolved || field.m_Type >= __MaxBaseTypes)
+            return true;
+    }
+    return false;
+}
+
 } // namespace
+
+struct CParticleStream_MainMemory::SRebuild
+{
+    u8 m_StreamRemap[kMaxDstStreams];
+    bool m_KeepContents;
+    bool m_Reports; // a field is bad: a handler will look at the page in the midst
+};
 
 void CParticleStream_MainMemory::BindStreamDef(const SParticleStreamDef *def,
                                                const TMemoryView<const S64Bytes> &constantData,
@@ -107,18 +124,23 @@ void CParticleStream_MainMemory::BindStreamDef(const SParticleStreamDef *def,
     TZ_ASSERT(m_ConstantDataFieldSlot.Count() == def->m_StreamDef.Count());
 
     LockPages();
-    u8 streamRemap[kMaxDstStreams];
-    std::memset(streamRemap, kNoMapping, sizeof(streamRemap));
-    const bool keepContents = m_StreamDef != null && !m_Pages.Empty();
-    if (keepContents)
-        MapFieldsByName(def->m_StreamDef, m_StreamDef->m_StreamDef, streamRemap);
+    SRebuild rebuild;
+    std::memset(rebuild.m_StreamRemap, kNoMapping, sizeof(rebuild.m_StreamRemap));
+    rebuild.m_KeepContents = m_StreamDef != null && !m_Pages.Empty();
+    rebuild.m_Reports = HasBadType(*def);
+    if (rebuild.m_KeepContents)
+    {
+        MapFieldsByName(def->m_StreamDef, m_StreamDef->m_StreamDef, rebuild.m_StreamRemap);
+        rebuild.m_Reports |= HasBadType(*m_StreamDef);
+    }
     m_PageSizeInBytes = _ComputePageSizeInBytes(m_PageSize, def);
     TZ_ASSERT(m_PageSizeInBytes != 0 || def->Empty());
-    m_StreamDef = def;
+    Threads::StoreShared<__ATOMIC_RELEASE>(m_StreamDef, def);
+    rebuild.m_Reports |= _HasBadConstantField();
     if (_ClampPageSizeToAllocatorCapsIFN())
         Cleanup();
     else if (!m_Pages.Empty())
-        _RebuildPages_NoLock(streamRemap, keepContents);
+        _RebuildPages_NoLock(rebuild);
     UnlockPages();
     _DEBUG_CheckParticleCountConsistency();
 }
@@ -141,13 +163,13 @@ bool CParticleStream_MainMemory::BindStreamDef(const SParticleStreamDef *def)
     return true;
 }
 
-void CParticleStream_MainMemory::_RebuildPages_NoLock(const u8 *streamRemap, bool keepContents)
+void CParticleStream_MainMemory::_RebuildPages_NoLock(const SRebuild &rebuild)
 {
     const u32 oldPCount = m_ParticleCount.Load();
     u32 newPCount = 0;
     for (u32 i = 0; i < m_Pages.Count();)
     {
-        const u32 particleCount = _RebuildPage_NoLock(i, streamRemap, keepContents);
+        const u32 particleCount = _RebuildPage_NoLock(i, rebuild);
         newPCount += particleCount;
         i += particleCount != 0 ? 1 : 0;
     }
@@ -157,7 +179,7 @@ void CParticleStream_MainMemory::_RebuildPages_NoLock(const u8 *streamRemap, boo
 
 // Replaces the page at index i by one of the same capacity in the new layout, and returns its particles. An empty page,
 // or one whose replacement was refused, leaves the list instead (the last page moves to i), and 0 is returned.
-u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const u8 *streamRemap, bool keepContents)
+u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const SRebuild &rebuild)
 {
     const u32 particleCount = m_Pages.RawDataPointer()[i].Get()->ParticleCount();
     const PParticlePage page = m_Pages.RawDataPointer()[i];
@@ -167,11 +189,11 @@ u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const u8 *streamRemap
     {
         const u32 pageSize = page->Capacity();
         const u32 pageSizeInBytes = _ComputePageSizeInBytes(pageSize, m_StreamDef);
-        // The particles' rows are written below, each byte once.
-        newPage = _AllocNewPage_NoLock(pageSize, pageSizeInBytes, false, particleCount);
+        // Unless somebody will look, the particles' rows are written below, each byte once.
+        newPage = _AllocNewPage_NoLock(pageSize, pageSizeInBytes, false, rebuild.m_Reports ? 0 : particleCount);
     }
     TZ_ASSERT(oldCount == m_Pages.Count());
-    _LeavePageIndex_NoLock(*page);
+    CPageListIndex::Detach(*page);
     if (newPage == null)
     {
         m_Pages.Remove(i);
@@ -179,7 +201,7 @@ u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const u8 *streamRemap
     }
     TZ_ASSERT(newPage->Capacity() == page->Capacity());
     m_Pages.RawDataPointer()[i] = newPage;
-    newPage->m_ParticleCount = particleCount;
+    Threads::StoreShared(newPage->m_ParticleCount, particleCount);
     newPage->_PoisonFreeSlots();
     const TMemoryView<SParticleStreamField> dstStreams = newPage->StreamsForWriting();
     const TMemoryView<const SParticleStreamField> srcStreams = page->Streams();
@@ -196,11 +218,13 @@ u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const u8 *streamRemap
         const CBaseTypeTraits &tDst = CBaseTypeTraits::Traits(dst.m_Definition.m_Type);
         const u32 dstCoveredBytes = dst.m_Definition.m_StorageSize * particleCount;
         TZ_ASSERT(dstCoveredBytes != 0);
-        const u32 mapping = keepContents && j < kMaxDstStreams ? streamRemap[j] : kNoMapping;
+        const u32 mapping = rebuild.m_KeepContents && j < kMaxDstStreams ? rebuild.m_StreamRemap[j] : kNoMapping;
         if (mapping != kNoMapping && mapping - kFirstMapping < srcStreams.Count())
             TakeOverField(srcStreams.Data()[mapping - kFirstMapping], dst, tDst, particleCount, copies);
         else
             Mem::Clear(dst.m_RawDataPtr, dstCoveredBytes);
+        if (rebuild.m_Reports)
+            copies.RunAll();
     }
     copies.RunAll();
     return particleCount;
@@ -211,6 +235,21 @@ void CParticleStream_MainMemory::_RebindConstantField(u32 streamId, SParticleStr
     const CGuid cstId = _ConstantSlot(streamId);
     if (TZ_VERIFY(cstId.Valid() && cstId < m_ConstantData.Count()))
         field.m_RawDataPtr = _ConstantBlock(cstId);
+}
+
+// A constant field of the bound definition has no block. Reports nothing.
+bool CParticleStream_MainMemory::_HasBadConstantField() const
+{
+    const TMemoryView<const SParticleStreamFieldDef> fields = m_StreamDef->m_StreamDef.View();
+    const SStridedMemoryViewRawStorage &slots = m_ConstantDataFieldSlot.m_Storage;
+    bool isBad = false;
+    for (u32 i = 0; i < fields.Count() && !isBad; ++i)
+    {
+        if (fields.Data()[i].m_StorageSize == 0)
+            isBad = slots.m_RawDataPtr == null || i >= slots.m_Count || m_ConstantData.Data() == null ||
+                    _ConstantSlot(i) >= m_ConstantData.Count();
+    }
+    return isBad;
 }
 
 } // namespace Tessaly

@@ -23,8 +23,6 @@ SParticleStreamStats CParticleStream_MainMemory::ComputeStats() const
     const CScopedPagesLock lock(*this);
     for (const PParticlePage &page : m_Pages.View())
     {
-        if (page == null) // in the midst of a resize pass
-            continue;
         u64 particleBytes = 0; // of one particle, over all columns
         for (const SParticleStreamField &field : page->Streams())
             particleBytes += field.m_Definition.m_StorageSize;

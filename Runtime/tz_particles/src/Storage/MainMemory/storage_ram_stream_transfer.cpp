@@ -111,7 +111,7 @@ void CParticleStream_MainMemory::ComputePendingResizes_NoLock()
     u32 outOfSyncCount = 0;
     for (const PParticlePage &page : m_Pages.View())
         outOfSyncCount += !page->Empty() && page->Capacity() != m_PageSize ? 1 : 0;
-    m_PageCount_OutOfSync = outOfSyncCount;
+    Threads::StoreShared(m_PageCount_OutOfSync, outOfSyncCount);
 }
 
 void CParticleStream_MainMemory::ResizePending(u32 maxPageCountToProcess)
@@ -125,166 +125,124 @@ void CParticleStream_MainMemory::ResizePending(u32 maxPageCountToProcess)
 
 // One pass over the page list.
 //
-// Pages taken out leave a gap, which moves along with the search for the next one: pages that stay slide down over it,
-// one move each, where closing it each time would move the whole rest of the list. While the pass runs, the list is
-//
-//   [0, m_GapStart) pages that stay   [m_GapStart, m_GapEnd) null   [m_GapEnd, Count()) not searched yet, or new
-//
-// The gap is closed before the pass or a copy reports, so that a handler finds the list as it is. While a destination
-// is made (memory services, and what page allocation reports) it may be open: the list then holds null references,
-// which the walks that only look skip.
-//
 // Destinations are looked for from the end down. A page that was passed over never qualifies later in the pass (its
-// room does not grow), so that search goes on where it left off, too.
+// room does not grow), so that search goes on where it left off.
 class CParticleStream_MainMemory::CResizePass
 {
 public:
     CResizePass(CParticleStream_MainMemory &stream, u32 maxPageCountToProcess)
         : m_Stream(stream)
         , m_Pages(stream.m_Pages)
-        , m_PageSize(stream.m_PageSize)
         , m_MaxPageCountToProcess(maxPageCountToProcess)
         , m_DestinationEnd(stream.m_Pages.Count())
     {
     }
+    ~CResizePass() { m_Pages.MoveToBufferStart(); }
 
     // Old pages wait, or one is in progress.
     bool HasWork() const
     {
         return m_OldPage != null || (m_ProcessedPages < m_MaxPageCountToProcess && m_Stream.m_PageCount_OutOfSync != 0);
     }
-    u32 PageCount() const { return m_Pages.Count() - (m_GapEnd - m_GapStart); }
     u32 OldAccCount() const { return m_OldAccCount; }
     u32 NewAccCount() const { return m_NewAccCount; }
-    bool HasOldPage() const { return m_OldPage != null; }
-    bool IsDestinationFresh() const { return m_IsDestinationFresh; }
 
     // True when there is an old page to empty. Otherwise the counter was too high: it becomes 0.
     bool FindOldPage();
     // The next destination; null when none can be had.
     PParticlePage ChooseDestination();
-    // Moves particles into newPage until it is full or the work is done. False when it refuses them.
+    // Moves particles into newPage until it is full or the work is done. False when it refuses them and was made for
+    // them: the page in progress is back in the list then, with what was not copied of it.
     bool FillDestination(CParticlePage &newPage);
-    // Puts a page in progress, with what was not copied of it, back into the list.
-    void PutBackOldPage();
-
-    // Makes the list whole. Returns false: it stands behind conditions that are about to be reported.
-    bool CloseGap();
 
 private:
-    bool _StartOldPage();
-    bool _TransferOldPage(CParticlePage &newPage, u32 &dstSpaceLeft);
     void _TakeOldPage();
-    void _MovePageDown();
+    bool _TransferOldPage(CParticlePage &newPage, u32 &dstSpaceLeft);
+    void _PutBackOldPage();
 
     CParticleStream_MainMemory &m_Stream;
-    TArray<PParticlePage> &m_Pages;
-    const u32 m_PageSize;
+    CPageList &m_Pages;
     const u32 m_MaxPageCountToProcess;
     u32 m_ProcessedPages = 0; // old pages that held particles and whose move has started
     u32 m_OldAccCount = 0;    // sum of their particle counts
     u32 m_NewAccCount = 0;    // particles copied so far
-    u32 m_GapStart = 0;
-    u32 m_GapEnd = 0;
-    u32 m_DestinationEnd;    // pages from here on are no destinations any more
-    PParticlePage m_OldPage; // the page being emptied, out of the list
-    u32 m_OldStart = 0;      // its first particle not yet copied
+    u32 m_OldPageIndex = 0;   // pages before this one have the current capacity
+    u32 m_DestinationEnd;     // pages from here on are no destinations any more
+    PParticlePage m_OldPage;  // the page being emptied, out of the list
+    u32 m_OldStart = 0;       // its first particle not yet copied
     bool m_IsDestinationFresh = false;
 };
 
 bool CParticleStream_MainMemory::CResizePass::FindOldPage()
 {
-    for (; m_GapEnd < m_Pages.Count(); _MovePageDown())
+    if (m_OldPage != null)
+        return true;
+    for (; m_OldPageIndex < m_Pages.Count(); ++m_OldPageIndex)
     {
-        if (m_Pages.RawDataPointer()[m_GapEnd]->Capacity() != m_PageSize)
+        if (m_Pages.RawDataPointer()[m_OldPageIndex]->Capacity() != m_Stream.m_PageSize)
             return true;
     }
-    m_Stream.m_PageCount_OutOfSync = 0;
-    return false;
-}
-
-// The page behind the gap stays: it changes places with the gap's first entry.
-void CParticleStream_MainMemory::CResizePass::_MovePageDown()
-{
-    if (m_DestinationEnd == m_GapEnd)
-        m_DestinationEnd = m_GapStart;
-    if (m_GapStart != m_GapEnd)
-        TZSwap(m_Pages.RawDataPointer()[m_GapStart], m_Pages.RawDataPointer()[m_GapEnd]);
-    ++m_GapStart;
-    ++m_GapEnd;
-}
-
-void CParticleStream_MainMemory::CResizePass::_TakeOldPage()
-{
-    if (m_DestinationEnd == m_GapEnd)
-        m_DestinationEnd = m_GapStart;
-    m_OldPage = std::move(m_Pages.RawDataPointer()[m_GapEnd]);
-    m_Stream._LeavePageIndex_NoLock(*m_OldPage);
-    ++m_GapEnd;
-    const u32 waitingCount = m_Stream.m_PageCount_OutOfSync;
-    TZ_ASSERT_TEXT("m_PageCount_OutOfSync > 0", waitingCount > 0 || CloseGap());
-    m_Stream.m_PageCount_OutOfSync = waitingCount > 0 ? waitingCount - 1 : 0;
-}
-
-bool CParticleStream_MainMemory::CResizePass::CloseGap()
-{
-    if (m_GapStart == m_GapEnd)
-        return false;
-    m_Pages.Remove_AndKeepOrder(m_GapStart, m_GapEnd);
-    if (m_DestinationEnd >= m_GapEnd)
-        m_DestinationEnd -= m_GapEnd - m_GapStart;
-    m_GapEnd = m_GapStart;
+    Threads::StoreShared(m_Stream.m_PageCount_OutOfSync, 0);
     return false;
 }
 
 PParticlePage CParticleStream_MainMemory::CResizePass::ChooseDestination()
 {
-    m_IsDestinationFresh = false;
     while (m_DestinationEnd != 0)
     {
-        if (m_DestinationEnd > m_GapStart && m_DestinationEnd <= m_GapEnd)
-            m_DestinationEnd = m_GapStart; // steps over the gap
-        if (m_DestinationEnd == 0)
-            break;
         const PParticlePage &page = m_Pages.RawDataPointer()[--m_DestinationEnd];
-        if (page->Capacity() == m_PageSize && page->FreeCount() >= kMinAvailableCount)
+        if (page->Capacity() == m_Stream.m_PageSize && page->FreeCount() >= kMinAvailableCount)
             return page;
     }
-    if (m_Pages.Count() == m_Pages.Capacity())
-        CloseGap(); // the list grows only when it is truly full
     m_IsDestinationFresh = true;
-    // Its rows are filled behind the particles that it gets.
-    return m_Stream._AllocNewPage_NoLock(m_PageSize, m_Stream.m_PageSizeInBytes, true, m_PageSize);
+    return m_Stream.AllocNewPage_NoLock(true);
 }
 
-// Takes the next old page out of the list. False when there was none, or an empty one, which is dropped.
-bool CParticleStream_MainMemory::CResizePass::_StartOldPage()
+bool CParticleStream_MainMemory::CResizePass::FillDestination(CParticlePage &newPage)
 {
-    if (!FindOldPage())
-        return false;
-    _TakeOldPage();
+    u32 dstSpaceLeft = newPage.FreeCount();
+    bool isAccepting = true;
+    do
+    {
+        if (!FindOldPage())
+            break;
+        if (m_OldPage == null)
+            _TakeOldPage();
+        if (m_OldPage != null)
+            isAccepting = _TransferOldPage(newPage, dstSpaceLeft);
+    } while (isAccepting && dstSpaceLeft != 0 && HasWork());
+    if (isAccepting || !m_IsDestinationFresh)
+        return true;
+    _PutBackOldPage();
+    return false;
+}
+
+// Takes the old page that was found out of the list; an empty one is dropped.
+void CParticleStream_MainMemory::CResizePass::_TakeOldPage()
+{
+    CPageListIndex::Detach(*m_Pages.RawDataPointer()[m_OldPageIndex]);
+    m_OldPage = m_Pages.Take_KeepOrder(m_OldPageIndex);
+    m_DestinationEnd -= m_DestinationEnd > m_OldPageIndex ? 1 : 0;
+    const u32 waitingCount = m_Stream.m_PageCount_OutOfSync;
+    TZ_ASSERT_TEXT("m_PageCount_OutOfSync > 0", waitingCount > 0);
+    Threads::StoreShared(m_Stream.m_PageCount_OutOfSync, waitingCount > 0 ? waitingCount - 1 : 0);
     if (m_OldPage->Empty())
     {
         m_OldPage = null;
-        return false;
+        return;
     }
     m_ProcessedPages += 1;
     m_OldAccCount += m_OldPage->ParticleCount();
     m_OldStart = 0;
-    return true;
 }
 
-// Copies what fits of the old page. False when nothing was copied.
+// Copies what fits of the old page, and drops it when all of it is copied. False when nothing was.
 bool CParticleStream_MainMemory::CResizePass::_TransferOldPage(CParticlePage &newPage, u32 &dstSpaceLeft)
 {
-    if (!newPage.PrepareForWriting())
-        CloseGap(); // the copy is about to report
     const u32 oldEnd = TransferPageToPage(newPage, CParticlePageView(*m_OldPage), m_OldStart);
     const u32 actuallyTransferred = oldEnd - m_OldStart;
     const u32 totalToTransfer = m_OldPage->ParticleCount() - m_OldStart;
     const u32 totalTransferrable = TZMin(totalToTransfer, dstSpaceLeft);
-    if (totalTransferrable == 0 || actuallyTransferred != totalTransferrable)
-        CloseGap();
     TZ_ASSERT(totalTransferrable != 0);
     TZ_ASSERT(actuallyTransferred == TZMin(totalToTransfer, dstSpaceLeft));
     dstSpaceLeft -= actuallyTransferred;
@@ -300,34 +258,17 @@ bool CParticleStream_MainMemory::CResizePass::_TransferOldPage(CParticlePage &ne
     return actuallyTransferred != 0;
 }
 
-bool CParticleStream_MainMemory::CResizePass::FillDestination(CParticlePage &newPage)
-{
-    u32 dstSpaceLeft = newPage.FreeCount();
-    bool isAccepting = true;
-    do
-    {
-        if (m_OldPage != null || _StartOldPage())
-            isAccepting = _TransferOldPage(newPage, dstSpaceLeft);
-    } while (isAccepting && dstSpaceLeft != 0 && HasWork());
-    if (m_IsDestinationFresh)
-        newPage._FillFreshRows(newPage.ParticleCount());
-    return isAccepting;
-}
-
-void CParticleStream_MainMemory::CResizePass::PutBackOldPage()
+void CParticleStream_MainMemory::CResizePass::_PutBackOldPage()
 {
     if (m_OldPage == null || (m_OldStart != 0 && !m_OldPage->PrepareForWriting()))
         return;
     if (m_OldStart != 0)
         m_OldPage->_DropFirstParticles(m_OldStart);
-    const u32 particleCount = m_OldPage->ParticleCount();
-    if (m_GapStart != m_GapEnd)
-        m_Pages.RawDataPointer()[--m_GapEnd] = std::move(m_OldPage);
-    else if (!m_Pages.PushBack(m_OldPage).Valid())
+    if (!m_Pages.PushBack(m_OldPage).Valid())
         return;
+    m_OldAccCount -= m_OldPage->ParticleCount();
     m_OldPage = null;
-    m_OldAccCount -= particleCount;
-    m_Stream.m_PageCount_OutOfSync = m_Stream.m_PageCount_OutOfSync + 1;
+    Threads::StoreShared(m_Stream.m_PageCount_OutOfSync, m_Stream.m_PageCount_OutOfSync + 1);
 }
 
 void CParticleStream_MainMemory::_ResizePending_NoLock(u32 maxPageCountToProcess)
@@ -338,23 +279,16 @@ void CParticleStream_MainMemory::_ResizePending_NoLock(u32 maxPageCountToProcess
     CResizePass pass(*this, maxPageCountToProcess);
     while (pass.HasWork())
     {
-        TZ_ASSERT_TEXT("m_PageCount_OutOfSync <= m_Pages.Count()",
-                       m_PageCount_OutOfSync <= pass.PageCount() || pass.CloseGap());
-        if (!pass.HasOldPage() && !pass.FindOldPage())
+        TZ_ASSERT(m_PageCount_OutOfSync <= m_Pages.Count());
+        if (!pass.FindOldPage())
             break;
         const PParticlePage newPage = pass.ChooseDestination();
-        if (newPage == null)
-            pass.CloseGap();
         if (!TZ_VERIFY(newPage != null))
             break;
         TZ_ASSERT(!newPage->Full() && newPage->Capacity() == m_PageSize);
-        if (!pass.FillDestination(*newPage) && pass.IsDestinationFresh())
-        {
-            pass.PutBackOldPage();
+        if (!pass.FillDestination(*newPage))
             break;
-        }
     }
-    pass.CloseGap();
     const u32 oldAccCount = pass.OldAccCount();
     const u32 newAccCount = pass.NewAccCount();
     TZ_ASSERT(oldAccCount <= m_ParticleCount.Load());

