@@ -92,12 +92,12 @@ def check_strange_memory():
                 check("tessaly-page $spoilt")
 
     for expression, member, text in (("g_Numbers", "m_Count", "<not an array: 305419896 elements of 9 at 0x"),
-                                     ("*g_Pages[0].m_Ptr", "m_ParticleCount.m_Value", "<not a page: 305419896 "),
-                                     ("*g_Stream", "m_Pages.m_Data[1].m_Ptr->m_ParticleCount.m_Value",
+                                     ("*g_Pages[0].m_Ptr", "m_ParticleCount", "<not a page: 305419896 "),
+                                     ("*g_Stream", "m_Pages.m_Data[1].m_Ptr->m_ParticleCount",
                                       r"2 pages \(1 of them <not a page: .*>\), 87 % full, .*, page 1 = 0x[0-9a-f]+: <not a page: "),
                                      ("*g_Stream", "m_ParticleCount.m_Value", r"81 % full \(the pages hold 13\)"),
                                      ("g_Views[0]", "m_First", "<not a view: 5 particles from 305419896 on of page 0x"),
-                                     ("*g_Stream", "m_PagesLocked.m_Value", "<not a stream: locked 305419896 times>")):
+                                     ("*g_Stream", "m_PagesLocked", "<not a stream: locked 305419896 times>")):
         kept = int(gdb.parse_and_eval(f"({expression}).{member}"))
         gdb.execute(f"set var ({expression}).{member} = 305419896")
         check(f"p {expression}", text)

@@ -263,7 +263,7 @@ def _page_part(name, pointer):
 
 
 def _stream_parts(stream):
-    yield "definition", stream["m_StreamDef"]["m_Value"]
+    yield "definition", stream["m_StreamDef"]
     pages, count = _pages(stream)
     for i, pointer in enumerate(pages):
         yield from _page_part(f"page {i}", pointer)
