@@ -20,40 +20,40 @@ u64 Fold(u64 sum)
 
 } // namespace
 
-// The words are summed up in lanes, as vector units do it; HDF5's words are big endian, and exchanging the bytes of all
-// of them multiplies both sums by 256.
+// Eight words at a time, two a lane. HDF5's words are big endian: to exchange the bytes of all of them multiplies both
+// sums by 256.
 u32 Fletcher32(const u8 *data, ureg byteCount)
 {
-    constexpr ureg kLanes = 16, kMaxRows = 256; // so many rows do not overflow a lane
+    typedef u32 Lanes __attribute__((vector_size(16)));
+    constexpr ureg kLanes = 4, kMaxRows = 128; // so many rows do not overflow a lane
     u64 sum1 = 0, sum2 = 0;
-    ureg wordCount = byteCount / 2;
-    while (wordCount >= kLanes)
+    for (ureg rowsLeft = byteCount / sizeof(Lanes); rowsLeft != 0;)
     {
-        const ureg rows = TZMin(wordCount / kLanes, kMaxRows);
-        u32 lane1[kLanes] = {}, lane2[kLanes] = {};
-        for (ureg row = 0; row < rows; ++row, data += kLanes * 2)
+        const ureg rows = TZMin(rowsLeft, kMaxRows);
+        rowsLeft -= rows;
+        Lanes words = {}, lowWords = {}, runningSums = {};
+        for (ureg row = 0; row < rows; ++row, data += sizeof(Lanes))
         {
-            u16 words[kLanes];
-            std::memcpy(words, data, sizeof(words));
-            for (ureg lane = 0; lane < kLanes; ++lane)
-            {
-                lane2[lane] += lane1[lane];
-                lane1[lane] += words[lane];
-            }
+            Lanes pairs;
+            std::memcpy(&pairs, data, sizeof(pairs));
+            const Lanes low = pairs & 0xFFFF;
+            runningSums += words;
+            words += low + (pairs >> 16);
+            lowWords += low;
         }
-        u64 rowsSum1 = 0, rowsSum2 = sum1 * rows * kLanes;
+        sum2 += sum1 * rows * kLanes * 2;
         for (ureg lane = 0; lane < kLanes; ++lane)
         {
-            rowsSum1 += lane1[lane];
-            rowsSum2 += u64(lane2[lane]) * kLanes + u64(lane1[lane]) * (kLanes - lane);
+            sum1 += words[lane];
+            sum2 +=
+                u64(runningSums[lane]) * kLanes * 2 + u64(words[lane]) * (kLanes * 2 - lane * 2 - 1) + lowWords[lane];
         }
-        sum1 = Fold(sum1 + rowsSum1);
-        sum2 = Fold(sum2 + rowsSum2);
-        wordCount -= rows * kLanes;
+        sum1 = Fold(sum1);
+        sum2 = Fold(sum2);
     }
-    for (; wordCount != 0; --wordCount, data += 2)
+    for (ureg wordsLeft = byteCount % sizeof(Lanes) / 2; wordsLeft != 0; --wordsLeft, data += 2)
     {
-        sum1 += ureg(data[0]) | ureg(data[1]) << 8;
+        sum1 += u64(data[0]) | u64(data[1]) << 8;
         sum2 += sum1;
     }
     sum1 = Fold(Fold(sum1) << 8);

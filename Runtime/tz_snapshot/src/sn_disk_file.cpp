@@ -160,8 +160,8 @@ hid_t CDiskFile::MakeAccess()
     {
         // The metadata cache stays small, whatever the file.
         cache.set_initial_size = true;
-        cache.initial_size = cache.max_size = 512 * 1024;
-        cache.min_size = 256 * 1024;
+        cache.initial_size = cache.max_size = 128 * 1024;
+        cache.min_size = 128 * 1024;
         if (H5Pset_mdc_config(access, &cache) >= 0 &&
             H5Pset_libver_bounds(access, H5F_LIBVER_V110, H5F_LIBVER_V110) >= 0 &&
             H5Pset_fclose_degree(access, H5F_CLOSE_STRONG) >= 0)

@@ -41,7 +41,7 @@ public:
     SHdf5File *m_Hdf5File = null; // while HDF5 has the file open
 
 private:
-    static constexpr ureg kBufferBytes = 512 * 1024;
+    static constexpr ureg kBufferBytes = 256 * 1024;
 
     bool _ReadFromDisk(u64 offset, u8 *bytes, ureg byteCount);
     void _WriteToDisk(u64 offset, const u8 *bytes, ureg byteCount);

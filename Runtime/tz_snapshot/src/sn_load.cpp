@@ -88,8 +88,9 @@ private:
     bool _CheckChunks(hid_t dataset, SPart &part);
     bool _ReadParts(u32 firstPart, u32 partCount, CParticleStream_MainMemory &stream);
     bool _AppendPages(CParticleStream_MainMemory &stream, u32 count);
-    bool _ReadChunk(hid_t dataset, const SPart &part, u32 firstParticle);
-    void _Scatter(const SPart &part, u32 count, SPlace &place, const CParticleStream_MainMemory &stream) const;
+    const u8 *_ReadChunk(hid_t dataset, const SPart &part, u32 firstParticle);
+    static void _Scatter(const u8 *in, const SPart &part, u32 count, SPlace &place,
+                         const CParticleStream_MainMemory &stream);
 
     CDiskFile &m_Disk;
     const SLoadOptions &m_Options;
@@ -98,8 +99,8 @@ private:
     CGroup m_Fields;
     TArray<SPart> m_Parts;
     u32 m_ParticleCount = 0, m_PageSize = 0, m_FieldCount = 0;
-    u32 m_ChunkParticleCount = 0; // the same in all datasets
-    CBytes m_Chunk, m_Deflated;
+    u32 m_ChunkParticleCount = 0;  // the same in all datasets
+    CBytes m_StoredChunk, m_Chunk; // as in the file; unpacked, where it is packed there
 };
 
 // Reads an attribute that is of exactly this type and number of elements.
@@ -316,7 +317,7 @@ bool CSnapshotReader::ReadParticles(CParticleStream_MainMemory &stream)
     for (const SPart &part : m_Parts.View())
         largestPart = TZMax(largestPart, part.m_ByteCount);
     const u64 chunkBytes = u64(m_ChunkParticleCount) * largestPart + kChecksumBytes;
-    if (m_ParticleCount != 0 && (!m_Chunk.Alloc(chunkBytes, m_Reason) || !m_Deflated.Alloc(chunkBytes, m_Reason)))
+    if (m_ParticleCount != 0 && (!m_Chunk.Alloc(chunkBytes, m_Reason) || !m_StoredChunk.Alloc(chunkBytes, m_Reason)))
         return false;
     for (u32 i = 0; i < m_Parts.Count(); i += kMaxOpenParts)
     {
@@ -341,13 +342,14 @@ bool CSnapshotReader::_ReadParts(u32 firstPart, u32 partCount, CParticleStream_M
         for (u32 i = 0; i < partCount; ++i)
         {
             const SPart &part = m_Parts.RawDataPointer()[firstPart + i];
-            if (!_ReadChunk(datasets[i].Id(), part, done))
+            const u8 *values = _ReadChunk(datasets[i].Id(), part, done);
+            if (values == null)
                 return m_Reason.Set("field %u: the values from particle %s on are missing or damaged", part.m_Field,
                                     SNumberText(done).m_Text);
             if (stream.ParticleCount() < done + count && !_AppendPages(stream, done + count - stream.ParticleCount()))
                 return false;
             nextPlace = place;
-            _Scatter(part, count, nextPlace, stream);
+            _Scatter(values, part, count, nextPlace, stream);
         }
         place = nextPlace;
         done += count;
@@ -377,35 +379,32 @@ bool CSnapshotReader::_AppendPages(CParticleStream_MainMemory &stream, u32 count
     return true;
 }
 
-// Reads one chunk to m_Chunk: with its checksum tested, unpacked.
-bool CSnapshotReader::_ReadChunk(hid_t dataset, const SPart &part, u32 firstParticle)
+// Reads one chunk and tests its checksum. Returns its values, or null.
+const u8 *CSnapshotReader::_ReadChunk(hid_t dataset, const SPart &part, u32 firstParticle)
 {
     const ureg byteCount = ureg(m_ChunkParticleCount) * part.m_ByteCount;
     const hsize_t offset[2] = {firstParticle, 0};
+    const u8 *stored = m_StoredChunk.Data();
     hsize_t storedBytes = 0;
     u32 mask = 0, checksum = 0;
     if (H5Dget_chunk_storage_size(dataset, offset, &storedBytes) < 0 || storedBytes < kChecksumBytes ||
         storedBytes > byteCount + kChecksumBytes ||
-        H5Dread_chunk(dataset, H5P_DEFAULT, offset, &mask, m_Deflated.Data()) < 0)
-        return false;
+        H5Dread_chunk(dataset, H5P_DEFAULT, offset, &mask, m_StoredChunk.Data()) < 0)
+        return null;
     const ureg packedBytes = ureg(storedBytes) - kChecksumBytes;
-    std::memcpy(&checksum, m_Deflated.Data() + packedBytes, kChecksumBytes);
-    if (checksum != Fletcher32(m_Deflated.Data(), packedBytes) || mask > (part.m_IsDeflated ? kDeflateSkipped : 0))
-        return false;
-    if (part.m_IsDeflated && mask == 0)
-    {
-        uLongf unpackedBytes = byteCount;
-        return uncompress(m_Chunk.Data(), &unpackedBytes, m_Deflated.Data(), packedBytes) == Z_OK &&
-               unpackedBytes == byteCount;
-    }
-    std::memcpy(m_Chunk.Data(), m_Deflated.Data(), packedBytes);
-    return packedBytes == byteCount;
+    std::memcpy(&checksum, stored + packedBytes, kChecksumBytes);
+    if (checksum != Fletcher32(stored, packedBytes) || mask > (part.m_IsDeflated ? kDeflateSkipped : 0))
+        return null;
+    if (!part.m_IsDeflated || mask != 0)
+        return packedBytes == byteCount ? stored : null;
+    uLongf unpackedBytes = byteCount;
+    const bool isUnpacked = uncompress(m_Chunk.Data(), &unpackedBytes, stored, packedBytes) == Z_OK;
+    return isUnpacked && unpackedBytes == byteCount ? m_Chunk.Data() : null;
 }
 
-void CSnapshotReader::_Scatter(const SPart &part, u32 count, SPlace &place,
-                               const CParticleStream_MainMemory &stream) const
+void CSnapshotReader::_Scatter(const u8 *in, const SPart &part, u32 count, SPlace &place,
+                               const CParticleStream_MainMemory &stream)
 {
-    const u8 *in = m_Chunk.Data();
     while (count != 0)
     {
         CParticlePage &page = *stream._UnsafePage(CGuid(place.m_Page));
