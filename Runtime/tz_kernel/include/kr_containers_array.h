@@ -154,10 +154,20 @@ public:
     // Copies of the view's elements; none when the memory is refused.
     explicit TArray(const TMemoryView<const _Type> &view) { this->_AppendView(view); }
     explicit TArray(const TStridedMemoryView<const _Type> &view) { this->_AppendView(view); }
+    template <typename _Container, typename = Internal::TEnableIfContainerOf<const _Container, const _Type>>
+    explicit TArray(const _Container &container)
+        : TArray(TMemoryView<const _Type>(container))
+    {
+    }
 
     // Replaces the elements by copies of the view's, which may lie in this array. Unchanged when memory is refused.
     TArray &operator=(const TMemoryView<const _Type> &view) { return _Assign(view); }
     TArray &operator=(const TStridedMemoryView<const _Type> &view) { return _Assign(view); }
+    template <typename _Container, typename = Internal::TEnableIfContainerOf<const _Container, const _Type>>
+    TArray &operator=(const _Container &container)
+    {
+        return _Assign(TMemoryView<const _Type>(container));
+    }
 
     // Exchanges buffers; no element moves.
     void Swap(TArray &other) { this->_Swap(other); }

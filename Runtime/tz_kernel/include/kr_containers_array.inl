@@ -56,14 +56,23 @@ void TArray_BaseContainerImpl<_Type, _Controller, _HasTrivialRelocate>::_Swap(TA
 
 template <typename _Type, typename _BaseImpl>
 template <typename _Type1, typename _ContainerType>
-class TArray_Base<_Type, _BaseImpl>::TDebugContiguousBaseIterator : public TContiguousBaseIterator<_Type1>
+class TArray_Base<_Type, _BaseImpl>::TDebugContiguousBaseIterator
+    : public TContiguousBaseIterator<_Type1>,
+      public TRandomAccessOperators<TDebugContiguousBaseIterator<_Type1, _ContainerType>, _Type1>
 {
     using RealType = TContiguousBaseIterator<_Type1>;
 
 public:
-    TDebugContiguousBaseIterator(_Type1 *ptr, _ContainerType *owner)
+    TDebugContiguousBaseIterator(_Type1 *ptr = null, _ContainerType *owner = null)
         : RealType(ptr)
         , m_Owner(owner)
+    {
+    }
+    // To const elements from one to mutable ones.
+    template <typename _Other, typename _OtherContainer,
+              typename = std::enable_if_t<std::is_same<const _Other, _Type1>::value>>
+    TDebugContiguousBaseIterator(const TDebugContiguousBaseIterator<_Other, _OtherContainer> &other)
+        : TDebugContiguousBaseIterator(other.m_Ptr, other.m_Owner)
     {
     }
 
@@ -72,23 +81,19 @@ public:
         _CheckDeref();
         return _Readable() ? *RealType::m_Ptr : Internal::MissingElement<_Type1>();
     }
-    _Type1 *operator->() const { return &**this; }
-    TDebugContiguousBaseIterator &operator++()
+    TDebugContiguousBaseIterator &operator+=(std::ptrdiff_t count)
     {
+        if (count == 0)
+            return *this;
         _Check();
         if (RealType::m_Ptr != null)
-            ++RealType::m_Ptr;
+            RealType::m_Ptr += count;
         return *this;
     }
-    TDebugContiguousBaseIterator &operator--()
+    friend std::ptrdiff_t operator-(const TDebugContiguousBaseIterator &a, const TDebugContiguousBaseIterator &b)
     {
-        _Check();
-        if (RealType::m_Ptr != null)
-            --RealType::m_Ptr;
-        return *this;
+        return a.m_Ptr - b.m_Ptr;
     }
-    bool operator==(const TDebugContiguousBaseIterator &other) const { return RealType::m_Ptr == other.m_Ptr; }
-    bool operator!=(const TDebugContiguousBaseIterator &other) const { return RealType::m_Ptr != other.m_Ptr; }
 
     _ContainerType *m_Owner;
 
@@ -105,8 +110,9 @@ private:
     void _CheckDeref() const
     {
         _Check();
-        TZ_ASSERT_MESSAGE(RealType::m_Ptr != m_Owner->_RawEnd(),
-                          "invalid operation: trying to dereference Iterator::End()");
+        TZ_ASSERT_TEXT_MESSAGE("RealType::m_Ptr != m_Owner->_RawEnd()",
+                               m_Owner == null || RealType::m_Ptr != m_Owner->_RawEnd(),
+                               "invalid operation: trying to dereference Iterator::End()");
     }
     bool _Readable() const
     {

@@ -80,7 +80,7 @@ public:
     _Type *m_Ptr;
 
 protected:
-    explicit TContiguousBaseIterator(_Type *ptr)
+    explicit TContiguousBaseIterator(_Type *ptr = null)
         : m_Ptr(ptr)
     {
     }
