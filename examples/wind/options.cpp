@@ -25,7 +25,7 @@ EParse ParseOptions(int argc, const char *const *argv, SOptions &outOptions, std
     app.add_option("--page-size", outOptions.m_PageSize, "particles in a page at the start (1024)")
         ->check(CLI::Range(1, 1 << 20))
         ->type_name("N");
-    app.add_option("--size", size, "size of the pictures in pixels (1440x720)")
+    app.add_option("--size", size, "size of the map in pixels (1440x720)")
         ->delimiter('x')
         ->check(CLI::Range(16, 16'384))
         ->type_name("WxH");

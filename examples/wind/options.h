@@ -11,7 +11,8 @@ using namespace Tessaly;
 
 struct SOptions
 {
-    std::string m_Input; // the forecast
+    std::string m_Input;  // the forecast
+    std::string m_Source; // where it comes from, for the picture
     std::string m_OutputFolder = "out";
     std::string m_TraceFile;      // empty: no trace
     u32 m_ParticleCount = 200000; // alive when the wind blows at its fullest

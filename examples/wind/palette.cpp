@@ -7,8 +7,6 @@ namespace Wind
 {
 namespace
 {
-constexpr float kFastestSpeed = 30.0f; // metres per second: the end of the scale
-
 struct SStop
 {
     float m_Speed, m_Lightness, m_Chroma, m_Hue;

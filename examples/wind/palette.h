@@ -21,6 +21,8 @@ SColor ColorFromPerception(float lightness, float chroma, float hueInDegrees);
 class CPalette
 {
 public:
+    static constexpr float kFastestSpeed = 30.0f; // metres per second: the end of the scale
+
     CPalette();
 
     const SColor &ColorOfSpeed(float metresPerSecond) const;

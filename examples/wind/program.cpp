@@ -105,7 +105,8 @@ bool WriteTrace(const Profiler::CTraceSink &trace, const std::string &path, std:
     return file.Commit(outError);
 }
 
-bool PlayAndWrite(const SOptions &options, const CWindField &field, std::FILE *out, std::string &outError)
+bool PlayAndWrite(const SOptions &options, const CWindField &field, std::FILE *out, std::vector<std::string> &outPaths,
+                  std::string &outError)
 {
     const bool isTraced = !options.m_TraceFile.empty();
     Profiler::CTraceSink trace(isTraced ? Profiler::CTraceSink::kDefaultMaxScopes : 0);
@@ -115,19 +116,26 @@ bool PlayAndWrite(const SOptions &options, const CWindField &field, std::FILE *o
     PlayFrames(run, options.m_FrameCount, out);
     Profiler::CProfiler::SetSink(nullptr);
     PrintTable(out, run);
-    return run.WritePictures(outError) && (!isTraced || WriteTrace(trace, options.m_TraceFile, outError));
+    if (!run.WritePictures(outPaths, outError))
+        return false;
+    if (isTraced)
+        outPaths.push_back(options.m_TraceFile);
+    return !isTraced || WriteTrace(trace, options.m_TraceFile, outError);
 }
 
 int Play(const SOptions &options, const CWindField &field, std::FILE *out, std::FILE *err)
 {
     const CScopedRuntime runtime;
     const CReportCounter reports(err);
+    std::vector<std::string> paths;
     std::string problem;
     if (!runtime.IsUp())
         return Fail(err, Exit_Failure, "the particle runtime cannot be started");
-    if (!PlayAndWrite(options, field, out, problem))
+    if (!PlayAndWrite(options, field, out, paths, problem))
         return Fail(err, Exit_Failure, problem);
     std::fprintf(out, "%-12s %u\n", "assertions", reports.Count());
+    for (const std::string &path : paths)
+        std::fprintf(out, "%-12s %s\n", "written", path.c_str());
     if (!IsWritten(out))
         return Fail(err, Exit_Failure, "the output cannot be written");
     return reports.Count() == 0 ? Exit_Success : Exit_Failure;
@@ -139,7 +147,8 @@ int RunProgram(int argc, const char *const *argv, std::FILE *out, std::FILE *err
     SOptions options;
     CWindField field;
     std::string text;
-    options.m_Input = WIND_DATA_FOLDER "/gfs-wind-2017-10-20.json";
+    const std::string ownForecast = WIND_DATA_FOLDER "/gfs-wind-2017-10-20.json";
+    options.m_Input = ownForecast;
     switch (ParseOptions(argc, argv, options, text))
     {
     case EParse::Help:
@@ -150,6 +159,8 @@ int RunProgram(int argc, const char *const *argv, std::FILE *out, std::FILE *err
     case EParse::Run:
         break;
     }
+    options.m_Source = options.m_Input == ownForecast ? "Global Forecast System of NOAA"
+                                                      : std::filesystem::path(options.m_Input).filename().string();
     if (!field.Load(options.m_Input, text) || !MakeFolders(options, text))
         return Fail(err, Exit_BadInput, text);
     return Play(options, field, out, err);

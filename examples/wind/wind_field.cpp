@@ -22,6 +22,7 @@ struct SComponent
 {
     SGrid m_Grid;
     std::vector<float> m_Values;
+    std::string m_Time;
     std::string m_Error;
 };
 
@@ -137,11 +138,20 @@ bool ReadValues(const Json &record, const SGrid &grid, std::vector<float> &outVa
     return true;
 }
 
+// "2017-10-20T20:00:00.000Z" to the minute; empty where there is none.
+std::string ReadTime(const Json &header)
+{
+    const auto found = header.find("refTime");
+    const std::string text = found != header.end() && found->is_string() ? found->get<std::string>() : "";
+    return text.size() >= 16 && text[10] == 'T' ? text.substr(0, 10) + " " + text.substr(11, 5) + " UTC" : "";
+}
+
 bool ReadComponent(const Json &records, int parameterNumber, const char *name, SComponent &out)
 {
     const Json *record = FindRecord(records, parameterNumber);
     if (record == nullptr)
         return out.m_Error = std::string("has no ") + name + " component of the wind", false;
+    out.m_Time = ReadTime(*HeaderOf(*record));
     if (ReadGrid(*HeaderOf(*record), out.m_Grid, out.m_Error) &&
         ReadValues(*record, out.m_Grid, out.m_Values, out.m_Error))
         return true;
@@ -183,6 +193,7 @@ bool CWindField::Load(const std::string &path, std::string &outError)
     if (!ReadBothComponents(path, u, v, problem))
         return outError = path + " " + problem, false;
     m_Grid = u.m_Grid;
+    m_Time = u.m_Time;
     m_Winds.resize(u.m_Values.size());
     for (size_t i = 0; i < m_Winds.size(); ++i)
         m_Winds[i] = {u.m_Values[i], v.m_Values[i]};

@@ -33,9 +33,12 @@ public:
     SWind Sample(float longitude, float latitude) const;
 
     const SGrid &Grid() const { return m_Grid; }
+    // When the wind blew, "2017-10-20 20:00 UTC"; empty where the file does not tell.
+    const std::string &Time() const { return m_Time; }
 
 private:
     SGrid m_Grid;
     std::vector<SWind> m_Winds; // row by row
+    std::string m_Time;
 };
 } // namespace Wind

@@ -1,5 +1,7 @@
 #include "wind_run.h"
 
+#include "caption.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -49,7 +51,11 @@ void CWindRun::PlayFrame(u32 frame)
     m_Particles->Advance(frame, wishedCount);
     m_Particles->Draw(m_Palette, m_Canvas);
     m_PageStrip.Record(m_Particles->Stream(), m_Particles->Diary(), frame);
+    const u64 resizedBefore = m_Particles->Clock().Total(Phase_Resizing).m_Handled;
+    const u64 collectedBefore = m_Particles->CollectedPageCount();
     m_Particles->CarePages(kPagesPerFrame, frame);
+    m_PageStrip.AddCare(m_Particles->Clock().Total(Phase_Resizing).m_Handled - resizedBefore,
+                        m_Particles->CollectedPageCount() - collectedBefore);
     if (m_Snapshot == nullptr)
         return;
     m_Snapshot->Advance(frame, wishedCount);
@@ -57,25 +63,42 @@ void CWindRun::PlayFrame(u32 frame)
     m_Snapshot->CarePages(kPagesPerFrame, frame);
 }
 
-bool CWindRun::WritePictures(std::string &outError) const
+bool CWindRun::WritePictures(std::vector<std::string> &outPaths, std::string &outError) const
 {
-    const std::string folder = m_Options.m_OutputFolder + "/";
-    return WritePng(folder + "wind.png", m_Canvas.Develop(), outError) &&
-           WritePng(folder + "wind-snapshot.png", m_SnapshotCanvas.Develop(), outError) &&
-           WritePng(folder + "pages.png", m_PageStrip.Paint(m_Options.m_Width, m_Options.m_Height), outError);
+    const std::string &time = m_Field.Time();
+    const std::string forecast = "Wind near the ground, " + (time.empty() ? "" : time + ", ") + m_Options.m_Source;
+    SImage map = m_Canvas.Develop(), copiedMap = m_SnapshotCanvas.Develop(),
+           pages = m_PageStrip.Paint(m_Options.m_Width, m_Options.m_Height);
+    AddCaption(map, m_Palette, forecast);
+    AddCaption(copiedMap, m_Palette, forecast);
+    for (const auto &[name, image] :
+         {std::pair("wind.png", &map), std::pair("wind-snapshot.png", &copiedMap), std::pair("pages.png", &pages)})
+    {
+        outPaths.push_back(m_Options.m_OutputFolder + "/" + name);
+        if (!WritePng(outPaths.back(), *image, outError))
+            return false;
+    }
+    return true;
 }
 
 void CWindRun::_Edit(u32 frame)
 {
     const u32 frameCount = m_Options.m_FrameCount;
     if (frame == frameCount / 3)
+    {
         m_Particles->ChangePageSize(m_Options.m_PageSize * kPageSizeFactor);
+        m_PageStrip.Mark(frame, "page size " + std::to_string(m_Particles->Stream().PageSize()));
+    }
     if (frame == frameCount / 2)
+    {
         m_Particles->EditLayout(m_EditedLayout);
+        m_PageStrip.Mark(frame, "fields edited");
+    }
     if (frame == frameCount * 2 / 3)
     {
         m_Snapshot = MakeParticles(m_Field, m_FirstLayout, m_Tint, m_Options, m_Options.m_Seed + kSnapshotSeed);
         m_Particles->CopyInto(*m_Snapshot);
+        m_PageStrip.Mark(frame, "copied");
     }
 }
 

@@ -22,8 +22,9 @@ public:
     const CWindParticles &Particles() const { return *m_Particles; }
     const CWindParticles *Snapshot() const { return m_Snapshot.get(); } // null before two thirds of the run
 
-    // The pictures go to the output folder. False: `outError` names the one that cannot be written.
-    bool WritePictures(std::string &outError) const;
+    // The pictures go to the output folder; `outPaths` gets their names. False: `outError` names the one that cannot be
+    // written.
+    bool WritePictures(std::vector<std::string> &outPaths, std::string &outError) const;
 
 private:
     void _Edit(u32 frame);

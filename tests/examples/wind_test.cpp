@@ -98,6 +98,14 @@ std::string SmallForecast(const std::string &u, int nx = 4, const char *secondRe
            R"(},"data":[-)" + v + "]}]";
 }
 
+TEST(WindField, TellsWhenTheWindBlew)
+{
+    CWindField field;
+    std::string error;
+    EXPECT_TRUE(field.Load(WIND_DATA_FOLDER "/gfs-wind-2017-10-20.json", error)) << error;
+    EXPECT_EQ(field.Time(), "2017-10-20 20:00 UTC");
+}
+
 const char *const kValues = "1,2,3,4,5,6,7,8,9,10,11,12";
 
 TEST_F(WindProgram, BadForecastIsNamedInOneLineAndNothingIsWritten)
@@ -224,8 +232,9 @@ TEST_F(WindRun, SameSeedGivesTheSameBirthsDeathsAndPicture)
             run.PlayFrame(frame);
             counts.emplace_back(run.Particles().BirthCount(), run.Particles().DeathCount());
         }
+        std::vector<std::string> paths;
         std::string error;
-        EXPECT_TRUE(run.WritePictures(error)) << error;
+        EXPECT_TRUE(run.WritePictures(paths, error)) << error;
         return counts;
     };
     const auto counts = play(7, 100);
@@ -261,20 +270,26 @@ TEST_F(WindParticles, EditedLayoutLeavesNoSeamInThePicture)
     EXPECT_TRUE(play(50) == play(100)) << "the picture of an unedited run, to the last bit";
 }
 
-// A picture that was written, one pixel a degree.
+// A picture that was written, one pixel a degree; a map has its caption below.
 class CPicture
 {
 public:
     explicit CPicture(const std::string &path)
-        : m_Bytes(360 * 180)
     {
         png_image png = {};
         png.version = PNG_IMAGE_VERSION;
         EXPECT_NE(png_image_begin_read_from_file(&png, path.c_str()), 0) << path << ": " << png.message;
         EXPECT_EQ(png.width, 360u);
-        EXPECT_EQ(png.height, 180u);
+        EXPECT_GE(png.height, 180u);
         png.format = PNG_FORMAT_GRAY;
+        m_Bytes.resize(PNG_IMAGE_SIZE(png));
         EXPECT_NE(png_image_finish_read(&png, nullptr, m_Bytes.data(), 0, nullptr), 0) << png.message;
+    }
+
+    bool HasCaption() const
+    {
+        const auto caption = m_Bytes.begin() + 360 * 180;
+        return m_Bytes.end() - caption >= 360 * 12 && *std::max_element(caption, m_Bytes.end()) > 150;
     }
 
     // The average over a square of 11 by 11 degrees; 0 to 255.
@@ -309,16 +324,38 @@ TEST_F(WindProgram, DrawsThePicturesAndReports)
         const CPicture picture(out + name);
         const double typhoon = picture.BrightnessAround(130, 20);
         EXPECT_GT(typhoon, 40.0) << name;
+        EXPECT_TRUE(picture.HasCaption()) << name;
         EXPECT_GT(typhoon, 2.0 * picture.BrightnessAround(130, -20)) << name << " is upside down";
         EXPECT_GT(typhoon, 2.0 * picture.BrightnessAround(20, 0)) << name << ": it is calm there";
     }
-    EXPECT_GT(CPicture(out + "/pages.png").BrightnessAround(-170, 80), 20.0);
+    const CPicture pages(out + "/pages.png");
+    EXPECT_GT(pages.BrightnessAround(-150, 40), 100.0) << "the first pages";
+    EXPECT_LT(pages.BrightnessAround(120, 60), 20.0) << "there are not as many yet";
+    for (const char *name : {"/wind.png\n", "/wind-snapshot.png\n", "/pages.png\n"})
+        EXPECT_NE(result.m_Out.find("written      " + out + name), std::string::npos) << result.m_Out;
+    EXPECT_NE(result.m_Out.find(Path("trace.json")), std::string::npos) << result.m_Out;
 
     const nlohmann::json events = nlohmann::json::parse(ReadAll(m_Folder / "trace.json"))["traceEvents"];
     const auto heard = [&](const char *name)
     { return std::any_of(events.begin(), events.end(), [&](const auto &event) { return event["name"] == name; }); };
     for (const char *name : {"advection", "AllocateParticlesIFP", "DeepCopy", "SetPageSize"})
         EXPECT_TRUE(heard(name)) << name;
+}
+
+TEST_F(WindProgram, OutputThatIsRefusedGivesOneLineAndStatus1)
+{
+    std::FILE *full = std::fopen("/dev/full", "w"), *err = std::tmpfile();
+    const std::string out = Path("out");
+    const char *const argv[] = {"wind", "--frames", "1", "--size", "16x16", "--out", out.c_str()};
+    EXPECT_EQ(RunProgram(7, argv, full, err), 1);
+    EXPECT_EQ(ReadAll(err), "wind: the output cannot be written\n");
+    std::fclose(full);
+    std::fclose(err);
+    fs::remove(m_Folder / "out" / "pages.png");
+    fs::create_directory(m_Folder / "out" / "pages.png");
+    const SResult result = Run({"--frames", "1", "--size", "16x16", "--out", out});
+    EXPECT_EQ(result.m_Status, 1);
+    EXPECT_EQ(result.m_Err, "wind: " + out + "/pages.png cannot be written\n");
 }
 
 TEST_F(WindProgram, OddRunsWork)
