@@ -29,6 +29,7 @@ def check_values():
     check("p g_Guids", r"= \{7, INVALID\}$")
     check("p (CGuid &)g_Guids[1]", "INVALID$")
     check("p g_Names", r'= \{name 7, no name, name "spin", name 4195148034\}$')
+    check("p g_Vector", r"= \(1.5, 2, -3\)$")
     check("p g_Pages", r"= \{2 references = \{m_Ptr = 0x[0-9a-f]+\}, null\}$")
     check("p g_Def.m_StreamDef", r"= 38 of \d+ = \{Bool \(1 byte, name 1\), .*Float4 \(constant, name 100\), I32 \(constant, name .glow.\)")
     check("p g_Stream->m_ConstantDataFieldSlot", r"= 38 elements = \{INVALID, .*, 0, INVALID\}$")

@@ -7,6 +7,7 @@ using namespace Tessaly;
 alignas(64) unsigned char g_Garbage[1024];
 SParticleStreamDef g_Def;
 TArray<u32> g_Numbers;
+CFloat3 g_Vector(1.5f, 2.0f, -3.0f);
 CGuid g_Guids[] = {CGuid(7), CGuid::INVALID};
 CStringId g_Names[] = {CStringId(7), CStringId(), CStringId("spin"), CStringId("unregistered")};
 CParticleStream_MainMemory *g_Stream = null;

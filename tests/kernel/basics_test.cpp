@@ -148,6 +148,10 @@ TEST(BaseTypeTraits, RowsAreWhatTheNamesSay)
 TEST(Vectors, AreEqualInEveryComponentOrNot)
 {
     EXPECT_TRUE(CFloat2(1, 2) == CFloat2(1, 2) && CFloat3(1, 2, 3) == CFloat3(1, 2, 3));
+    static_assert(CFloat4(1, 2, 3, 4).z == 3 && std::is_trivially_copyable<CFloat4>::value && sizeof(CByte3) == 3, "");
+    CInt4 vector(1, 2, 3, 4);
+    vector.w = 7;
+    EXPECT_EQ(vector.m_W, 7);
     EXPECT_FALSE(CFloat2(1, 2) == CFloat2(9, 2) || CFloat2(1, 2) == CFloat2(1, 9));
     for (u32 i = 0; i < 4; ++i)
     {

@@ -79,9 +79,10 @@ TEST_F(StreamLock, TwoOfItsOperationsAreProfiled)
     m_Stream.LockPages();
     m_Stream.Lock();
     EXPECT_EQ(profiler.Take(), Scopes());
-    m_Stream.LockPagesToRender();
-    EXPECT_EQ(profiler.Take(), (Scopes{"+" + render, "-" + render}));
-    m_Stream.UnlockPagesToRender();
+    {
+        const CScopedPagesRenderLock lock(m_Stream);
+        EXPECT_EQ(profiler.Take(), (Scopes{"+" + render, "-" + render}));
+    }
     EXPECT_EQ(profiler.Take(), Scopes());
     m_Stream.UnlockPages();
     EXPECT_TRUE(m_Stream.LockedByCurrentThread());

@@ -225,6 +225,11 @@ def _guid_text(guid):
     return "INVALID" if number == (1 << 8 * guid.type.sizeof) - 1 else str(number)
 
 
+def _vector_text(vector):
+    count = len(vector.type.strip_typedefs().fields())
+    return f"({', '.join(str(vector[name]) for name in 'xyzw'[:count])})"
+
+
 def _view(view):
     """(pointer, count, stride) of a TMemoryView or a TStridedMemoryView."""
     element = view.type.strip_typedefs().template_argument(0)
@@ -278,6 +283,7 @@ PRINTERS = {
     "TRefPtr": (_ref_text, lambda ref: [("m_Ptr", ref["m_Ptr"])][:int(ref["m_Ptr"] != 0)], None),
     "TGuid": (_guid_text, lambda _: (), None),
     "CStringId": (_name_text, lambda _: (), None),
+    **{f"TVector{n}": (_vector_text, lambda _: (), None) for n in (2, 3, 4)},
     "TMemoryView": (_view_text, lambda view: _elements(*_view(view)), "array"),
     "TStridedMemoryView": (_view_text, lambda view: _elements(*_view(view)), "array"),
     "CParticlePageView": (_page_view_text, lambda view: _page_part("page", view["m_Page"]["m_Ptr"]), None),

@@ -1,4 +1,4 @@
-// Vector types for fields: plain records of their components.
+// Vector types for fields: plain records of their components, each of which has two names: x and m_X.
 #pragma once
 
 #include <tz_defs.h>
@@ -9,54 +9,84 @@ namespace Tessaly
 template <typename _Type>
 struct TVector2
 {
-    _Type m_X, m_Y;
+    union
+    {
+        _Type x, m_X;
+    };
+    union
+    {
+        _Type y, m_Y;
+    };
 
     TVector2() = default;
-    constexpr TVector2(_Type x, _Type y)
-        : m_X(x)
-        , m_Y(y)
+    constexpr TVector2(_Type x0, _Type y0)
+        : x(x0)
+        , y(y0)
     {
     }
 
-    constexpr bool operator==(const TVector2 &v) const { return m_X == v.m_X && m_Y == v.m_Y; }
+    constexpr bool operator==(const TVector2 &v) const { return x == v.x && y == v.y; }
     constexpr bool operator!=(const TVector2 &v) const { return !(*this == v); }
 };
 
 template <typename _Type>
 struct TVector3
 {
-    _Type m_X, m_Y, m_Z;
+    union
+    {
+        _Type x, m_X;
+    };
+    union
+    {
+        _Type y, m_Y;
+    };
+    union
+    {
+        _Type z, m_Z;
+    };
 
     TVector3() = default;
-    constexpr TVector3(_Type x, _Type y, _Type z)
-        : m_X(x)
-        , m_Y(y)
-        , m_Z(z)
+    constexpr TVector3(_Type x0, _Type y0, _Type z0)
+        : x(x0)
+        , y(y0)
+        , z(z0)
     {
     }
 
-    constexpr bool operator==(const TVector3 &v) const { return m_X == v.m_X && m_Y == v.m_Y && m_Z == v.m_Z; }
+    constexpr bool operator==(const TVector3 &v) const { return x == v.x && y == v.y && z == v.z; }
     constexpr bool operator!=(const TVector3 &v) const { return !(*this == v); }
 };
 
 template <typename _Type>
 struct TVector4
 {
-    _Type m_X, m_Y, m_Z, m_W;
+    union
+    {
+        _Type x, m_X;
+    };
+    union
+    {
+        _Type y, m_Y;
+    };
+    union
+    {
+        _Type z, m_Z;
+    };
+    union
+    {
+        _Type w, m_W;
+    };
 
     TVector4() = default;
-    constexpr TVector4(_Type x, _Type y, _Type z, _Type w)
-        : m_X(x)
-        , m_Y(y)
-        , m_Z(z)
-        , m_W(w)
+    constexpr TVector4(_Type x0, _Type y0, _Type z0, _Type w0)
+        : x(x0)
+        , y(y0)
+        , z(z0)
+        , w(w0)
     {
     }
 
-    constexpr bool operator==(const TVector4 &v) const
-    {
-        return m_X == v.m_X && m_Y == v.m_Y && m_Z == v.m_Z && m_W == v.m_W;
-    }
+    constexpr bool operator==(const TVector4 &v) const { return x == v.x && y == v.y && z == v.z && w == v.w; }
     constexpr bool operator!=(const TVector4 &v) const { return !(*this == v); }
 };
 

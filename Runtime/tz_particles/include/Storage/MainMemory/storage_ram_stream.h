@@ -240,6 +240,21 @@ private:
     const CParticleStream_MainMemory &m_Stream;
 };
 
+// The same lock by the operations for threads that draw: waiting for it opens a profiler scope.
+class CScopedPagesRenderLock : public CNonCopyable
+{
+public:
+    explicit CScopedPagesRenderLock(const CParticleStream_MainMemory &stream)
+        : m_Stream(stream)
+    {
+        m_Stream.LockPagesToRender();
+    }
+    ~CScopedPagesRenderLock() { m_Stream.UnlockPagesToRender(); }
+
+private:
+    const CParticleStream_MainMemory &m_Stream;
+};
+
 } // namespace Tessaly
 
 #include "storage_ram_stream.inl"
