@@ -75,7 +75,7 @@ Script LongListScript(u64 seed)
         const u16 heldFirst = u16(stream * 8 + 7); // the second view that is taken
         script.insert(script.end(), {{EOperation::Bind, stream, any(), 0, 0},
                                      {EOperation::SetPageSize, stream, 8, 0, 0},
-                                     {EOperation::AllocateAll, stream, 18, 0, 0},
+                                     {EOperation::AllocateAll, stream, 26, 0, 0}, // 171 pages
                                      {EOperation::TakeView, stream, any(), 0, 0},
                                      {EOperation::TakeView, stream, 0, 0, 0},
                                      {EOperation::RemoveInPage, stream, 0, 0, 0},

@@ -41,7 +41,8 @@ bool CParticleStream_MainMemory::CopySubRangeToPage(CParticlePage &dst, const CP
     if (!IsWithinCapacity(src, srcStartId, transferCount))
         return false;
     const u32 oldCount = dst.ParticleCount();
-    const CGuid dstStartId = dst.AllocateParticles(transferCount);
+    // Refused before slots are taken: who hears of it finds none that are not written.
+    const CGuid dstStartId = dst.PrepareForWriting() ? dst.AllocateParticles(transferCount) : CGuid::INVALID;
     if (!TZ_VERIFY(dstStartId.Valid() && dst.PrepareForWriting()))
     {
         if (dstStartId.Valid())
@@ -71,7 +72,7 @@ bool CParticleStream_MainMemory::CopyPageToPage(CParticlePage &dst, const CParti
     if (!IsWithinCapacity(*srcPage, srcStartId, transferCount))
         return false;
     const u32 oldCount = dst.ParticleCount();
-    const CGuid dstStartId = dst.AllocateParticles(transferCount);
+    const CGuid dstStartId = dst.PrepareForWriting() ? dst.AllocateParticles(transferCount) : CGuid::INVALID;
     if (!TZ_VERIFY(dstStartId.Valid() && dst.PrepareForWriting()))
     {
         if (dstStartId.Valid())

@@ -1,0 +1,222 @@
+// What a report's handler or a memory service sees of a stream in the midst of an operation: the page list and the rows
+// as the operation's steps leave them, one by one. What an operation asks the memory services for.
+#include <support/stream_fixture.h>
+
+namespace Tessaly
+{
+namespace Tests
+{
+namespace
+{
+
+using Looks = std::vector<std::string>;
+
+class StreamMidst : public CStreamTest
+{
+protected:
+    // Appends a page with so many particles, whose rows say which page they are of: A, B, C ...
+    void AppendPage(CTestStream &stream, u32 capacity, u32 count)
+    {
+        CParticlePage &page = stream.AppendPage(capacity, count);
+        for (const SParticleStreamField &field : page.Streams())
+        {
+            if (!field.IsConstant())
+                std::memset(field.m_RawDataPtr, m_NextName, size_t(field.m_Definition.m_StorageSize) * count);
+        }
+        ++m_NextName;
+    }
+    void AppendPages(CTestStream &stream, u32 capacity, std::initializer_list<u32> counts)
+    {
+        for (const u32 count : counts)
+            AppendPage(stream, capacity, count);
+    }
+
+    // The capacities of the pages in list order, and of which pages the rows of their fields are: ? where a field
+    // differs from the one before, or a free slot was used.
+    static std::string Look(const CTestStream &stream)
+    {
+        std::string text;
+        for (u32 i = 0; i < stream.PageCount(); ++i)
+        {
+            const CParticlePage *page = stream._UnsafePage(CGuid(i)).Get();
+            if (page == null)
+                return text + "null";
+            text += std::to_string(page->Capacity()) + ":";
+            std::string rows;
+            for (const SParticleStreamField &field : page->Streams())
+            {
+                if (field.IsConstant())
+                    continue;
+                std::string ofField;
+                for (u32 row = 0; row < page->Capacity(); ++row)
+                {
+                    const u8 byte = field.m_RawDataPtr[row * field.m_Definition.m_StorageSize];
+                    const bool isLive = row < page->ParticleCount();
+                    const char name = isLive ? char(byte) : '?';
+                    if ((isLive || byte != kFreshParticleByte) && (ofField.empty() || ofField.back() != name))
+                        ofField += name;
+                }
+                rows += rows.empty() || rows == ofField ? ofField.substr(rows.size()) : "?";
+            }
+            text += rows + " ";
+        }
+        return text;
+    }
+
+    // What is seen under the lock at each call of a memory service, and at each report (behind a !), the same but once.
+    template <typename _Operation>
+    Looks LooksDuring(const CTestStream &stream, _Operation operation)
+    {
+        Looks looks;
+        const auto look = [&](const char *where)
+        {
+            const std::string text = where + Look(stream);
+            if (stream.LockedByCurrentThread() && (looks.empty() || looks.back() != text))
+                looks.push_back(text);
+        };
+        m_Memory.AtEachCall([&](const SMemoryCall &) { look(""); });
+        m_Reports.AtEachReport([&](const Assert::SReport &) { look("!"); });
+        operation();
+        m_Memory.AtEachCall({});
+        m_Reports.AtEachReport({});
+        return looks;
+    }
+
+    u8 m_NextName = 'A';
+    CTestStream m_Stream{8, m_Definition};
+};
+
+TEST_F(StreamMidst, ResizingTakesOnePageAfterTheOther)
+{
+    AppendPages(m_Stream, 4, {4, 4, 0, 4, 3});
+    m_Stream.SetPageSize(8);
+    m_Stream.SetPageSize(7);
+    m_Stream.SetPageSize(8);
+    EXPECT_EQ(LooksDuring(m_Stream, [&] { m_Stream.ResizePending(10); }),
+              (Looks{"4:A 4:B 4: 4:D 4:E ", "4:B 4: 4:D 4:E 8:A ", "4: 4:D 4:E 8:AB ",
+                     "4:D 4:E 8:AB 8: ", "4:E 8:AB 8:D ", "8:AB 8:DE "}));
+    AppendPages(m_Stream, 100, {30, 90});
+    m_Stream.SetPageSize(100);
+    const CScopedRawPageReader reader(m_Stream.Page(CGuid(2))->RawPage());
+    EXPECT_EQ(LooksDuring(m_Stream, [&] { m_Stream.ResizePending(1); }),
+              (Looks{"!8:DE 100:F 100:G ", "8:DE 100:F 100:G ", "8:DE 100:F 100:G 100:AB "}));
+    EXPECT_EQ(m_Reports.Take().size(), 3u);
+}
+
+TEST_F(StreamMidst, DeepCopyFillsAPageBeforeItMakesTheNext)
+{
+    AppendPages(m_Stream, 8, {5, 0, 7});
+    CTestStream copy(0);
+    EXPECT_EQ(LooksDuring(copy, [&] { copy.DeepCopy(m_Stream); }), (Looks{"", "8:A "}));
+    EXPECT_EQ(Look(copy), "8:A 8:C ");
+}
+
+TEST_F(StreamMidst, RebindingReportsWithTheFieldsBeforeWritten)
+{
+    CDefinition bad;
+    bad.Stored(Tag, BaseType_UByte3)
+        .ConstantAt(Extra, BaseType_Float, CGuid::INVALID)
+        .Stored(Position, BaseType_Float3);
+    AppendPages(m_Stream, 8, {5, 0, 7});
+    std::string rows;
+    m_Reports.AtEachReport(
+        [&](const Assert::SReport &)
+        {
+            const CParticlePage &page = *m_Stream.Page(CGuid(0));
+            for (const u32 field : {0u, 2u})
+                rows += char(*page.Stream(CGuid(field)).m_RawDataPtr);
+        });
+    bad.BindTo(m_Stream);
+    m_Reports.Expect(
+        {"cstId.Valid() && cstId < m_ConstantData.Count()", "cstId.Valid() && cstId < m_ConstantData.Count()"});
+    EXPECT_EQ(rows, "A\xF3"
+                    "AA");
+    EXPECT_EQ(Look(m_Stream), "8:A 8:C ");
+}
+
+TEST_F(StreamMidst, PagesLeaveOneByOne)
+{
+    AppendPages(m_Stream, 8, {0, 5, 0, 0, 3});
+    EXPECT_EQ(LooksDuring(m_Stream, [&] { m_Stream.GarbageCollectOldPages(null); }),
+              (Looks{"8:E 8:B 8: 8: ", "8:E 8:B 8: ", "8:E 8:B "}));
+    EXPECT_EQ(LooksDuring(m_Stream, [&] { m_Stream.Clear(); }), (Looks{"8:? ", ""}));
+}
+
+TEST_F(StreamMidst, OperationsThatMakeNoPageAskForNoMemory)
+{
+    for (const u32 pageCount : {40u, 200u})
+    {
+        CTestStream stream(16, m_Definition), other(16, m_Definition);
+        for (u32 i = 0; i < pageCount; ++i)
+            AppendPage(stream, 16, i % 16);
+        const u32 removed = 0;
+        m_Memory.RefuseNone();
+        for (u32 round = 0; round < 2; ++round)
+        {
+            EXPECT_EQ(stream.AllocateParticlesIFP(1, 0).FirstParticle(), round);
+            stream.StreamId(CStringId(Life));
+            stream.RemoveParticles(CGuid(1), {&removed, 1});
+            stream.RegisterBornCount(0);
+            stream.Swap(other);
+            other.StreamId(CStringId(Life));
+            other.Swap(stream);
+            stream.SetPageSize(20 + round);
+            stream.ResizePending(0);
+            stream.GarbageCollectOldPages(null);
+            stream.ComputeStats();
+        }
+        stream.Clear();
+        EXPECT_EQ(m_Memory.RequestCount(), 0u) << pageCount;
+    }
+}
+
+TEST_F(StreamMidst, WithoutMemoryForTheIndexTheListIsWalked)
+{
+    m_Memory.RefuseIf([](const SMemoryCall &call)
+                      { return call.m_Function.find("CPageListIndex") != std::string::npos; });
+    for (u32 i = 0; i < 2 * CPageListIndex::kMaxWalkedPageCount; ++i)
+        AppendPage(m_Stream, 8, i == 222 ? 1 : 8);
+    EXPECT_GT(m_Memory.RefusalCount(), CPageListIndex::kMaxWalkedPageCount / 2);
+    EXPECT_EQ(m_Stream.AllocateParticlesIFP(7, 0).OriginalPage(), m_Stream.Page(CGuid(222)));
+    m_Memory.RefuseNone();
+    AppendPage(m_Stream, 8, 2);
+    EXPECT_EQ(m_Memory.RequestCount(), 4u) << "block, page, fields and index: " << m_Stream.PageCount();
+    EXPECT_EQ(m_Stream.AllocateParticlesIFP(6, 0).FirstParticle(), 2u);
+    EXPECT_EQ(LooksDuring(m_Stream, [&] { m_Stream.Cleanup(); }), Looks()) << "memory goes outside the lock";
+}
+
+TEST_F(StreamMidst, PageListTakesAnyPageOut)
+{
+    CPageList list;
+    std::vector<PParticlePage> expected;
+    u32 seed = 1;
+    for (u32 i = 0; i < 3000; ++i)
+    {
+        seed = seed * 1664525 + 1013904223;
+        const u32 index = expected.empty() ? 0 : (seed >> 16) % u32(expected.size());
+        const u32 what = (seed >> 8) % 8;
+        if (expected.empty() || what < (i / 500 % 2 == 0 ? 5u : 3u))
+        {
+            expected.push_back(Mem::New<CParticlePage>(TZ_CALL_SITE, &m_Stream, i));
+            ASSERT_TRUE(list.PushBack(expected.back()).Valid());
+        }
+        else if (what == 7)
+        {
+            EXPECT_EQ(list.Take(index), expected[index]);
+            expected[index] = expected.back();
+            expected.pop_back();
+        }
+        else
+        {
+            EXPECT_EQ(list.Take_KeepOrder(index), expected[index]);
+            expected.erase(expected.begin() + index);
+        }
+        ASSERT_TRUE(std::equal(list._RawBegin(), list._RawEnd(), expected.begin(), expected.end()));
+    }
+    list.MoveToBufferStart();
+    ASSERT_TRUE(std::equal(list._RawBegin(), list._RawEnd(), expected.begin(), expected.end()));
+}
+
+} // namespace
+} // namespace Tests
+} // namespace Tessaly
