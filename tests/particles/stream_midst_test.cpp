@@ -185,6 +185,30 @@ TEST_F(StreamMidst, WithoutMemoryForTheIndexTheListIsWalked)
     EXPECT_EQ(LooksDuring(m_Stream, [&] { m_Stream.Cleanup(); }), Looks()) << "memory goes outside the lock";
 }
 
+TEST_F(StreamMidst, IndexLetsPagesGoThatLeaveTheStream)
+{
+    const auto stream = std::make_unique<CTestStream>(8, m_Definition);
+    for (u32 i = 0; i < 2 * CPageListIndex::kMaxWalkedPageCount; ++i)
+    {
+        AppendPage(m_Stream, 8, 3);
+        AppendPage(*stream, 8, 3);
+    }
+    m_Stream.StreamId(CStringId(Life));
+    stream->StreamId(CStringId(Life)); // both have an index
+    m_Stream.Swap(*stream); // and asks for its own again
+    stream->Page(CGuid(1))->AllocateParticles(1);
+    m_Stream.StreamId(CStringId(Life));
+    stream->RegisterBornCount(1);
+    const PParticlePage page = m_Stream.Page(CGuid(2));
+    m_Stream.Swap(*stream);
+    stream->StreamId(CStringId(Life));
+    stream->Clear();
+    const u32 particleCount = m_Stream.ParticleCount();
+    page->AllocateParticles(1);
+    EXPECT_EQ(page->ParticleCount(), 1u);
+    EXPECT_EQ(m_Stream._RecomputeParticleCount(), particleCount);
+}
+
 TEST_F(StreamMidst, PageListTakesAnyPageOut)
 {
     CPageList list;
@@ -213,7 +237,12 @@ TEST_F(StreamMidst, PageListTakesAnyPageOut)
         }
         ASSERT_TRUE(std::equal(list._RawBegin(), list._RawEnd(), expected.begin(), expected.end()));
     }
+    const u32 capacity = list.Capacity();
+    while (!list.Empty())
+        list.Take_KeepOrder(0);
     list.MoveToBufferStart();
+    EXPECT_GE(list.Capacity(), capacity);
+    expected.clear();
     ASSERT_TRUE(std::equal(list._RawBegin(), list._RawEnd(), expected.begin(), expected.end()));
 }
 
