@@ -80,7 +80,7 @@ public:
 
     u64 TotalMemoryAllocated() const { return __atomic_load_n(&m_TotalMemoryUsed, __ATOMIC_RELAXED); } // bytes in use
     u64 TotalMemoryAvailable() const; // bytes in free blocks
-    void GetTotalStats(CParticlePageAllocator_Stats &outStats) const;
+    void GetTotalStats(CParticlePageAllocator_Stats &outStats) const; // of all size classes, at one moment or near it
 
     // Size class of a block: the smallest one that holds size bytes; kPoolSlotCount above kMaxAllocSize.
     static constexpr u32 _SizeToSlotId(u32 sizeInBytes);

@@ -244,6 +244,7 @@ private:
 class CScopedPagesRenderLock : public CNonCopyable
 {
 public:
+    // Waits for the lock.
     explicit CScopedPagesRenderLock(const CParticleStream_MainMemory &stream)
         : m_Stream(stream)
     {

@@ -1,0 +1,13 @@
+# Gives a code span with an apostrophe in it double backticks: doxygen would take the first one for a quotation mark.
+/^```/ { in_fence = !in_fence }
+in_fence || /^(```.*)?$/ { in_code = 0; print; next }
+{
+    count = split($0, part, "`")
+    line = part[1]
+    for (i = 2; i <= count; i++) {
+        in_code = !in_code # part i is code
+        is_double = in_code ? i < count && part[i] ~ /'/ : is_double
+        line = line (is_double ? "``" : "`") part[i]
+    }
+    print line
+}
