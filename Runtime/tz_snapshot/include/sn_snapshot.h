@@ -3,7 +3,7 @@
 //   /                attributes format, version, particles, page_size, fields
 //   /fields/N        field N of the definition: a dataset of particles x components, or a group for a constant field;
 //                    attributes id, type, storage_size, name (where it is registered), value (of a constant)
-//   /padding/N       the bytes of each particle behind its value, where the storage size is larger than the type
+//   /padding/N       the bytes of each particle behind its value, where the storage size is larger than the type's
 //   /NAME            the dataset of a field again, by its registered name
 //
 // Numbers are little endian, bools are bytes; values of a type without components are bytes. Every chunk has a

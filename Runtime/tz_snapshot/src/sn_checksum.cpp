@@ -66,5 +66,47 @@ u32 Fletcher32(const u8 *data, ureg byteCount)
     return u32(sum2 << 16 | sum1);
 }
 
+namespace
+{
+
+u32 Rotate(u32 value, u32 bits) { return value << bits | value >> (32 - bits); }
+
+} // namespace
+
+u32 HeaderChecksum(const u8 *data, ureg byteCount)
+{
+    static constexpr u32 kMixBits[] = {4, 6, 8, 16, 19, 4};
+    static constexpr u32 kFinalBits[] = {14, 11, 25, 16, 4, 14, 24};
+    u32 state[3]; // a, b and c
+    state[0] = state[1] = state[2] = 0xDEADBEEF + u32(byteCount);
+    if (byteCount == 0)
+        return state[2];
+    for (;;)
+    {
+        u32 words[3] = {};
+        const ureg blockBytes = TZMin(byteCount, sizeof(words));
+        std::memcpy(words, data, blockBytes);
+        for (u32 i = 0; i < 3; ++i)
+            state[i] += words[i];
+        data += blockBytes;
+        byteCount -= blockBytes;
+        if (byteCount == 0)
+            break;
+        for (u32 i = 0; i < 6; ++i)
+        {
+            u32 &x = state[i % 3], &y = state[(i + 1) % 3], &z = state[(i + 2) % 3];
+            x = (x - z) ^ Rotate(z, kMixBits[i]);
+            z += y;
+        }
+    }
+    for (u32 i = 0; i < 7; ++i)
+    {
+        u32 &x = state[(i + 2) % 3];
+        const u32 y = state[(i + 1) % 3];
+        x = (x ^ y) - Rotate(y, kFinalBits[i]);
+    }
+    return state[2];
+}
+
 } // namespace Snapshot
 } // namespace Tessaly

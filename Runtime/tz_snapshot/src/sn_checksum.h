@@ -1,4 +1,4 @@
-// The checksum of a chunk.
+// HDF5's checksums: of chunks, and of headers.
 #pragma once
 
 #include <tz_defs.h>
@@ -10,6 +10,9 @@ namespace Snapshot
 
 // Fletcher-32 as HDF5's filter computes it. O(bytes).
 u32 Fletcher32(const u8 *data, ureg byteCount);
+
+// Jenkins' lookup3, as HDF5 computes it of its headers. O(bytes).
+u32 HeaderChecksum(const u8 *data, ureg byteCount);
 
 } // namespace Snapshot
 } // namespace Tessaly

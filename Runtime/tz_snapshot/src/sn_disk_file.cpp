@@ -50,7 +50,7 @@ herr_t DriverClose(H5FD_t *file)
 herr_t DriverQuery(const H5FD_t *, unsigned long *features)
 {
     if (features != null)
-        *features = H5FD_FEAT_AGGREGATE_METADATA | H5FD_FEAT_ACCUMULATE_METADATA;
+        *features = 0; // no gaps between the headers
     return 0;
 }
 
@@ -67,9 +67,12 @@ haddr_t DriverGetEof(const H5FD_t *file, H5FD_mem_t)
     return Self(file).m_File != null ? Self(file).m_File->Size() : Self(file).m_EndOfAllocated;
 }
 
-herr_t DriverRead(H5FD_t *file, H5FD_mem_t, hid_t, haddr_t address, size_t size, void *bytes)
+herr_t DriverRead(H5FD_t *file, H5FD_mem_t type, hid_t, haddr_t address, size_t size, void *bytes)
 {
-    return Self(file).m_File != null && Self(file).m_File->Read(address, bytes, size) ? 0 : -1;
+    CDiskFile *disk = Self(file).m_File;
+    if (disk == null)
+        return -1;
+    return disk->Read(address, bytes, size) && (type != H5FD_MEM_OHDR || disk->IsHeaderIntact(address)) ? 0 : -1;
 }
 
 herr_t DriverWrite(H5FD_t *file, H5FD_mem_t, hid_t, haddr_t address, size_t size, const void *bytes)

@@ -37,12 +37,22 @@ public:
     bool Read(u64 offset, void *bytes, ureg byteCount);
     void Write(u64 offset, const void *bytes, ureg byteCount);
     void SetSize(u64 size);
+    // False when an object's header begins there, in a file that is read, and it or what continues it is damaged. HDF5
+    // would notice, too, but not give back what it holds by then.
+    bool IsHeaderIntact(u64 offset);
 
     SHdf5File *m_Hdf5File = null; // while HDF5 has the file open
 
 private:
     static constexpr ureg kBufferBytes = 256 * 1024;
 
+    struct SHeaderChunk // of an object's header: where it is, without its checksum, and where its messages begin in it
+    {
+        u64 m_Offset, m_ByteCount, m_MessagesAt;
+    };
+    static constexpr u32 kMaxHeaderChunks = 32;
+
+    bool _CheckHeaderChunk(const SHeaderChunk &chunk, ureg messageHeadBytes, SHeaderChunk *chunks, u32 &chunkCount);
     bool _ReadFromDisk(u64 offset, u8 *bytes, ureg byteCount);
     void _WriteToDisk(u64 offset, const u8 *bytes, ureg byteCount);
     void _WriteBuffer();

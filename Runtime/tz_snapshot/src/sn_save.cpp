@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -234,13 +235,16 @@ bool CSnapshotWriter::_CreateFile()
     if (!access.IsValid() || !m_File.Take(H5Fcreate("snapshot", H5F_ACC_TRUNC, H5P_DEFAULT, access.Id())))
         return false;
     const u64 particleCount = m_Stream.ParticleCount();
+    bool hasPadding = false;
+    for (const SPart &part : m_Parts.View())
+        hasPadding |= part.m_IsPadding;
     return H5Pset_link_creation_order(group.Id(), H5P_CRT_ORDER_TRACKED | H5P_CRT_ORDER_INDEXED) >= 0 &&
            WriteText(m_File.Id(), "format", kFormat) && WriteNumber(m_File.Id(), "version", kVersion) &&
            WriteAttribute(m_File.Id(), "particles", H5T_STD_U64LE, 1, &particleCount) &&
            WriteNumber(m_File.Id(), "page_size", m_Stream.PageSize()) &&
            WriteNumber(m_File.Id(), "fields", m_Stream.Def().m_StreamDef.Count()) &&
            m_Fields.Take(H5Gcreate2(m_File.Id(), "fields", H5P_DEFAULT, group.Id(), H5P_DEFAULT)) &&
-           m_Padding.Take(H5Gcreate2(m_File.Id(), "padding", H5P_DEFAULT, group.Id(), H5P_DEFAULT));
+           (!hasPadding || m_Padding.Take(H5Gcreate2(m_File.Id(), "padding", H5P_DEFAULT, group.Id(), H5P_DEFAULT)));
 }
 
 bool CSnapshotWriter::_CreateFields()
@@ -381,20 +385,18 @@ bool CSnapshotWriter::_WriteChunk(hid_t dataset, const SPart &part, u32 firstPar
     return H5Dwrite_chunk(dataset, H5P_DEFAULT, mask, offset, writtenBytes + kChecksumBytes, chunk) >= 0;
 }
 
-// Until the disk has the file under its new name.
-bool SyncFolderOf(const char *path, CReason &reason)
+// Until the disk has the file under its new name. The path is cut down to its folder.
+bool SyncFolderOf(char *path, CReason &reason)
 {
-    const char *slash = std::strrchr(path, '/');
-    CBytes folder;
-    const ureg length = slash == null ? 1 : TZMax(ureg(slash - path), ureg(1));
-    if (!folder.Alloc(length + 1, reason))
-        return false;
-    std::memcpy(folder.Data(), slash == null ? "." : path, length);
-    folder.Data()[length] = 0;
-    const int descriptor = ::open(reinterpret_cast<const char *>(folder.Data()), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    char *slash = std::strrchr(path, '/');
+    if (slash == null)
+        std::strcpy(path, ".");
+    else
+        slash[slash == path ? 1 : 0] = 0;
+    const int descriptor = ::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const bool isSynced = descriptor >= 0 && (::fsync(descriptor) == 0 || errno == EINVAL); // no such thing there
     if (!isSynced)
-        reason.Set("%s: %s", reinterpret_cast<const char *>(folder.Data()), std::strerror(errno));
+        reason.Set("%s: %s", path, std::strerror(errno));
     if (descriptor >= 0)
         ::close(descriptor);
     return isSynced;
@@ -408,6 +410,9 @@ bool SaveTo(const CParticleStream_MainMemory &stream, const char *path, const SS
     const ureg length = std::strlen(path);
     if (length == 0)
         return reason.Set("%s", std::strerror(ENOENT));
+    struct stat status = {};
+    if (::stat(path, &status) == 0 && !S_ISREG(status.st_mode))
+        return reason.Set("%s", S_ISDIR(status.st_mode) ? std::strerror(EISDIR) : "not a regular file");
     if (!partPath.Alloc(length + 6, reason) || !frozen.Take(stream, reason))
         return false;
     char *part = reinterpret_cast<char *>(partPath.Data());
@@ -424,7 +429,7 @@ bool SaveTo(const CParticleStream_MainMemory &stream, const char *path, const SS
         ::unlink(part);
         return false;
     }
-    return SyncFolderOf(path, reason);
+    return SyncFolderOf(part, reason);
 }
 
 } // namespace
