@@ -75,5 +75,5 @@ int main()
                 ++found, wrong += particle.Column<u32>(CGuid(0))[0] != handle.m_Slot;
     }
     std::printf("%zu were born, %u are alive, %u faults\n", handles.size(), stream.ParticleCount(), wrong);
-    return wrong != 0; // the particle runtime and the stream go with the process
+    return wrong != 0 || std::fflush(stdout) != 0; // the particle runtime and the stream go with the process
 }

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <malloc.h>
 #include <map>
@@ -58,10 +59,11 @@ private:
         Of(tag).m_Used -= bytes;
     }
 
-    static void *Alloc(u64 size, u32 alignment, Mem::EAllocType type, Mem::EOrigin origin, const char *tag,
-                       const char *file, int line, const char *function)
+    static void *Alloc(u64 size, u32 alignment, Mem::EAllocType, Mem::EOrigin, const char *tag, const char *, int,
+                       const char *)
     {
-        void *block = Mem::DefaultAllocator().m_Alloc(size, alignment, type, origin, tag, file, line, function);
+        const size_t step = TZMax(alignment, 16u);
+        void *block = std::aligned_alloc(step, (size_t(size) + step - 1) / step * step);
         if (block != null && !Take(tag, malloc_usable_size(block)))
         {
             std::free(block);
@@ -80,12 +82,11 @@ private:
         }
         return block;
     }
-    static void Free(void *block, Mem::EAllocType type, Mem::EOrigin origin, const char *tag, const char *file,
-                     int line, const char *function)
+    static void Free(void *block, Mem::EAllocType, Mem::EOrigin, const char *tag, const char *, int, const char *)
     {
         if (block != null)
             Give(tag, malloc_usable_size(block));
-        Mem::DefaultAllocator().m_Free(block, type, origin, tag, file, line, function);
+        std::free(block);
     }
 
     static constexpr Mem::SAllocator kAllocator = {&Alloc, &Realloc, &Free};
@@ -215,5 +216,5 @@ int main()
                 budget.m_Limit, assertions.m_ReportCount, assertions.m_LoggedCount, budget.m_Used);
     const bool isWell = peak > 100000 && peak * 16 < budget.m_Limit && assertions.m_ReportCount == 10 &&
                         assertions.m_LoggedCount == 1 && scopeCount != 0 && budget.m_Used == 0;
-    return isWell ? 0 : 1;
+    return isWell && std::fflush(stdout) == 0 ? 0 : 1;
 }

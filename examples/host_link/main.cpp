@@ -73,5 +73,5 @@ int main()
     Particles::Shutdown();
     std::printf("%u particles, %s the host's memory, of which %llu bytes were taken\n", born.ParticleCount(),
                 isOurs ? "in" : "outside", static_cast<unsigned long long>(g_UsedBytes.load()));
-    return isOurs && born.ParticleCount() == 1000 ? 0 : 1;
+    return isOurs && born.ParticleCount() == 1000 && std::fflush(stdout) == 0 ? 0 : 1;
 }
