@@ -51,6 +51,24 @@ TEST_F(PoisonedSlotsDeathTest, StaleViewIsCaught)
     EXPECT_DEATH(EXPECT_EQ(block[0], 0), "use-after-poison") << "the page is gone, its block waits";
 }
 
+TEST_F(PoisonedSlots, AreOpenUnlessTheHostWantsThem)
+{
+    Particles::SetPoisonFreeSlots(false);
+    CParticlePage &page = m_Stream.AppendPage(11, 7);
+    const auto firstPoisoned = [&]
+    { return __asan_region_is_poisoned(page.Stream(CGuid(0)).m_RawDataPtr, page.RawPage()->Size()); };
+    EXPECT_EQ(firstPoisoned(), nullptr);
+    EXPECT_EQ(page.Stream(CGuid(0)).m_RawDataPtr[12 * 9], kFreshParticleByte);
+    Particles::SetPoisonFreeSlots(true);
+    EXPECT_EQ(firstPoisoned(), nullptr) << "from the next change of the count on";
+    page.AllocateParticles(1);
+    ExpectOpenRows(page, 8);
+    Particles::SetPoisonFreeSlots(false);
+    page.AllocateParticles(1);
+    EXPECT_EQ(firstPoisoned(), nullptr);
+    m_Stream.RegisterBornCount(2);
+}
+
 TEST_F(PoisonedSlots, FollowFieldsThatWereSwapped)
 {
     CParticlePage &page = m_Stream.AppendPage(11, 7);
