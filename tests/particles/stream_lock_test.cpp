@@ -53,6 +53,36 @@ TEST_F(StreamLock, KeepsOtherThreadsOutUntilTheLastUnlock)
     EXPECT_TRUE(hasEntered);
 }
 
+TEST_F(StreamLock, RenderThreadThatWaitsGoesBeforeALockThatIsTakenAgain)
+{
+    constexpr u32 kAttempts = 10;
+    u32 firstCount = 0;
+    for (u32 i = 0; i < kAttempts; ++i)
+    {
+        std::atomic<bool> isAboutToWait{false}, hasEntered{false};
+        m_Stream.LockPages();
+        std::thread renderer(
+            [&]
+            {
+                isAboutToWait = true;
+                m_Stream.LockPagesToRender();
+                hasEntered = true;
+                m_Stream.UnlockPagesToRender();
+            });
+        while (!isAboutToWait)
+            std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        m_Stream.LockPages(); // who holds it does not wait for the render thread
+        m_Stream.UnlockPages();
+        m_Stream.UnlockPages();
+        m_Stream.LockPages();
+        firstCount += hasEntered ? 1 : 0;
+        m_Stream.UnlockPages();
+        renderer.join();
+    }
+    EXPECT_GE(firstCount, kAttempts - 2); // the system may take longer to start a thread
+}
+
 TEST_F(StreamLock, UnlockByAnyoneButTheOwnerIsReportedAndNothingElse)
 {
     EXPECT_EQ(Unlocks([this] { m_Stream.UnlockPages(); }), 0u);

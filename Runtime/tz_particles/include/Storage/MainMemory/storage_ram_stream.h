@@ -12,6 +12,8 @@
 // its conversion of fields: storage_ram_convert.cpp), ..._collect (emptied pages), ..._stats.
 #pragma once
 
+#include <mutex>
+
 #include <tz_kernel/include/kr_threads_basics.h>
 #include <tz_particles/include/ps_descriptor.h>
 #include <tz_particles/include/ps_stream.h>
@@ -56,13 +58,17 @@ public:
     bool Empty() const { return ParticleCount() == 0; } // no live particle, whatever pages there are; takes no lock
 
     // The page lock: re-entrant, counted; every lock is matched by one unlock on the same thread, of either kind.
-    // The render variants are the same lock; UnlockPages and LockPagesToRender open a profiler scope. An unlock
-    // without a lock, or by another thread, is reported and changes nothing.
+    // The render variants are the same lock; UnlockPages and LockPagesToRender open a profiler scope. A thread that
+    // waits in LockPagesToRender has the lock before any thread that asks for it later by LockPages. An unlock without
+    // a lock, or by another thread, is reported and changes nothing.
     inline void LockPages() const;
     inline void UnlockPages() const;
     void LockPagesToRender() const;
     void UnlockPagesToRender() const;
     inline bool LockedByCurrentThread() const; // the calling thread holds the page lock
+    // Lets a thread that waits in LockPagesToRender have the lock first, unless the caller holds it more than once.
+    // Expects the lock. Returns whether one waited: then the stream may have been changed.
+    bool _YieldToRenderer_NoLock() const;
 
     // Capacity, in particles, of the pages made from now on; lowered to a power of two when a page would exceed the
     // page allocator's largest block; 0 gives the default. Moves nothing: pages of another capacity become pending
@@ -199,6 +205,9 @@ private:
     u8 *_ConstantBlock(CGuid cstId) const;   // requires cstId < m_ConstantData.Count()
     SMediumMemoryReport _ComputeMemoryUsage() const;
     inline u32 _EnterLock() const;
+    u32 _EnterLockToRender() const;
+    TZ_NOINLINE void _WaitBehindRenderer() const;
+    inline u32 _CountLock() const;
     inline bool _LeaveLock() const;
     inline u32 _SumOfPages() const;
     inline PParticlePage _FindPageWithRoom_NoLock(u32 minCount) const;
@@ -221,6 +230,8 @@ private:
     TAtomic<u32> m_ParticleCount;
     mutable u32 m_PagesLocked; // nesting depth of the page lock; written by its holder
     mutable CGuid m_ThreadOwningLock;
+    mutable bool m_IsRendererWaiting = false;
+    mutable std::mutex m_RendererTurn;  // held by the thread that waits in LockPagesToRender
     mutable CPageListIndex m_PageIndex; // follows m_Pages; see _PageIndex_NoLock
 };
 

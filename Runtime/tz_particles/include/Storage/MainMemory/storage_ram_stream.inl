@@ -19,7 +19,14 @@ inline const PParticlePage &CParticleStream_MainMemory::Page(CGuid pageId) const
 // Returns the depth that the lock has now.
 inline u32 CParticleStream_MainMemory::_EnterLock() const
 {
+    if (TZ_UNLIKELY(Threads::LoadShared(m_IsRendererWaiting)))
+        _WaitBehindRenderer();
     m_PagesProtectCS.Lock();
+    return _CountLock();
+}
+
+inline u32 CParticleStream_MainMemory::_CountLock() const
+{
     const u32 depth = m_PagesLocked + 1;
     Threads::StoreShared(m_PagesLocked, depth);
     if (depth == 1)

@@ -98,7 +98,7 @@ void CParticleStream_MainMemory::Swap(CParticleStream_MainMemory &other)
 void CParticleStream_MainMemory::LockPagesToRender() const
 {
     TZ_PROFILE_SCOPE("CParticleStream_MainMemory::LockPagesToRender");
-    if (_EnterLock() != 1)
+    if (_EnterLockToRender() != 1)
         TZ_ASSERT(m_ThreadOwningLock == CCurrentThread::ThreadID());
 }
 
@@ -109,6 +109,34 @@ void CParticleStream_MainMemory::UnlockPagesToRender() const
     TZ_ASSERT_TEXT("m_PagesLocked != 0", Threads::LoadShared(m_PagesLocked) != 0);
     TZ_ASSERT_TEXT("m_ThreadOwningLock == CCurrentThread::ThreadID()",
                    Threads::LoadShared(m_ThreadOwningLock) == CCurrentThread::ThreadID());
+}
+
+// A mutex is not fair: a thread that unlocks it and locks it at once again has it before a waiting one has woken up.
+// So the render thread holds a second one while it waits, and who comes after it waits for that one first.
+u32 CParticleStream_MainMemory::_EnterLockToRender() const
+{
+    if (LockedByCurrentThread())
+        return _EnterLock();
+    const std::lock_guard<std::mutex> turn(m_RendererTurn);
+    Threads::StoreShared(m_IsRendererWaiting, true);
+    m_PagesProtectCS.Lock();
+    Threads::StoreShared(m_IsRendererWaiting, false);
+    return _CountLock();
+}
+
+void CParticleStream_MainMemory::_WaitBehindRenderer() const
+{
+    if (!LockedByCurrentThread())
+        const std::lock_guard<std::mutex> turn(m_RendererTurn);
+}
+
+bool CParticleStream_MainMemory::_YieldToRenderer_NoLock() const
+{
+    if (!Threads::LoadShared(m_IsRendererWaiting))
+        return false;
+    UnlockPages();
+    LockPages();
+    return true;
 }
 
 CGuid CParticleStream_MainMemory::StreamId(CStringId nameGUID) const
