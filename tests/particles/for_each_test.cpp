@@ -1,7 +1,9 @@
 // Going over particles: every one once, by pages and by values, with removal, on threads; and what stops it.
 
 #include <algorithm>
+#include <atomic>
 #include <map>
+#include <optional>
 #include <set>
 #include <thread>
 
@@ -46,6 +48,44 @@ protected:
 };
 
 using RemoveIf = ForEach;
+
+TEST_F(ForEach, LetsARenderThreadInBetweenTwoPagesUnlessTheLockIsHeldAround)
+{
+    for (const bool isHeldAround : {false, true})
+    {
+        std::atomic<bool> isAboutToWait{false};
+        std::atomic<u32> visitedCount{0};
+        u32 seenCount = 0;
+        std::thread renderer;
+        {
+            std::optional<CScopedPagesLock> around;
+            if (isHeldAround)
+                around.emplace(m_Stream);
+            const auto visit = [&](float)
+            {
+                if (visitedCount == 0)
+                {
+                    renderer = std::thread(
+                        [&]
+                        {
+                            isAboutToWait = true;
+                            m_Stream.LockPagesToRender();
+                            seenCount = visitedCount;
+                            m_Stream.UnlockPagesToRender();
+                        });
+                    while (!isAboutToWait)
+                        std::this_thread::yield();
+                    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                }
+                ++visitedCount;
+            };
+            Particles::ForEach<const float>(m_Stream, m_Life, visit);
+        }
+        renderer.join();
+        EXPECT_EQ(visitedCount, kCount);
+        EXPECT_EQ(seenCount, isHeldAround ? kCount : 7u);
+    }
+}
 
 TEST_F(ForEach, VisitsEachParticleOnce)
 {

@@ -4,7 +4,9 @@
 //   ForEach<CFloat3, const CFloat3>(stream, position, velocity, [](CFloat3 &p, const CFloat3 &v) { ... });
 //   RemoveIf<const float>(stream, age, [](float seconds) { return seconds > 2.0f; });
 //
-// All of it happens under the page lock, which is taken once. Pages without particles are left out; on a stream without
+// All of it happens under the page lock. Between two pages it is let go when a thread waits in LockPagesToRender: who
+// wants a render thread to see all of it or nothing, or has other threads change the stream, holds the lock around the
+// call. Pages without particles are left out; on a stream without
 // particles, bound or not, nothing is called and nothing reported. The functions are the caller's, taken by value as
 // the standard library's algorithms do. They may write values, but not change the stream: whoever allocates, removes,
 // collects, resizes, rebinds, clears or swaps in there is reported when the page is done, and that is the last one.
@@ -33,7 +35,7 @@ namespace Particles
 {
 
 // Calls fn(const CParticlePageView &) with a view on each whole page, in the order of the list.
-// Lock: takes it, and holds it while fn runs.
+// Lock: takes it, and holds it while fn runs; render threads come in between two pages.
 template <typename _Fn>
 void ForEachPage(const CParticleStream_MainMemory &stream, _Fn fn);
 
@@ -43,7 +45,7 @@ void ForEachPage(const CParticleStream_MainMemory &stream, _Fn fn);
 // pointers.
 // Fails: a field that is not there, a type that is larger than the value or misaligned, a type that is not const on a
 // constant field or while a page has readers: the first of them is reported, and fn is not called at all.
-// Lock: takes it, and holds it while fn runs.
+// Lock: takes it, and holds it while fn runs; render threads come in between two pages.
 template <typename... _Types, typename _Fn>
 void ForEach(CParticleStream_MainMemory &stream, typename Internal::TFieldId<_Types>::Type... fieldIds, _Fn fn);
 // The same for a stream that is only read: all types are const.
@@ -54,7 +56,7 @@ void ForEach(const CParticleStream_MainMemory &stream, typename Internal::TField
 // particles fill the holes. Asks for no memory.
 // Returns how many went.
 // Fails: as ForEach, also where const types find a page with readers; then nothing is removed and 0 returned.
-// Lock: takes it, and holds it while predicate runs.
+// Lock: takes it, and holds it while predicate runs; render threads come in between two pages.
 // Invalidates views on the pages; emptied pages stay in the list.
 template <typename... _Types, typename _Predicate>
 u32 RemoveIf(CParticleStream_MainMemory &stream, typename Internal::TFieldId<_Types>::Type... fieldIds,

@@ -93,6 +93,11 @@ bool CPageWalk::Next()
 {
     if (!IsIntact())
         return false;
+    if (m_Stream._YieldToRenderer_NoLock())
+    {
+        m_PageCount = m_Stream.PageCount();
+        m_StreamParticleCount = m_Stream.ParticleCount();
+    }
     for (++m_PageId; m_PageId < m_PageCount; ++m_PageId)
     {
         const PParticlePage &page = m_Stream._UnsafePage(m_PageId);
@@ -128,6 +133,7 @@ CPageTasks::CPageTasks(const CParticleStream_MainMemory &stream)
 {
     if (!m_Pages.Reserve(m_PageCount))
         return;
+    const CScopedPagesLock lock(stream); // held twice: no render thread comes in between
     for (CPageWalk walk(stream); walk.Next();)
         m_Pages.PushBackUnsafe(CParticlePageView(walk.Page()));
 }
@@ -141,6 +147,7 @@ const CParticlePageView *CPageTasks::Find(u32 index) const
 
 void CPageTasks::CheckIntact() const
 {
+    const CScopedPagesLock lock(m_Stream); // as above
     u32 index = 0;
     bool isIntact = m_Stream.PageCount() == m_PageCount;
     for (CPageWalk walk(m_Stream); walk.Next(); ++index)

@@ -54,7 +54,10 @@ namespace Particles
 
 bool Startup() { return CParticlesInternals::Startup(); }
 void Shutdown() { CParticlesInternals::Shutdown(); }
-CParticlePageAllocator *PageAllocator() { return __atomic_load_n(&CParticlesInternals::m_PageAllocator, __ATOMIC_ACQUIRE); }
+CParticlePageAllocator *PageAllocator()
+{
+    return __atomic_load_n(&CParticlesInternals::m_PageAllocator, __ATOMIC_ACQUIRE);
+}
 
 } // namespace Particles
 } // namespace Tessaly
