@@ -13,6 +13,7 @@
 
 #include "block_peers.h"
 #include "child.h"
+#include "frames.h"
 
 namespace Bench
 {
@@ -43,6 +44,7 @@ struct SOptions
     std::regex m_Filter;
     std::string m_JsonPath;
     std::string m_MarkdownPath;
+    std::string m_FramesPath;
 };
 
 SOptions g_Options;
@@ -134,6 +136,9 @@ void ReadOptions(int argc, char **argv)
     app.add_option("--json", g_Options.m_JsonPath, "write the same there as JSON")->type_name("FILE");
     app.add_option("--markdown", g_Options.m_MarkdownPath, "write the same there as a text: machine, date, table")
         ->type_name("FILE");
+    app.add_option("--frames", g_Options.m_FramesPath,
+                   "frames beside a render thread, instead of the table; drawn there as a PNG")
+        ->type_name("FILE");
     try
     {
         app.parse(argc, argv);
@@ -196,8 +201,29 @@ bool WriteResults()
            isJsonWritten;
 }
 
+int RunFrames()
+{
+    const unsigned runCount = TZMax(1u, g_Options.m_RoundCount / 5);
+    std::printf("%s; %u runs\n\n", MachineAndDate().c_str(), runCount);
+    const std::vector<SFrameSide> sides = MeasureFrames(runCount);
+    PrintFrames(stdout, sides);
+    const bool isDrawn = DrawFrames(g_Options.m_FramesPath, sides);
+    if (!isDrawn)
+        std::fprintf(stderr, "tessaly_bench: %s can not be written\n", g_Options.m_FramesPath.c_str());
+    const auto print = [&](std::FILE *file)
+    {
+        std::fprintf(file, "%s; %u runs.\n\n", MachineAndDate().c_str(), runCount);
+        PrintFrames(file, sides);
+    };
+    if (!IsWritten(stdout))
+        std::fprintf(stderr, "tessaly_bench: the output can not be written\n");
+    return WriteFile(g_Options.m_MarkdownPath, print) && isDrawn && IsWritten(stdout) ? 0 : 1;
+}
+
 int Run()
 {
+    if (!g_Options.m_FramesPath.empty())
+        return RunFrames();
     std::printf("%s; medians over %u rounds\n\n", MachineAndDate().c_str(), g_Options.m_RoundCount);
     PrintTableHead(stdout);
     g_Options.m_AddRows();

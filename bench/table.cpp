@@ -13,12 +13,6 @@ namespace Bench
 namespace
 {
 
-double Quantile(std::vector<double> values, double part)
-{
-    std::sort(values.begin(), values.end());
-    return values[size_t(part * double(values.size() - 1) + 0.5)];
-}
-
 std::string Decimals(double value, int decimals)
 {
     char text[32];
@@ -103,6 +97,12 @@ std::string Verdict(const SRowResult &result)
 }
 
 } // namespace
+
+double Quantile(std::vector<double> values, double part)
+{
+    std::sort(values.begin(), values.end());
+    return values[size_t(part * double(values.size() - 1) + 0.5)];
+}
 
 double SRowResult::Figure(size_t side) const { return Quantile(m_Values[side], 0.5) / m_Row.m_ItemCount; }
 

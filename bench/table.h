@@ -33,6 +33,9 @@ struct SRowResult
     std::vector<SComparison> Judged() const; // those that have a target
 };
 
+// The value that so large a part of all values lies below: 0.5 gives the median.
+double Quantile(std::vector<double> values, double part);
+
 void PrintTableHead(std::FILE *file);
 void PrintTableLine(std::FILE *file, const SRowResult &result);
 void PrintJson(std::FILE *file, const std::vector<SRowResult> &results);
