@@ -6,35 +6,31 @@ namespace Wind
 {
 namespace
 {
-enum EName : u32
-{
-    Name_Position = 1,
-    Name_PreviousPosition,
-    Name_Speed,
-    Name_Age,
-    Name_Lifetime,
-    Name_Brightness,
-    Name_Travelled,
-    Name_Tint,
-    Name_Fade
-};
+constexpr char kNamePosition[] = "position";
+constexpr char kNamePreviousPosition[] = "previous position";
+constexpr char kNameSpeed[] = "speed";
+constexpr char kNameAge[] = "age";
+constexpr char kNameLifetime[] = "lifetime";
+constexpr char kNameBrightness[] = "brightness";
+constexpr char kNameTravelled[] = "travelled";
+constexpr char kNameTint[] = "tint";
+constexpr char kNameFade[] = "fade";
 
 const CFloat2 kFade = {0.15f, 0.35f};
-
-CGuid FindField(const CParticleStream_MainMemory &stream, EName name) { return stream.StreamId(CStringId(name)); }
 } // namespace
 
-void CLayout::AddField(CStringId name, EBaseTypeID type)
+void CLayout::AddField(const char *name, EBaseTypeID type)
 {
-    m_Definition.m_StreamDef.PushBack(SParticleStreamFieldDef(name, type, CBaseTypeTraits::Traits(type).Size));
+    m_Definition.m_StreamDef.PushBack(
+        SParticleStreamFieldDef(CStringId::Register(name), type, CBaseTypeTraits::Traits(type).Size));
     m_ConstantSlots.push_back(CGuid::INVALID);
 }
 
-void CLayout::AddConstant(CStringId name, EBaseTypeID type, const void *value)
+void CLayout::AddConstant(const char *name, EBaseTypeID type, const void *value)
 {
     S64Bytes block = {};
     std::memcpy(block.m_Data, value, CBaseTypeTraits::Traits(type).Size);
-    m_Definition.m_StreamDef.PushBack(SParticleStreamFieldDef(name, type, 0));
+    m_Definition.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId::Register(name), type, 0));
     m_ConstantSlots.push_back(CGuid(u32(m_Constants.size())));
     m_Constants.push_back(block);
 }
@@ -48,40 +44,40 @@ void CLayout::BindTo(CParticleStream_MainMemory &stream) const
 
 void MakeFirstLayout(CLayout &outLayout)
 {
-    outLayout.AddField(CStringId(Name_Position), BaseType_Float2);
-    outLayout.AddField(CStringId(Name_PreviousPosition), BaseType_Float2);
-    outLayout.AddField(CStringId(Name_Age), BaseType_Float);
-    outLayout.AddField(CStringId(Name_Lifetime), BaseType_Float);
-    outLayout.AddField(CStringId(Name_Speed), BaseType_Float);
-    outLayout.AddField(CStringId(Name_Brightness), BaseType_Float);
-    outLayout.AddField(CStringId(Name_Tint), BaseType_Float3);
-    outLayout.AddConstant(CStringId(Name_Fade), BaseType_Float2, &kFade);
+    outLayout.AddField(kNamePosition, BaseType_Float2);
+    outLayout.AddField(kNamePreviousPosition, BaseType_Float2);
+    outLayout.AddField(kNameAge, BaseType_Float);
+    outLayout.AddField(kNameLifetime, BaseType_Float);
+    outLayout.AddField(kNameSpeed, BaseType_Float);
+    outLayout.AddField(kNameBrightness, BaseType_Float);
+    outLayout.AddField(kNameTint, BaseType_Float3);
+    outLayout.AddConstant(kNameFade, BaseType_Float2, &kFade);
 }
 
 void MakeEditedLayout(CLayout &outLayout, const CFloat3 &tint)
 {
-    outLayout.AddField(CStringId(Name_Age), BaseType_I32);
-    outLayout.AddField(CStringId(Name_Lifetime), BaseType_Float);
-    outLayout.AddConstant(CStringId(Name_Fade), BaseType_Float2, &kFade);
-    outLayout.AddField(CStringId(Name_Position), BaseType_Float3);
-    outLayout.AddField(CStringId(Name_PreviousPosition), BaseType_Float2);
-    outLayout.AddConstant(CStringId(Name_Tint), BaseType_Float3, &tint);
-    outLayout.AddField(CStringId(Name_Travelled), BaseType_Float);
-    outLayout.AddField(CStringId(Name_Brightness), BaseType_Float);
+    outLayout.AddField(kNameAge, BaseType_I32);
+    outLayout.AddField(kNameLifetime, BaseType_Float);
+    outLayout.AddConstant(kNameFade, BaseType_Float2, &kFade);
+    outLayout.AddField(kNamePosition, BaseType_Float3);
+    outLayout.AddField(kNamePreviousPosition, BaseType_Float2);
+    outLayout.AddConstant(kNameTint, BaseType_Float3, &tint);
+    outLayout.AddField(kNameTravelled, BaseType_Float);
+    outLayout.AddField(kNameBrightness, BaseType_Float);
 }
 
 SFields FindFields(const CParticleStream_MainMemory &stream)
 {
     SFields fields;
-    fields.m_Position = FindField(stream, Name_Position);
-    fields.m_PreviousPosition = FindField(stream, Name_PreviousPosition);
-    fields.m_Speed = FindField(stream, Name_Speed);
-    fields.m_Age = FindField(stream, Name_Age);
-    fields.m_Lifetime = FindField(stream, Name_Lifetime);
-    fields.m_Brightness = FindField(stream, Name_Brightness);
-    fields.m_Travelled = FindField(stream, Name_Travelled);
-    fields.m_Tint = FindField(stream, Name_Tint);
-    fields.m_Fade = FindField(stream, Name_Fade);
+    fields.m_Position = stream.StreamId(CStringId(kNamePosition));
+    fields.m_PreviousPosition = stream.StreamId(CStringId(kNamePreviousPosition));
+    fields.m_Speed = stream.StreamId(CStringId(kNameSpeed));
+    fields.m_Age = stream.StreamId(CStringId(kNameAge));
+    fields.m_Lifetime = stream.StreamId(CStringId(kNameLifetime));
+    fields.m_Brightness = stream.StreamId(CStringId(kNameBrightness));
+    fields.m_Travelled = stream.StreamId(CStringId(kNameTravelled));
+    fields.m_Tint = stream.StreamId(CStringId(kNameTint));
+    fields.m_Fade = stream.StreamId(CStringId(kNameFade));
     fields.m_AgeIsInteger = !CBaseTypeTraits::Traits(stream.StreamDef(fields.m_Age).m_Type).IsFp;
     fields.m_TintIsStored = stream.StreamDef(fields.m_Tint).m_StorageSize != 0;
     return fields;

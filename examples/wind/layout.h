@@ -16,8 +16,8 @@ using namespace Tessaly;
 class CLayout
 {
 public:
-    void AddField(CStringId name, EBaseTypeID type);
-    void AddConstant(CStringId name, EBaseTypeID type, const void *value);
+    void AddField(const char *name, EBaseTypeID type);
+    void AddConstant(const char *name, EBaseTypeID type, const void *value);
 
     void BindTo(CParticleStream_MainMemory &stream) const;
 

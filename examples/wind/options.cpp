@@ -36,6 +36,12 @@ EParse ParseOptions(int argc, const char *const *argv, SOptions &outOptions, std
     app.add_option("--trace", outOptions.m_TraceFile, "write the profiler scopes there, as trace-event JSON")
         ->check(ProblemIfEmpty)
         ->type_name("FILE");
+    app.add_option("--snapshot", outOptions.m_SnapshotFile, "keep the last state there, as HDF5")
+        ->check(ProblemIfEmpty)
+        ->type_name("FILE");
+    app.add_option("--from", outOptions.m_FromFile, "go on from a state that was kept")
+        ->check(ProblemIfEmpty)
+        ->type_name("FILE");
     try
     {
         app.parse(argc, argv);

@@ -15,6 +15,8 @@ struct SOptions
     std::string m_Source; // where it comes from, for the picture
     std::string m_OutputFolder = "out";
     std::string m_TraceFile;      // empty: no trace
+    std::string m_SnapshotFile;   // empty: the last state is not kept
+    std::string m_FromFile;       // empty: the run starts without particles
     u32 m_ParticleCount = 200000; // alive when the wind blows at its fullest
     u32 m_FrameCount = 240;
     u32 m_PageSize = 1024; // in particles

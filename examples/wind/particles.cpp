@@ -3,6 +3,10 @@
 #include "drawing.h"
 #include "motion.h"
 
+#ifdef WIND_HAS_SNAPSHOTS
+#    include <tz_snapshot/include/sn_snapshot.h>
+#endif
+
 #include <algorithm>
 #include <cmath>
 
@@ -32,6 +36,9 @@ CFloat2 RandomPlace(CRandom &random)
     const float longitude = 360.0f * random.Unit() - 180.0f;
     return {longitude, std::asin(2.0f * random.Unit() - 1.0f) * kDegreesPerRadian};
 }
+
+// Not so of NaN.
+bool IsOnGlobe(const CFloat2 &place) { return std::abs(place.m_X) <= 360.0f && std::abs(place.m_Y) <= 90.0f; }
 
 // Calls `work` with a view on each page that holds particles, a page at a time. The caller holds the page lock.
 template <typename _Work>
@@ -103,6 +110,43 @@ void CWindParticles::CopyInto(CWindParticles &outCopy)
     outCopy.m_DeathCount = m_DeathCount;
     m_Clock.AddHandled(Phase_Copying, outCopy.m_Stream.ParticleCount());
 }
+
+#ifdef WIND_HAS_SNAPSHOTS
+bool CWindParticles::Save(const std::string &path, std::string &outError) const
+{
+    return Snapshot::Save(m_Stream, path.c_str()) || (outError = path + " cannot be written", false);
+}
+
+bool CWindParticles::Load(const std::string &path, std::string &outError)
+{
+    Snapshot::SLoadedDefinition definition; // the stream keeps its own
+    if (!Snapshot::Load(path.c_str(), definition, m_Stream))
+        return outError = path + " cannot be loaded", false;
+    m_BirthCount += m_Stream.ParticleCount();
+    const SFields fields = FindFields(m_Stream);
+    const CScopedPagesLock lock(m_Stream);
+    ForEachPage(m_Stream,
+                [&](const CParticlePageView &page)
+                {
+                    for (const CGuid field : {fields.m_Position, fields.m_PreviousPosition})
+                    {
+                        for (CFloat2 &place : page.ColumnForWriting<CFloat2>(field))
+                            place = IsOnGlobe(place) ? place : CFloat2(0.0f, 0.0f);
+                    }
+                });
+    return true;
+}
+#else
+bool CWindParticles::Save(const std::string &path, std::string &outError) const
+{
+    return outError = path + " cannot be written: built without HDF5", false;
+}
+
+bool CWindParticles::Load(const std::string &path, std::string &outError)
+{
+    return outError = path + " cannot be loaded: built without HDF5", false;
+}
+#endif
 
 void CWindParticles::_Bear(const SFields &fields, u32 count)
 {

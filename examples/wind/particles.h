@@ -29,6 +29,11 @@ public:
     void EditLayout(const CLayout &layout);
     void CopyInto(CWindParticles &outCopy); // what it held before is gone; it goes on with its own seed
 
+    // Keeps the particles in a file, and replaces them by those of one, whatever layout they had. False: `outError`
+    // names the file, and nothing changed.
+    bool Save(const std::string &path, std::string &outError) const;
+    bool Load(const std::string &path, std::string &outError);
+
     const CParticleStream_MainMemory &Stream() const { return m_Stream; }
     const CPageDiary &Diary() const { return m_Diary; }
     const CPhaseClock &Clock() const { return m_Clock; }

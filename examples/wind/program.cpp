@@ -84,7 +84,8 @@ bool MakeFolder(const std::filesystem::path &folder, std::string &outError)
 bool MakeFolders(const SOptions &options, std::string &outError)
 {
     return MakeFolder(options.m_OutputFolder, outError) &&
-           MakeFolder(std::filesystem::path(options.m_TraceFile).parent_path(), outError);
+           MakeFolder(std::filesystem::path(options.m_TraceFile).parent_path(), outError) &&
+           MakeFolder(std::filesystem::path(options.m_SnapshotFile).parent_path(), outError);
 }
 
 void PlayFrames(CWindRun &run, u32 frameCount, std::FILE *out)
@@ -105,22 +106,27 @@ bool WriteTrace(const Profiler::CTraceSink &trace, const std::string &path, std:
     return file.Commit(outError);
 }
 
-bool PlayAndWrite(const SOptions &options, const CWindField &field, std::FILE *out, std::vector<std::string> &outPaths,
-                  std::string &outError)
+EExit PlayAndWrite(const SOptions &options, const CWindField &field, std::FILE *out, std::vector<std::string> &outPaths,
+                   std::string &outError)
 {
     const bool isTraced = !options.m_TraceFile.empty();
     Profiler::CTraceSink trace(isTraced ? Profiler::CTraceSink::kDefaultMaxScopes : 0);
     CWindRun run(options, field);
+    if (!options.m_FromFile.empty() && !run.GoOnFrom(options.m_FromFile, outError))
+        return Exit_BadInput;
     if (isTraced)
         Profiler::CProfiler::SetSink(&trace);
     PlayFrames(run, options.m_FrameCount, out);
     Profiler::CProfiler::SetSink(nullptr);
     PrintTable(out, run);
-    if (!run.WritePictures(outPaths, outError))
-        return false;
+    if (!run.WritePictures(outPaths, outError) || (isTraced && !WriteTrace(trace, options.m_TraceFile, outError)))
+        return Exit_Failure;
     if (isTraced)
         outPaths.push_back(options.m_TraceFile);
-    return !isTraced || WriteTrace(trace, options.m_TraceFile, outError);
+    if (options.m_SnapshotFile.empty())
+        return Exit_Success;
+    outPaths.push_back(options.m_SnapshotFile);
+    return run.Particles().Save(options.m_SnapshotFile, outError) ? Exit_Success : Exit_Failure;
 }
 
 int Play(const SOptions &options, const CWindField &field, std::FILE *out, std::FILE *err)
@@ -131,8 +137,8 @@ int Play(const SOptions &options, const CWindField &field, std::FILE *out, std::
     std::string problem;
     if (!runtime.IsUp())
         return Fail(err, Exit_Failure, "the particle runtime cannot be started");
-    if (!PlayAndWrite(options, field, out, paths, problem))
-        return Fail(err, Exit_Failure, problem);
+    if (const EExit status = PlayAndWrite(options, field, out, paths, problem))
+        return Fail(err, status, problem);
     std::fprintf(out, "%-12s %u\n", "assertions", reports.Count());
     for (const std::string &path : paths)
         std::fprintf(out, "%-12s %s\n", "written", path.c_str());

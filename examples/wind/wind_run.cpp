@@ -105,7 +105,8 @@ void CWindRun::_Edit(u32 frame)
 // The wind comes in gusts: in a lull fewer are born than die, and pages drain.
 u32 CWindRun::_WishedCount(u32 frame) const
 {
-    const float start = std::min(1.0f, float(frame + 1) / float(kFramesToFill));
+    const bool isFilled = !m_Options.m_FromFile.empty();
+    const float start = isFilled ? 1.0f : std::min(1.0f, float(frame + 1) / float(kFramesToFill));
     const float toEnd = float(m_Options.m_FrameCount - 1 - frame); // the run ends with a gust
     const float lull = kGustDepth * (1.0f - std::cos(toEnd / kGustPeriod * 6.2831853f));
     return u32(std::ceil(float(m_Options.m_ParticleCount) * start * (1.0f - lull)));

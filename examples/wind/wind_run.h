@@ -17,6 +17,8 @@ class CWindRun
 public:
     CWindRun(const SOptions &options, const CWindField &field);
 
+    // Before the first frame: goes on from a state that was kept.
+    bool GoOnFrom(const std::string &path, std::string &outError) { return m_Particles->Load(path, outError); }
     void PlayFrame(u32 frame);
 
     const CWindParticles &Particles() const { return *m_Particles; }

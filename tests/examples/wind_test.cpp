@@ -358,6 +358,32 @@ TEST_F(WindProgram, OutputThatIsRefusedGivesOneLineAndStatus1)
     EXPECT_EQ(result.m_Err, "wind: " + out + "/pages.png cannot be written\n");
 }
 
+#ifdef WIND_HAS_SNAPSHOTS
+TEST_F(WindProgram, GoesOnFromWhatItKept)
+{
+    const std::string file = Path("kept/last.h5");
+    const std::vector<std::string> common = {"--frames", "40",    "--particles", "3000",
+                                             "--size",   "16x16", "--out",       Path("out")};
+    std::vector<std::string> arguments = common;
+    arguments.insert(arguments.end(), {"--snapshot", file});
+    SResult result = Run(arguments);
+    ASSERT_EQ(result.m_Status, 0) << result.m_Err;
+    EXPECT_NE(result.m_Out.find("written      " + file), std::string::npos);
+    arguments = common;
+    arguments[1] = "1";
+    arguments[3] = "100"; // nothing is born to the many that were kept
+    arguments.insert(arguments.end(), {"--from", file});
+    result = Run(arguments);
+    EXPECT_EQ(result.m_Status, 0) << result.m_Err;
+    EXPECT_EQ(result.m_Out.find("= 100 alive"), std::string::npos) << result.m_Out;
+
+    std::ofstream(file) << "no snapshot";
+    result = Run(arguments);
+    EXPECT_EQ(result.m_Status, 2);
+    EXPECT_NE(result.m_Err.find("not an HDF5 file\nwind: " + file + " cannot be loaded\n"), std::string::npos);
+}
+#endif
+
 TEST_F(WindProgram, OddRunsWork)
 {
     const std::vector<std::string> cases[] = {
