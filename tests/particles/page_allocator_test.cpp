@@ -67,7 +67,6 @@ TEST_F(PageAllocator, BlocksAreRecycled)
     EXPECT_EQ(after.m_BytesInUse, again->Size());
 }
 
-
 TEST_F(PageAllocator, BlocksAreHandedOutWithoutTheirRawPages)
 {
     u32 leastSize = 0;

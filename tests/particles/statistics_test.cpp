@@ -76,7 +76,7 @@ pages 1 (2 out of sync), particles 3 of 12 slots, bytes live 10 free 20 padding 
                               R"("pagesByTenth":[31,32,33,34,35,36,37,38,39,40]})");
     EXPECT_NE(Printed(SParticleStreamStats()).find(" 0.0 % of 0 slots"), std::string::npos);
     CParticlePageAllocator_Stats blocks;
-    u64 *counters[] = {&blocks.m_BytesInUse, &blocks.m_BytesFree,    &blocks.m_BlocksInUse, &blocks.m_BlocksFree,
+    u64 *counters[] = {&blocks.m_BytesInUse, &blocks.m_BytesFree,    &blocks.m_BlocksInUse,  &blocks.m_BlocksFree,
                        &blocks.m_AllocCount, &blocks.m_RecycleCount, &blocks.m_RefusalCount, &blocks.m_BytesReserved};
     for (u32 i = 0; i < 8; ++i)
         *counters[i] = 31 + i;

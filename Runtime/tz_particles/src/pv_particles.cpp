@@ -26,7 +26,7 @@ bool CParticlesInternals::Startup()
         CParticlePageAllocator *allocator = Mem::New<CParticlePageAllocator>(TZ_CALL_SITE);
         if (allocator == null || !allocator->Setup())
         {
-            CRefCountedObject::RemoveReference(allocator);
+            Mem::Delete(TZ_CALL_SITE, allocator);
             return false;
         }
         __atomic_store_n(&m_PageAllocator, allocator, __ATOMIC_RELEASE);

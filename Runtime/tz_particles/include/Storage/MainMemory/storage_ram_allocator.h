@@ -4,13 +4,15 @@
 // above that up wastes at most a fifth of the block. Larger blocks are made to measure and never pooled.
 //
 // A block whose raw page dies goes to a free list, last in first out. There is one a class in each of eight shards,
-// which threads are dealt out to; a thread takes the newest block of its own shard, else the oldest of another, else one
-// of an arena (storage_ram_arena.h). Blocks that nobody asked for during kMaxIdleUpdates calls of Update go back to
+// which threads are dealt out to; a thread takes the newest block of its own shard, else the oldest of another, else
+// one of an arena (storage_ram_arena.h). Blocks that nobody asked for during kMaxIdleUpdates calls of Update go back to
 // their arenas, and their memory to the memory services. No memory service is called under a shard's lock. Any thread
 // may call any operation but Setup and the destructor.
 //
 //   TotalMemoryAllocated() == sum of Size() over the raw pages that are alive
 #pragma once
+
+#include <mutex>
 
 #include <tz_kernel/include/kr_threads_basics.h>
 
@@ -38,9 +40,8 @@ struct TZ_API CParticlePageAllocator_Stats
     int PrintJson(char *buffer, size_t bufferBytes) const;
 };
 
-// The page allocator of a process; Particles::PageAllocator() gives it. Whoever constructs one has its first reference;
-// raw pages have one each, so that one made by the kernel's new lives until its last block is back.
-class TZ_API CParticlePageAllocator : public CRefCountedObject
+// The page allocator of a process; Particles::PageAllocator() gives it.
+class TZ_API CParticlePageAllocator : public CNonCopyable
 {
 public:
     static constexpr u32 kPoolSlotCount = 64;     // size classes, at most
@@ -49,22 +50,22 @@ public:
     static constexpr u32 kSlotsPerDoubling = 4;   // size classes from one power of two to the next
     static constexpr u32 kMaxIdleUpdates = 120;   // Update() calls that a free block survives
 
-    CParticlePageAllocator();
+    CParticlePageAllocator() = default;
     // Requires that every raw page is dead (asserted).
-    ~CParticlePageAllocator() override;
+    ~CParticlePageAllocator();
 
     // Makes the free lists; called once, before anything else. False when memory is refused.
     bool Setup();
     bool Valid() const { return m_Shards != null; } // Setup succeeded
 
-    // A raw page of at least sizeInBytes bytes, aligned to 64, without readers; 0 gives a smallest block. When memory or
-    // the budget is out, all free blocks are given back (CleanAllFreePages) before one more try; null when that fails,
-    // too. AllocPage(p->Size())->Size() == p->Size().
+    // A raw page of at least sizeInBytes bytes, aligned to 64, without readers; 0 gives a smallest block. When memory
+    // or the budget is out, all free blocks are given back (CleanAllFreePages) before one more try; null when that
+    // fails, too. AllocPage(p->Size())->Size() == p->Size().
     PParticleRawPage_MainMemory AllocPage(u32 sizeInBytes);
 
-    // A block without its raw page: of _SlotIdToSize(_SizeToSlotId(size)) bytes (of size itself above kMaxAllocSize), or
-    // null. Retire takes it back with the size that was asked, or any that rounds to the same; another size is reported
-    // and does no harm. A block that is not out is reported, too, and nothing happens. Cost: O(arenas).
+    // A block without its raw page: of _SlotIdToSize(_SizeToSlotId(size)) bytes (of size itself above kMaxAllocSize),
+    // or null. Retire takes it back with the size that was asked, or any that rounds to the same; another size is
+    // reported and does no harm. A block that is not out is reported, too, and nothing happens. Cost: O(arenas).
     u8 *Alloc(u32 sizeInBytes);
     void Retire(u8 *block, u32 sizeInBytes);
 
@@ -78,9 +79,10 @@ public:
     void SetMemoryBudget(u64 bytes) { __atomic_store_n(&m_MemoryBudget, bytes, __ATOMIC_RELAXED); }
     u64 SpaceLeft() const; // bytes that the budget leaves; the largest u64 without one
 
-    u64 TotalMemoryAllocated() const { return __atomic_load_n(&m_TotalMemoryUsed, __ATOMIC_RELAXED); } // bytes in use
-    u64 TotalMemoryAvailable() const; // bytes in free blocks
-    void GetTotalStats(CParticlePageAllocator_Stats &outStats) const; // of all size classes, at one moment or near it
+    // Bytes in use, bytes in free blocks, all figures. Cost: the locks of all shards.
+    u64 TotalMemoryAllocated() const { return _TotalStats().m_BytesInUse; }
+    u64 TotalMemoryAvailable() const { return _TotalStats().m_BytesFree; }
+    void GetTotalStats(CParticlePageAllocator_Stats &outStats) const { outStats = _TotalStats(); }
 
     // Size class of a block: the smallest one that holds size bytes; kPoolSlotCount above kMaxAllocSize.
     static constexpr u32 _SizeToSlotId(u32 sizeInBytes);
@@ -89,24 +91,22 @@ public:
 private:
     friend class CParticleRawPage_MainMemory;
     friend class CParticlesInternals;
-
     struct SShard;
     struct SShards;
 
-    bool _TakeBytes(u32 byteCount);
     SPageBlock *_Take(u32 sizeInBytes);
-    SPageBlock *_TakeFree(u32 slotId);
     void _Release(SPageBlock &block);
     void _ReturnIdleBlocks(u32 minIdleUpdates, u32 maxCount);
-    void _ShutDown(); // drops the owner's reference
+    void _ShutDown(); // destroys this, made by the kernel's new, with its last block
+    CParticlePageAllocator_Stats _TotalStats() const;
+    void _EndIfUnused(std::unique_lock<std::mutex> &shutDownLock); // unlocks it
 
-    u64 m_TotalMemoryUsed; // bytes in use
-    u64 m_MemoryBudget;
-    u64 m_RefusalCount;
+    u64 m_MemoryBudget = 0; // bytes; 0: none
+    u64 m_RefusalCount = 0;
     Threads::CCriticalSection m_Lock; // serialises maintenance; never taken by AllocPage, unless memory is out
-    u32 m_CurrentDate;                // counts Update() calls
-    bool m_IsShutDown;                // free blocks are given back at once
-    SShards *m_Shards;                // free lists and arenas; null before Setup
+    u32 m_CurrentDate = 0;            // counts Update() calls
+    bool m_IsShutDown = false;
+    SShards *m_Shards = null; // free lists and arenas; null before Setup
 };
 
 constexpr u32 CParticlePageAllocator::_SizeToSlotId(u32 sizeInBytes)

@@ -56,7 +56,7 @@ private:
     u32 m_Size;
     mutable u32 m_ReadersCount;
     SPageBlock *m_Block;
-    TRefPtr<CParticlePageAllocator> m_Allocator;
+    CParticlePageAllocator *m_Allocator;
     bool m_HasPoison; // the library, whatever its host, is compiled for the address sanitizer
 };
 

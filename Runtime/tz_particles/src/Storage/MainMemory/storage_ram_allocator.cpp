@@ -15,67 +15,55 @@ constexpr u32 kShardCount = 8;
 constexpr u32 kMaxBlocksPerUpdate = 1024;
 constexpr u32 kMaxCallsPerUpdate = 8;
 
+std::mutex g_ShutDownLock; // guards the end of allocators that have been shut down
+
 } // namespace
 
-// The free lists of the threads that are dealt out to it.
+// The free lists of the threads that are dealt out to it, and its share of the sums: a block may be released by another
+// thread than the one that took it, so only the sums over all shards tell something.
 struct CParticlePageAllocator::SShard
 {
-    struct SFreeList : TLinkedList<SPageBlock> // newest first
-    {
-        u32 m_Count = 0; // read without the lock, too
-    };
-
     std::mutex m_Lock; // guards the rest
+    u64 m_BytesInUse = 0;
+    u64 m_BlocksInUse = 0;
+    u64 m_BytesFree = 0;
+    u64 m_BlocksFree = 0; // read without the lock, too
     u64 m_RecycleCount = 0;
-    u64 m_ReleaseCount = 0;
-    SFreeList m_Lists[kPoolSlotCount];
+    TLinkedList<SPageBlock> m_FreeLists[kPoolSlotCount]; // newest first
 
-    void PushFront(SPageBlock &block, u32 date)
+    void RemoveFree(SPageBlock &block)
     {
-        SFreeList &list = m_Lists[block.SlotId()];
-        block.m_ReleaseDate = date;
-        block.m_RawPage = null;
-        list.PushFront(block);
-        __atomic_store_n(&list.m_Count, list.m_Count + 1, __ATOMIC_RELAXED);
+        m_FreeLists[block.SlotId()].Remove(block);
+        __atomic_store_n(&m_BlocksFree, m_BlocksFree - 1, __ATOMIC_RELAXED);
+        m_BytesFree -= block.Size();
     }
-    void Remove(SPageBlock &block)
+    SPageBlock *Recycle(SPageBlock &block)
     {
-        SFreeList &list = m_Lists[block.SlotId()];
-        list.Remove(block);
-        __atomic_store_n(&list.m_Count, list.m_Count - 1, __ATOMIC_RELAXED);
+        RemoveFree(block);
+        ++m_RecycleCount;
+        return &block;
+    }
+    // A block in use becomes a free one. null: it was not pooled, and is gone.
+    void Release(SPageBlock *block, u32 blockBytes)
+    {
+        m_BlocksInUse -= 1;
+        m_BytesInUse -= blockBytes;
+        if (block == null)
+            return;
+        m_FreeLists[block->SlotId()].PushFront(*block);
+        __atomic_store_n(&m_BlocksFree, m_BlocksFree + 1, __ATOMIC_RELAXED);
+        m_BytesFree += blockBytes;
     }
 };
 
 struct CParticlePageAllocator::SShards
 {
     SShard m_Shards[kShardCount];
+    std::mutex m_BudgetLock; // held from the check of the budget until the bytes are counted
     CPageArenas m_Arenas;
+
+    SShard &Own() { return m_Shards[CCurrentThread::ThreadID() % kShardCount]; }
 };
-
-CParticleRawPage_MainMemory::CParticleRawPage_MainMemory(CParticlePageAllocator &allocator, SPageBlock &block)
-    : m_Data(block.Data())
-    , m_Size(block.Size())
-    , m_ReadersCount(0)
-    , m_Block(&block)
-    , m_Allocator(&allocator)
-    , m_HasPoison(Mem::kIsAddressSanitized)
-{
-}
-
-CParticleRawPage_MainMemory::~CParticleRawPage_MainMemory() { m_Allocator->_Release(*m_Block); }
-
-void CParticleRawPage_MainMemory::_OpenWholeBlock() const { Mem::Unpoison(m_Data, m_Size); }
-
-CParticlePageAllocator::CParticlePageAllocator()
-    : m_TotalMemoryUsed(0)
-    , m_MemoryBudget(0)
-    , m_RefusalCount(0)
-    , m_CurrentDate(0)
-    , m_IsShutDown(false)
-    , m_Shards(null)
-{
-    _InternalAddStrongRef();
-}
 
 CParticlePageAllocator::~CParticlePageAllocator()
 {
@@ -108,76 +96,95 @@ PParticleRawPage_MainMemory CParticlePageAllocator::AllocPage(u32 sizeInBytes)
     return null;
 }
 
-// Counts bytes as in use. False, and nothing counted, when the budget does not allow it.
-bool CParticlePageAllocator::_TakeBytes(u32 byteCount)
-{
-    const u64 budget = __atomic_load_n(&m_MemoryBudget, __ATOMIC_RELAXED);
-    u64 used = __atomic_load_n(&m_TotalMemoryUsed, __ATOMIC_RELAXED);
-    do
-    {
-        if (budget != 0 && used + byteCount > budget)
-            return false;
-    } while (!__atomic_compare_exchange_n(&m_TotalMemoryUsed, &used, used + byteCount, true, __ATOMIC_RELAXED,
-                                          __ATOMIC_RELAXED));
-    return true;
-}
-
-// A block in use, accounted for; null when memory or the budget is out.
+// A block in use, counted as such; null when memory or the budget is out.
 SPageBlock *CParticlePageAllocator::_Take(u32 sizeInBytes)
 {
     const u32 slotId = _SizeToSlotId(sizeInBytes);
     const u32 blockBytes = slotId < kPoolSlotCount ? _SlotIdToSize(slotId) : sizeInBytes;
-    if (!_TakeBytes(blockBytes))
-        return null;
-    SPageBlock *block = slotId < kPoolSlotCount ? _TakeFree(slotId) : null;
+    SShard &ownShard = m_Shards->Own();
+    SPageBlock *block = null;
+    {
+        const u64 budget = __atomic_load_n(&m_MemoryBudget, __ATOMIC_RELAXED);
+        std::unique_lock<std::mutex> budgetLock(m_Shards->m_BudgetLock, std::defer_lock);
+        if (budget != 0)
+        {
+            budgetLock.lock();
+            if (TotalMemoryAllocated() + blockBytes > budget)
+                return null;
+        }
+        const std::lock_guard<std::mutex> lock(ownShard.m_Lock);
+        ownShard.m_BlocksInUse += 1;
+        ownShard.m_BytesInUse += blockBytes;
+        if (slotId < kPoolSlotCount && ownShard.m_FreeLists[slotId].m_First != null)
+            block = ownShard.Recycle(*ownShard.m_FreeLists[slotId].m_First); // which its thread's caches may hold
+    }
+    for (SShard &shard : m_Shards->m_Shards)
+    {
+        if (block != null || slotId == kPoolSlotCount)
+            break;
+        if (__atomic_load_n(&shard.m_BlocksFree, __ATOMIC_RELAXED) == 0)
+            continue;
+        const std::lock_guard<std::mutex> lock(shard.m_Lock);
+        if (shard.m_FreeLists[slotId].m_Last != null)
+            block = shard.Recycle(*shard.m_FreeLists[slotId].m_Last); // the one that its thread would take last
+    }
     if (block == null)
         block = m_Shards->m_Arenas.Take(slotId, blockBytes);
     if (block != null)
-        Mem::Unpoison(block->Data(), blockBytes);
-    else
-        __atomic_fetch_sub(&m_TotalMemoryUsed, blockBytes, __ATOMIC_RELAXED);
-    return block;
-}
-
-// The newest free block of the thread's own shard, which its caches may hold, else the oldest one of another shard.
-SPageBlock *CParticlePageAllocator::_TakeFree(u32 slotId)
-{
-    const u32 ownShard = CCurrentThread::ThreadID() % kShardCount;
-    for (u32 i = 0; i < kShardCount; ++i)
     {
-        SShard &shard = m_Shards->m_Shards[(ownShard + i) % kShardCount];
-        SShard::SFreeList &list = shard.m_Lists[slotId];
-        if (__atomic_load_n(&list.m_Count, __ATOMIC_RELAXED) == 0)
-            continue;
-        const std::lock_guard<std::mutex> lock(shard.m_Lock);
-        SPageBlock *block = i == 0 ? list.m_First : list.m_Last;
-        if (block == null)
-            continue;
-        shard.Remove(*block);
-        ++shard.m_RecycleCount;
+        Mem::Unpoison(block->Data(), blockBytes);
         return block;
     }
+    const std::lock_guard<std::mutex> lock(ownShard.m_Lock);
+    ownShard.Release(null, blockBytes);
     return null;
 }
 
-// The end of a raw page: its block goes to the free list of the thread's shard.
-void CParticlePageAllocator::_Release(SPageBlock &block)
+// The end of a raw page: its block goes to the free list of the thread's shard. Behind that, another thread may destroy
+// the allocator.
+void CParticlePageAllocator::_Release(SPageBlock &releasedBlock)
 {
-    const u32 slotId = block.SlotId();
-    const u32 blockBytes = block.Size(); // once it is free it may be anybody's
-    Mem::Poison(block.Data(), blockBytes);
-    SShard &shard = m_Shards->m_Shards[CCurrentThread::ThreadID() % kShardCount];
+    SPageBlock *block = &releasedBlock;
+    const u32 blockBytes = block->Size();
+    Mem::Poison(block->Data(), blockBytes);
+    if (block->SlotId() == kPoolSlotCount)
+    {
+        m_Shards->m_Arenas.FreeAtOnce(*block);
+        block = null;
+    }
+    else
+    {
+        block->m_RawPage = null;
+        block->m_ReleaseDate = __atomic_load_n(&m_CurrentDate, __ATOMIC_RELAXED);
+    }
+    SShard &shard = m_Shards->Own();
     {
         const std::lock_guard<std::mutex> lock(shard.m_Lock);
-        ++shard.m_ReleaseCount;
-        if (slotId < kPoolSlotCount)
-            shard.PushFront(block, __atomic_load_n(&m_CurrentDate, __ATOMIC_RELAXED));
+        if (!__atomic_load_n(&m_IsShutDown, __ATOMIC_RELAXED))
+            return shard.Release(block, blockBytes);
     }
-    if (slotId == kPoolSlotCount)
-        m_Shards->m_Arenas.FreeAtOnce(block);
-    __atomic_fetch_sub(&m_TotalMemoryUsed, blockBytes, __ATOMIC_RELAXED);
-    if (__atomic_load_n(&m_IsShutDown, __ATOMIC_RELAXED))
-        CleanAllFreePages();
+    std::unique_lock<std::mutex> shutDownLock(g_ShutDownLock);
+    {
+        const std::lock_guard<std::mutex> lock(shard.m_Lock);
+        shard.Release(block, blockBytes);
+    }
+    _EndIfUnused(shutDownLock);
+}
+
+void CParticlePageAllocator::_ShutDown()
+{
+    std::unique_lock<std::mutex> shutDownLock(g_ShutDownLock);
+    __atomic_store_n(&m_IsShutDown, true, __ATOMIC_RELAXED);
+    _EndIfUnused(shutDownLock);
+}
+
+void CParticlePageAllocator::_EndIfUnused(std::unique_lock<std::mutex> &shutDownLock)
+{
+    CleanAllFreePages();
+    const bool isUnused = TotalMemoryAllocated() == 0;
+    shutDownLock.unlock();
+    if (isUnused)
+        Mem::Delete(TZ_CALL_SITE, this);
 }
 
 u8 *CParticlePageAllocator::Alloc(u32 sizeInBytes)
@@ -212,15 +219,16 @@ void CParticlePageAllocator::_ReturnIdleBlocks(u32 minIdleUpdates, u32 maxCount)
         SPageBlock *idle = null; // through m_Next
         {
             const std::lock_guard<std::mutex> lock(shard.m_Lock);
-            for (SShard::SFreeList &list : shard.m_Lists)
+            for (const TLinkedList<SPageBlock> &list : shard.m_FreeLists)
             {
-                SPageBlock *block = list.m_Last;
-                for (; block != null && maxCount != 0 && m_CurrentDate - block->m_ReleaseDate >= minIdleUpdates;
-                     block = list.m_Last, --maxCount)
+                while (list.m_Last != null && maxCount != 0 &&
+                       m_CurrentDate - list.m_Last->m_ReleaseDate >= minIdleUpdates)
                 {
-                    shard.Remove(*block);
+                    SPageBlock *block = list.m_Last;
+                    shard.RemoveFree(*block);
                     block->m_Next = idle;
                     idle = block;
+                    --maxCount;
                 }
             }
         }
@@ -257,51 +265,30 @@ void CParticlePageAllocator::CleanAllFreePages()
 u64 CParticlePageAllocator::SpaceLeft() const
 {
     const u64 budget = __atomic_load_n(&m_MemoryBudget, __ATOMIC_RELAXED);
-    const u64 used = TotalMemoryAllocated();
-    if (budget == 0)
-        return TNumericTraits<u64>::kMax;
-    return used < budget ? budget - used : 0;
+    return budget == 0 ? TNumericTraits<u64>::kMax : budget - TZMin(budget, TotalMemoryAllocated());
 }
 
-u64 CParticlePageAllocator::TotalMemoryAvailable() const
+CParticlePageAllocator_Stats CParticlePageAllocator::_TotalStats() const
 {
     CParticlePageAllocator_Stats stats;
-    GetTotalStats(stats);
-    return stats.m_BytesFree;
-}
-
-void CParticlePageAllocator::GetTotalStats(CParticlePageAllocator_Stats &outStats) const
-{
-    outStats = CParticlePageAllocator_Stats();
-    outStats.m_RefusalCount = __atomic_load_n(&m_RefusalCount, __ATOMIC_RELAXED);
+    stats.m_RefusalCount = __atomic_load_n(&m_RefusalCount, __ATOMIC_RELAXED);
     if (!Valid())
-        return;
-    for (SShard &shard : m_Shards->m_Shards) // all at once, so that the sums are those of one moment
+        return stats;
+    for (SShard &shard : m_Shards->m_Shards) // all of them, so that the sums are those of one moment
         shard.m_Lock.lock();
-    u64 releaseCount = 0;
     for (const SShard &shard : m_Shards->m_Shards)
     {
-        outStats.m_RecycleCount += shard.m_RecycleCount;
-        releaseCount += shard.m_ReleaseCount;
-        for (u32 slotId = 0; slotId < kPoolSlotCount; ++slotId)
-        {
-            outStats.m_BlocksFree += shard.m_Lists[slotId].m_Count;
-            outStats.m_BytesFree += u64(shard.m_Lists[slotId].m_Count) * _SlotIdToSize(slotId);
-        }
+        stats.m_BytesInUse += shard.m_BytesInUse;
+        stats.m_BytesFree += shard.m_BytesFree;
+        stats.m_BlocksInUse += shard.m_BlocksInUse;
+        stats.m_BlocksFree += shard.m_BlocksFree;
+        stats.m_RecycleCount += shard.m_RecycleCount;
     }
-    outStats.m_BytesInUse = TotalMemoryAllocated();
-    outStats.m_BytesReserved = m_Shards->m_Arenas.BytesReserved();
-    outStats.m_AllocCount = outStats.m_RecycleCount + m_Shards->m_Arenas.TakeCount();
-    outStats.m_BlocksInUse = outStats.m_AllocCount - releaseCount;
+    stats.m_BytesReserved = m_Shards->m_Arenas.BytesReserved();
+    stats.m_AllocCount = stats.m_RecycleCount + m_Shards->m_Arenas.TakeCount();
     for (SShard &shard : m_Shards->m_Shards)
         shard.m_Lock.unlock();
-}
-
-void CParticlePageAllocator::_ShutDown()
-{
-    __atomic_store_n(&m_IsShutDown, true, __ATOMIC_RELAXED);
-    CleanAllFreePages();
-    CRefCountedObject::RemoveReference(this);
+    return stats;
 }
 
 } // namespace Tessaly

