@@ -65,7 +65,8 @@ struct SAllocator
     void (*m_Discard)(void *ptr, u64 size) = null; // optional; null: nothing happens
 };
 
-// The C library's allocator; blocks of 1 MiB and more are mapped, with huge pages advised, and unmapped when freed.
+// The C library's allocator; blocks of 1 MiB and more are mapped, with huge pages advised, and unmapped when freed. The
+// C library's own functions know nothing of those.
 TZ_API const SAllocator &DefaultAllocator();
 
 // Makes the services call allocator, which the caller keeps alive; null restores the default one. A block is freed by

@@ -140,8 +140,7 @@ SPageBlock *CParticlePageAllocator::_Take(u32 sizeInBytes)
     return null;
 }
 
-// The end of a raw page: its block goes to the free list of the thread's shard. Behind that, another thread may destroy
-// the allocator.
+// The end of a raw page: its block goes to the thread's shard. Behind that another thread may destroy the allocator.
 void CParticlePageAllocator::_Release(SPageBlock &releasedBlock)
 {
     SPageBlock *block = &releasedBlock;

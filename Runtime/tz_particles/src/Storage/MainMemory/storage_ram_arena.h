@@ -16,7 +16,26 @@
 namespace Tessaly
 {
 
-struct SArena;
+// Blocks of one class in one piece of memory.
+struct SArena
+{
+    void *m_Memory; // as the services gave it
+    u64 m_MemoryBytes;
+    u8 *m_FirstBlock;
+    u32 m_BlockBytes;
+    u32 m_BlockStride;
+    u32 m_SlotId; // kPoolSlotCount: one block that is not pooled
+    u32 m_BlockCount;
+    u32 m_CarvedCount; // blocks that were out at least once: the first ones
+    u32 m_ReturnedCount;
+    u32 m_NextToDiscard;        // blocks before it were looked at since the last one was returned
+    SPageBlock *m_ReturnedList; // newest first
+    SArena *m_Next;             // among the arenas of its class
+    SArena *m_Previous;
+    SArena *m_NextWaiting;                // among those that GiveBack has to look at
+    bool m_IsWaiting, m_IsBeingDiscarded; // while it is discarded, it hands out nothing
+    SPageBlock *m_Blocks; // m_BlockCount records behind this one; the first m_CarvedCount are constructed
+};
 
 // A block's record.
 struct SPageBlock
@@ -36,38 +55,10 @@ struct SPageBlock
     u32 m_ReleaseDate;                      // in updates of the page allocator
     EPlace m_Place;
 
-    u8 *Data() const;
-    u32 Size() const; // bytes
-    u32 SlotId() const;
+    u32 Size() const { return m_Arena->m_BlockBytes; }
+    u32 SlotId() const { return m_Arena->m_SlotId; }
+    u8 *Data() const { return m_Arena->m_FirstBlock + size_t(this - m_Arena->m_Blocks) * m_Arena->m_BlockStride; }
 };
-
-struct SArena
-{
-    void *m_Memory; // as the services gave it
-    u64 m_MemoryBytes;
-    u8 *m_FirstBlock;
-    u32 m_BlockBytes;
-    u32 m_BlockStride;
-    u32 m_SlotId; // kPoolSlotCount: one block that is not pooled
-    u32 m_BlockCount;
-    u32 m_CarvedCount; // blocks that were out at least once: the first ones
-    u32 m_ReturnedCount;
-    u32 m_NextToDiscard;        // blocks before it were looked at since the last one was returned
-    SPageBlock *m_ReturnedList; // newest first
-    SArena *m_Next;             // among the arenas of its class
-    SArena *m_Previous;
-    SArena *m_NextWaiting; // among those that GiveBack has to look at
-    bool m_IsWaiting;
-    bool m_IsBeingDiscarded; // hands out nothing meanwhile
-    SPageBlock *m_Blocks;    // m_BlockCount records behind this one; the first m_CarvedCount are constructed
-};
-
-inline u32 SPageBlock::Size() const { return m_Arena->m_BlockBytes; }
-inline u32 SPageBlock::SlotId() const { return m_Arena->m_SlotId; }
-inline u8 *SPageBlock::Data() const
-{
-    return m_Arena->m_FirstBlock + size_t(this - m_Arena->m_Blocks) * m_Arena->m_BlockStride;
-}
 
 // A list through m_Next and m_Previous.
 template <typename _Type>
@@ -118,7 +109,6 @@ public:
     u64 TakeCount() const { return __atomic_load_n(&m_TakeCount, __ATOMIC_RELAXED); }         // blocks taken
 
 private:
-    static constexpr u32 kArenaBytes = 4 << 20; // two huge pages; a block of every class leaves at most an eighth over
     static constexpr u32 kClassCount = CParticlePageAllocator::kPoolSlotCount + 1;
 
     SArena *_NewArena(u32 slotId, u32 blockBytes, u32 blockCount);
