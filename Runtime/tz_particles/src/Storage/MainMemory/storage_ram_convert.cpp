@@ -99,8 +99,8 @@ struct SByteToFloat
     static float Do(u8 value) { return float(value); }
 };
 
-// All are read before the first is written: where the two columns lie a small distance from each other modulo 4 KiB,
-// a processor takes each read for one of the bytes just written, and waits.
+// All are read before the first is written: between two columns that lie a small distance from each other modulo 4 KiB,
+// 4K aliasing would stall each load behind the store before it.
 constexpr u32 kVectorsAtATime = 8;
 
 // Strides are numbers, or types that convert to one which the compiler knows.

@@ -22,7 +22,7 @@ void FillFresh(u8 *bytes, size_t count)
         std::memset(bytes, kFreshParticleByte, count);
 }
 
-// Rows of each column that are moved in turn: what one column waits for in memory, the next ones need not wait for.
+// Rows of each column that are moved in turn: cache misses of several columns overlap.
 constexpr u32 kRowsAtATime = 8;
 
 template <u32 _RowBytes>

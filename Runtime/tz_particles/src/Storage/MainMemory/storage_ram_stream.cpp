@@ -64,7 +64,7 @@ void CParticleStream_MainMemory::Cleanup()
     m_ParticleCount.Store(0);
     UnlockPages();
     Threads::StoreShared(m_PageCount_OutOfSync, 0);
-    // Pages die outside the lock: their blocks' way home waits for nobody, and nobody for it.
+    // Pages are destroyed outside the lock: nobody waits for it meanwhile.
     for (PParticlePage &page : pageList.ViewForWriting())
         page = null;
     _DEBUG_CheckParticleCountConsistency();
