@@ -38,8 +38,8 @@ public:
         for (const u32 row : rows)
             m_Slots[slots[row]] = {m_Slots[slots[row]].m_Generation + 1, {}}, m_Free.push_back(slots[row]);
         std::vector<SParticleMove> room(rows.size());
-        TMemoryView<SParticleMove> moves(room.data(), u32(room.size()));
-        stream.RemoveParticles(pageId, {rows.data(), u32(rows.size())}, &moves);
+        TMemoryView<SParticleMove> moves(room);
+        stream.RemoveParticles(pageId, rows, &moves);
         for (const SParticleMove &move : moves)
             m_Slots[slots[move.m_To]].m_Particle = CParticlePageView(page, move.m_To, 1);
     }
@@ -58,9 +58,9 @@ int main()
 {
     Particles::Startup();
     SParticleStreamDef def;
-    def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId(1), BaseType_U32, 4));
+    def.Add("slot", BaseType_U32);
     CParticleStream_MainMemory stream(64);
-    stream.BindStreamDef(&def, {}, {&CGuid::INVALID, 1}, {});
+    stream.BindStreamDef(&def);
     CHandles table;
     std::vector<SHandle> handles; // of all that were ever born
     u32 found = 0, wrong = 0;

@@ -165,11 +165,10 @@ private:
 u32 PlaySparks()
 {
     SParticleStreamDef def;
-    def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId(1), BaseType_Float3, 12)); // position
-    def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId(2), BaseType_Float, 4));   // age
-    const CGuid noConstants[2];
+    def.Add("position", BaseType_Float3);
+    const CGuid ageId = def.Add("age", BaseType_Float);
     CParticleStream_MainMemory stream(1024);
-    stream.BindStreamDef(&def, {}, {noConstants, 2}, {});
+    stream.BindStreamDef(&def);
 
     u32 peak = 0;
     for (u32 frame = 0; frame < 10; ++frame)
@@ -177,7 +176,7 @@ u32 PlaySparks()
         CParticlePageView born;
         while (!(born = stream.AllocateParticlesIFP(1024, 1)).Empty())
         {
-            for (float &age : born.DenseColumnForWriting<float>(CGuid(1)))
+            for (float &age : born.DenseColumnForWriting<float>(ageId))
                 age = 0.0f;
         }
         peak = TZMax(peak, stream.ParticleCount());

@@ -63,9 +63,9 @@ int main()
     if (!Particles::Startup())
         return 1;
     SParticleStreamDef def;
-    def.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId(1), BaseType_Float, 4));
+    def.Add("age", BaseType_Float);
     CParticleStream_MainMemory stream(1024);
-    stream.BindStreamDef(&def, {}, {&CGuid::INVALID, 1}, {});
+    stream.BindStreamDef(&def);
     const CParticlePageView born = stream.AllocateParticlesIFP(1000, 0);
     const u8 *place = born.RawStreamBegin(CGuid(0));
     const bool isOurs = place >= g_Piece && place < g_Piece + kPieceBytes;

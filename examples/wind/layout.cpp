@@ -21,8 +21,7 @@ const CFloat2 kFade = {0.15f, 0.35f};
 
 void CLayout::AddField(const char *name, EBaseTypeID type)
 {
-    m_Definition.m_StreamDef.PushBack(
-        SParticleStreamFieldDef(CStringId::Register(name), type, CBaseTypeTraits::Traits(type).Size));
+    m_Definition.Add(CStringId::Register(name), type);
     m_ConstantSlots.push_back(CGuid::INVALID);
 }
 
@@ -30,16 +29,14 @@ void CLayout::AddConstant(const char *name, EBaseTypeID type, const void *value)
 {
     S64Bytes block = {};
     std::memcpy(block.m_Data, value, CBaseTypeTraits::Traits(type).Size);
-    m_Definition.m_StreamDef.PushBack(SParticleStreamFieldDef(CStringId::Register(name), type, 0));
+    m_Definition.AddConstant(CStringId::Register(name), type);
     m_ConstantSlots.push_back(CGuid(u32(m_Constants.size())));
     m_Constants.push_back(block);
 }
 
 void CLayout::BindTo(CParticleStream_MainMemory &stream) const
 {
-    const TMemoryView<const S64Bytes> constants(m_Constants.data(), u32(m_Constants.size()));
-    const TStridedMemoryView<const CGuid> slots(m_ConstantSlots.data(), u32(m_ConstantSlots.size()), sizeof(CGuid));
-    stream.BindStreamDef(&m_Definition, constants, slots, SParticleImplementationCache());
+    stream.BindStreamDef(&m_Definition, m_Constants, m_ConstantSlots, SParticleImplementationCache());
 }
 
 void MakeFirstLayout(CLayout &outLayout)
