@@ -26,7 +26,7 @@ u64 TickStep(u64 whole)
 {
     for (u64 step = 1;; step *= 10)
     {
-        for (const u64 factor : {1, 2, 5})
+        for (const u64 factor : {u64(1), u64(2), u64(5)})
         {
             if (whole <= step * factor * 10)
                 return step * factor;
