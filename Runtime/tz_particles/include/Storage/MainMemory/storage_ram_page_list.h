@@ -1,8 +1,8 @@
 // The page list of a stream: an array that pages can be taken out of one by one, from the front at no cost.
 //
-// Taken from the front half, the pages before the one taken move back by one, and the list starts further behind in its
-// buffer, until it is full or MoveToBufferStart is called. Draining 10,000 pages takes a fifth of the time that it
-// takes when the rest of the list moves for each page.
+// For one in the first half, the pages before it move back by one, and the list starts further behind in its buffer,
+// until that is full or MoveToBufferStart is called. Draining 10,000 pages takes a third of the time that it takes when
+// the rest of the list moves for each page.
 #pragma once
 
 #include "storage_ram_page.h"
