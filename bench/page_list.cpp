@@ -108,7 +108,9 @@ void AddCollectionRow(const char *title, u32 pageCount, bool withReindexer)
         };
         run({Ours(ours), Limit("plain list: swap, pop, three frees", 1.5, plainList)});
     };
-    AddRow({"collection", OnPages(title, pageCount), double(pageCount) * repeats, "ns a page"}, body);
+    AddRow({"collection", OnPages(title, pageCount), double(pageCount) * repeats, "ns a page", 0.0,
+            "each block goes to its free list under a mutex"},
+           body);
 }
 
 // Moves everything out of a long list of small pages. Linear: a list of twice the length costs as much a page, both
