@@ -87,7 +87,7 @@ TEST_F(PageAllocator, BlocksAreHandedOutWithoutTheirRawPages)
 
     u8 *small = Pages().Alloc(700);
     Pages().Retire(small, 5000);
-    m_Reports.Expect({"record->SlotId() == _SizeToSlotId(sizeInBytes)"});
+    m_Reports.Expect({"record->m_Arena->m_SlotId == _SizeToSlotId(sizeInBytes)"});
     EXPECT_EQ(Pages().Alloc(700), small) << "it is free as what it is";
     Pages().Retire(small + 1, 700);
     m_Reports.Expect({"isOut"});

@@ -31,17 +31,16 @@ struct CParticlePageAllocator::SShard
     u64 m_RecycleCount = 0;
     TLinkedList<SPageBlock> m_FreeLists[kPoolSlotCount]; // newest first
 
-    void RemoveFree(SPageBlock &block)
+    // null is allowed.
+    SPageBlock *TakeFree(SPageBlock *block, u32 recycleCount)
     {
-        m_FreeLists[block.SlotId()].Remove(block);
+        if (block == null)
+            return null;
+        m_FreeLists[block->m_Arena->m_SlotId].Remove(*block);
         __atomic_store_n(&m_BlocksFree, m_BlocksFree - 1, __ATOMIC_RELAXED);
-        m_BytesFree -= block.Size();
-    }
-    SPageBlock *Recycle(SPageBlock &block)
-    {
-        RemoveFree(block);
-        ++m_RecycleCount;
-        return &block;
+        m_BytesFree -= block->Size();
+        m_RecycleCount += recycleCount;
+        return block;
     }
     // A block in use becomes a free one. null: it was not pooled, and is gone.
     void Release(SPageBlock *block, u32 blockBytes)
@@ -50,7 +49,7 @@ struct CParticlePageAllocator::SShard
         m_BytesInUse -= blockBytes;
         if (block == null)
             return;
-        m_FreeLists[block->SlotId()].PushFront(*block);
+        m_FreeLists[block->m_Arena->m_SlotId].PushFront(*block);
         __atomic_store_n(&m_BlocksFree, m_BlocksFree + 1, __ATOMIC_RELAXED);
         m_BytesFree += blockBytes;
     }
@@ -109,14 +108,14 @@ SPageBlock *CParticlePageAllocator::_Take(u32 sizeInBytes)
         if (budget != 0)
         {
             budgetLock.lock();
-            if (TotalMemoryAllocated() + blockBytes > budget)
+            if (_TotalStats().m_BytesInUse + blockBytes > budget)
                 return null;
         }
         const std::lock_guard<std::mutex> lock(ownShard.m_Lock);
         ownShard.m_BlocksInUse += 1;
         ownShard.m_BytesInUse += blockBytes;
-        if (slotId < kPoolSlotCount && ownShard.m_FreeLists[slotId].m_First != null)
-            block = ownShard.Recycle(*ownShard.m_FreeLists[slotId].m_First); // which its thread's caches may hold
+        if (slotId < kPoolSlotCount)
+            block = ownShard.TakeFree(ownShard.m_FreeLists[slotId].m_First, 1); // which its thread's caches may hold
     }
     for (SShard &shard : m_Shards->m_Shards)
     {
@@ -125,8 +124,7 @@ SPageBlock *CParticlePageAllocator::_Take(u32 sizeInBytes)
         if (__atomic_load_n(&shard.m_BlocksFree, __ATOMIC_RELAXED) == 0)
             continue;
         const std::lock_guard<std::mutex> lock(shard.m_Lock);
-        if (shard.m_FreeLists[slotId].m_Last != null)
-            block = shard.Recycle(*shard.m_FreeLists[slotId].m_Last); // the one that its thread would take last
+        block = shard.TakeFree(shard.m_FreeLists[slotId].m_Last, 1); // the one that its thread would take last
     }
     if (block == null)
         block = m_Shards->m_Arenas.Take(slotId, blockBytes);
@@ -146,9 +144,9 @@ void CParticlePageAllocator::_Release(SPageBlock &releasedBlock)
     SPageBlock *block = &releasedBlock;
     const u32 blockBytes = block->Size();
     Mem::Poison(block->Data(), blockBytes);
-    if (block->SlotId() == kPoolSlotCount)
+    if (block->m_Arena->m_SlotId == kPoolSlotCount)
     {
-        m_Shards->m_Arenas.FreeAtOnce(*block);
+        m_Shards->m_Arenas.FreeArena(*block->m_Arena);
         block = null;
     }
     else
@@ -180,7 +178,7 @@ void CParticlePageAllocator::_ShutDown()
 void CParticlePageAllocator::_EndIfUnused(std::unique_lock<std::mutex> &shutDownLock)
 {
     CleanAllFreePages();
-    const bool isUnused = TotalMemoryAllocated() == 0;
+    const bool isUnused = _TotalStats().m_BlocksInUse == 0;
     shutDownLock.unlock();
     if (isUnused)
         Mem::Delete(TZ_CALL_SITE, this);
@@ -205,7 +203,7 @@ void CParticlePageAllocator::Retire(u8 *block, u32 sizeInBytes)
     TZ_ASSERT_MESSAGE(isOut, "Retire: no block that is out begins at %p", static_cast<void *>(block));
     if (!isOut)
         return;
-    TZ_ASSERT_MESSAGE(record->SlotId() == _SizeToSlotId(sizeInBytes), "Retire: the block has %u bytes, not %u",
+    TZ_ASSERT_MESSAGE(record->m_Arena->m_SlotId == _SizeToSlotId(sizeInBytes), "Retire: the block has %u bytes, not %u",
                       record->Size(), sizeInBytes);
     CRefCountedObject::RemoveReference(record->m_RawPage);
 }
@@ -223,8 +221,7 @@ void CParticlePageAllocator::_ReturnIdleBlocks(u32 minIdleUpdates, u32 maxCount)
                 while (list.m_Last != null && maxCount != 0 &&
                        m_CurrentDate - list.m_Last->m_ReleaseDate >= minIdleUpdates)
                 {
-                    SPageBlock *block = list.m_Last;
-                    shard.RemoveFree(*block);
+                    SPageBlock *block = shard.TakeFree(list.m_Last, 0);
                     block->m_Next = idle;
                     idle = block;
                     --maxCount;

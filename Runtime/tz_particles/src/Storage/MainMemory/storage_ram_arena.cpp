@@ -10,35 +10,19 @@ namespace Tessaly
 namespace
 {
 
+constexpr u32 kArenaBytes = 4 << 20; // two huge pages; a block of every class leaves at most an eighth over
 constexpr u32 kBlockAlignment = 64;
-constexpr u32 kArenaBytes = 4 << 20;  // two huge pages; a block of every class leaves at most an eighth over
 constexpr u32 kServiceAlignment = 16; // what the memory services give without being asked
+// Blocks at distances of powers of two have their columns in the same few sets of the caches: a cache line further
+// apart, a frame's life of 100 pages is a fifth faster.
+constexpr u32 kBytesBetweenBlocks = 64;
+// Freeing an arena's memory takes the system about as long as so many calls that discard a part of one.
+constexpr u32 kCallsOfFreeing = 2;
 
 // The address sanitizer sees more when blocks do not share their memory.
 constexpr bool kSharesArenas = !Mem::kIsAddressSanitized;
 
-// Blocks at distances of powers of two have their columns in the same few sets of the caches: a cache line further
-// apart, a frame's life of 100 pages is a fifth faster.
-u32 BlockStride(u32 blockBytes) { return blockBytes + kBlockAlignment; }
-// As many as begin in so much: the bytes between them do not cost the last one its place.
-u32 SharedBlockCount(u32 blockBytes) { return (kArenaBytes + blockBytes / 16) / BlockStride(blockBytes); }
-
 bool HasBlock(const SArena &arena) { return arena.m_ReturnedList != null || arena.m_CarvedCount < arena.m_BlockCount; }
-
-// Freeing an arena's memory takes the system about as long as so many calls that discard a part of one.
-constexpr u32 kCallsOfFreeing = 2;
-
-void *Allocate(u64 bytes)
-{
-    return Mem::_RawAlloc(bytes, 0, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__,
-                          TZ_FUNCTION_SIGNATURE);
-}
-
-void Free(void *memory)
-{
-    Mem::_RawFree(memory, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__,
-                  TZ_FUNCTION_SIGNATURE);
-}
 
 } // namespace
 
@@ -52,9 +36,11 @@ SPageBlock *CPageArenas::Take(u32 slotId, u32 blockBytes)
         if (arena != null && HasBlock(*arena))
             return &_TakeFrom(*arena);
     }
+    // As many as begin in an arena: the bytes between them do not cost the last one its place.
     const bool isShared = kSharesArenas && slotId < CParticlePageAllocator::kPoolSlotCount;
-    SArena *arena = isShared ? _NewArena(slotId, blockBytes, SharedBlockCount(blockBytes)) : null;
-    if (arena == null)
+    const u32 blockCount = isShared ? (kArenaBytes + blockBytes / 16) / (blockBytes + kBytesBetweenBlocks) : 1;
+    SArena *arena = _NewArena(slotId, blockBytes, blockCount);
+    if (arena == null && blockCount > 1)
         arena = _NewArena(slotId, blockBytes, 1);
     if (arena == null)
         return null;
@@ -90,17 +76,22 @@ SPageBlock &CPageArenas::_TakeFrom(SArena &arena)
 SArena *CPageArenas::_NewArena(u32 slotId, u32 blockBytes, u32 blockCount)
 {
     // As large as an arena is when there are several blocks: only whole huge pages can be had.
-    const u32 stride = BlockStride(blockBytes);
+    const u32 stride = blockBytes + (blockCount > 1 ? kBytesBetweenBlocks : 0);
     const u64 blocksBytes = u64(stride) * blockCount + kBlockAlignment - kServiceAlignment;
     const u64 memoryBytes = blockCount > 1 ? TZMax(blocksBytes, u64(kArenaBytes)) : blocksBytes;
-    SArena *arena = static_cast<SArena *>(Allocate(sizeof(SArena) + u64(blockCount) * sizeof(SPageBlock)));
-    void *memory = arena != null ? Allocate(memoryBytes) : null;
+    void *record = Mem::_RawAlloc(sizeof(SArena) + u64(blockCount) * sizeof(SPageBlock), 0, Mem::AllocType_Generic,
+                                  Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__, TZ_FUNCTION_SIGNATURE);
+    if (record == null)
+        return null;
+    void *memory = Mem::_RawAlloc(memoryBytes, 0, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__,
+                                  __LINE__, TZ_FUNCTION_SIGNATURE);
     if (memory == null)
     {
-        Free(arena);
+        Mem::_RawFree(record, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__,
+                      TZ_FUNCTION_SIGNATURE);
         return null;
     }
-    *arena = SArena();
+    SArena *arena = Mem::Construct<SArena>(record);
     arena->m_Memory = memory;
     arena->m_MemoryBytes = memoryBytes;
     arena->m_FirstBlock = reinterpret_cast<u8 *>(Mem::Align<kBlockAlignment>(ureg(memory)));
@@ -112,22 +103,18 @@ SArena *CPageArenas::_NewArena(u32 slotId, u32 blockBytes, u32 blockCount)
     return arena;
 }
 
-void CPageArenas::_FreeMemory(SArena *arena)
+void CPageArenas::FreeArena(SArena &arena)
 {
-    Mem::Unpoison(arena->m_Memory, arena->m_MemoryBytes); // whoever has the memory next knows nothing of it
-    Free(arena->m_Memory);
-    Free(arena);
-}
-
-void CPageArenas::FreeAtOnce(SPageBlock &block)
-{
-    SArena *arena = block.m_Arena;
+    void *memory = arena.m_Memory;
     {
         const std::lock_guard<std::mutex> lock(m_Lock);
-        m_Arenas[arena->m_SlotId].Remove(*arena);
-        __atomic_fetch_sub(&m_BytesReserved, arena->m_MemoryBytes, __ATOMIC_RELAXED);
+        m_Arenas[arena.m_SlotId].Remove(arena);
+        __atomic_fetch_sub(&m_BytesReserved, arena.m_MemoryBytes, __ATOMIC_RELAXED);
     }
-    _FreeMemory(arena);
+    Mem::Unpoison(memory, arena.m_MemoryBytes); // whoever has the memory next knows nothing of it
+    for (void *freed : {memory, static_cast<void *>(&arena)})
+        Mem::_RawFree(freed, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__,
+                      TZ_FUNCTION_SIGNATURE);
 }
 
 void CPageArenas::Return(SPageBlock &block)
@@ -144,57 +131,40 @@ void CPageArenas::Return(SPageBlock &block)
     arena.m_ReturnedList = &block;
     ++arena.m_ReturnedCount;
     arena.m_NextToDiscard = 0;
-    if (!arena.m_IsWaiting)
-        _Await(arena);
-}
-
-// Lists an arena for GiveBack, behind those that wait. Under the lock.
-void CPageArenas::_Await(SArena &arena)
-{
+    if (arena.m_IsWaiting)
+        return;
     arena.m_IsWaiting = true;
-    arena.m_NextWaiting = null;
     (m_FirstWaiting != null ? m_LastWaiting->m_NextWaiting : m_FirstWaiting) = &arena;
     m_LastWaiting = &arena;
 }
 
-// The arena that waits longest; null when none does. One whose blocks are all returned is out of every list then, the
-// others hand out nothing until they are looked at.
-SArena *CPageArenas::_NextWaiting()
-{
-    const std::lock_guard<std::mutex> lock(m_Lock);
-    SArena *arena = m_FirstWaiting;
-    if (arena == null)
-        return null;
-    m_FirstWaiting = arena->m_NextWaiting;
-    arena->m_IsWaiting = false;
-    arena->m_IsBeingDiscarded = true;
-    if (arena->m_ReturnedCount == arena->m_CarvedCount)
-    {
-        m_Arenas[arena->m_SlotId].Remove(*arena);
-        __atomic_fetch_sub(&m_BytesReserved, arena->m_MemoryBytes, __ATOMIC_RELAXED);
-    }
-    return arena;
-}
-
 void CPageArenas::GiveBack(u32 maxCallCount)
 {
-    for (u32 callCount = 0; callCount < maxCallCount;)
+    for (u32 callCount = 0; callCount < maxCallCount && m_FirstWaiting != null;)
     {
-        SArena *arena = _NextWaiting();
-        if (arena == null)
-            return;
-        if (arena->m_ReturnedCount == arena->m_CarvedCount)
+        SArena &arena = *m_FirstWaiting;
+        bool isFree;
         {
-            _FreeMemory(arena);
-            callCount += kCallsOfFreeing;
-            continue;
+            const std::lock_guard<std::mutex> lock(m_Lock);
+            arena.m_IsBeingDiscarded = true; // hands out nothing meanwhile
+            isFree = arena.m_ReturnedCount == arena.m_CarvedCount;
         }
-        callCount += _Discard(*arena, maxCallCount - callCount);
-        const std::lock_guard<std::mutex> lock(m_Lock);
-        arena->m_IsBeingDiscarded = false;
-        if (arena->m_NextToDiscard == arena->m_BlockCount)
-            continue;
-        _Await(*arena); // for the rest of it
+        if (!isFree)
+        {
+            callCount += _Discard(arena, maxCallCount - callCount);
+            const std::lock_guard<std::mutex> lock(m_Lock);
+            arena.m_IsBeingDiscarded = false;
+            if (arena.m_NextToDiscard != arena.m_BlockCount)
+                return; // the rest of it comes first next time
+        }
+        m_FirstWaiting = arena.m_NextWaiting;
+        arena.m_NextWaiting = null;
+        arena.m_IsWaiting = false;
+        if (isFree)
+        {
+            FreeArena(arena);
+            callCount += kCallsOfFreeing;
+        }
     }
 }
 

@@ -56,7 +56,6 @@ struct SPageBlock
     EPlace m_Place;
 
     u32 Size() const { return m_Arena->m_BlockBytes; }
-    u32 SlotId() const { return m_Arena->m_SlotId; }
     u8 *Data() const { return m_Arena->m_FirstBlock + size_t(this - m_Arena->m_Blocks) * m_Arena->m_BlockStride; }
 };
 
@@ -88,7 +87,7 @@ struct TLinkedList
     }
 };
 
-// The arenas of all size classes. Any thread may call Take, Find, FreeAtOnce and the queries; Return and GiveBack are
+// The arenas of all size classes. Any thread may call Take, FreeArena, Find and the queries; Return and GiveBack are
 // called by one thread at a time. No memory service is called under the lock.
 class CPageArenas : public CNonCopyable
 {
@@ -97,8 +96,8 @@ public:
     SPageBlock *Take(u32 slotId, u32 blockBytes);
     // Takes a block back. Its memory goes with GiveBack.
     void Return(SPageBlock &block);
-    // Takes a block back that is not pooled, and frees its memory.
-    void FreeAtOnce(SPageBlock &block);
+    // Frees an arena. Requires that none of its blocks is used any more.
+    void FreeArena(SArena &arena);
     // Frees arenas whose blocks are all returned, and discards the bytes of returned blocks between those that are out:
     // at most maxCallCount calls of the services.
     void GiveBack(u32 maxCallCount);
@@ -112,15 +111,12 @@ private:
     static constexpr u32 kClassCount = CParticlePageAllocator::kPoolSlotCount + 1;
 
     SArena *_NewArena(u32 slotId, u32 blockBytes, u32 blockCount);
-    static void _FreeMemory(SArena *arena);
-    SArena *_NextWaiting();
     SPageBlock &_TakeFrom(SArena &arena);
-    void _Await(SArena &arena);
     static u32 _Discard(SArena &arena, u32 maxCallCount);
 
     std::mutex m_Lock;                         // guards the rest
     TLinkedList<SArena> m_Arenas[kClassCount]; // those with a block to hand out stand first
-    SArena *m_FirstWaiting = null;
+    SArena *m_FirstWaiting = null;             // this and the next one for Return and GiveBack alone
     SArena *m_LastWaiting = null;
     u64 m_BytesReserved = 0; // this and the next one are read without the lock
     u64 m_TakeCount = 0;
