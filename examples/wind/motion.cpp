@@ -1,5 +1,7 @@
 #include "motion.h"
 
+#include <tz_particles/include/ps_for_each.h>
+
 #include <algorithm>
 #include <cmath>
 
@@ -95,19 +97,12 @@ void Age(const CParticlePageView &page, const SFields &fields)
         MakeOlder(page.ColumnForWriting<float>(fields.m_Age));
 }
 
-void FindDead(const CParticlePageView &page, const SFields &fields, std::vector<u32> &outIndices)
+u32 RemoveDead(CParticleStream_MainMemory &stream, const SFields &fields)
 {
-    outIndices.clear();
-    const auto lifetimes = page.Column<float>(fields.m_Lifetime);
-    WithAges(page, fields,
-             [&](const auto &ages)
-             {
-                 for (u32 i = 0; i < ages.Count(); ++i)
-                 {
-                     if (float(ages[i]) >= lifetimes[i])
-                         outIndices.push_back(i);
-                 }
-             });
+    const auto isOver = [](auto age, float lifetime) { return float(age) >= lifetime; };
+    if (fields.m_AgeIsInteger)
+        return Particles::RemoveIf<const s32, const float>(stream, fields.m_Age, fields.m_Lifetime, isOver);
+    return Particles::RemoveIf<const float, const float>(stream, fields.m_Age, fields.m_Lifetime, isOver);
 }
 
 TStridedMemoryView<const float> Speeds(const CParticlePageView &page, const SFields &fields)

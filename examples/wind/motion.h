@@ -25,8 +25,8 @@ void Advect(const CParticlePageView &page, const SFields &fields, const CWindFie
 // Makes the particles a frame older.
 void Age(const CParticlePageView &page, const SFields &fields);
 
-// The particles that have lived their life, in ascending order.
-void FindDead(const CParticlePageView &page, const SFields &fields, std::vector<u32> &outIndices);
+// Removes the particles of the whole stream that have lived their life, and tells how many.
+u32 RemoveDead(CParticleStream_MainMemory &stream, const SFields &fields);
 
 // The columns that are not laid out alike in the two layouts. The speed is a field, or the position's third component.
 TStridedMemoryView<const float> Speeds(const CParticlePageView &page, const SFields &fields);

@@ -3,6 +3,7 @@
 #include "drawing.h"
 #include "motion.h"
 
+#include <tz_particles/include/ps_for_each.h>
 #ifdef WIND_HAS_SNAPSHOTS
 #    include <tz_snapshot/include/sn_snapshot.h>
 #endif
@@ -39,18 +40,6 @@ CFloat2 RandomPlace(CRandom &random)
 
 // Not so of NaN.
 bool IsOnGlobe(const CFloat2 &place) { return std::abs(place.m_X) <= 360.0f && std::abs(place.m_Y) <= 90.0f; }
-
-// Calls `work` with a view on each page that holds particles, a page at a time. The caller holds the page lock.
-template <typename _Work>
-void ForEachPage(const CParticleStream_MainMemory &stream, const _Work &work)
-{
-    for (u32 i = 0; i < stream.PageCount(); ++i)
-    {
-        const CParticlePageView page(stream.Page(CGuid(i)));
-        if (!page.Empty())
-            work(page);
-    }
-}
 } // namespace
 
 CWindParticles::CWindParticles(const CWindField &field, const CLayout &layout, const CFloat3 &tint, u32 pageSize,
@@ -80,9 +69,8 @@ void CWindParticles::Draw(const CPalette &palette, CCanvas &canvas)
     const CScopedPhase phase(m_Clock, Phase_Drawing);
     const SFields fields = FindFields(m_Stream);
     canvas.Fade(kLightKept);
-    m_Stream.LockPagesToRender();
-    ForEachPage(m_Stream, [&](const CParticlePageView &page) { DrawPage(page, fields, palette, canvas); });
-    m_Stream.UnlockPagesToRender();
+    const CScopedPagesRenderLock lock(m_Stream);
+    Particles::ForEachPage(m_Stream, [&](const CParticlePageView &page) { DrawPage(page, fields, palette, canvas); });
 }
 
 void CWindParticles::CarePages(u32 maxPageCountToResize, u32 frame)
@@ -124,16 +112,15 @@ bool CWindParticles::Load(const std::string &path, std::string &outError)
         return outError = path + " cannot be loaded", false;
     m_BirthCount += m_Stream.ParticleCount();
     const SFields fields = FindFields(m_Stream);
-    const CScopedPagesLock lock(m_Stream);
-    ForEachPage(m_Stream,
-                [&](const CParticlePageView &page)
-                {
-                    for (const CGuid field : {fields.m_Position, fields.m_PreviousPosition})
-                    {
-                        for (CFloat2 &place : page.ColumnForWriting<CFloat2>(field))
-                            place = IsOnGlobe(place) ? place : CFloat2(0.0f, 0.0f);
-                    }
-                });
+    Particles::ForEachPage(m_Stream,
+                           [&](const CParticlePageView &page)
+                           {
+                               for (const CGuid field : {fields.m_Position, fields.m_PreviousPosition})
+                               {
+                                   for (CFloat2 &place : page.ColumnForWriting<CFloat2>(field))
+                                       place = IsOnGlobe(place) ? place : CFloat2(0.0f, 0.0f);
+                               }
+                           });
     return true;
 }
 #else
@@ -184,31 +171,22 @@ void CWindParticles::_FillNewborn(const CParticlePageView &newborn, const SField
 void CWindParticles::_Advect(const SFields &fields)
 {
     const CScopedPhase phase(m_Clock, Phase_Advection);
-    const CScopedPagesLock lock(m_Stream);
-    ForEachPage(m_Stream, [&](const CParticlePageView &page) { Advect(page, fields, m_Field, kSecondsPerFrame); });
+    Particles::ForEachPage(m_Stream,
+                           [&](const CParticlePageView &page) { Advect(page, fields, m_Field, kSecondsPerFrame); });
 }
 
 void CWindParticles::_Age(const SFields &fields)
 {
     const CScopedPhase phase(m_Clock, Phase_Ageing);
-    const CScopedPagesLock lock(m_Stream);
-    ForEachPage(m_Stream, [&](const CParticlePageView &page) { Age(page, fields); });
+    Particles::ForEachPage(m_Stream, [&](const CParticlePageView &page) { Age(page, fields); });
 }
 
 void CWindParticles::_RemoveDead(const SFields &fields)
 {
     const CScopedPhase phase(m_Clock, Phase_Removal);
-    const CScopedPagesLock lock(m_Stream);
-    for (u32 i = 0; i < m_Stream.PageCount(); ++i)
-    {
-        FindDead(CParticlePageView(m_Stream.Page(CGuid(i))), fields, m_DeadIndices);
-        if (m_DeadIndices.empty())
-            continue;
-        const TMemoryView<const u32> indices(m_DeadIndices.data(), u32(m_DeadIndices.size()));
-        const u32 removedCount = m_Stream.RemoveParticles(CGuid(i), indices);
-        m_DeathCount += removedCount;
-        m_Clock.AddHandled(Phase_Removal, removedCount);
-    }
+    const u32 removedCount = RemoveDead(m_Stream, fields);
+    m_DeathCount += removedCount;
+    m_Clock.AddHandled(Phase_Removal, removedCount);
 }
 
 void CWindParticles::_ResizePages(u32 maxPageCount, u32 frame)

@@ -56,7 +56,6 @@ private:
     CPhaseClock m_Clock;
     CPageDiary m_Diary;
     CParticleStream_MainMemory m_Stream;
-    std::vector<u32> m_DeadIndices; // kept for its memory
     u64 m_BirthCount = 0, m_DeathCount = 0, m_CollectedPageCount = 0;
 };
 } // namespace Wind
