@@ -4,8 +4,10 @@
 // TZ_ASSERT_MESSAGE(expr, format, ...) the same with a printf-style message
 // TZ_VERIFY(expr)                      an expression with the outcome of expr, which is always evaluated;
 //                                      a failure is reported and the caller takes its failure branch
+// TZ_VERIFY_MESSAGE(expr, format, ...) the same with a printf-style message
 //
-// Each site owns a flag that silences it for good. Flags are read and written with relaxed atomic operations.
+// A message's values are computed when the check has failed, never before. Each site owns a flag that silences it for
+// good. Flags are read and written with relaxed atomic operations.
 // An assertion never changes the outcome of the operation that it guards.
 #pragma once
 
@@ -57,6 +59,10 @@ TZ_API TZ_COLD bool VerifyAssertFalse_Breaks(bool &ignoredFlag, const char *file
 inline bool _IsIgnored(const bool &ignoredFlag) { return __atomic_load_n(&ignoredFlag, __ATOMIC_RELAXED); }
 inline void _SetIgnored(bool &ignoredFlag) { __atomic_store_n(&ignoredFlag, true, __ATOMIC_RELAXED); }
 
+// For TZ_VERIFY_MESSAGE: forms the message and asks VerifyAssertFalse_Breaks.
+TZ_API TZ_COLD bool _VerifyMessageFalse_Breaks(bool &ignoredFlag, const char *file, const char *function, int line,
+                                               const char *expression, const char *format, ...) TZ_PRINTF_FORMAT(6, 7);
+
 // Where a verification breaks.
 inline void _Verify_BreakPoint() { BreakPoint(); }
 
@@ -89,7 +95,18 @@ inline void _TakeResult(bool &ignoredFlag, int result)
         _holds;                                                                                                        \
     }))
 
-// The same for sites whose text is not the text of their condition.
+// The same with a printf-style message.
+#define TZ_VERIFY_MESSAGE(expr, ...)                                                                                   \
+    (__extension__({                                                                                                   \
+        static bool _ignored = false;                                                                                  \
+        const bool _holds = static_cast<bool>(expr);                                                                   \
+        if (!_holds && ::Tessaly::Assert::_VerifyMessageFalse_Breaks(_ignored, __FILE__, TZ_FUNCTION_SIGNATURE,        \
+                                                                     __LINE__, #expr, __VA_ARGS__))                    \
+            ::Tessaly::Assert::_Verify_BreakPoint();                                                                   \
+        _holds;                                                                                                        \
+    }))
+
+// As TZ_ASSERT, for sites whose text is not the text of their condition.
 #define TZ_ASSERT_TEXT(text, expr)                                                                                     \
     do                                                                                                                 \
     {                                                                                                                  \

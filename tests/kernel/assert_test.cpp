@@ -33,6 +33,12 @@ bool VerifySite(bool holds, int &evaluations)
     return TZ_VERIFY((++evaluations, holds));
 }
 
+template <int _Site>
+bool VerifyMessageSite(bool holds, int &evaluations)
+{
+    return TZ_VERIFY_MESSAGE((++evaluations, holds), "%d of %s", ++evaluations, "many");
+}
+
 volatile std::sig_atomic_t g_TrapCount = 0;
 
 // Counts breakpoints instead of stopping at them.
@@ -55,18 +61,19 @@ TEST(Assertion, FailureIsReportedWithTextFunctionAndMessage)
     CReportRecorder reports;
     int evaluations = 0;
     AssertSite<0>(true, evaluations);
-    EXPECT_TRUE(VerifySite<0>(true, evaluations));
+    EXPECT_TRUE(VerifySite<0>(true, evaluations) && VerifyMessageSite<0>(true, evaluations));
     EXPECT_EQ(reports.Count(), 0u);
     AssertSite<0>(false, evaluations);
     MessageSite<0>(false, evaluations);
-    EXPECT_FALSE(VerifySite<0>(false, evaluations));
+    EXPECT_FALSE(VerifySite<0>(false, evaluations) || VerifyMessageSite<0>(false, evaluations));
     const std::vector<SSeenReport> seen = reports.Take();
-    ASSERT_EQ(seen.size(), 3u);
-    for (u32 i = 0; i < 3; ++i)
+    ASSERT_EQ(seen.size(), 4u);
+    const std::string messages[] = {seen[0].m_Text, "5 of many\n", seen[2].m_Text, "8 of many"};
+    for (u32 i = 0; i < 4; ++i)
     {
         EXPECT_EQ(seen[i].m_Text, "(++evaluations, holds)");
-        EXPECT_EQ(seen[i].m_Message, i == 1 ? "4 of many\n" : seen[i].m_Text) << "formed after the condition";
-        EXPECT_EQ(seen[i].m_IsVerify, i == 2);
+        EXPECT_EQ(seen[i].m_Message, messages[i]) << "formed after the condition, and only when it fails";
+        EXPECT_EQ(seen[i].m_IsVerify, i >= 2);
         EXPECT_NE(seen[i].m_Function.find("Site(bool, int"), std::string::npos) << seen[i].m_Function;
         EXPECT_NE(seen[i].m_File.find("assert_test.cpp"), std::string::npos);
     }
@@ -82,7 +89,9 @@ TEST(Assertion, IgnoreSilencesThatSiteAlone)
         AssertSite<1>(false, evaluations);
         MessageSite<1>(false, evaluations);
         EXPECT_FALSE(VerifySite<1>(false, evaluations)) << "it still takes its failure branch";
-        EXPECT_EQ(reports.Take().size(), round == 0 ? 3u : 0u);
+        int others = 0;
+        EXPECT_FALSE(VerifyMessageSite<1>(false, others));
+        EXPECT_EQ(reports.Take().size(), round == 0 ? 4u : 0u);
     }
     EXPECT_EQ(evaluations, 4) << "a silenced assertion evaluates nothing, a verification everything";
     reports.AnswerWith(Assert::Result_Continue);
@@ -100,9 +109,9 @@ TEST(Assertion, BreakTrapsAndEveryAnswerGoesOn)
         reports.AnswerWith(answer);
         AssertSite<3>(false, evaluations);
         MessageSite<3>(false, evaluations);
-        EXPECT_FALSE(VerifySite<3>(false, evaluations));
-        EXPECT_EQ(g_TrapCount, expected += answer == Assert::Result_Break ? 3 : 0);
-        EXPECT_EQ(reports.Take().size(), 3u) << "none of these silences anything";
+        EXPECT_FALSE(VerifySite<3>(false, evaluations) || VerifyMessageSite<3>(false, evaluations));
+        EXPECT_EQ(g_TrapCount, expected += answer == Assert::Result_Break ? 4 : 0);
+        EXPECT_EQ(reports.Take().size(), 4u) << "none of these silences anything";
     }
 }
 

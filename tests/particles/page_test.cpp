@@ -177,7 +177,8 @@ TEST_F(Definition, GrowsByNameAndTypeOrStaysAsItIs)
         messages.push_back(report.m_Message);
     EXPECT_EQ(messages, (std::vector<std::string>{
                             "field 2 is a constant: bind the definition with its constant data and slot table",
-                            "def != null", "field 3 of the definition needs a name: CStringId(0) is none",
+                            "BindStreamDef needs a definition: null is none",
+                            "field 3 of the definition needs a name: CStringId(0) is none",
                             "field 1 of the definition has the name 152360985 (\"spin\") already",
                             "field 152360985 (\"spin\") can not be of type 0, which has no size",
                             "field 9 (\"not registered\") can not be of type 37, which has no size",

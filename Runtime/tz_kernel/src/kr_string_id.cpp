@@ -60,7 +60,7 @@ void FreeName(SRegisteredName *name)
 
 CStringId CStringId::Register(const char *text)
 {
-    if (!TZ_VERIFY(text != null))
+    if (!TZ_VERIFY_MESSAGE(text != null, "Register needs a text: null names nothing"))
         return CStringId();
     const CStringId id = FromText(text, TNumericTraits<u32>::kMax);
     SRegisteredName *name = null;

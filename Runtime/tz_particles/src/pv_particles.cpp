@@ -39,7 +39,7 @@ void CParticlesInternals::Shutdown()
 {
     const std::lock_guard<std::mutex> lock(g_StartupLock);
     const u32 startupCount = g_StartupCount;
-    if (!TZ_VERIFY(startupCount != 0))
+    if (!TZ_VERIFY_MESSAGE(startupCount != 0, "Shutdown was called more often than Startup"))
         return;
     g_StartupCount = startupCount - 1;
     if (startupCount != 1)

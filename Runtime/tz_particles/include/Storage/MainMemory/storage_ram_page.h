@@ -249,11 +249,12 @@ private:
         TZ_ASSERT_TEXT("first + count <= page.ParticleCount()", first + count <= m_Page->ParticleCount());
     }
 
-    bool _HasParticles() const; // a page, and the run within its capacity
+    bool _HasParticles() const;                                              // a page, and the run within its capacity
+    bool _CanWrite(const SParticleStreamField &field, CGuid streamId) const; // reports why not
     // Start of the view's values of a field, or null.
     u8 *_ColumnStart(const SParticleStreamField &field) const;
     template <typename _Type>
-    TStridedMemoryView<_Type> _TypedColumn(const SParticleStreamField &field) const;
+    TStridedMemoryView<_Type> _TypedColumn(const SParticleStreamField &field, CGuid streamId) const;
 
     PParticlePage m_Page;
     u32 m_First;

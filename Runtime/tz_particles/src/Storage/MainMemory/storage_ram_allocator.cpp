@@ -66,7 +66,8 @@ struct CParticlePageAllocator::SShards
 
 CParticlePageAllocator::~CParticlePageAllocator()
 {
-    TZ_ASSERT(TotalMemoryAllocated() == 0);
+    TZ_ASSERT_MESSAGE(TotalMemoryAllocated() == 0, "the page allocator is destroyed while pages hold %llu bytes of it",
+                      static_cast<unsigned long long>(TotalMemoryAllocated()));
     CleanAllFreePages();
     Mem::Delete(TZ_CALL_SITE, m_Shards);
 }

@@ -1,6 +1,7 @@
 // Pages, their fields, and the views on them.
 #include <tz_particles/include/Storage/MainMemory/storage_ram_page.h>
 
+#include <cstdio>
 #include <cstring>
 
 #include <tz_kernel/include/kr_address_sanitizer.h>
@@ -94,6 +95,27 @@ bool IsListOfParticles(const TMemoryView<const u32> &indices, u32 count)
         descents |= list[i - 1] < list[i] ? 0u : 1u;
     return descents == 0;
 }
+
+// What is wrong with a list of which IsListOfParticles is false.
+struct SListFault
+{
+    char m_Text[80];
+
+    SListFault(const TMemoryView<const u32> &indices, u32 count)
+    {
+        const u32 *list = indices.Data();
+        u32 i = 0;
+        while (list != null && i + 1 < indices.Count() && list[i] < count && (i == 0 || list[i - 1] < list[i]))
+            ++i;
+        if (list == null)
+            std::snprintf(m_Text, sizeof(m_Text), "indices are null: they count %u", indices.Count());
+        else if (list[i] >= count)
+            std::snprintf(m_Text, sizeof(m_Text), "indices hold %u at position %u: the page has %u particles", list[i],
+                          i, count);
+        else
+            std::snprintf(m_Text, sizeof(m_Text), "indices are not ascending at position %u", i);
+    }
+};
 
 u32 CountBelow(const TMemoryView<const u32> &indices, u32 bound)
 {
@@ -236,14 +258,17 @@ u32 CParticlePage::RemoveParticles(const TMemoryView<const u32> &indices, TMemor
 {
     const u32 oldCount = m_ParticleCount;
     CMoveRecord record(outMoves);
-    if (!TZ_VERIFY(IsListOfParticles(indices, oldCount)) || !TZ_VERIFY(PrepareForWriting()))
+    if (!TZ_VERIFY_MESSAGE(IsListOfParticles(indices, oldCount), "%s", SListFault(indices, oldCount).m_Text) ||
+        !TZ_VERIFY_MESSAGE(PrepareForWriting(), "the page has %u readers: it can not be written",
+                           m_RawPage->ReadersCount()))
         return 0;
 
     constexpr u32 kMovesAtATime = 256;
     SParticleMove moves[kMovesAtATime];
     const u32 newCount = oldCount - indices.Count();
     CHoleFiller filler(indices, newCount);
-    TZ_ASSERT(outMoves == null || filler.HolesLeft() <= record.Capacity());
+    TZ_ASSERT_MESSAGE(outMoves == null || filler.HolesLeft() <= record.Capacity(),
+                      "outMoves holds %u entries, %u moves happened", record.Capacity(), filler.HolesLeft());
     while (const u32 moveCount = filler.Next(moves, kMovesAtATime))
     {
         MoveParticles(m_Streams_Unsafe.View(), moves, moveCount);
@@ -257,7 +282,8 @@ void CParticlePage::DeepCopy(const CParticlePage &other) { _DeepCopy(other, &Mem
 
 void CParticlePage::_DeepCopy(const CParticlePage &other, FnCopyBytes copyBytes)
 {
-    if (this == &other || !TZ_VERIFY(PrepareForWriting()))
+    if (this == &other || !TZ_VERIFY_MESSAGE(PrepareForWriting(), "the page has %u readers: it can not be written",
+                                             m_RawPage->ReadersCount()))
         return;
     _UnpoisonAllSlots();
     const u32 particleCount = TZMin(other.ParticleCount(), m_Capacity);
@@ -384,9 +410,10 @@ TMemoryView<SParticleStreamField> CParticlePageView::StreamsForWriting() const
 
 SParticleStreamField &CParticlePageView::RawStreamForWriting(CGuid streamId) const
 {
-    if (!TZ_VERIFY(m_Page != null))
+    if (!TZ_VERIFY_MESSAGE(m_Page != null, "the view holds no page: it has no field %u", streamId.Get()))
         return Internal::MissingElement<SParticleStreamField>();
-    TZ_ASSERT(m_Page->ReadyToWrite());
+    TZ_ASSERT_MESSAGE(m_Page->ReadyToWrite(), "the page has %u readers: it can not be written",
+                      m_Page->RawPage()->ReadersCount());
     return const_cast<SParticleStreamField &>(m_Page->RawStream(streamId));
 }
 
@@ -395,9 +422,7 @@ const u8 *CParticlePageView::RawStreamBegin(CGuid streamId) const { return _Colu
 u8 *CParticlePageView::RawStreamBeginForWriting(CGuid streamId) const
 {
     const SParticleStreamField &field = RawStream(streamId);
-    if (!TZ_VERIFY(!field.IsConstant()) || !TZ_VERIFY(m_Page->ReadyToWrite()))
-        return null;
-    return _ColumnStart(field);
+    return _CanWrite(field, streamId) ? _ColumnStart(field) : null;
 }
 
 CGuid CParticlePageView::StreamId(CStringId nameGUID) const

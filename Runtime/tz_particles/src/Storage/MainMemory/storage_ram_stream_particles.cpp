@@ -113,7 +113,8 @@ u32 CParticleStream_MainMemory::RemoveParticles(CGuid pageId, const TMemoryView<
                                                 TMemoryView<SParticleMove> *outMoves)
 {
     const CScopedPagesLock lock(*this);
-    if (!TZ_VERIFY(pageId < m_Pages.Count()))
+    if (!TZ_VERIFY_MESSAGE(pageId < m_Pages.Count(), "there is no page %u: the stream has %u", pageId.Get(),
+                           m_Pages.Count()))
     {
         if (outMoves != null)
             outMoves->m_Count = 0;

@@ -147,7 +147,7 @@ void CParticleStream_MainMemory::BindStreamDef(const SParticleStreamDef *def,
 
 bool CParticleStream_MainMemory::BindStreamDef(const SParticleStreamDef *def)
 {
-    if (!TZ_VERIFY(def != null))
+    if (!TZ_VERIFY_MESSAGE(def != null, "BindStreamDef needs a definition: null is none"))
         return false;
     for (u32 i = 0; i < def->m_StreamDef.Count(); ++i)
     {
