@@ -26,6 +26,7 @@ void AddTableRows()
     AddSpawnRows();
     AddLifeRows();
     AddPassRows();
+    AddForEachRows();
     AddRemovalRows();
     AddDeepCopyRows();
     AddConversionRows();

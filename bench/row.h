@@ -123,6 +123,7 @@ void RunOnThreads(unsigned threadCount, CMeter &meter, const std::function<void(
 void AddSpawnRows();
 void AddLifeRows();
 void AddPassRows();
+void AddForEachRows();
 void AddRemovalRows();
 void AddDeepCopyRows();
 void AddConversionRows();
