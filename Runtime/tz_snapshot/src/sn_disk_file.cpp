@@ -25,16 +25,22 @@ struct SHdf5File
 namespace
 {
 
+// What the property list of a file has of it.
+struct SDriverInfo
+{
+    CDiskFile *m_File;
+};
+
 SHdf5File &Self(H5FD_t *file) { return *reinterpret_cast<SHdf5File *>(file); }
 const SHdf5File &Self(const H5FD_t *file) { return *reinterpret_cast<const SHdf5File *>(file); }
 
 H5FD_t *DriverOpen(const char *, unsigned, hid_t access, haddr_t)
 {
-    CDiskFile *const *file = static_cast<CDiskFile *const *>(H5Pget_driver_info(access));
-    SHdf5File *self = file != null ? static_cast<SHdf5File *>(std::calloc(1, sizeof(SHdf5File))) : null;
+    const SDriverInfo *info = static_cast<const SDriverInfo *>(H5Pget_driver_info(access));
+    SHdf5File *self = info != null ? static_cast<SHdf5File *>(std::calloc(1, sizeof(SHdf5File))) : null;
     if (self == null)
         return null;
-    self->m_File = *file;
+    self->m_File = info->m_File;
     self->m_File->m_Hdf5File = self;
     return &self->m_Public;
 }
@@ -99,7 +105,7 @@ hid_t Driver()
     driverClass.name = "tessaly_snapshot";
     driverClass.maxaddr = haddr_t(1) << 62;
     driverClass.fc_degree = H5F_CLOSE_STRONG;
-    driverClass.fapl_size = sizeof(CDiskFile *);
+    driverClass.fapl_size = sizeof(SDriverInfo);
     driverClass.open = &DriverOpen;
     driverClass.close = &DriverClose;
     driverClass.query = &DriverQuery;
@@ -156,10 +162,10 @@ bool CDiskFile::OpenToWrite(const char *path, CReason &reason)
 hid_t CDiskFile::MakeAccess()
 {
     const hid_t access = H5Pcreate(H5P_FILE_ACCESS);
-    CDiskFile *self = this;
+    const SDriverInfo info = {this};
     H5AC_cache_config_t cache = {};
     cache.version = H5AC__CURR_CACHE_CONFIG_VERSION;
-    if (access >= 0 && H5Pset_driver(access, Driver(), &self) >= 0 && H5Pget_mdc_config(access, &cache) >= 0)
+    if (access >= 0 && H5Pset_driver(access, Driver(), &info) >= 0 && H5Pget_mdc_config(access, &cache) >= 0)
     {
         // The metadata cache stays small, whatever the file.
         cache.set_initial_size = true;
