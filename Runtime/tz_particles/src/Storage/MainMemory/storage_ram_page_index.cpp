@@ -14,16 +14,24 @@ CPageListIndex::~CPageListIndex()
                       TZ_FUNCTION_SIGNATURE);
 }
 
-CGuid CPageListIndex::FindFirst(u32 minCount)
+CGuid CPageListIndex::FindFirst(const PageList &pages, u32 minCount)
 {
-    const bool isAnswered = minCount >= m_SearchedCount &&
-                            (m_FirstCandidate >= m_PageCount || m_Nodes[m_LeafCount + m_FirstCandidate] >= minCount);
-    if (!isAnswered)
+    const bool isAnswered =
+        minCount >= m_SearchedCount &&
+        (m_FirstCandidate >= m_PageCount || pages.Data()[m_FirstCandidate].Get()->FreeCount() >= minCount);
+    if (!isAnswered && _HasTree())
     {
         const CGuid found = _Search(minCount);
         m_FirstCandidate = found.Valid() ? found.Get() : m_PageCount;
-        m_SearchedCount = minCount;
     }
+    else if (!isAnswered)
+    {
+        m_FirstCandidate = 0;
+        while (m_FirstCandidate < m_PageCount && pages.Data()[m_FirstCandidate].Get()->FreeCount() < minCount)
+            ++m_FirstCandidate;
+    }
+    if (!isAnswered)
+        m_SearchedCount = minCount;
     return m_FirstCandidate < m_PageCount ? CGuid(m_FirstCandidate) : CGuid::INVALID;
 }
 
@@ -62,23 +70,27 @@ void CPageListIndex::Reserve(u32 pageCount)
     m_LeafCount = nodes != null ? leafCount : oldLeafCount;
 }
 
-bool CPageListIndex::Build(const TMemoryView<const PParticlePage> &pages)
+bool CPageListIndex::Build(const PageList &pages)
 {
-    if (pages.Count() > m_LeafCount)
+    const bool hasTree = pages.Count() > kMaxWalkedPageCount;
+    if (hasTree && pages.Count() > m_LeafCount)
         return false;
-    u32 *leaves = m_Nodes + m_LeafCount;
     m_ParticleCount = 0;
     for (u32 i = 0; i < pages.Count(); ++i)
     {
         CParticlePage &page = *pages.Data()[i].Get();
-        leaves[i] = page.FreeCount();
         m_ParticleCount += page.ParticleCount();
         page.m_ListIndex = this;
         page.m_IndexInList = i;
+        if (hasTree)
+            m_Nodes[m_LeafCount + i] = page.FreeCount();
     }
-    std::memset(leaves + pages.Count(), 0, size_t(m_LeafCount - pages.Count()) * sizeof(u32));
-    for (u32 node = m_LeafCount - 1; node != 0; --node)
-        m_Nodes[node] = TZMax(m_Nodes[2 * node], m_Nodes[2 * node + 1]);
+    if (hasTree)
+    {
+        std::memset(m_Nodes + m_LeafCount + pages.Count(), 0, size_t(m_LeafCount - pages.Count()) * sizeof(u32));
+        for (u32 node = m_LeafCount - 1; node != 0; --node)
+            m_Nodes[node] = TZMax(m_Nodes[2 * node], m_Nodes[2 * node + 1]);
+    }
     m_PageCount = pages.Count();
     m_FirstCandidate = 0;
     m_SearchedCount = 0;
@@ -95,7 +107,8 @@ void CPageListIndex::Swap(CPageListIndex &other)
 
 void CPageListIndex::Attach(CParticlePage &page, u32 pageIndex)
 {
-    if (m_PageCount == 0 || m_PageCount != pageIndex || pageIndex >= m_LeafCount)
+    const bool hasNodes = pageIndex < kMaxWalkedPageCount || (_HasTree() && pageIndex < m_LeafCount);
+    if (m_PageCount == 0 || m_PageCount != pageIndex || !hasNodes)
         return Invalidate();
     m_PageCount = pageIndex + 1;
     page.m_ListIndex = this;
@@ -125,9 +138,12 @@ void CPageListIndex::Update(u32 pageIndex, u32 freeCount, u32 oldParticleCount, 
     if (pageIndex >= m_PageCount)
         return;
     m_ParticleCount += newParticleCount - oldParticleCount;
-    m_Nodes[m_LeafCount + pageIndex] = freeCount;
-    for (u32 node = (m_LeafCount + pageIndex) / 2; node != 0 && m_Nodes[node] < freeCount; node /= 2)
-        m_Nodes[node] = freeCount;
+    if (_HasTree())
+    {
+        m_Nodes[m_LeafCount + pageIndex] = freeCount;
+        for (u32 node = (m_LeafCount + pageIndex) / 2; node != 0 && m_Nodes[node] < freeCount; node /= 2)
+            m_Nodes[node] = freeCount;
+    }
     if (pageIndex < m_FirstCandidate && freeCount >= m_SearchedCount)
         m_FirstCandidate = pageIndex;
 }

@@ -9,7 +9,7 @@ namespace Tessaly
 inline CPageListIndex *CParticleStream_MainMemory::_PageIndex_NoLock() const
 {
     const u32 pageCount = m_Pages.Count();
-    if (pageCount <= CPageListIndex::kMaxWalkedPageCount)
+    if (pageCount < CPageListIndex::kMinPageCount)
         return null;
     return m_PageIndex.IsValidFor(pageCount) || m_PageIndex.Build(m_Pages.View()) ? &m_PageIndex : null;
 }
@@ -18,7 +18,7 @@ inline PParticlePage CParticleStream_MainMemory::_FindPageWithRoom_NoLock(u32 mi
 {
     if (CPageListIndex *index = _PageIndex_NoLock())
     {
-        const CGuid pageId = index->FindFirst(minCount);
+        const CGuid pageId = index->FindFirst(m_Pages.View(), minCount);
         return pageId.Valid() ? m_Pages.RawDataPointer()[pageId.Get()] : PParticlePage();
     }
     for (const PParticlePage &page : m_Pages.View())
