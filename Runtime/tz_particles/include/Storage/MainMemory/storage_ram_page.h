@@ -105,9 +105,11 @@ public:
     // One field; an id out of range is reported and gives an empty record.
     const SParticleStreamField &RawStream(CGuid streamId) const
     {
+        if (TZ_LIKELY(streamId < StreamsCount())) // else the sites' flags do not matter
+            return m_Streams_Unsafe.RawDataPointer()[streamId.Get()];
         TZ_ASSERT(streamId.Valid());
-        const SParticleStreamField &field = m_Streams_Unsafe[streamId]; // reports an index out of range
-        return streamId < StreamsCount() ? field : Internal::MissingElement<const SParticleStreamField>();
+        static_cast<void>(m_Streams_Unsafe[streamId]); // reports it
+        return Internal::MissingElement<const SParticleStreamField>();
     }
     const SParticleStreamField &Stream(CGuid streamId) const { return RawStream(streamId); }
     CGuid StreamId(CStringId nameGUID) const; // as SParticleStreamDef::StreamId, from the page's own fields

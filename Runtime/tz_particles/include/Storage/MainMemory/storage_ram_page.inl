@@ -24,12 +24,12 @@ inline const SParticleStreamField &CParticlePageView::RawStream(CGuid streamId) 
 {
     if (!TZ_VERIFY_MESSAGE(m_Page != null, "the view holds no page: it has no field %u", streamId.Get()))
         return Internal::MissingElement<const SParticleStreamField>();
-    return m_Page->RawStream(streamId);
+    return m_Page.Get()->RawStream(streamId);
 }
 
 inline bool CParticlePageView::_HasParticles() const
 {
-    return m_Page != null && u64(m_First) + m_Count <= m_Page->Capacity();
+    return m_Page != null && u64(m_First) + m_Count <= m_Page.Get()->Capacity();
 }
 
 inline u8 *CParticlePageView::_ColumnStart(const SParticleStreamField &field) const
@@ -45,7 +45,7 @@ inline bool CParticlePageView::_CanWrite(const SParticleStreamField &field, CGui
 {
     return TZ_VERIFY_MESSAGE(!field.IsConstant(), "field %u is a constant, or not there: it can not be written",
                              streamId.Get()) &&
-           TZ_VERIFY_MESSAGE(m_Page->ReadyToWrite(), "the page has %u readers: it can not be written",
+           TZ_VERIFY_MESSAGE(m_Page.Get()->ReadyToWrite(), "the page has %u readers: it can not be written",
                              m_Page->RawPage()->ReadersCount());
 }
 
