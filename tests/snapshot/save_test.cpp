@@ -48,7 +48,7 @@ TEST_F(SnapshotSaveTest, FullDiskLeavesTheOldFile)
     std::signal(SIGXFSZ, SIG_IGN);
     rlimit limit = {};
     getrlimit(RLIMIT_FSIZE, &limit);
-    for (const rlim_t bytes : {0, 100, 4000, 20000, 40000})
+    for (const rlim_t bytes : {0ul, 100ul, 4000ul, 20000ul, 40000ul})
     {
         const rlimit small = {bytes, limit.rlim_max};
         setrlimit(RLIMIT_FSIZE, &small);
