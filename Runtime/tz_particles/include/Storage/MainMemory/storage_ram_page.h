@@ -228,7 +228,7 @@ public:
 
     // The values of one field on the view's particles: stride = storage size, 0 on a constant field, which can not be
     // written. A type that is larger than the value or that would be misaligned is reported and gives an empty view,
-    // and so does a field that is not there or holds no data.
+    // and so does a field that is not there. A field without data gives an empty view, too.
     template <typename _Type>
     TStridedMemoryView<const _Type> Column(CGuid streamId) const;
     template <typename _Type>
