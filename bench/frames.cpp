@@ -50,7 +50,7 @@ u32 LifeOf(u32 serial, u32 frame)
 // Runs of 64 to 1,000 births at a time, the same for all sides.
 u32 BurstOf(u32 serial) { return 64 + Scramble(serial ^ 0x5EED) % 937; }
 
-// Holds a lock, and notes for how long, by the processor time of its thread.
+// Holds a lock, and notes for how long; by the wall clock, which is asked 20 times faster than a processor time.
 template <typename _Lockable>
 class CTimedLock
 {
@@ -60,11 +60,11 @@ public:
         , m_LongestHold(longestHold)
     {
         m_Lockable.Lock();
-        m_Begin = CMeter::ThreadNanoseconds();
+        m_Begin = CMeter::WallNanoseconds();
     }
     ~CTimedLock()
     {
-        m_LongestHold = std::max(m_LongestHold, CMeter::ThreadNanoseconds() - m_Begin);
+        m_LongestHold = std::max(m_LongestHold, CMeter::WallNanoseconds() - m_Begin);
         m_Lockable.Unlock();
     }
 
