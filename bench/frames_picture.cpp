@@ -28,18 +28,14 @@ void SetColor(cairo_t *cairo, const SColor &color)
     cairo_set_source_rgb(cairo, color.m_Red, color.m_Green, color.m_Blue);
 }
 
-enum EAlign
-{
-    Align_Left,
-    Align_Center,
-    Align_Right,
-};
+// How much of a text stands before its place.
+constexpr double kAlignLeft = 0.0, kAlignCenter = 0.5, kAlignRight = 1.0;
 
-void Write(cairo_t *cairo, const std::string &text, double x, double y, EAlign align)
+void Write(cairo_t *cairo, const std::string &text, double x, double y, double partBefore)
 {
     cairo_text_extents_t extents;
     cairo_text_extents(cairo, text.c_str(), &extents);
-    cairo_move_to(cairo, x - extents.x_advance * align / 2.0, y);
+    cairo_move_to(cairo, x - extents.x_advance * partBefore, y);
     cairo_show_text(cairo, text.c_str());
 }
 
@@ -68,15 +64,15 @@ public:
         for (double time = kLeastMicroseconds; time <= kMostMicroseconds; time *= 10.0)
         {
             _Line(kLeft, _Y(time), kRight, _Y(time));
-            Write(m_Cairo, TimeName(time), kLeft - 8.0, _Y(time) + 5.0, Align_Right);
+            Write(m_Cairo, TimeName(time), kLeft - 8.0, _Y(time) + 5.0, kAlignRight);
         }
         for (size_t frame = 0; frame <= m_FrameCount; frame += 200)
         {
             _Line(_X(frame), m_Top, _X(frame), m_Bottom);
-            Write(m_Cairo, std::to_string(frame), _X(frame), m_Bottom + 18.0, Align_Center);
+            Write(m_Cairo, std::to_string(frame), _X(frame), m_Bottom + 18.0, kAlignCenter);
         }
-        Write(m_Cairo, "frame", kRight, m_Bottom + 36.0, Align_Right);
-        Write(m_Cairo, title, kLeft, m_Top - 10.0, Align_Left);
+        Write(m_Cairo, "frame", kRight, m_Bottom + 36.0, kAlignRight);
+        Write(m_Cairo, title, kLeft, m_Top - 10.0, kAlignLeft);
     }
     void DrawDot(size_t frame, double nanoseconds) const
     {
@@ -115,7 +111,7 @@ void DrawLegend(cairo_t *cairo, const std::vector<SFrameSide> &sides)
         SetColor(cairo, kBlack);
         cairo_text_extents_t extents;
         cairo_text_extents(cairo, sides[i].m_Name.c_str(), &extents);
-        Write(cairo, sides[i].m_Name, x, 30.0, Align_Right);
+        Write(cairo, sides[i].m_Name, x, 30.0, kAlignRight);
         SetColor(cairo, kSides[i]);
         cairo_rectangle(cairo, x - extents.x_advance - 18.0, 20.0, 10.0, 10.0);
         cairo_fill(cairo);
