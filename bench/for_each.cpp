@@ -1,4 +1,4 @@
-// Going over particles by functions, beside loops over bare pointers into the same pages.
+// Going over particles by functions, beside loops over plain pointers into the same pages.
 #include <atomic>
 #include <cmath>
 #include <thread>
@@ -78,7 +78,8 @@ void AddStepRow(u32 particleCount)
                 });
         };
         run({Ours([&](CMeter &meter) { repeat(meter, &StepByFunction); }),
-             Limit("bare pointers into the same pages", 1.05, [&](CMeter &meter) { repeat(meter, &StepByPointers); })});
+             Limit("plain pointers into the same pages", 1.05,
+                   [&](CMeter &meter) { repeat(meter, &StepByPointers); })});
     };
     AddRow({"for each", "move and age, " + std::to_string(particleCount), kParticleCount, "ns a particle", 0.0,
             "the same instructions take 0.7 or 1.0 ns in the cache, by where the loops happen to lie in the program"},
@@ -128,7 +129,7 @@ void RemoveTenth(const RunSides &run)
         meter.Time(remove);
     };
     run({Ours([&](CMeter &meter) { measure(meter, byFunction); }),
-         Limit("bare pointers into the same pages", 1.05, [&](CMeter &meter) { measure(meter, byPointers); })});
+         Limit("plain pointers into the same pages", 1.05, [&](CMeter &meter) { measure(meter, byPointers); })});
 }
 
 void GoOnThreads(const RunSides &run)

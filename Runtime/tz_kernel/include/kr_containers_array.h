@@ -83,7 +83,7 @@ public:
     TMemoryView<const _Type> View() const { return TMemoryView<const _Type>(BaseImpl::_Data(), BaseImpl::_Count()); }
     TMemoryView<_Type> ViewForWriting() { return TMemoryView<_Type>(BaseImpl::_Data(), BaseImpl::_Count()); }
 
-    // For loops; the last two give bare pointers.
+    // For loops; the last two give plain pointers.
     Iterator begin() { return Iterator(_RawBegin(), this); }
     Iterator end() { return Iterator(_RawEnd(), this); }
     ConstIterator begin() const { return ConstIterator(_RawBegin(), this); }

@@ -1,4 +1,4 @@
-// Messages of verifications, in front of the service that reports them.
+// Forms the messages of verifications, and has the service report them.
 #include <tz_assert.h>
 
 #include <cstdarg>

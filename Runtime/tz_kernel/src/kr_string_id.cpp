@@ -1,4 +1,4 @@
-// Registered names: a list that grows at its front, so that it is read and extended without a lock.
+// Registered names: a list that grows at its head, so that it is read and extended without a lock.
 #include "../include/kr_string_id.h"
 
 #include <cstring>

@@ -163,7 +163,7 @@ private:
     // Called under the lock that guards the count. Rows that stay live are never poisoned in between.
     void _PoisonFreeSlots();
     void _UnpoisonAllSlots() const; // for the page's own writing of free slots
-    // Moves the particles from first on to the front; those before it are gone.
+    // Moves the particles from first on to index 0; those before it are gone.
     void _DropFirstParticles(u32 first);
 
     u32 m_ParticleCount;

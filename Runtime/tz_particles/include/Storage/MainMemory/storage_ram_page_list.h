@@ -1,4 +1,4 @@
-// The page list of a stream: an array that pages can be taken out of one by one, from the front at no cost.
+// The page list of a stream: an array that pages can be taken out of one by one, the first ones at no cost.
 //
 // For one in the first half, the pages before it move back by one, and the list starts further behind in its buffer,
 // until that is full or MoveToBufferStart is called. Draining 10,000 pages takes a third of the time that it takes when

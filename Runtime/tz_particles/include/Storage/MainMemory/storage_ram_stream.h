@@ -30,7 +30,7 @@ class TZ_API CParticleStream_MainMemory : public CParticleStreamAbstract
 public:
     // An unbound stream. pageSize: capacity, in particles, of the pages that it will make; 0 gives the default, 1024.
     explicit CParticleStream_MainMemory(u32 pageSize);
-    // Requires a free page lock. Pages that are still held elsewhere live on.
+    // Requires a free page lock. Pages that others still hold live on.
     ~CParticleStream_MainMemory() override { Cleanup(); }
 
     // The virtual interface. Lock and Unlock are LockPages and UnlockPages; the two queries take no lock: the

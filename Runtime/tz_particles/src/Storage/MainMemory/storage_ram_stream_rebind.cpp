@@ -40,8 +40,8 @@ void MapFieldsByName(const TArray<SParticleStreamFieldDef> &dstDefinition,
 }
 
 // The columns of a page that are copied as they are, sorted by source address: the prefetcher follows a block that is
-// read from front to back. The order of the destinations matters little: their block is the one that the page before
-// has left, and still in the cache.
+// read in the order of its addresses. The order of the destinations matters little: their block is the one that the
+// page before has left, and still in the cache.
 class CColumnCopies
 {
 public:
