@@ -209,6 +209,41 @@ TEST(MemoryServices, BlocksAreAlignedAndKeptByReallocation)
     allocator.m_Free(block, Mem::AllocType_Generic, Mem::Origin_Alloc, "", "", 0, "");
 }
 
+// Large blocks are mapped: discarding gives their whole pages back, and nothing of other blocks.
+TEST(MemoryServices, LargeBlocksAreKeptByReallocationAndDiscardedByPages)
+{
+    constexpr u64 kPage = 4096; // or more, on other systems: the bounds below hold for up to 64 KiB
+    const Mem::SAllocator &allocator = Mem::DefaultAllocator();
+    const auto resize = [&](void *block, u64 size)
+    { return static_cast<u8 *>(allocator.m_Realloc(block, size, 0, Mem::AllocType_Generic, "", "", 0, "")); };
+    u8 *other = resize(null, 5 << 20), *block = resize(null, 300000);
+    for (u64 size : {u64(300000), u64(1 << 20), u64(3000001), u64(2 << 20), u64(900000), u64(300000), u64(6 << 20)})
+    {
+        block = resize(block, size);
+        block[0] = block[299999] = 0x5A;
+        std::memset(block + 1, 0x3C, 299998);
+        u8 *larger = block = resize(block, size + 100000);
+        EXPECT_TRUE(larger[0] == 0x5A && larger[299999] == 0x5A && larger[150000] == 0x3C) << size;
+    }
+    std::memset(block, 1, 6 << 20);
+    std::memset(other, 2, 5 << 20);
+    allocator.m_Discard(block + 100, (1 << 20) + 200);
+    EXPECT_TRUE(block[99] == 1 && block[100] == 1 && block[kPage - 1] == 1) << "a page that is not wholly inside";
+    EXPECT_EQ(block[512 << 10], 0) << "given back";
+    EXPECT_TRUE(block[(1 << 20) + (64 << 10)] == 1 && std::count(other, other + (5 << 20), 2) == 5 << 20);
+    allocator.m_Discard(block + 3 * kPage + 1, 1);
+    allocator.m_Discard(other + (5 << 20) - 100, 1 << 20);
+    EXPECT_EQ(other[(5 << 20) - 1], 2) << "a range that leaves its block";
+    u8 *small = resize(null, 900000);
+    std::memset(small, 3, 900000);
+    allocator.m_Discard(small, 900000);
+    EXPECT_EQ(std::count(small, small + 900000, 3), 900000) << "the C library's";
+    for (void *each : {block, other, small})
+        allocator.m_Free(each, Mem::AllocType_Generic, Mem::Origin_Alloc, "", "", 0, "");
+    Mem::_RawDiscard(block, 1 << 20); // is nobody's
+    EXPECT_EQ(allocator.m_Alloc(~u64(0) - 5, 0, Mem::AllocType_Generic, Mem::Origin_Alloc, "", "", 0, ""), nullptr);
+}
+
 TEST(MemoryView, ReadsElementsAndReportsEachMisuse)
 {
     CReportRecorder reports;
