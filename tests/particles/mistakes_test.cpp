@@ -132,6 +132,8 @@ protected:
         constants.AddConstant(CStringId(9), BaseType_Float);
         CDefinition().BindTo(copy);
         copy.BindStreamDef(&constants, {}, {&CGuid::INVALID, 1}, {});
+        CDefinition wide;
+        wide.Stored(Life, BaseType_Float, 1 << 21).BindTo(copy);
         stream.BindStreamDef(&def);
         stream.SetPageSize(0);
         def.Add(CStringId(9), BaseType_Float); // while it is bound
@@ -215,6 +217,10 @@ protected:
         small.SetPageSize(8);
         small.GarbageCollectOldPages(null);
         small.ResizePending(1);
+        small.SetPageSize(16);
+        small.RegisterDeadCount(4);
+        small.ResizePending(1);
+        small.Clear();
     }
 
     void OfTheAllocator()
