@@ -76,11 +76,17 @@ struct TStridedColumn
     _Type &operator[](size_t row) const { return *reinterpret_cast<_Type *>(m_Start + row * m_Stride); }
 };
 
+// A function of its own, in which nothing but fn is called, and fn is a copy where that is the same: what it holds
+// stays in registers, where it would be read anew for each row: in the caches, three columns of floats take 0.7 of the
+// time.
 template <typename _Fn, typename... _Columns>
-TZ_FORCEINLINE void VisitRows(u32 first, u32 end, _Fn &fn, const _Columns... columns)
+TZ_NOINLINE void VisitRows(u32 first, u32 end, _Fn &fn, _Columns... columns)
 {
+    constexpr bool isCopied =
+        std::is_trivially_copyable<_Fn>::value && std::is_invocable<const _Fn &, decltype(columns[0])...>::value;
+    std::conditional_t<isCopied, const _Fn, _Fn &> called = fn;
     for (size_t row = first; row < end; ++row)
-        fn(columns[row]...);
+        called(columns[row]...);
 }
 
 // Calls fn with the values of rows first to end - 1 of the page. False, after a report, when it has not the columns.
