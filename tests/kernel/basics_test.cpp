@@ -1,7 +1,9 @@
 // Guids, base types, byte-range helpers, memory services, views, and the profiler's scopes.
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <numeric>
 #include <thread>
 
@@ -209,6 +211,22 @@ TEST(MemoryServices, BlocksAreAlignedAndKeptByReallocation)
     allocator.m_Free(block, Mem::AllocType_Generic, Mem::Origin_Alloc, "", "", 0, "");
 }
 
+// Whether the system is advised to keep huge pages at address.
+bool AdvisesHugePages(const void *address)
+{
+    std::ifstream maps("/proc/self/smaps");
+    bool isInside = false;
+    for (std::string line; std::getline(maps, line);)
+    {
+        unsigned long long start, end;
+        if (std::sscanf(line.c_str(), "%llx-%llx ", &start, &end) == 2)
+            isInside = start <= ureg(address) && ureg(address) < end;
+        if (isInside && line.rfind("VmFlags:", 0) == 0)
+            return line.find(" hg") != std::string::npos;
+    }
+    return false;
+}
+
 // Large blocks are mapped: discarding gives their whole pages back, and nothing of other blocks.
 TEST(MemoryServices, LargeBlocksAreKeptByReallocationAndDiscardedByPages)
 {
@@ -230,6 +248,7 @@ TEST(MemoryServices, LargeBlocksAreKeptByReallocationAndDiscardedByPages)
     allocator.m_Discard(block + 100, (1 << 20) + 200);
     EXPECT_TRUE(block[99] == 1 && block[100] == 1 && block[kPage - 1] == 1) << "a page that is not wholly inside";
     EXPECT_EQ(block[512 << 10], 0) << "given back";
+    EXPECT_FALSE(AdvisesHugePages(block)) << "they would fill what was given back";
     EXPECT_TRUE(block[(1 << 20) + (64 << 10)] == 1 && std::count(other, other + (5 << 20), 2) == 5 << 20);
     allocator.m_Discard(block + 3 * kPage + 1, 1);
     allocator.m_Discard(other + (5 << 20) - 100, 1 << 20);

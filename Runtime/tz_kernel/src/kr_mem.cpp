@@ -29,6 +29,7 @@ struct SMapping
     u64 m_MappedBytes;
     SMapping *m_Next;
     SMapping *m_Previous;
+    bool m_HasDiscarded; // no huge pages any more
 };
 
 std::mutex g_MappingsLock;
@@ -61,7 +62,7 @@ void *MapBlock(u64 size)
     if (blockBytes >= kHugePageBytes)
         madvise(block, blockBytes / kHugePageBytes * kHugePageBytes, MADV_HUGEPAGE); // a wish only
     const std::lock_guard<std::mutex> lock(g_MappingsLock);
-    SMapping *mapping = ::new (block + blockBytes) SMapping{block, blockBytes, mappedBytes, g_Mappings, null};
+    SMapping *mapping = ::new (block + blockBytes) SMapping{block, blockBytes, mappedBytes, g_Mappings, null, false};
     if (g_Mappings != null)
         g_Mappings->m_Previous = mapping;
     g_Mappings = mapping;
@@ -143,9 +144,13 @@ void DefaultDiscard(void *ptr, u64 size)
     if (start >= end)
         return;
     const std::lock_guard<std::mutex> lock(g_MappingsLock); // so that the block stays mapped
-    const SMapping *mapping = FindMapping(ptr);
-    if (mapping != null && size <= mapping->m_BlockBytes - (ureg(ptr) - ureg(mapping->m_Block)))
-        madvise(reinterpret_cast<void *>(start), end - start, MADV_DONTNEED);
+    SMapping *mapping = FindMapping(ptr);
+    if (mapping == null || size > mapping->m_BlockBytes - (ureg(ptr) - ureg(mapping->m_Block)))
+        return;
+    // The kernel looks for memory under that advice every few seconds, and fills the holes again to make huge pages.
+    if (!std::exchange(mapping->m_HasDiscarded, true))
+        madvise(mapping->m_Block, mapping->m_MappedBytes, MADV_NOHUGEPAGE);
+    madvise(reinterpret_cast<void *>(start), end - start, MADV_DONTNEED);
 }
 
 const SAllocator kDefaultAllocator = {&DefaultAlloc, &DefaultRealloc, &DefaultFree, &DefaultDiscard};
