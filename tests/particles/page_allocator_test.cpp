@@ -85,9 +85,12 @@ TEST_F(PageAllocator, BlocksAreHandedOutWithoutTheirRawPages)
     Pages().Retire(null, leastSize);
     EXPECT_EQ(Stats().m_AllocCount - Stats().m_RecycleCount, Stats().m_BlocksFree + 1) << "never pooled";
 
+    Pages().Retire(Pages().Alloc(leastSize), leastSize + 1);
+    m_Reports.Expect({"record->Size() == expectedBytes"});
+
     u8 *small = Pages().Alloc(700);
     Pages().Retire(small, 5000);
-    m_Reports.Expect({"record->m_Arena->m_SlotId == _SizeToSlotId(sizeInBytes)"});
+    m_Reports.Expect({"record->Size() == expectedBytes"});
     EXPECT_EQ(Pages().Alloc(700), small) << "it is free as what it is";
     Pages().Retire(small + 1, 700);
     m_Reports.Expect({"isOut"});
@@ -229,6 +232,29 @@ TEST_F(PageAllocator, ArenasAreUsedUpAndGoWithTheirLastBlock)
     }
     Pages().CleanAllFreePages();
     EXPECT_EQ(Stats().m_BytesReserved, 0u);
+}
+
+// One survivor in an arena, its last block: every other byte is discarded, those behind the last block, too.
+TEST_F(PageAllocator, AllButTheBlocksInUseGoesBack)
+{
+    u64 discardedBytes = 0;
+    m_Memory.AtEachCall([&](const SMemoryCall &call)
+                        { discardedBytes += call.m_Kind == SMemoryCall::Discard ? call.m_Size : 0; });
+    for (u32 slotId = 0; const u32 size = Allocator::_SlotIdToSize(slotId); ++slotId)
+    {
+        Pages().CleanAllFreePages(); // of the class before
+        std::vector<PRawPage> held = {Pages().AllocPage(size)};
+        const u64 reserved = Stats().m_BytesReserved;
+        while (Stats().m_BytesReserved == reserved)
+            held.push_back(Pages().AllocPage(size));
+        const PRawPage kept = held[held.size() - 2];
+        held.clear();
+        discardedBytes = 0;
+        Pages().CleanAllFreePages();
+        EXPECT_EQ(Stats().m_BytesReserved, reserved) << "the other arena is gone";
+        EXPECT_GE(discardedBytes + size + 64, reserved) << size;
+    }
+    m_Memory.AtEachCall(CAllocatorHook::FnAtCall());
 }
 
 // A thread that asks for a block while the memory of its class is being discarded gets none that loses its bytes.

@@ -204,8 +204,10 @@ void CParticlePageAllocator::Retire(u8 *block, u32 sizeInBytes)
     TZ_ASSERT_MESSAGE(isOut, "Retire: no block that is out begins at %p", static_cast<void *>(block));
     if (!isOut)
         return;
-    TZ_ASSERT_MESSAGE(record->m_Arena->m_SlotId == _SizeToSlotId(sizeInBytes), "Retire: the block has %u bytes, not %u",
-                      record->Size(), sizeInBytes);
+    const u32 slotId = _SizeToSlotId(sizeInBytes);
+    const u32 expectedBytes = slotId < kPoolSlotCount ? _SlotIdToSize(slotId) : sizeInBytes;
+    TZ_ASSERT_MESSAGE(record->Size() == expectedBytes, "Retire: the block has %u bytes, not %u", record->Size(),
+                      sizeInBytes);
     CRefCountedObject::RemoveReference(record->m_RawPage);
 }
 

@@ -154,7 +154,7 @@ void CPageArenas::GiveBack(u32 maxCallCount)
             callCount += _Discard(arena, maxCallCount - callCount);
             const std::lock_guard<std::mutex> lock(m_Lock);
             arena.m_IsBeingDiscarded = false;
-            if (arena.m_NextToDiscard != arena.m_BlockCount)
+            if (arena.m_NextToDiscard <= arena.m_BlockCount)
                 return; // the rest of it comes first next time
         }
         m_FirstWaiting = arena.m_NextWaiting;
@@ -169,16 +169,17 @@ void CPageArenas::GiveBack(u32 maxCallCount)
 }
 
 // Discards each run of blocks that are not out, and of which one still holds memory; blocks that were never out count
-// as well, since a huge page may have given them memory. Returns the number of calls.
+// as well, and what the last block leaves over, since a huge page may have given them memory. Returns the number of
+// calls.
 u32 CPageArenas::_Discard(SArena &arena, u32 maxCallCount)
 {
     u32 callCount = 0;
     u32 i = arena.m_NextToDiscard;
-    while (i < arena.m_BlockCount && callCount < maxCallCount)
+    while (i <= arena.m_BlockCount && callCount < maxCallCount)
     {
-        const u32 runStart = i;
-        bool holdsMemory = false;
-        for (; i < arena.m_BlockCount; ++i)
+        u8 *runStart = arena.m_FirstBlock + size_t(i) * arena.m_BlockStride;
+        bool holdsMemory = i == arena.m_BlockCount;
+        for (; i <= arena.m_BlockCount; ++i)
         {
             if (i >= arena.m_CarvedCount)
                 continue;
@@ -187,13 +188,14 @@ u32 CPageArenas::_Discard(SArena &arena, u32 maxCallCount)
             holdsMemory |= arena.m_Blocks[i].m_Place == SPageBlock::Returned;
             arena.m_Blocks[i].m_Place = SPageBlock::Discarded;
         }
+        const u8 *runEnd = i <= arena.m_BlockCount ? arena.m_FirstBlock + size_t(i) * arena.m_BlockStride
+                                                   : static_cast<u8 *>(arena.m_Memory) + arena.m_MemoryBytes;
         if (holdsMemory)
         {
-            Mem::_RawDiscard(arena.m_FirstBlock + size_t(runStart) * arena.m_BlockStride,
-                             u64(i - runStart) * arena.m_BlockStride);
+            Mem::_RawDiscard(runStart, u64(runEnd - runStart));
             ++callCount;
         }
-        i += i == runStart ? 1 : 0;
+        i += i <= arena.m_BlockCount ? 1 : 0;
     }
     arena.m_NextToDiscard = i;
     return callCount;
