@@ -9,7 +9,7 @@ export CMAKE_BUILD_PARALLEL_LEVEL="${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}"
 export CTEST_PARALLEL_LEVEL="${CTEST_PARALLEL_LEVEL:-$(nproc)}"
 
 # What a configure and build of the whole project needs.
-build_packages=(g++ cmake ninja-build libcairo2-dev libcli11-dev libglm-dev libgtest-dev libhdf5-dev libplf-colony-dev libpng-dev libtbb-dev nlohmann-json3-dev)
+build_packages=(g++ cmake ninja-build libcairo2-dev libcli11-dev libfontconfig-dev libglm-dev libgtest-dev libhdf5-dev libplf-colony-dev libpng-dev libtbb-dev nlohmann-json3-dev)
 
 # usage_error TEXT: one line, and the status of a wrong call.
 usage_error()

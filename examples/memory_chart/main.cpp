@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cairo-svg.h>
+#include <fontconfig/fontconfig.h>
 
 #include <cmath>
 #include <cstdio>
@@ -142,6 +143,8 @@ bool WriteDrawing(const std::string &path, const std::vector<SPoint> &points)
     cairo_surface_finish(surface);
     const bool isWritten = cairo_surface_status(surface) == CAIRO_STATUS_SUCCESS;
     cairo_surface_destroy(surface);
+    cairo_debug_reset_static_data(); // frees the fonts
+    FcFini();
     return isWritten;
 }
 

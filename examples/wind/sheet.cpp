@@ -1,6 +1,7 @@
 #include "sheet.h"
 
 #include <cairo.h>
+#include <fontconfig/fontconfig.h>
 
 #include <algorithm>
 #include <new>
@@ -14,10 +15,21 @@ void Use(cairo_t *cairo, const SColor &color)
     const auto channel = [](float linear) { return double(ScreenByte(linear)) / 255.0; };
     cairo_set_source_rgb(cairo, channel(color.m_Red), channel(color.m_Green), channel(color.m_Blue));
 }
+
+// Frees the fonts at the program's end.
+struct SFonts
+{
+    ~SFonts()
+    {
+        cairo_debug_reset_static_data();
+        FcFini();
+    }
+};
 } // namespace
 
 CSheet::CSheet(u32 width, u32 height, double unit)
 {
+    static const SFonts fonts;
     cairo_surface_t *surface = cairo_image_surface_create(CAIRO_FORMAT_RGB24, int(width), int(height));
     m_Cairo = cairo_create(surface);
     cairo_surface_destroy(surface); // the context keeps it
