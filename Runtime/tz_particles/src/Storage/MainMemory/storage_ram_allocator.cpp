@@ -81,7 +81,7 @@ bool CParticlePageAllocator::Setup()
 
 PParticleRawPage_MainMemory CParticlePageAllocator::AllocPage(u32 sizeInBytes)
 {
-    for (u32 tryCount = 0; tryCount < 2 && Valid(); ++tryCount)
+    for (u32 tryCount = 0; tryCount < 2 && m_Shards != null; ++tryCount)
     {
         if (tryCount != 0)
             CleanAllFreePages();
@@ -197,7 +197,7 @@ u8 *CParticlePageAllocator::Alloc(u32 sizeInBytes)
 
 void CParticlePageAllocator::Retire(u8 *block, u32 sizeInBytes)
 {
-    if (block == null || !Valid())
+    if (block == null || m_Shards == null)
         return;
     const SPageBlock *record = m_Shards->m_Arenas.Find(block);
     const bool isOut = record != null && record->m_RawPage != null;
@@ -242,7 +242,7 @@ void CParticlePageAllocator::_ReturnIdleBlocks(u32 minIdleUpdates, u32 maxCount)
 
 void CParticlePageAllocator::Update()
 {
-    if (!Valid())
+    if (m_Shards == null)
         return;
     m_Lock.Lock();
     __atomic_fetch_add(&m_CurrentDate, 1, __ATOMIC_RELAXED);
@@ -253,7 +253,7 @@ void CParticlePageAllocator::Update()
 
 void CParticlePageAllocator::CleanAllFreePages()
 {
-    if (!Valid())
+    if (m_Shards == null)
         return;
     m_Lock.Lock();
     _ReturnIdleBlocks(0, TNumericTraits<u32>::kMax);
@@ -271,7 +271,7 @@ CParticlePageAllocator_Stats CParticlePageAllocator::_TotalStats() const
 {
     CParticlePageAllocator_Stats stats;
     stats.m_RefusalCount = __atomic_load_n(&m_RefusalCount, __ATOMIC_RELAXED);
-    if (!Valid())
+    if (m_Shards == null)
         return stats;
     for (SShard &shard : m_Shards->m_Shards) // all of them, so that the sums are those of one moment
         shard.m_Lock.lock();
