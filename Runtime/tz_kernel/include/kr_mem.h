@@ -49,8 +49,8 @@ TZ_API void _RawFree(void *ptr, EAllocType type, EOrigin origin, const char *tag
 
 // Tells that nobody needs what these bytes hold. The block that they belong to stays allocated; what they read
 // afterwards is not told. The default service gives the system pages that lie wholly within the range back to the
-// operating system, where they belong to a block that it mapped, and touches no other memory. That block gets no new huge
-// pages from then on: the system would fill what was given back to make them.
+// operating system, where they belong to a block that it mapped, and touches no other memory. That block gets no new
+// huge pages from then on: the system would fill what was given back to make them.
 TZ_API void _RawDiscard(void *ptr, u64 size);
 
 // The functions behind the services, each of the contract of its namesake above.
