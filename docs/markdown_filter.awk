@@ -1,4 +1,5 @@
-# Gives a code span with an apostrophe in it double backticks: doxygen would take the first one for a quotation mark.
+# Gives a code span with an apostrophe in it double backticks: doxygen would take the first one for a quotation mark. And
+# an expression that begins with ! is no link to what it calls.
 /^```/ { in_fence = !in_fence }
 in_fence || /^(```.*)?$/ { in_code = 0; print; next }
 {
@@ -6,6 +7,7 @@ in_fence || /^(```.*)?$/ { in_code = 0; print; next }
     line = part[1]
     for (i = 2; i <= count; i++) {
         in_code = !in_code # part i is code
+        sub(/^!Mem::/, "!Mem::%", part[i])
         is_double = in_code ? i < count && part[i] ~ /'/ : is_double
         line = line (is_double ? "``" : "`") part[i]
     }
