@@ -29,6 +29,8 @@ TEST_F(Page, FieldsAreCheckedByIndex)
 {
     CParticlePage &page = m_Stream.AppendPage(11, 4);
     EXPECT_EQ(page.StreamId(CStringId()), CGuid::INVALID);
+    EXPECT_EQ(page.StreamId(CStringId(Tag)), 3u);
+    EXPECT_EQ(page.StreamId(CStringId(Extra)), CGuid::INVALID);
     EXPECT_EQ(page.Stream(CGuid(3)).m_Definition.m_StorageSize, 3u);
     EXPECT_EQ(page.RawStream(CGuid::INVALID).m_RawDataPtr, nullptr);
     m_Reports.Expect({"streamId.Valid()", "pos < BaseImpl::_Count()"});
