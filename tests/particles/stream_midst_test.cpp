@@ -103,6 +103,30 @@ TEST_F(StreamMidst, ResizingTakesOnePageAfterTheOther)
     EXPECT_EQ(m_Reports.Take().size(), 3u);
 }
 
+// A reader comes while an empty old page is dropped, before the first particle is copied into the page made for it.
+TEST_F(StreamMidst, APageMadeForAResizeMayBeRead)
+{
+    AppendPages(m_Stream, 4, {0, 4, 3});
+    m_Stream.SetPageSize(100);
+    PParticleRawPage_MainMemory read;
+    m_Memory.AtEachCall(
+        [&](const SMemoryCall &call)
+        {
+            const PParticlePage &last = m_Stream._UnsafePage(CGuid(m_Stream.PageCount() - 1));
+            if (call.m_Kind == SMemoryCall::Free && read == null && last->Capacity() == 100)
+                (read = last->RawPage())->BeginRead();
+        });
+    m_Stream.ResizePending(10);
+    m_Memory.AtEachCall(CAllocatorHook::FnAtCall());
+    EXPECT_EQ(Look(m_Stream), "4:C 100: 4:B ") << "nothing was copied, and nothing is lost";
+    EXPECT_EQ(m_Reports.Take().size(), 3u);
+    EXPECT_TRUE(m_Stream.ParticleCount() == 7 && m_Stream.HasPendingResizes());
+    read->EndRead();
+    m_Stream.ResizePending(10);
+    EXPECT_EQ(Look(m_Stream), "100:CB ");
+    EXPECT_FALSE(m_Stream.HasPendingResizes());
+}
+
 TEST_F(StreamMidst, DeepCopyFillsAPageBeforeItMakesTheNext)
 {
     AppendPages(m_Stream, 8, {5, 0, 7});
