@@ -200,7 +200,7 @@ void CParticlePageAllocator::Retire(u8 *block, u32 sizeInBytes)
     if (block == null || m_Shards == null)
         return;
     const SPageBlock *record = m_Shards->m_Arenas.Find(block);
-    const bool isOut = record != null && record->m_RawPage != null;
+    const bool isOut = record != null;
     TZ_ASSERT_MESSAGE(isOut, "Retire: no block that is out begins at %p", static_cast<void *>(block));
     if (!isOut)
         return;

@@ -209,8 +209,10 @@ SPageBlock *CPageArenas::Find(const u8 *data)
         for (SArena *arena = arenas.m_First; arena != null; arena = arena->m_Next)
         {
             const ureg offset = ureg(data) - ureg(arena->m_FirstBlock);
-            if (offset / arena->m_BlockStride < arena->m_CarvedCount && offset % arena->m_BlockStride == 0)
-                return arena->m_Blocks + offset / arena->m_BlockStride;
+            if (offset / arena->m_BlockStride >= arena->m_CarvedCount || offset % arena->m_BlockStride != 0)
+                continue;
+            SPageBlock *block = arena->m_Blocks + offset / arena->m_BlockStride;
+            return block->m_RawPage != null ? block : null;
         }
     }
     return null;

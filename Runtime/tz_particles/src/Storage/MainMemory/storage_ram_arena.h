@@ -101,7 +101,7 @@ public:
     // Frees arenas whose blocks are all returned, and discards the bytes of returned blocks between those that are out:
     // at most maxCallCount calls of the services.
     void GiveBack(u32 maxCallCount);
-    // The record of a block that begins at data; null when there is none.
+    // The record of a block that begins at data and was given by Alloc; null when there is none.
     SPageBlock *Find(const u8 *data);
 
     u64 BytesReserved() const { return __atomic_load_n(&m_BytesReserved, __ATOMIC_RELAXED); } // from the services
