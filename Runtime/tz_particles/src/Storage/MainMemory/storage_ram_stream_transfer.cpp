@@ -196,7 +196,10 @@ PParticlePage CParticleStream_MainMemory::CResizePass::ChooseDestination()
             return page;
     }
     m_IsDestinationFresh = true;
-    return m_Stream.AllocNewPage_NoLock(true);
+    // What comes from the first old page is written before anybody may look, and need not be filled.
+    const PParticlePage &oldPage = m_OldPage != null ? m_OldPage : m_Pages.RawDataPointer()[m_OldPageIndex];
+    const u32 copiedCount = TZMin(oldPage->ParticleCount() - m_OldStart, m_Stream.m_PageSize);
+    return m_Stream._AllocNewPage_NoLock(m_Stream.m_PageSize, m_Stream.m_PageSizeInBytes, true, copiedCount);
 }
 
 bool CParticleStream_MainMemory::CResizePass::FillDestination(CParticlePage &newPage)
