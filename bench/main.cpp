@@ -42,7 +42,7 @@ struct SOptions
     unsigned m_RoundCount = 25;
     void (*m_AddRows)() = &AddTableRows;
     bool m_IsOursAlone = false;
-    std::regex m_Filter;
+    std::regex m_Filter{""}; // matches all
     std::string m_JsonPath;
     std::string m_MarkdownPath;
     std::string m_FramesPath;
