@@ -58,5 +58,5 @@ int main()
     std::printf("%d blocks, %d reports, %d unlocks, %d deaths\n", g_AllocCount, g_AssertCount, g_UnlockCount,
                 g_DeathCount);
     const bool areUnlocksItsOwn = g_UnlockCount > 1 && CThreadStats::CSUnlockCount() == 0;
-    return g_AllocCount != 0 && g_AssertCount != 0 && areUnlocksItsOwn && g_DeathCount == 2 && isFreed ? 0 : 1;
+    return g_AllocCount != 0 && g_AssertCount != 0 && areUnlocksItsOwn && g_DeathCount == 1 && isFreed ? 0 : 1;
 }

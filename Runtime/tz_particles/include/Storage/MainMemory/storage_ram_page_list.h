@@ -10,7 +10,7 @@
 namespace Tessaly
 {
 
-class CPageList : public TArray<PParticlePage>
+class TZ_API CPageList : public TArray<PParticlePage>
 {
     using Base = TArray<PParticlePage>;
 
