@@ -48,7 +48,7 @@ int main(int argc, char **argv)
     std::atomic<bool> isOver{false};
     const auto draw = [&stream, &isOver]
     {
-        for (SPicture shown; !isOver;)
+        for (SPicture shown; !isOver; std::this_thread::sleep_for(std::chrono::milliseconds(1)))
             Draw(stream, shown);
     };
     std::thread renderer(draw);
