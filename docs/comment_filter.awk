@@ -1,9 +1,18 @@
 # Turns the headers' comments into what doxygen reads: `//` into `///`, behind a declaration into `///<`; the one that
 # opens a file becomes that file's page; lines that are set in by three spaces become code. A comment speaks for all
 # declarations below it, up to an empty line, another comment, or one that has its own behind it: each gets a copy.
-# Comments further in than a class's members stand in bodies and stay as they are.
+# Comments further in than a class's members stand in bodies and stay as they are. A part of a contract ("Fails: ...")
+# becomes a paragraph; its other lines may be set in.
 function say(prefix, text)
 {
+    if (text ~ /^ (Returns|Fails|Lock|Invalidates|Cost|Page|Values): /) {
+        in_part = 1
+        sub(/: +/, ": ", text)
+        said = said prefix "\n"
+    } else if (in_part && text ~ /^   /)
+        sub(/^ +/, " ", text)
+    else
+        in_part = 0
     if (text ~ /^   / && !in_code)
         said = said prefix "\n"
     if (text ~ /^   /)
@@ -26,7 +35,7 @@ NR == 1 && /^\/\// { printf "/// \\file\n"; is_head = 1 }
     else if (said != "" && is_end && /^(    )?[A-Za-z_].*[;,(){>]|^#define [A-Z_]+ [0-9]+$/ &&
              !/ \/\/ / && !/^ *(public|private|protected|class|struct|enum|namespace)/)
         printf "%s", said
-    in_comment = in_code = 0
+    in_comment = in_code = in_part = 0
     is_end = /[;}] *(\/\/.*)?$|^#define [A-Z_]+ [0-9]+$/
     if (/^(class|struct|enum|namespace)/)
         is_type = 1
