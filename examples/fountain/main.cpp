@@ -1,5 +1,5 @@
-// A fountain: sparks rise, fall, grow old and die, while a second thread draws them. On the way the page size changes,
-// and the sparks get a heat.
+// A fountain: sparks rise, fall and are removed at the end of their lives, while a second thread draws them. At frame
+// 80 the page size changes, at frame 120 the sparks get a new field, their heat.
 #include <atomic>
 #include <cstdio>
 #include <random>
@@ -13,7 +13,7 @@ using namespace Tessaly;
 
 constexpr float kTimeStep = 1.0f / 60.0f, kLifetime = 2.0f;
 
-// The new sparks are filled before the lock is given back: the other thread sees none of them half-made.
+// Holds the lock until the new sparks are filled, so that the other thread never sees unwritten values.
 void Emit(CParticleStream_MainMemory &stream, u32 count, std::minstd_rand &random)
 {
     std::normal_distribution<float> spread(0.0f, 0.8f);
@@ -29,7 +29,7 @@ void Emit(CParticleStream_MainMemory &stream, u32 count, std::minstd_rand &rando
 
 void Draw(const CParticleStream_MainMemory &stream, SPicture &picture)
 {
-    const CScopedPagesRenderLock lock(stream); // fields are looked up under it: rebinding moves them
+    const CScopedPagesRenderLock lock(stream); // also for StreamId: rebinding changes field indices
     const auto light = [&picture](const CFloat3 &position) { picture.Light(position.x, position.y); };
     Particles::ForEach<const CFloat3>(stream, stream.StreamId("position"), light);
 }
@@ -38,7 +38,7 @@ int main(int argc, char **argv)
 {
     if (!Particles::Startup())
         return 1;
-    SParticleStreamDef cold, hot; // they outlive the stream
+    SParticleStreamDef cold, hot; // must outlive the stream
     const CGuid position = cold.Add("position", BaseType_Float3), velocity = cold.Add("velocity", BaseType_Float3);
     const CGuid age = cold.Add("age", BaseType_Float);
     hot.Copy(cold);
@@ -69,7 +69,7 @@ int main(int argc, char **argv)
         if (frame == 80)
             stream.SetPageSize(256);
         if (frame == 120)
-            stream.BindStreamDef(&hot); // the old fields keep their values and places, the new one is zero
+            stream.BindStreamDef(&hot); // old fields keep their values and indices, the new one is zero
         if (frame >= 120)
             Particles::ForEach<const float, float>(stream, age, heat, cool);
         stream.ResizePending(2);

@@ -1,4 +1,4 @@
-// A grey picture, and how it becomes a file where libpng was there for the build.
+// A grey picture that adds up light, and its PNG file.
 #pragma once
 
 #include <algorithm>
@@ -13,7 +13,7 @@ struct SPicture
     static constexpr int kWidth = 320, kHeight = 240;
     std::vector<unsigned char> m_Pixels = std::vector<unsigned char>(kWidth * kHeight);
 
-    // Makes the pixel at a place of the world brighter; x from -4 to 4, y from 0 to 6.
+    // Makes the pixel at (x, y) brighter. The picture shows x from -4 to 4 and y from 0 to 6.
     void Light(float x, float y)
     {
         const int column = int((x + 4.0f) / 8.0f * kWidth), row = int((1.0f - y / 6.0f) * (kHeight - 1));
@@ -22,7 +22,7 @@ struct SPicture
         unsigned char &pixel = m_Pixels[size_t(row * kWidth + column)];
         pixel = static_cast<unsigned char>(std::min(255, pixel + 80));
     }
-    // False when it can not be written; true without libpng.
+    // False if the file cannot be written. Built without libpng it writes nothing and returns true.
     bool Write(const std::filesystem::path &path) const
     {
         std::error_code error;

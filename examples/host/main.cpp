@@ -1,5 +1,5 @@
-// A small host with services of its own: memory with a budget per tag, assertions that are logged once per site, and a
-// profiler that adds up what each scope costs. Each is set at run time; kr_host.h tells what they may do.
+// A host that replaces services at run time: a memory allocator with a budget per tag, an assertion handler that logs
+// each site once, and a profiler sink that adds up the time of each scope. kr_host.h has the rules for each of them.
 #include <tz_kernel/include/kr_host.h>
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 #include <tz_particles/include/ps_runtime.h>
@@ -21,8 +21,8 @@ using namespace Tessaly;
 namespace
 {
 
-// The library asks for all of its memory under one tag, Mem::kDefaultTag, and the host for its own under others: what
-// one of them used up is not missing to the rest. Bytes are counted as the C library rounds them.
+// The library allocates all its memory under one tag, Mem::kDefaultTag, and the host uses other tags. Each tag has its
+// own budget, so no tag can use up the memory of another. Bytes are counted as the C library rounds them.
 class CBudgets
 {
 public:
@@ -41,19 +41,19 @@ public:
             if (std::strcmp(budget.m_Tag, tag) == 0)
                 return budget;
         }
-        return g_Budgets[0]; // that of all the others
+        return g_Budgets[0]; // shared by all other tags
     }
 
 private:
-    static bool Take(const char *tag, size_t bytes)
+    static bool Reserve(const char *tag, size_t bytes)
     {
         const std::lock_guard<std::mutex> lock(g_Lock);
         SBudget &budget = Of(tag);
-        const bool isServed = bytes <= budget.m_Limit && budget.m_Used <= budget.m_Limit - bytes;
-        budget.m_Used += isServed ? bytes : 0;
-        return isServed;
+        const bool fits = bytes <= budget.m_Limit && budget.m_Used <= budget.m_Limit - bytes;
+        budget.m_Used += fits ? bytes : 0;
+        return fits;
     }
-    static void Give(const char *tag, size_t bytes)
+    static void Release(const char *tag, size_t bytes)
     {
         const std::lock_guard<std::mutex> lock(g_Lock);
         Of(tag).m_Used -= bytes;
@@ -64,7 +64,7 @@ private:
     {
         const size_t step = TZMax(alignment, 16u);
         void *block = std::aligned_alloc(step, (size_t(size) + step - 1) / step * step);
-        if (block != null && !Take(tag, malloc_usable_size(block)))
+        if (block != null && !Reserve(tag, malloc_usable_size(block)))
         {
             std::free(block);
             return null;
@@ -85,7 +85,7 @@ private:
     static void Free(void *block, Mem::EAllocType, Mem::EOrigin, const char *tag, const char *, int, const char *)
     {
         if (block != null)
-            Give(tag, malloc_usable_size(block));
+            Release(tag, malloc_usable_size(block));
         std::free(block);
     }
 
@@ -95,12 +95,12 @@ private:
         {"", ~size_t(0), 0}, {Mem::kDefaultTag, size_t(4) << 20, 0}, {"Host|Names", size_t(1) << 10, 0}};
 };
 
-// Logs the first report of each site, and lets the program go on.
-class CQuietAssertions
+// Logs the first report of each assertion site, and continues after every report.
+class COnceLogger
 {
 public:
-    CQuietAssertions() { Assert::SetHandler(&OnReport, this); }
-    ~CQuietAssertions() { Assert::SetHandler(null, null); }
+    COnceLogger() { Assert::SetHandler(&OnReport, this); }
+    ~COnceLogger() { Assert::SetHandler(null, null); }
 
     u32 m_ReportCount = 0;
     u32 m_LoggedCount = 0;
@@ -108,7 +108,7 @@ public:
 private:
     static int OnReport(const Assert::SReport &report, void *userData)
     {
-        CQuietAssertions &self = *static_cast<CQuietAssertions *>(userData);
+        COnceLogger &self = *static_cast<COnceLogger *>(userData);
         const std::lock_guard<std::mutex> lock(self.m_Lock);
         ++self.m_ReportCount;
         if (self.m_Sites.emplace(report.m_File, report.m_Line).second)
@@ -123,7 +123,7 @@ private:
     std::set<std::pair<std::string, int>> m_Sites;
 };
 
-// Adds up how often each scope was entered and how long it took, all threads together.
+// Counts how often each scope was entered and adds up its time, over all threads.
 class CScopeTimes : public Profiler::CSinkAbstract
 {
 public:
@@ -137,7 +137,7 @@ public:
         m_Totals[node.m_Name].m_Milliseconds += duration.count();
     }
 
-    u32 Print() const // how many scopes
+    u32 Print() const // returns the number of scopes
     {
         for (const auto &[name, total] : m_Totals)
             std::printf("%8.3f ms  %6u x  %s\n", total.m_Milliseconds, total.m_Count, name.c_str());
@@ -161,7 +161,8 @@ private:
     std::map<std::string, STotal> m_Totals;
 };
 
-// Births until the library's budget is used up; deaths, which make room for the next frame's.
+// Each frame allocates particles until the library's budget is used up, then removes some. Returns the largest number
+// of particles that were live at once.
 u32 PlaySparks()
 {
     SParticleStreamDef def;
@@ -180,7 +181,7 @@ u32 PlaySparks()
                 age = 0.0f;
         }
         peak = TZMax(peak, stream.ParticleCount());
-        // The host's own memory is still there, up to its budget.
+        // The host can still allocate, because its tag has a budget of its own.
         void *names = Mem::_RawAlloc(1000, 0, Mem::AllocType_Generic, Mem::Origin_Alloc, "Host|Names", __FILE__,
                                      __LINE__, TZ_FUNCTION_SIGNATURE);
         if (names == null)
@@ -190,7 +191,7 @@ u32 PlaySparks()
         const u32 dead[] = {3, 14, 15, 92, 653};
         for (u32 page = 0; page < stream.PageCount(); ++page)
             stream.RemoveParticles(CGuid(page), {dead, 5});
-        stream.RemoveParticles(CGuid(stream.PageCount()), {dead, 5}); // a mistake, logged once
+        stream.RemoveParticles(CGuid(stream.PageCount()), {dead, 5}); // no such page: logged once
     }
     return peak;
 }
@@ -199,8 +200,8 @@ u32 PlaySparks()
 
 int main()
 {
-    CBudgets::Install(); // before anything is allocated
-    CQuietAssertions assertions;
+    CBudgets::Install(); // before the first allocation
+    COnceLogger assertions;
     CScopeTimes times;
     Profiler::CProfiler::SetSink(&times);
     if (!CheckVersion() || !Particles::Startup())
@@ -211,9 +212,9 @@ int main()
 
     const CBudgets::SBudget &budget = CBudgets::Of(Mem::kDefaultTag);
     const u32 scopeCount = times.Print();
-    std::printf("%u particles in a budget of %zu bytes; %u reports, %u logged; %zu bytes left behind\n", peak,
+    std::printf("%u particles in a budget of %zu bytes; %u reports, %u logged; %zu bytes not freed\n", peak,
                 budget.m_Limit, assertions.m_ReportCount, assertions.m_LoggedCount, budget.m_Used);
-    const bool isWell = peak > 100000 && peak * 16 < budget.m_Limit && assertions.m_ReportCount == 10 &&
-                        assertions.m_LoggedCount == 1 && scopeCount != 0 && budget.m_Used == 0;
-    return isWell && std::fflush(stdout) == 0 ? 0 : 1;
+    const bool isCorrect = peak > 100000 && peak * 16 < budget.m_Limit && assertions.m_ReportCount == 10 &&
+                           assertions.m_LoggedCount == 1 && scopeCount != 0 && budget.m_Used == 0;
+    return isCorrect && std::fflush(stdout) == 0 ? 0 : 1;
 }

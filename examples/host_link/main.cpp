@@ -1,5 +1,5 @@
-// A host that replaces a service when it is linked: it defines the three memory functions itself, and the library calls
-// these. All of its memory comes from one piece that the host owns; nothing is given back before the end.
+// A host that replaces the memory services at link time: it defines the three functions, and the library calls them.
+// All memory comes from one static buffer. Nothing is freed before the program ends.
 #include <tz_kernel/include/kr_host.h>
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 #include <tz_particles/include/ps_runtime.h>
@@ -13,12 +13,11 @@ namespace
 
 using namespace Tessaly;
 
-constexpr u64 kPieceBytes = 8 << 20;
-alignas(64) u8 g_Piece[kPieceBytes];
+constexpr u64 kBufferBytes = 8 << 20;
+alignas(64) u8 g_Buffer[kBufferBytes];
 std::atomic<u64> g_UsedBytes{0};
 
-// In front of each block: its size.
-constexpr u64 kHeaderBytes = 64;
+constexpr u64 kHeaderBytes = 64; // before each block; holds the block's size
 
 } // namespace
 
@@ -33,11 +32,11 @@ void *_RawAlloc(u64 size, u32 alignment, EAllocType, EOrigin, const char *, cons
     u64 used = g_UsedBytes;
     do
     {
-        if (alignment > 64 || bytes < size || bytes > kPieceBytes - used)
+        if (alignment > 64 || bytes < size || bytes > kBufferBytes - used)
             return null;
     } while (!g_UsedBytes.compare_exchange_weak(used, used + bytes));
-    std::memcpy(g_Piece + used, &size, sizeof(size));
-    return g_Piece + used + kHeaderBytes;
+    std::memcpy(g_Buffer + used, &size, sizeof(size));
+    return g_Buffer + used + kHeaderBytes;
 }
 
 void *_RawRealloc(void *ptr, u64 size, u32 alignment, EAllocType type, const char *tag, const char *file, int line,
@@ -67,11 +66,11 @@ int main()
     CParticleStream_MainMemory stream(1024);
     stream.BindStreamDef(&def);
     const CParticlePageView born = stream.AllocateParticlesIFP(1000, 0);
-    const u8 *place = born.RawStreamBegin(CGuid(0));
-    const bool isOurs = place >= g_Piece && place < g_Piece + kPieceBytes;
+    const u8 *column = born.RawStreamBegin(CGuid(0));
+    const bool isInBuffer = column >= g_Buffer && column < g_Buffer + kBufferBytes;
     stream.Cleanup();
     Particles::Shutdown();
-    std::printf("%u particles, %s the host's memory, of which %llu bytes were taken\n", born.ParticleCount(),
-                isOurs ? "in" : "outside", static_cast<unsigned long long>(g_UsedBytes.load()));
-    return isOurs && born.ParticleCount() == 1000 && std::fflush(stdout) == 0 ? 0 : 1;
+    std::printf("%u particles, %s the host's buffer, %llu bytes of it used\n", born.ParticleCount(),
+                isInBuffer ? "in" : "outside", static_cast<unsigned long long>(g_UsedBytes.load()));
+    return isInBuffer && born.ParticleCount() == 1000 && std::fflush(stdout) == 0 ? 0 : 1;
 }

@@ -1,6 +1,6 @@
-// Draws docs/memory.svg: bytes per particle by page size, in streams of three sizes, as real streams and their pages
-// take them. What a page takes is its block and its three records.
-//   memory_chart docs     writes memory.svg, and memory.csv with the figures in it
+// Draws docs/memory.svg: bytes per particle by page size, measured on real streams of three sizes. The bytes of a page
+// are its block, its page object, its table of fields and its raw page object.
+//   memory_chart docs     writes memory.svg and its figures, memory.csv, to the folder docs
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 #include <tz_particles/include/ps_runtime.h>
 
@@ -17,14 +17,14 @@ using namespace Tessaly;
 namespace
 {
 
-constexpr double kLeft = 60, kTop = 30, kWidth = 560, kHeight = 260, kMaxBytes = 160; // the plot, and where it ends
+constexpr double kLeft = 60, kTop = 30, kWidth = 560, kHeight = 260, kMaxBytes = 160; // the plot, and its largest value
 constexpr u32 kFirstLog2 = 4, kLastLog2 = 14;                                         // page sizes 16 to 16384
 
 struct SColour
 {
     double m_Red, m_Green, m_Blue;
 };
-constexpr SColour kGrid = {0.87, 0.87, 0.87}, kInk = {0.1, 0.1, 0.1};
+constexpr SColour kGridColour = {0.87, 0.87, 0.87}, kTextColour = {0.1, 0.1, 0.1};
 
 struct SCurve
 {
@@ -36,7 +36,7 @@ constexpr SCurve kCurves[] = {{100, "100 particles", {0.75, 0.22, 0.17}},
                               {1000, "1,000 particles", {0.84, 0.54, 0.06}},
                               {100000, "100,000 particles", {0.14, 0.44, 0.64}}};
 
-// Bytes per particle of each curve, a point for each quarter of a doubling of the page size.
+// Bytes per particle on each curve, at one page size. There are four page sizes per doubling.
 struct SPoint
 {
     double m_Log2;
@@ -81,7 +81,7 @@ void Use(cairo_t *cairo, const SColour &colour)
     cairo_set_source_rgb(cairo, colour.m_Red, colour.m_Green, colour.m_Blue);
 }
 
-// `anchor` tells which part of the text stands at x: 0 its left end, 1 its right end.
+// anchor is the part of the text that is at x: 0 its left end, 1 its right end.
 void DrawText(cairo_t *cairo, double x, double y, double anchor, const std::string &text)
 {
     cairo_text_extents_t extents;
@@ -95,11 +95,11 @@ void DrawAxes(cairo_t *cairo)
     cairo_set_line_width(cairo, 1);
     for (u32 bytes = 0; bytes <= u32(kMaxBytes); bytes += 20)
     {
-        Use(cairo, kGrid);
+        Use(cairo, kGridColour);
         cairo_move_to(cairo, kLeft, Y(bytes));
         cairo_rel_line_to(cairo, kWidth, 0);
         cairo_stroke(cairo);
-        Use(cairo, kInk);
+        Use(cairo, kTextColour);
         DrawText(cairo, kLeft - 8, Y(bytes) + 4, 1, std::to_string(bytes));
     }
     for (u32 log2 = kFirstLog2; log2 <= kLastLog2; ++log2)
@@ -108,12 +108,12 @@ void DrawAxes(cairo_t *cairo)
     DrawText(cairo, kLeft + kWidth, kTop + kHeight + 36, 1, "particles a page");
 }
 
-// What leaves the plot is left out.
+// Ends at the first point above the plot.
 void DrawCurve(cairo_t *cairo, const std::vector<SPoint> &points, size_t curve)
 {
     Use(cairo, kCurves[curve].m_Colour);
     cairo_set_line_width(cairo, 2);
-    cairo_new_path(cairo); // a text leaves its end as the current point
+    cairo_new_path(cairo); // drawing a text leaves a current point
     for (const SPoint &point : points)
     {
         if (point.m_Bytes[curve] > kMaxBytes)
@@ -124,7 +124,7 @@ void DrawCurve(cairo_t *cairo, const std::vector<SPoint> &points, size_t curve)
     const double top = kTop + 20.0 * double(curve);
     cairo_rectangle(cairo, kLeft + 420, top, 12, 12);
     cairo_fill(cairo);
-    Use(cairo, kInk);
+    Use(cairo, kTextColour);
     DrawText(cairo, kLeft + 440, top + 11, 0, kCurves[curve].m_Label);
 }
 
@@ -171,10 +171,13 @@ bool WriteFigures(const std::string &path, const std::vector<SPoint> &points)
 
 int main(int argc, char **argv)
 {
-    CLI::App app("Draws how many bytes a particle takes, by page size: memory.svg, and its figures in memory.csv.",
+    CLI::App app("Draws the bytes per particle by page size: memory.svg, and its figures in memory.csv.",
                  "memory_chart");
     std::string folder;
-    app.add_option("FOLDER", folder, "where the two go")->required()->check(CLI::ExistingDirectory)->type_name("");
+    app.add_option("FOLDER", folder, "folder of the two files")
+        ->required()
+        ->check(CLI::ExistingDirectory)
+        ->type_name("");
     try
     {
         app.parse(argc, argv);

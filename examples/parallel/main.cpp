@@ -1,4 +1,4 @@
-// The pages of a stream on several threads: by the host's task library (oneTBB), and by two threads of its own.
+// Processes the pages of a stream on several threads: with a task library (oneTBB), and with two plain threads.
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -9,9 +9,9 @@
 #include <tz_particles/include/ps_runtime.h>
 using namespace Tessaly;
 
-// Executors: each calls task(index) once for all indices below count, and returns when all are done.
-const auto kByTasks = [](u32 count, const auto &task) { tbb::parallel_for(0u, count, task); };
-const auto kByTwoThreads = [](u32 count, const auto &task)
+// Executors: each calls task(index) once for every index below count, and returns when all calls have returned.
+const auto kTaskExecutor = [](u32 count, const auto &task) { tbb::parallel_for(0u, count, task); };
+const auto kTwoThreadExecutor = [](u32 count, const auto &task)
 {
     std::atomic<u32> next{0};
     const auto work = [&]
@@ -39,14 +39,14 @@ int main()
         Particles::ForEach<float>(stream, value, [](float &v) { v = 1.0f; });
 
         std::atomic<u32> pageCount{0};
-        const auto twice = [&](const CParticlePageView &page)
+        const auto doubleValues = [&](const CParticlePageView &page)
         {
             for (float &v : page.DenseColumnForWriting<float>(value))
                 v *= 2.0f;
             ++pageCount;
         };
-        Particles::ForEachPageOn(kByTasks, stream, twice);
-        Particles::ForEachPageOn(kByTwoThreads, stream, twice);
+        Particles::ForEachPageOn(kTaskExecutor, stream, doubleValues);
+        Particles::ForEachPageOn(kTwoThreadExecutor, stream, doubleValues);
         Particles::ForEach<const float>(stream, value, [&](float v) { faultCount += v != 4.0f ? 1 : 0; });
         faultCount += pageCount != 2 * stream.PageCount() ? 1 : 0;
         std::printf("%u particles in %u pages, %u faults\n", stream.ParticleCount(), stream.PageCount(), faultCount);

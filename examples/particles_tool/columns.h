@@ -1,5 +1,5 @@
 #pragma once
-// The components of a stream's stored fields, as numbers with names.
+// The components of a stream's stored fields, with names, read as numbers.
 
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 
@@ -16,19 +16,19 @@ struct SColumn
     u32 m_Field;
     u32 m_Offset;       // bytes from the start of the value
     EBaseTypeID m_Type; // of the component
-    std::string m_Name; // the field's, with .x to .w behind it where it has several components
+    std::string m_Name; // the field's name, with .x to .w appended if it has several components
 };
 
 // The registered name of a field, or "field N".
 std::string FieldName(const SParticleStreamDef &def, u32 field);
 
-// All components of the fields that have values; fields of bytes only are left out.
+// The components of all stored fields whose type has components.
 std::vector<SColumn> FindColumns(const SParticleStreamDef &def);
 
-// A value of that type as a number; of 64-bit integers the nearest one.
+// Converts a value of that type to a number; a 64-bit integer is rounded.
 double ToNumber(const u8 *value, EBaseTypeID type);
 
-// Calls fn(row) for each particle: row(column) is the address of its value.
+// Calls fn(row) for each particle; row(column) returns the address of the particle's value in that column.
 template <typename _Fn>
 void ForEachParticle(const CParticleStream_MainMemory &stream, _Fn &&fn)
 {
@@ -49,7 +49,7 @@ void ForEachParticle(const CParticleStream_MainMemory &stream, _Fn &&fn)
     }
 }
 
-// The smallest and the largest value of a column; NaN does not count. No value: min > max.
+// Minimum and maximum of a column, ignoring NaN; m_Min > m_Max if there is no value.
 struct SRange
 {
     double m_Min, m_Max;

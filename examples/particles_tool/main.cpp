@@ -1,4 +1,4 @@
-// Lists what a snapshot holds, and turns it into files that other programs read.
+// Lists the contents of a snapshot and converts it to CSV, PLY and PNG.
 #include "writers.h"
 
 #include <CLI/CLI.hpp>
@@ -69,7 +69,7 @@ void PrintList(const CParticleStream_MainMemory &stream, const Snapshot::SLoaded
     }
 }
 
-// The column of that name; of a field with several components the first one.
+// Finds the column of that name, or the first component of the field of that name.
 bool FindColumn(const std::vector<SColumn> &columns, const std::string &name, SColumn &outColumn)
 {
     for (const SColumn &column : columns)
@@ -80,8 +80,8 @@ bool FindColumn(const std::vector<SColumn> &columns, const std::string &name, SC
     return false;
 }
 
-// The components of the place to the front, three at most: returns how many there are.
-u32 BringPlaceToFront(std::vector<SColumn> &columns, const std::string &name)
+// Moves the components of the field called name, three at most, to the start of columns. Returns how many.
+u32 MovePositionToFront(std::vector<SColumn> &columns, const std::string &name)
 {
     SColumn first;
     if (!FindColumn(columns, name, first))
@@ -112,10 +112,10 @@ int Convert(const SOptions &options, const CParticleStream_MainMemory &stream, s
         return Fail(1, options.m_Csv + " cannot be written");
     if (options.m_Ply.empty())
         return 0;
-    const u32 placeCount = BringPlaceToFront(columns, options.m_Place);
-    if (placeCount == 0)
-        return Fail(2, "there is no field " + options.m_Place + " for the places; --place names one");
-    return WritePly(options.m_Ply, stream, columns, placeCount) ? 0 : Fail(1, options.m_Ply + " cannot be written");
+    const u32 positionCount = MovePositionToFront(columns, options.m_Place);
+    if (positionCount == 0)
+        return Fail(2, "there is no field " + options.m_Place + " for the positions; choose one with --place");
+    return WritePly(options.m_Ply, stream, columns, positionCount) ? 0 : Fail(1, options.m_Ply + " cannot be written");
 }
 
 int Run(const SOptions &options)
@@ -123,7 +123,7 @@ int Run(const SOptions &options)
     Snapshot::SLoadedDefinition definition;
     CParticleStream_MainMemory stream(0);
     if (!Snapshot::Load(options.m_File.c_str(), definition, stream))
-        return 2; // the report told why
+        return 2; // a report has printed the reason
     const std::vector<SColumn> columns = FindColumns(*definition.Def());
     PrintList(stream, definition, columns);
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
@@ -137,16 +137,18 @@ int main(int argc, char **argv)
 {
     using namespace ParticlesTool;
     SOptions options;
-    CLI::App app("Lists what a snapshot holds, and turns it into files that other programs read.", "particles");
+    CLI::App app("Lists the contents of a snapshot and converts it to CSV, PLY and PNG.", "particles");
     app.add_option("FILE", options.m_File, "the snapshot")->required();
-    app.add_option("--csv", options.m_Csv, "write comma-separated values there")->type_name("FILE");
-    CLI::Option *ply = app.add_option("--ply", options.m_Ply, "write points there, as binary PLY")->type_name("FILE");
-    app.add_option("--place", options.m_Place, "the field that tells where a point is (position)")
+    app.add_option("--csv", options.m_Csv, "write a CSV file")->type_name("FILE");
+    CLI::Option *ply = app.add_option("--ply", options.m_Ply, "write a binary PLY file")->type_name("FILE");
+    app.add_option("--place", options.m_Place, "the field with the positions of the points (position)")
         ->needs(ply)
         ->type_name("FIELD");
-    CLI::Option *png = app.add_option("--png", options.m_Png, "draw two components there")->type_name("FILE");
-    CLI::Option *x = app.add_option("--x", options.m_X, "the one to the right, as position.x")->type_name("COMPONENT");
-    CLI::Option *y = app.add_option("--y", options.m_Y, "the one upwards, as position.y")->type_name("COMPONENT");
+    CLI::Option *png = app.add_option("--png", options.m_Png, "draw two components")->type_name("FILE");
+    CLI::Option *x =
+        app.add_option("--x", options.m_X, "the component to the right, such as position.x")->type_name("COMPONENT");
+    CLI::Option *y =
+        app.add_option("--y", options.m_Y, "the component upwards, such as position.y")->type_name("COMPONENT");
     app.add_option("--size", options.m_Size, "size of the picture in pixels (800x800)")
         ->delimiter('x')
         ->check(CLI::Range(1, 16'384))

@@ -11,7 +11,7 @@ namespace ParticlesTool
 {
 namespace
 {
-// A file that is being written, and whether it took everything.
+// A file that remembers whether all writes succeeded.
 class CWriter : CNonCopyable
 {
 public:
@@ -23,26 +23,26 @@ public:
 
     void Put(const void *bytes, size_t count)
     {
-        m_IsFine = m_IsFine && m_File != nullptr && std::fwrite(bytes, 1, count, m_File) == count;
+        m_IsWritten = m_IsWritten && m_File != nullptr && std::fwrite(bytes, 1, count, m_File) == count;
     }
     void Put(const std::string &text) { Put(text.data(), text.size()); }
     bool Close()
     {
         if (m_File != nullptr)
-            m_IsFine = std::fclose(m_File) == 0 && m_IsFine;
+            m_IsWritten = std::fclose(m_File) == 0 && m_IsWritten;
         else
-            m_IsFine = m_IsFine && m_IsClosed;
+            m_IsWritten = m_IsWritten && m_IsClosed;
         m_File = nullptr;
         m_IsClosed = true;
-        return m_IsFine;
+        return m_IsWritten;
     }
 
 private:
     std::FILE *m_File;
-    bool m_IsFine = true, m_IsClosed = false;
+    bool m_IsWritten = true, m_IsClosed = false;
 };
 
-// What PLY calls a type. It has no 64-bit integers: they become doubles.
+// PLY's name of a type. 64-bit integers become doubles, because PLY has none.
 const char *PlyType(EBaseTypeID type)
 {
     switch (type)
@@ -68,7 +68,7 @@ const char *PlyType(EBaseTypeID type)
     }
 }
 
-// What viewers know, and else the name with nothing in it that would end it.
+// The names that viewers know for colours, otherwise the column's name with '_' for what PLY does not allow in a name.
 std::string PlyName(const SColumn &column)
 {
     for (const char *colour : {"color", "colour"})
@@ -122,22 +122,22 @@ bool WriteCsv(const std::string &path, const CParticleStream_MainMemory &stream,
 }
 
 bool WritePly(const std::string &path, const CParticleStream_MainMemory &stream, const std::vector<SColumn> &columns,
-              u32 placeCount)
+              u32 positionCount)
 {
     CWriter file(path);
     file.Put("ply\nformat binary_little_endian 1.0\nelement vertex " + std::to_string(stream.ParticleCount()) +
              "\nproperty float x\nproperty float y\nproperty float z\n");
-    for (size_t i = placeCount; i < columns.size(); ++i)
+    for (size_t i = positionCount; i < columns.size(); ++i)
         file.Put(std::string("property ") + PlyType(columns[i].m_Type) + " " + PlyName(columns[i]) + "\n");
     file.Put("end_header\n");
     ForEachParticle(stream,
                     [&](const auto &row)
                     {
-                        float place[3] = {};
-                        for (u32 i = 0; i < placeCount; ++i)
-                            place[i] = float(ToNumber(row(columns[i]), columns[i].m_Type));
-                        file.Put(place, sizeof(place));
-                        for (size_t i = placeCount; i < columns.size(); ++i)
+                        float position[3] = {};
+                        for (u32 i = 0; i < positionCount; ++i)
+                            position[i] = float(ToNumber(row(columns[i]), columns[i].m_Type));
+                        file.Put(position, sizeof(position));
+                        for (size_t i = positionCount; i < columns.size(); ++i)
                         {
                             const EBaseTypeID type = columns[i].m_Type;
                             const double number = ToNumber(row(columns[i]), type);
@@ -167,7 +167,7 @@ bool WritePng(const std::string &path, const CParticleStream_MainMemory &stream,
                             const double value = ToNumber(row(axes[i]), axes[i].m_Type) - ranges[i].m_Min;
                             const double share = extent > 0.0 ? value / extent : 0.5;
                             if (!(share >= 0.0 && share <= 1.0))
-                                return; // NaN, or a range without end
+                                return; // NaN, or an infinite range
                             pixel[i] = u32(share * (sizes[i] - 1) + 0.5);
                         }
                         u32 &count = counts[size_t(height - 1 - pixel[1]) * width + pixel[0]];

@@ -1,18 +1,18 @@
 #pragma once
-// What the particles are turned into. Each gives false when the file does not take all of it.
+// Writers of files. Each returns false if the file cannot be written completely.
 
 #include "columns.h"
 
 namespace ParticlesTool
 {
-// Comma-separated values, a particle a line, below a line of names.
+// Writes comma-separated values: a line of names, then one line per particle.
 bool WriteCsv(const std::string &path, const CParticleStream_MainMemory &stream, const std::vector<SColumn> &columns);
 
-// Points in binary PLY. The columns of the place come first, one to three, and become x, y and z.
+// Writes points in binary PLY. The first positionCount columns, one to three, become x, y and z.
 bool WritePly(const std::string &path, const CParticleStream_MainMemory &stream, const std::vector<SColumn> &columns,
-              u32 placeCount);
+              u32 positionCount);
 
-// A picture of where the particles are, by two columns within their ranges: the more, the brighter.
+// Draws the particles by two columns, scaled to the columns' ranges. More particles make a pixel brighter.
 bool WritePng(const std::string &path, const CParticleStream_MainMemory &stream, const SColumn (&axes)[2], u32 width,
               u32 height);
 } // namespace ParticlesTool

@@ -7,7 +7,7 @@ namespace Wind
 {
 namespace
 {
-constexpr SColor kGround = {0.0022f, 0.0030f, 0.0065f};
+constexpr SColor kBackground = {0.0022f, 0.0030f, 0.0065f};
 constexpr float kExposure = 1.0f;
 
 float Luminance(const SColor &color)
@@ -15,7 +15,7 @@ float Luminance(const SColor &color)
     return 0.2126f * color.m_Red + 0.7152f * color.m_Green + 0.0722f * color.m_Blue;
 }
 
-// Keeps the hue of dim light; what is too bright for the screen turns towards white.
+// Keeps the hue of dim light; bright light becomes whiter.
 SColor ToneMap(const SColor &light)
 {
     const float luminance = Luminance(light) * kExposure;
@@ -24,8 +24,8 @@ SColor ToneMap(const SColor &light)
     const float white = mapped * mapped * mapped * 0.35f;
     const auto channel = [&](float value, float ground)
     { return ground + value * scale * (1.0f - white) + mapped * white; };
-    return {channel(light.m_Red, kGround.m_Red), channel(light.m_Green, kGround.m_Green),
-            channel(light.m_Blue, kGround.m_Blue)};
+    return {channel(light.m_Red, kBackground.m_Red), channel(light.m_Green, kBackground.m_Green),
+            channel(light.m_Blue, kBackground.m_Blue)};
 }
 } // namespace
 
@@ -69,7 +69,7 @@ void CCanvas::Fade(float keep)
     }
 }
 
-SImage CCanvas::Develop() const
+SImage CCanvas::ToImage() const
 {
     SImage image(m_Width, m_Height);
     u8 *bytes = image.m_Bytes.data();
@@ -83,12 +83,12 @@ SImage CCanvas::Develop() const
     return image;
 }
 
-// Shares a dot out among the four pixels around it. It may lie up to a width outside the canvas, to the left or right.
+// Adds light to the four pixels around a point, by bilinear weights. x may be up to one width outside the canvas.
 void CCanvas::_Splat(float x, float y, const SColor &light)
 {
     const float fromLeft = x - 0.5f + float(m_Width);
     const float fromTop = std::max(0.0f, y - 0.5f);
-    const u32 steps = u32(fromLeft); // truncates: neither is below 0
+    const u32 steps = u32(fromLeft); // truncation is floor: both are positive
     const u32 row = std::min(u32(fromTop), m_Height - 1);
     const float weightRight = fromLeft - float(steps);
     const float weightBottom = fromTop - float(row);

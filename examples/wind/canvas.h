@@ -1,6 +1,6 @@
 #pragma once
-// The picture while it is drawn: light adds up in linear floats, fades from frame to frame, and is toned down to what a
-// screen can show at the end. The canvas is a map of the whole globe, 180 W at the left, north up.
+// The picture while it is drawn: light is added in linear floats, fades from frame to frame, and is tone-mapped at the
+// end. The canvas is a map of the whole globe, with 180 W at its left edge and north up.
 
 #include "image.h"
 #include "palette.h"
@@ -19,16 +19,16 @@ class CCanvas
 public:
     CCanvas(u32 width, u32 height);
 
-    // Where a place on the globe, in degrees, lies on the canvas.
+    // Converts a place in degrees to pixels.
     SPoint Project(float longitude, float latitude) const;
 
-    // Adds `light` along the line, as much to each pixel of its length. Takes the short way around the globe: a line
-    // across the date line leaves at one edge and comes in at the other.
+    // Adds light along the line, in proportion to its length. A line across the date line wraps from one edge to the
+    // other.
     void DrawLine(const SPoint &from, const SPoint &to, const SColor &light);
 
     void Fade(float keep); // multiplies all light
 
-    SImage Develop() const;
+    SImage ToImage() const;
 
 private:
     void _Splat(float x, float y, const SColor &light);

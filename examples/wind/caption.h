@@ -1,5 +1,5 @@
 #pragma once
-// What stands below the map: the scale of the speeds, and which forecast it shows.
+// The caption below the map: the scale of the speeds and the forecast.
 
 #include "image.h"
 #include "palette.h"

@@ -1,5 +1,5 @@
 #pragma once
-// Draws a page: a line a particle, from where it was to where it is.
+// Draws a line for each particle of a page, from its previous to its current position.
 
 #include "canvas.h"
 #include "layout.h"

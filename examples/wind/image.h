@@ -1,5 +1,5 @@
 #pragma once
-// A finished picture: 8 bits a channel, red, green, blue, row by row from the top.
+// An image of 8 bits per channel: red, green, blue, row by row from the top.
 
 #include <tz_defs.h>
 
@@ -26,9 +26,9 @@ struct SImage
     std::vector<u8> m_Bytes;
 };
 
-// The byte that shows a linear intensity from 0 to 1 on a screen.
+// Converts a linear intensity from 0 to 1 to an sRGB byte.
 u8 ScreenByte(float linear);
 
-// Writes the picture as PNG. False: `outError` names the file, and nothing is left of it.
+// Writes the image as PNG. False: outError names the file, and nothing was written.
 bool WritePng(const std::string &path, const SImage &image, std::string &outError);
 } // namespace Wind

@@ -1,7 +1,6 @@
 #pragma once
-// Which fields a particle has. There are two layouts: the one that the run starts with, and the one that it is edited
-// into while it runs. Nobody else knows a field's index or whether it is stored: fields are found by name, frame by
-// frame.
+// The fields of a particle, in two layouts: one for the start of the run and an edited one. All other code finds the
+// fields by name, in each frame.
 
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 
@@ -11,8 +10,8 @@ namespace Wind
 {
 using namespace Tessaly;
 
-// A stream definition with the constant data that goes with it. A stream that it was bound to borrows all of it: the
-// layout must outlive the stream.
+// A stream definition, its constant data and its slot table. A stream that is bound to it borrows all three: the layout
+// must outlive the stream.
 class CLayout
 {
 public:
@@ -23,29 +22,29 @@ public:
 
 private:
     SParticleStreamDef m_Definition;
-    std::vector<CGuid> m_ConstantSlots; // one a field; invalid for a stored one
+    std::vector<CGuid> m_ConstantSlots; // one per field; INVALID for a stored field
     std::vector<S64Bytes> m_Constants;
 };
 
-// The layout of the start: every particle carries its own tint, though all are born with the same.
+// The first layout. Every particle stores its tint, although all tints are equal.
 void MakeFirstLayout(CLayout &outLayout);
 
-// The edited layout: the speed moves into the position as a third component and leaves; the age is counted in whole
-// frames; the tint, the same for all, becomes a constant; the way travelled is new; and the order is another.
+// The edited layout: the speed is dropped and becomes the third component of the position; the age becomes an integer;
+// the tint becomes a constant; the distance travelled is new; the order of the fields is another.
 void MakeEditedLayout(CLayout &outLayout, const CFloat3 &tint);
 
-// Where the fields stand in a definition; invalid for one that it does not have.
+// The indices of the fields in a definition; INVALID for a field that it does not have.
 struct SFields
 {
-    CGuid m_Position;         // degrees east and north; where there is a third component, it is the speed
-    CGuid m_PreviousPosition; // a frame ago
+    CGuid m_Position;         // degrees east and north; in the edited layout the third component is the speed
+    CGuid m_PreviousPosition; // in the previous frame
     CGuid m_Speed;            // metres per second
     CGuid m_Age;              // frames, integer or float
     CGuid m_Lifetime;         // frames
     CGuid m_Brightness;
     CGuid m_Travelled; // kilometres
     CGuid m_Tint;      // colour and gain
-    CGuid m_Fade;      // constant: how much of the life a particle takes to appear, and to vanish
+    CGuid m_Fade;      // constant: the shares of its life in which a particle fades in and out
 
     bool m_AgeIsInteger;
     bool m_TintIsStored;

@@ -11,10 +11,10 @@ namespace
 {
 constexpr float kMetresPerDegree = 111195.0f;
 constexpr float kRadiansPerDegree = 3.14159265f / 180.0f;
-constexpr float kNarrowestCircle = 0.02f; // of the equator: no step grows without bound beside a pole
+constexpr float kNarrowestCircle = 0.02f; // of the equator's length: limits steps in degrees near a pole
 constexpr float kLastLatitude = 89.9f;
 
-// A step over the ground in degrees.
+// The distance that the wind covers in that time, in degrees.
 CFloat2 DegreesOfStep(const SWind &wind, float latitude, float seconds)
 {
     const float circle = std::max(kNarrowestCircle, std::cos(latitude * kRadiansPerDegree));
@@ -37,16 +37,16 @@ void Fill(const TStridedMemoryView<_Type> &column, const _Type &value)
 }
 
 template <typename _Number>
-void MakeOlder(const TStridedMemoryView<_Number> &ages)
+void AddFrame(const TStridedMemoryView<_Number> &ages)
 {
     for (u32 i = 0; i < ages.Count(); ++i)
         ages[i] += _Number(1);
 }
 
-void AddToWay(const TStridedMemoryView<float> &ways, const TStridedMemoryView<float> &speeds, float seconds)
+void AddDistance(const TStridedMemoryView<float> &distances, const TStridedMemoryView<float> &speeds, float seconds)
 {
-    for (u32 i = 0; i < ways.Count(); ++i)
-        ways[i] += speeds[i] * seconds * 0.001f;
+    for (u32 i = 0; i < distances.Count(); ++i)
+        distances[i] += speeds[i] * seconds * 0.001f;
 }
 } // namespace
 
@@ -86,15 +86,15 @@ void Advect(const CParticlePageView &page, const SFields &fields, const CWindFie
         speeds[i] = step.m_Speed;
     }
     if (fields.m_Travelled.Valid())
-        AddToWay(page.ColumnForWriting<float>(fields.m_Travelled), speeds, seconds);
+        AddDistance(page.ColumnForWriting<float>(fields.m_Travelled), speeds, seconds);
 }
 
 void Age(const CParticlePageView &page, const SFields &fields)
 {
     if (fields.m_AgeIsInteger)
-        MakeOlder(page.ColumnForWriting<s32>(fields.m_Age));
+        AddFrame(page.ColumnForWriting<s32>(fields.m_Age));
     else
-        MakeOlder(page.ColumnForWriting<float>(fields.m_Age));
+        AddFrame(page.ColumnForWriting<float>(fields.m_Age));
 }
 
 u32 RemoveDead(CParticleStream_MainMemory &stream, const SFields &fields)

@@ -1,13 +1,12 @@
 #pragma once
-// What happens to the particles of a page in a frame. Each function is given a view on the page and works on its
-// columns.
+// The simulation of a frame. Each function works on the columns of one page, except RemoveDead.
 
 #include "layout.h"
 #include "wind_field.h"
 
 namespace Wind
 {
-// Where a particle is after a step of `seconds`, and how fast the wind was on its way.
+// A particle's place after a step of the given seconds, and the speed of the wind during the step.
 struct SStep
 {
     float m_Longitude, m_Latitude; // degrees
@@ -16,23 +15,23 @@ struct SStep
 
 SStep StepWithWind(const CWindField &field, float longitude, float latitude, float seconds);
 
-// Gives newborn particles all that is alike in every one of them.
+// Writes the fields that are the same in all new particles.
 void StartLife(const CParticlePageView &newborn, const SFields &fields, const CFloat3 &tint);
 
-// Carries the particles with the wind; notes where they were and how fast they are.
+// Moves the particles with the wind; stores their previous positions and their speeds.
 void Advect(const CParticlePageView &page, const SFields &fields, const CWindField &field, float seconds);
 
-// Makes the particles a frame older.
+// Adds one frame to the ages.
 void Age(const CParticlePageView &page, const SFields &fields);
 
-// Removes the particles of the whole stream that have lived their life, and tells how many.
+// Removes the stream's particles whose age has reached their lifetime. Returns how many.
 u32 RemoveDead(CParticleStream_MainMemory &stream, const SFields &fields);
 
-// The columns that are not laid out alike in the two layouts. The speed is a field, or the position's third component.
+// The speeds: a field of their own in the first layout, the position's third component in the edited one.
 TStridedMemoryView<const float> Speeds(const CParticlePageView &page, const SFields &fields);
 TStridedMemoryView<float> SpeedsForWriting(const CParticlePageView &page, const SFields &fields);
 
-// Calls `use` with the column of ages, which are whole numbers in one layout and floats in the other.
+// Calls use with the column of ages: integers in one layout, floats in the other.
 template <typename _Use>
 void WithAges(const CParticlePageView &page, const SFields &fields, const _Use &use)
 {

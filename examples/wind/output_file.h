@@ -1,6 +1,6 @@
 #pragma once
-// A file that appears whole or not at all: it is written under a temporary name beside its place, and Commit moves it
-// there.
+// A file that is written completely or not at all: it is written under a temporary name in the same folder, and Commit
+// renames it.
 
 #include <tz_defs.h>
 
@@ -13,11 +13,11 @@ class COutputFile : Tessaly::CNonCopyable
 {
 public:
     explicit COutputFile(const std::string &path);
-    ~COutputFile(); // without a Commit: nothing is left
+    ~COutputFile(); // without a Commit: deletes the temporary file
 
-    std::FILE *Handle() const { return m_File; } // null where it could not be opened
+    std::FILE *Handle() const { return m_File; } // null if it could not be opened
 
-    // Closes the file and gives it its name. False: `outError` names it in one line, and nothing is left of it.
+    // Closes and renames the file. False: outError names it, and the temporary file is deleted.
     bool Commit(std::string &outError);
 
 private:

@@ -1,6 +1,6 @@
 #pragma once
-// Wind speed as colour: calm air is dark and blue, a storm bright and warm. The lightness rises steadily with the
-// speed, so that the picture keeps its order for every eye.
+// The colours of wind speeds, from dark blue (calm) to bright and warm (storm). The lightness rises with the speed, so
+// that the order of the speeds is visible without colour vision, too.
 
 #include <tz_defs.h>
 
@@ -15,13 +15,13 @@ struct SColor
     float m_Red, m_Green, m_Blue; // linear light
 };
 
-// From the perceptual space OKLCH: lightness and chroma from 0 to 1, hue in degrees.
+// Converts a colour from OKLCH: lightness and chroma from 0 to 1, hue in degrees.
 SColor ColorFromPerception(float lightness, float chroma, float hueInDegrees);
 
 class CPalette
 {
 public:
-    static constexpr float kFastestSpeed = 30.0f; // metres per second: the end of the scale
+    static constexpr float kFastestSpeed = 30.0f; // metres per second: the end of the palette
 
     CPalette();
 

@@ -16,14 +16,14 @@ namespace Wind
 namespace
 {
 constexpr float kSecondsPerFrame = 1500.0f;
-constexpr u32 kBurst = 512;       // particles born at once
-constexpr u32 kShortestLife = 30; // frames
-constexpr u32 kLifeSpread = 60; // frames, from the frame whose newborn live shortest to the one where they live longest
-constexpr u32 kLifeSpreadInFrame = 10; // the same within a frame: its newborn go together, so that pages drain
-constexpr float kLightKept = 0.988f;   // of the picture, from frame to frame
+constexpr u32 kBurst = 512;            // particles allocated at once, at most
+constexpr u32 kShortestLife = 30;      // frames
+constexpr u32 kLifeSpread = 60;        // frames; added at random to the shortest life, once per frame
+constexpr u32 kLifeSpreadInFrame = 10; // frames; small, so that a frame's particles die together and pages become empty
+constexpr float kFadePerFrame = 0.988f; // factor on the picture's light
 constexpr float kDegreesPerRadian = 180.0f / 3.14159265f;
 
-// Most particles are faint and a few are bright: the picture shows strands instead of a haze. 1 on the average.
+// Few particles are bright, so that the picture shows single lines. The average is 1.
 float RandomBrightness(CRandom &random)
 {
     const float unit = random.Unit();
@@ -31,14 +31,14 @@ float RandomBrightness(CRandom &random)
     return 8.0f * cube * cube * unit;
 }
 
-// A place on the globe, all places alike.
+// A uniformly distributed place on the globe.
 CFloat2 RandomPlace(CRandom &random)
 {
     const float longitude = 360.0f * random.Unit() - 180.0f;
     return {longitude, std::asin(2.0f * random.Unit() - 1.0f) * kDegreesPerRadian};
 }
 
-// Not so of NaN.
+// False for NaN, too: a file may hold anything.
 bool IsOnGlobe(const CFloat2 &place) { return std::abs(place.m_X) <= 360.0f && std::abs(place.m_Y) <= 90.0f; }
 } // namespace
 
@@ -52,12 +52,12 @@ CWindParticles::CWindParticles(const CWindField &field, const CLayout &layout, c
     layout.BindTo(m_Stream);
 }
 
-void CWindParticles::Advance(u32 frame, u32 wishedCount)
+void CWindParticles::Advance(u32 frame, u32 targetCount)
 {
     const SFields fields = FindFields(m_Stream);
     const u32 liveCount = m_Stream.ParticleCount();
-    _Bear(fields, wishedCount - std::min(wishedCount, liveCount));
-    m_Diary.NoteNewPages(m_Stream, frame);
+    _Allocate(fields, targetCount - std::min(targetCount, liveCount));
+    m_PageBirths.AddNewPages(m_Stream, frame);
     m_Clock.AddParticleFrames(m_Stream.ParticleCount());
     _Advect(fields);
     _Age(fields);
@@ -68,12 +68,12 @@ void CWindParticles::Draw(const CPalette &palette, CCanvas &canvas)
 {
     const CScopedPhase phase(m_Clock, Phase_Drawing);
     const SFields fields = FindFields(m_Stream);
-    canvas.Fade(kLightKept);
+    canvas.Fade(kFadePerFrame);
     const CScopedPagesRenderLock lock(m_Stream);
     Particles::ForEachPage(m_Stream, [&](const CParticlePageView &page) { DrawPage(page, fields, palette, canvas); });
 }
 
-void CWindParticles::CarePages(u32 maxPageCountToResize, u32 frame)
+void CWindParticles::MaintainPages(u32 maxPageCountToResize, u32 frame)
 {
     _CollectPages();
     if (m_Stream.HasPendingResizes())
@@ -93,7 +93,7 @@ void CWindParticles::CopyInto(CWindParticles &outCopy)
 {
     const CScopedPhase phase(m_Clock, Phase_Copying);
     outCopy.m_Stream.DeepCopy(m_Stream);
-    outCopy.m_Diary = m_Diary;
+    outCopy.m_PageBirths = m_PageBirths;
     outCopy.m_BirthCount = m_BirthCount;
     outCopy.m_DeathCount = m_DeathCount;
     m_Clock.AddHandled(Phase_Copying, outCopy.m_Stream.ParticleCount());
@@ -107,7 +107,7 @@ bool CWindParticles::Save(const std::string &path, std::string &outError) const
 
 bool CWindParticles::Load(const std::string &path, std::string &outError)
 {
-    Snapshot::SLoadedDefinition definition; // the stream keeps its own
+    Snapshot::SLoadedDefinition definition; // not used: the stream keeps its own
     if (!Snapshot::Load(path.c_str(), definition, m_Stream))
         return outError = path + " cannot be loaded", false;
     m_BirthCount += m_Stream.ParticleCount();
@@ -135,18 +135,18 @@ bool CWindParticles::Load(const std::string &path, std::string &outError)
 }
 #endif
 
-void CWindParticles::_Bear(const SFields &fields, u32 count)
+void CWindParticles::_Allocate(const SFields &fields, u32 count)
 {
     const CScopedPhase phase(m_Clock, Phase_Birth);
-    const CScopedPagesLock lock(m_Stream); // nobody sees a particle before it is filled
+    const CScopedPagesLock lock(m_Stream); // until the particles are filled
     const u32 shortestLife = kShortestLife + m_Random.Below(kLifeSpread);
     while (count != 0)
     {
         const u32 burst = std::min(count, kBurst);
-        const u32 leastRoom = std::max(1u, std::min(burst, m_Stream.PageSize()) / 4);
-        const CParticlePageView newborn = m_Stream.AllocateParticlesIFP(burst, leastRoom);
+        const u32 minCount = std::max(1u, std::min(burst, m_Stream.PageSize()) / 4);
+        const CParticlePageView newborn = m_Stream.AllocateParticlesIFP(burst, minCount);
         if (newborn.Empty())
-            return; // no memory: fewer are born
+            return; // out of memory
         _FillNewborn(newborn, fields, shortestLife);
         count -= newborn.ParticleCount();
         m_BirthCount += newborn.ParticleCount();
@@ -194,15 +194,15 @@ void CWindParticles::_ResizePages(u32 maxPageCount, u32 frame)
     const CScopedPhase phase(m_Clock, Phase_Resizing);
     {
         const CScopedPagesLock lock(m_Stream);
-        m_Stream.ComputePendingResizes_NoLock(); // pages that were collected wait no longer
+        m_Stream.ComputePendingResizes_NoLock(); // collection does not update the count
     }
-    m_Clock.AddHandled(Phase_Resizing, m_Diary.ResizePages(m_Stream, maxPageCount, frame));
+    m_Clock.AddHandled(Phase_Resizing, m_PageBirths.ResizePages(m_Stream, maxPageCount, frame));
 }
 
 void CWindParticles::_CollectPages()
 {
     const CScopedPhase phase(m_Clock, Phase_Collection);
     m_Clock.AddHandled(Phase_Collection, m_Stream.PageCount());
-    m_CollectedPageCount += m_Diary.CollectPages(m_Stream);
+    m_CollectedPageCount += m_PageBirths.CollectPages(m_Stream);
 }
 } // namespace Wind

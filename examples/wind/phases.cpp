@@ -7,7 +7,7 @@ namespace
 constexpr const char *kPhaseNames[__MaxPhases] = {"birth",    "advection",  "ageing",  "removal",  "drawing",
                                                   "resizing", "collection", "copying", "rebinding"};
 
-// A profiler keeps the descriptors by address: one a phase, made once.
+// One static descriptor per phase, because a profiler keeps pointers to them.
 const Profiler::SNodeDescriptor &PhaseDescriptor(EPhase phase)
 {
     using SNode = Profiler::SNodeDescriptor;

@@ -1,6 +1,5 @@
 #pragma once
-// How long each phase of a frame takes. A phase is also a profiler scope, so that a trace shows the library's scopes
-// within.
+// The time of each phase of a frame. A phase is also a profiler scope, so a trace shows the library's scopes inside it.
 
 #include <tz_kernel/include/kr_profiler.h>
 
@@ -28,7 +27,7 @@ enum EPhase : u32
 struct SPhaseTotal
 {
     u64 m_Nanoseconds = 0;
-    u64 m_Handled = 0; // what the phase worked on: particles, or pages where it works on pages
+    u64 m_Handled = 0; // particles, or pages for phases that work on pages
 };
 
 class CPhaseClock

@@ -16,7 +16,7 @@ namespace
 {
 constexpr u32 kMaxReportsShown = 10;
 
-// Counts the assertions that are reported while it lives, and shows the first ones.
+// Counts the assertions reported during its lifetime and prints the first ones.
 class CReportCounter : CNonCopyable
 {
 public:
@@ -42,24 +42,24 @@ private:
     std::atomic<u32> m_Count = 0;
 };
 
-// The library is up for the length of a scope.
+// Starts the library for a scope.
 class CScopedRuntime : CNonCopyable
 {
 public:
     CScopedRuntime()
-        : m_IsUp(Particles::Startup())
+        : m_IsStarted(Particles::Startup())
     {
     }
     ~CScopedRuntime()
     {
-        if (m_IsUp)
+        if (m_IsStarted)
             Particles::Shutdown();
     }
 
-    bool IsUp() const { return m_IsUp; }
+    bool IsStarted() const { return m_IsStarted; }
 
 private:
-    bool m_IsUp;
+    bool m_IsStarted;
 };
 
 int Fail(std::FILE *err, EExit status, const std::string &problem)
@@ -68,7 +68,7 @@ int Fail(std::FILE *err, EExit status, const std::string &problem)
     return status;
 }
 
-// Whether the stream took everything until now.
+// True if everything was written to the stream.
 bool IsWritten(std::FILE *stream) { return std::fflush(stream) == 0 && std::ferror(stream) == 0; }
 
 bool MakeFolder(const std::filesystem::path &folder, std::string &outError)
@@ -77,10 +77,10 @@ bool MakeFolder(const std::filesystem::path &folder, std::string &outError)
     std::filesystem::create_directories(folder, error);
     if (folder.empty() || std::filesystem::is_directory(folder, error))
         return true;
-    return outError = folder.string() + " is no folder and cannot be made one", false;
+    return outError = folder.string() + " is not a folder and cannot be created", false;
 }
 
-// Before the run: what it writes at its end must have a place.
+// Makes the folders of all output files, before the run.
 bool MakeFolders(const SOptions &options, std::string &outError)
 {
     return MakeFolder(options.m_OutputFolder, outError) &&
@@ -88,7 +88,7 @@ bool MakeFolders(const SOptions &options, std::string &outError)
            MakeFolder(std::filesystem::path(options.m_SnapshotFile).parent_path(), outError);
 }
 
-void PlayFrames(CWindRun &run, u32 frameCount, std::FILE *out)
+void RunFrames(CWindRun &run, u32 frameCount, std::FILE *out)
 {
     CProgress progress(out, frameCount);
     for (u32 frame = 0; frame < frameCount; ++frame)
@@ -106,17 +106,17 @@ bool WriteTrace(const Profiler::CTraceSink &trace, const std::string &path, std:
     return file.Commit(outError);
 }
 
-EExit PlayAndWrite(const SOptions &options, const CWindField &field, std::FILE *out, std::vector<std::string> &outPaths,
-                   std::string &outError)
+EExit RunAndWrite(const SOptions &options, const CWindField &field, std::FILE *out, std::vector<std::string> &outPaths,
+                  std::string &outError)
 {
     const bool isTraced = !options.m_TraceFile.empty();
     Profiler::CTraceSink trace(isTraced ? Profiler::CTraceSink::kDefaultMaxScopes : 0);
     CWindRun run(options, field);
-    if (!options.m_FromFile.empty() && !run.GoOnFrom(options.m_FromFile, outError))
+    if (!options.m_FromFile.empty() && !run.LoadFrom(options.m_FromFile, outError))
         return Exit_BadInput;
     if (isTraced)
         Profiler::CProfiler::SetSink(&trace);
-    PlayFrames(run, options.m_FrameCount, out);
+    RunFrames(run, options.m_FrameCount, out);
     Profiler::CProfiler::SetSink(nullptr);
     PrintTable(out, run);
     if (!run.WritePictures(outPaths, outError) || (isTraced && !WriteTrace(trace, options.m_TraceFile, outError)))
@@ -129,15 +129,15 @@ EExit PlayAndWrite(const SOptions &options, const CWindField &field, std::FILE *
     return run.Particles().Save(options.m_SnapshotFile, outError) ? Exit_Success : Exit_Failure;
 }
 
-int Play(const SOptions &options, const CWindField &field, std::FILE *out, std::FILE *err)
+int Run(const SOptions &options, const CWindField &field, std::FILE *out, std::FILE *err)
 {
     const CScopedRuntime runtime;
     const CReportCounter reports(err);
     std::vector<std::string> paths;
     std::string problem;
-    if (!runtime.IsUp())
+    if (!runtime.IsStarted())
         return Fail(err, Exit_Failure, "the particle runtime cannot be started");
-    if (const EExit status = PlayAndWrite(options, field, out, paths, problem))
+    if (const EExit status = RunAndWrite(options, field, out, paths, problem))
         return Fail(err, status, problem);
     std::fprintf(out, "%-12s %u\n", "assertions", reports.Count());
     for (const std::string &path : paths)
@@ -169,6 +169,6 @@ int RunProgram(int argc, const char *const *argv, std::FILE *out, std::FILE *err
                                                       : std::filesystem::path(options.m_Input).filename().string();
     if (!field.Load(options.m_Input, text) || !MakeFolders(options, text))
         return Fail(err, Exit_BadInput, text);
-    return Play(options, field, out, err);
+    return Run(options, field, out, err);
 }
 } // namespace Wind

@@ -1,5 +1,5 @@
 #pragma once
-// The program behind its entry point: reads the command line, plays a run, writes the pictures, reports.
+// The program: reads the command line, runs the simulation, writes the pictures and prints the table.
 
 #include "options.h"
 
@@ -11,9 +11,9 @@ enum EExit : int
 {
     Exit_Success = 0,
     Exit_Failure = 1,  // an assertion was reported, or an output could not be written
-    Exit_BadInput = 2, // the command line or the forecast: nothing was run, nothing written
+    Exit_BadInput = 2, // bad command line, forecast or snapshot; nothing was written
 };
 
-// Returns the exit status. What goes wrong is told on `err`, in one line.
+// Returns the exit status. An error is printed to err, in one line.
 int RunProgram(int argc, const char *const *argv, std::FILE *out, std::FILE *err);
 } // namespace Wind

@@ -1,5 +1,5 @@
 #pragma once
-// A small generator whose numbers are the same on every machine.
+// A random number generator, like SplitMix64, with the same numbers on every machine.
 
 #include <tz_defs.h>
 

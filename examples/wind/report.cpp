@@ -10,14 +10,14 @@ namespace
 {
 constexpr u32 kBarWidth = 40;
 
-// What a phase's time is also told per piece of.
+// What m_Handled counts in each phase; null: its time is not printed per item.
 constexpr const char *kHandledNames[__MaxPhases] = {"particles born",
                                                     nullptr,
                                                     nullptr,
                                                     "particles removed",
                                                     nullptr,
                                                     "pages emptied",
-                                                    "pages looked at",
+                                                    "pages checked",
                                                     "particles copied",
                                                     "particles converted"};
 
@@ -40,13 +40,12 @@ void PrintPages(std::FILE *out, const CWindParticles &particles)
     const CParticleStream_MainMemory &stream = particles.Stream();
     const SParticleStreamStats stats = stream.ComputeStats();
     const double slotCount = stats.m_SlotCount != 0 ? double(stats.m_SlotCount) : 1.0;
-    std::fprintf(out,
-                 "%-12s %u of up to %u particles, after %llu were collected; %.1f %% full; by tenths of fill:", "pages",
+    std::fprintf(out, "%-12s %u of up to %u particles; %llu collected; %.1f %% full; by tenths of fill:", "pages",
                  stats.m_PageCount, stream.PageSize(), Long(particles.CollectedPageCount()),
                  100.0 * double(stats.m_ParticleCount) / slotCount);
     for (const u32 pageCount : stats.m_PagesByTenth)
         std::fprintf(out, " %u", pageCount);
-    std::fprintf(out, "\n%-12s %llu in all: %llu of particles, %llu free, %llu padding\n", "bytes",
+    std::fprintf(out, "\n%-12s %llu in total: %llu of particles, %llu free, %llu padding\n", "bytes",
                  Long(stream.ComputeMemoryUsage().Total()), Long(stats.m_LiveBytes), Long(stats.m_FreeBytes),
                  Long(stats.m_PaddingBytes));
 }
@@ -87,7 +86,7 @@ void CProgress::_ShowBar(u32 framesDone, u32 liveCount) const
 void PrintTable(std::FILE *out, const CWindRun &run)
 {
     const CWindParticles &particles = run.Particles();
-    std::fprintf(out, "\n%-12s %10s %12s\n", "phase", "ms in all", "ns/particle");
+    std::fprintf(out, "\n%-12s %10s %12s\n", "phase", "ms total", "ns/particle");
     std::fprintf(out, "%-12s %10s %12s\n", "", "", "and frame");
     for (u32 phase = 0; phase < __MaxPhases; ++phase)
         PrintPhase(out, particles.Clock(), EPhase(phase));

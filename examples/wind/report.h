@@ -1,5 +1,5 @@
 #pragma once
-// What the program tells while it runs and when it is done.
+// The program's output: progress, and a table at the end.
 
 #include "wind_run.h"
 
@@ -7,7 +7,7 @@
 
 namespace Wind
 {
-// A bar that grows on a terminal; a plain line at every tenth elsewhere.
+// A progress bar on a terminal; otherwise a line at every tenth of the run.
 class CProgress
 {
 public:
@@ -24,6 +24,6 @@ private:
     u32 m_ShownTenths = 0;
 };
 
-// The phases in nanoseconds per particle and frame, then what became of the pages and the particles.
+// Prints the time of each phase in nanoseconds per particle and frame, then figures of pages and particles.
 void PrintTable(std::FILE *out, const CWindRun &run);
 } // namespace Wind

@@ -32,16 +32,16 @@ CSheet::CSheet(u32 width, u32 height, double unit)
     static const SFonts fonts;
     cairo_surface_t *surface = cairo_image_surface_create(CAIRO_FORMAT_RGB24, int(width), int(height));
     m_Cairo = cairo_create(surface);
-    cairo_surface_destroy(surface); // the context keeps it
+    cairo_surface_destroy(surface); // the context holds a reference
     if (cairo_status(m_Cairo) != CAIRO_STATUS_SUCCESS)
     {
         cairo_destroy(m_Cairo);
         throw std::bad_alloc();
     }
-    Use(m_Cairo, kPaper);
+    Use(m_Cairo, kBackgroundColor);
     cairo_paint(m_Cairo);
     cairo_scale(m_Cairo, unit, unit);
-    cairo_set_antialias(m_Cairo, CAIRO_ANTIALIAS_NONE); // of shapes: texts have their own
+    cairo_set_antialias(m_Cairo, CAIRO_ANTIALIAS_NONE); // of shapes; text is always antialiased
     cairo_select_font_face(m_Cairo, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
 }
 
@@ -76,7 +76,7 @@ double CSheet::TextWidth(const std::string &text, double size)
 void CSheet::Write(double x, double y, double anchor, const std::string &text, double size)
 {
     const double left = x - anchor * TextWidth(text, size);
-    Use(m_Cairo, kInk);
+    Use(m_Cairo, kTextColor);
     cairo_move_to(m_Cairo, left, y);
     cairo_show_text(m_Cairo, text.c_str());
     cairo_new_path(m_Cairo);

@@ -1,5 +1,5 @@
 #pragma once
-// A picture with text and shapes. Lengths are in units: as many pixels as the sheet was told.
+// A picture with text and shapes. Lengths and sizes are in units; a unit is a number of pixels.
 
 #include "image.h"
 #include "palette.h"
@@ -8,17 +8,17 @@ struct _cairo;
 
 namespace Wind
 {
-constexpr SColor kPaper = {0.0030f, 0.0040f, 0.0085f};
-constexpr SColor kInk = {0.60f, 0.64f, 0.70f};
+constexpr SColor kBackgroundColor = {0.0030f, 0.0040f, 0.0085f};
+constexpr SColor kTextColor = {0.60f, 0.64f, 0.70f};
 
 class CSheet : CNonCopyable
 {
 public:
-    CSheet(u32 width, u32 height, double unit); // width and height in pixels
+    CSheet(u32 width, u32 height, double unit); // all three in pixels
     ~CSheet();
 
     void Fill(double x, double y, double width, double height, const SColor &color);
-    // A rectangle across which the color changes: color(0) at its left end, color(1) at its right one.
+    // Fills a rectangle with a gradient, from color(0) at its left end to color(1) at its right end.
     template <typename _Color>
     void FillScale(double x, double y, double width, double height, const _Color &color)
     {
@@ -28,7 +28,7 @@ public:
     }
     void DashedLine(double x, double y, double width, const SColor &color);
     double TextWidth(const std::string &text, double size);
-    // anchor tells which part of the text stands at x: 0 its left end, 1 its right end.
+    // anchor is the part of the text that is at x: 0 its left end, 1 its right end.
     void Write(double x, double y, double anchor, const std::string &text, double size);
 
     SImage Image() const;

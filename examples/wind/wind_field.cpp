@@ -15,9 +15,9 @@ using Json = nlohmann::json;
 constexpr int kMomentumCategory = 2;
 constexpr int kEastwardNumber = 2;
 constexpr int kNorthwardNumber = 3;
-constexpr double kFastestWind = 500.0; // metres per second: anything above is a broken file
+constexpr double kFastestWind = 500.0; // metres per second; larger values mean a broken file
 
-// A component of the wind as it stands in the file; what is wrong with it is told in m_Error.
+// A component of the wind, as read from the file, or the error.
 struct SComponent
 {
     SGrid m_Grid;
@@ -57,7 +57,7 @@ bool NumberIs(const Json &header, const char *name, int value)
     return found != header.end() && found->is_number() && found->get<double>() == value;
 }
 
-// The header of a record, or null where the record has none.
+// The header of a record, or null.
 const Json *HeaderOf(const Json &record)
 {
     if (!record.is_object())
@@ -124,8 +124,7 @@ bool ReadValues(const Json &record, const SGrid &grid, std::vector<float> &outVa
         return outError = "has no data", false;
     if (data->size() != wanted)
     {
-        outError =
-            "holds " + std::to_string(data->size()) + " values where its header tells of " + std::to_string(wanted);
+        outError = "holds " + std::to_string(data->size()) + " values where its header says " + std::to_string(wanted);
         return false;
     }
     outValues.reserve(wanted);
@@ -138,7 +137,7 @@ bool ReadValues(const Json &record, const SGrid &grid, std::vector<float> &outVa
     return true;
 }
 
-// "2017-10-20T20:00:00.000Z" to the minute; empty where there is none.
+// "2017-10-20T20:00:00.000Z" becomes "2017-10-20 20:00 UTC"; empty if there is no such time.
 std::string ReadTime(const Json &header)
 {
     const auto found = header.find("refTime");

@@ -1,5 +1,5 @@
 #pragma once
-// A forecast of the wind near the ground: a regular grid around the whole globe, rows from north to south.
+// A forecast of the wind near the ground on a regular grid around the globe, rows from north to south.
 
 #include <tz_defs.h>
 
@@ -26,14 +26,14 @@ class CWindField
 {
 public:
     // Reads the u and v component from a file in the JSON form of the common GRIB converters.
-    // False: `outError` names the file and says in one line what is wrong; the field is as before.
+    // False: outError is the error in one line, with the file's name, and the field is unchanged.
     bool Load(const std::string &path, std::string &outError);
 
-    // The wind at a place given in degrees: bilinear, wrapped in longitude, constant beyond the first and the last row.
+    // The wind at a place in degrees: bilinear interpolation, wrapped in longitude, clamped in latitude.
     SWind Sample(float longitude, float latitude) const;
 
     const SGrid &Grid() const { return m_Grid; }
-    // When the wind blew, "2017-10-20 20:00 UTC"; empty where the file does not tell.
+    // The time of the forecast, such as "2017-10-20 20:00 UTC"; empty if the file has none.
     const std::string &Time() const { return m_Time; }
 
 private:

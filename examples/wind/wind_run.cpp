@@ -9,14 +9,14 @@ namespace Wind
 {
 namespace
 {
-constexpr u32 kPageSizeFactor = 4;   // what the page size grows by
-constexpr u32 kPagesPerFrame = 8;    // resized in a frame
-constexpr u32 kFramesToFill = 20;    // from the first particle to all
+constexpr u32 kPageSizeFactor = 4;   // after a third of the run
+constexpr u32 kPagesPerFrame = 8;    // resized per frame
+constexpr u32 kFramesToFill = 20;    // until the target count is reached
 constexpr float kGustPeriod = 80.0f; // frames
-constexpr float kGustDepth = 0.25f;  // half the share of the particles that a lull takes away
+constexpr float kGustDepth = 0.25f;  // the particle count falls by twice this share between gusts
 constexpr u32 kSnapshotSeed = 0x5EED;
 
-// Bright enough that the strands show, whatever the number of particles and the size of the picture.
+// White, scaled so that the picture's brightness does not depend on the particle count or the picture's height.
 CFloat3 TintFor(const SOptions &options)
 {
     const float particlesPerLine = float(options.m_ParticleCount) / float(options.m_Height);
@@ -37,7 +37,7 @@ CWindRun::CWindRun(const SOptions &options, const CWindField &field)
     , m_Tint(TintFor(options))
     , m_Canvas(options.m_Width, options.m_Height)
     , m_SnapshotCanvas(options.m_Width, options.m_Height)
-    , m_PageStrip(options.m_FrameCount)
+    , m_PageChart(options.m_FrameCount)
 {
     MakeFirstLayout(m_FirstLayout);
     MakeEditedLayout(m_EditedLayout, m_Tint);
@@ -47,28 +47,28 @@ CWindRun::CWindRun(const SOptions &options, const CWindField &field)
 void CWindRun::PlayFrame(u32 frame)
 {
     _Edit(frame);
-    const u32 wishedCount = _WishedCount(frame);
-    m_Particles->Advance(frame, wishedCount);
+    const u32 targetCount = _TargetCount(frame);
+    m_Particles->Advance(frame, targetCount);
     m_Particles->Draw(m_Palette, m_Canvas);
-    m_PageStrip.Record(m_Particles->Stream(), m_Particles->Diary(), frame);
+    m_PageChart.Record(m_Particles->Stream(), m_Particles->PageBirths(), frame);
     const u64 resizedBefore = m_Particles->Clock().Total(Phase_Resizing).m_Handled;
     const u64 collectedBefore = m_Particles->CollectedPageCount();
-    m_Particles->CarePages(kPagesPerFrame, frame);
-    m_PageStrip.AddCare(m_Particles->Clock().Total(Phase_Resizing).m_Handled - resizedBefore,
-                        m_Particles->CollectedPageCount() - collectedBefore);
+    m_Particles->MaintainPages(kPagesPerFrame, frame);
+    m_PageChart.AddMaintenance(m_Particles->Clock().Total(Phase_Resizing).m_Handled - resizedBefore,
+                               m_Particles->CollectedPageCount() - collectedBefore);
     if (m_Snapshot == nullptr)
         return;
-    m_Snapshot->Advance(frame, wishedCount);
+    m_Snapshot->Advance(frame, targetCount);
     m_Snapshot->Draw(m_Palette, m_SnapshotCanvas);
-    m_Snapshot->CarePages(kPagesPerFrame, frame);
+    m_Snapshot->MaintainPages(kPagesPerFrame, frame);
 }
 
 bool CWindRun::WritePictures(std::vector<std::string> &outPaths, std::string &outError) const
 {
     const std::string &time = m_Field.Time();
     const std::string forecast = "Wind near the ground, " + (time.empty() ? "" : time + ", ") + m_Options.m_Source;
-    SImage map = m_Canvas.Develop(), copiedMap = m_SnapshotCanvas.Develop(),
-           pages = m_PageStrip.Paint(m_Options.m_Width, m_Options.m_Height);
+    SImage map = m_Canvas.ToImage(), copiedMap = m_SnapshotCanvas.ToImage(),
+           pages = m_PageChart.Paint(m_Options.m_Width, m_Options.m_Height);
     AddCaption(map, m_Palette, forecast);
     AddCaption(copiedMap, m_Palette, forecast);
     for (const auto &[name, image] :
@@ -87,27 +87,27 @@ void CWindRun::_Edit(u32 frame)
     if (frame == frameCount / 3)
     {
         m_Particles->ChangePageSize(m_Options.m_PageSize * kPageSizeFactor);
-        m_PageStrip.Mark(frame, "page size " + std::to_string(m_Particles->Stream().PageSize()));
+        m_PageChart.Mark(frame, "page size " + std::to_string(m_Particles->Stream().PageSize()));
     }
     if (frame == frameCount / 2)
     {
         m_Particles->EditLayout(m_EditedLayout);
-        m_PageStrip.Mark(frame, "fields edited");
+        m_PageChart.Mark(frame, "fields edited");
     }
     if (frame == frameCount * 2 / 3)
     {
         m_Snapshot = MakeParticles(m_Field, m_FirstLayout, m_Tint, m_Options, m_Options.m_Seed + kSnapshotSeed);
         m_Particles->CopyInto(*m_Snapshot);
-        m_PageStrip.Mark(frame, "copied");
+        m_PageChart.Mark(frame, "copied");
     }
 }
 
-// The wind comes in gusts: in a lull fewer are born than die, and pages drain.
-u32 CWindRun::_WishedCount(u32 frame) const
+// Varies like gusts: while the count falls, fewer particles are allocated than removed, and pages become empty.
+u32 CWindRun::_TargetCount(u32 frame) const
 {
     const bool isFilled = !m_Options.m_FromFile.empty();
     const float start = isFilled ? 1.0f : std::min(1.0f, float(frame + 1) / float(kFramesToFill));
-    const float toEnd = float(m_Options.m_FrameCount - 1 - frame); // the run ends with a gust
+    const float toEnd = float(m_Options.m_FrameCount - 1 - frame); // the count is largest at the end
     const float lull = kGustDepth * (1.0f - std::cos(toEnd / kGustPeriod * 6.2831853f));
     return u32(std::ceil(float(m_Options.m_ParticleCount) * start * (1.0f - lull)));
 }

@@ -122,7 +122,7 @@ TEST_F(WindProgram, BadForecastIsNamedInOneLineAndNothingIsWritten)
         {SmallForecast(kValues, 4, "9"), "has no v component of the wind"},
         {with("\"nx\":4,", ""), "has a u component that has a header without nx"},
         {with("\"dx\":90", "\"dx\":80"), "grid does not go around the globe"},
-        {with("[1,2", "[1"), "holds 11 values where its header tells of 12"},
+        {with("[1,2", "[1"), "holds 11 values where its header says 12"},
         {with("[1,2", "[1,2e30"), "holds a value that is no wind speed"},
         {with("\"la1\":90", "\"la1\":89"), "grid"},
     };
@@ -263,9 +263,9 @@ TEST_F(WindParticles, EditedLayoutLeavesNoSeamInThePicture)
                 particles.EditLayout(edited);
             particles.Advance(frame, 3000);
             particles.Draw(palette, canvas);
-            particles.CarePages(1, frame);
+            particles.MaintainPages(1, frame);
         }
-        return canvas.Develop().m_Bytes;
+        return canvas.ToImage().m_Bytes;
     };
     EXPECT_TRUE(play(50) == play(100)) << "the picture of an unedited run, to the last bit";
 }

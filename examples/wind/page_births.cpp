@@ -1,4 +1,4 @@
-#include "page_diary.h"
+#include "page_births.h"
 
 #include <algorithm>
 
@@ -8,7 +8,7 @@ namespace
 {
 using PageList = std::vector<PParticlePage>;
 
-// References to all pages: while they are held, no page that goes can be mistaken for one that comes.
+// References to all pages. While they are held, a new page cannot get the address of a dropped one.
 PageList HoldPages(const CParticleStream_MainMemory &stream)
 {
     PageList pages;
@@ -18,12 +18,12 @@ PageList HoldPages(const CParticleStream_MainMemory &stream)
 }
 } // namespace
 
-void CPageDiary::NoteNewPages(const CParticleStream_MainMemory &stream, u32 frame)
+void CPageBirths::AddNewPages(const CParticleStream_MainMemory &stream, u32 frame)
 {
     m_BirthFrames.resize(stream.PageCount(), frame);
 }
 
-u32 CPageDiary::CollectPages(CParticleStream_MainMemory &stream)
+u32 CPageBirths::CollectPages(CParticleStream_MainMemory &stream)
 {
     const u32 oldPageCount = stream.PageCount();
     m_Reindexer.resize(oldPageCount);
@@ -40,12 +40,12 @@ u32 CPageDiary::CollectPages(CParticleStream_MainMemory &stream)
     return oldPageCount - stream.PageCount();
 }
 
-u32 CPageDiary::ResizePages(CParticleStream_MainMemory &stream, u32 maxPageCount, u32 frame)
+u32 CPageBirths::ResizePages(CParticleStream_MainMemory &stream, u32 maxPageCount, u32 frame)
 {
     const PageList oldPages = HoldPages(stream);
     stream.ResizePending(maxPageCount);
 
-    // The pages that stay keep their order, and new ones follow.
+    // The remaining pages keep their order; new pages follow them.
     std::vector<u32> birthFrames;
     size_t next = 0, keptCount = 0;
     for (u32 i = 0; i < stream.PageCount(); ++i)
