@@ -1,8 +1,8 @@
-# Turns the headers' comments into what doxygen reads: `//` into `///`, behind a declaration into `///<`; the one that
-# opens a file becomes that file's page; lines that are set in by three spaces become code. A comment speaks for all
-# declarations below it, up to an empty line, another comment, or one that has its own behind it: each gets a copy.
-# Comments further in than a class's members stand in bodies and stay as they are. A part of a contract ("Fails: ...")
-# becomes a paragraph; its other lines may be set in.
+# Converts the headers' comments for doxygen: `//` becomes `///`, or `///<` after a declaration. The first comment of a
+# file becomes the file's page. Lines indented by three spaces become code. A comment documents all declarations below it
+# up to an empty line, another comment, or a declaration with a comment of its own; each declaration gets a copy.
+# Comments inside function bodies are not changed. A part of a contract ("Fails: ...") becomes a paragraph; its further
+# lines may be indented.
 function say(prefix, text)
 {
     if (text ~ /^ (Returns|Fails|Lock|Invalidates|Cost|Page|Values): /) {

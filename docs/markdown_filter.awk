@@ -1,5 +1,5 @@
-# Gives a code span with an apostrophe in it double backticks: doxygen would take the first one for a quotation mark. And
-# an expression that begins with ! is no link to what it calls.
+# Encloses a code span with an apostrophe in double backticks: doxygen would take the single backtick for a quotation
+# mark. Prevents a link from `!Mem::...`.
 /^```/ { in_fence = !in_fence }
 in_fence || /^(```.*)?$/ { in_code = 0; print; next }
 {

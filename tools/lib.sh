@@ -1,6 +1,6 @@
-# Shared by the tools; sourced, after `set -euo pipefail`. Leaves the caller in the project's folder.
+# Shared by the tools: source it after `set -euo pipefail`. Changes to the project's folder.
 
-# The comment that opens the script: what --help prints, and where its options are listed, one a line, each with the
+# The first comment of the script: the text of --help. It lists the script's options, one per line, each followed by the
 # name of its value in capitals if it has one.
 usage="$(sed -n '2,/^[^#]/s/^#\( \|$\)//p' "$0")"
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -8,18 +8,18 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 export CMAKE_BUILD_PARALLEL_LEVEL="${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}"
 export CTEST_PARALLEL_LEVEL="${CTEST_PARALLEL_LEVEL:-$(nproc)}"
 
-# What a configure and build of the whole project needs.
+# The packages that building the whole project needs.
 build_packages=(g++ cmake ninja-build libcairo2-dev libcli11-dev libfontconfig-dev libglm-dev libgtest-dev libhdf5-dev libplf-colony-dev libpng-dev libtbb-dev nlohmann-json3-dev)
 
-# usage_error TEXT: one line, and the status of a wrong call.
+# usage_error TEXT: prints one line and exits with the status of a wrong call, 2.
 usage_error()
 {
     echo "tools/$(basename "$0"): $*; see --help" >&2
     exit 2
 }
 
-# check_arguments COUNT "$@": serves --help, and ends the script where an option is unknown or lacks its value, and
-# where there are more than COUNT other arguments.
+# check_arguments COUNT "$@": handles --help. Ends the script if an option is unknown or lacks its value, or if there
+# are more than COUNT other arguments.
 check_arguments()
 {
     local left="$1" value
@@ -47,19 +47,19 @@ check_arguments()
     done
 }
 
-# step TEXT: a heading in the output.
+# step TEXT: prints a heading.
 step()
 {
     printf '\n== %s\n' "$*"
 }
 
-# need_packages NAME...: installs those Debian packages that are missing; asks no server when none is. Where it can not
-# install it names them, and ends the script unless there is nobody to tell whether they are there.
+# need_packages NAME...: installs the Debian packages that are missing; contacts no server if none is. If it cannot
+# install them, it names them and ends the script. Without dpkg it only names them.
 need_packages()
 {
     local name missing=() as_root=()
     if ! command -v dpkg-query >/dev/null; then
-        echo "This is no Debian; what it calls $* should be installed." >&2
+        echo "This is not a Debian system. These packages, or what corresponds to them, should be installed: $*" >&2
         return
     fi
     for name in "$@"; do
@@ -80,11 +80,11 @@ need_packages()
             return
         fi
     fi
-    echo "Please install these packages, which are missing here: ${missing[*]}." >&2
+    echo "These packages are missing and could not be installed: ${missing[*]}" >&2
     exit 1
 }
 
-# build PRESET [TARGET...]: configures and builds, everything unless targets are given.
+# build PRESET [TARGET...]: configures and builds the targets, or everything.
 build()
 {
     local preset="$1"

@@ -60,7 +60,7 @@ def check_table():
                  "(long)g_Views[0].m_Page.m_Ptr"):
         check(f"tessaly-page {page} 4", "^ +4 +true", "^ +6 .* fresh", r"fresh\n\Z")
     check("tessaly-page g_Views[0] 7 1", "^ *7 free ")
-    check("tessaly-page g_Views[0] 7 2", "<no such particles: 2 from 7 on; the page has room for 8>")
+    check("tessaly-page g_Views[0] 7 2", "<no such particles: 2 from 7 on; the page has 8 slots>")
     check("tessaly-page g_Views[1]", "<no page: ")
     check("tessaly-page *g_Stream", "<no page: Tessaly::CParticleStream_MainMemory>")
     check("tessaly-page 0x10", "<unreadable: ")

@@ -1,7 +1,7 @@
 """gdb pretty-printers for Tessaly's types, and the command tessaly-page.
 
-Loaded by gdb itself next to an installed shared library; otherwise: source tessaly.py. Nothing is called in the
-program that is looked at: core files do as well. What can not be read gives a short text.
+gdb loads it with an installed shared library; otherwise: source tessaly.py. It calls no function of the debugged
+program, so it works on core files too. Data that cannot be read is shown as a short text.
 """
 
 import struct
@@ -10,8 +10,8 @@ import gdb
 import gdb.printing
 import gdb.types
 
-FRESH_BYTE = 0xF3  # what a particle's data reads as until somebody writes it
-MAX_FIELDS = 4096  # a page that seems to have more is none
+FRESH_BYTE = 0xF3  # fills a new page; shown as fresh
+MAX_FIELDS = 4096  # a page with more is taken for invalid
 MAX_WALKED_PAGES = 1000
 MAX_WALKED_NAMES = 10000
 MAX_READ_BYTES = 1 << 24  # at once
@@ -19,17 +19,17 @@ DEFAULT_ROW_COUNT = 20
 CONSTANT_BYTES = 64
 
 
-# struct's codes of components, by the name of the scalar type or of the vector types without their number.
+# Format codes of module struct, by the name of the scalar type, or of the vector type without its digit.
 CODES = {"Bool": "?", "U8": "B", "UByte": "B", "I8": "b", "Byte": "b", "U16": "H", "UWord": "H", "I16": "h",
          "Word": "h", "U32": "I", "UInt": "I", "I32": "i", "Int": "i", "U64": "Q", "I64": "q", "Float": "f",
          "Double": "d"}
 
 
 class Broken(Exception):
-    """What is there can not be what it should be."""
+    """Raised for data that cannot be valid."""
 
 
-# Everything that looking at strange memory may raise.
+# All exceptions that reading invalid memory may raise.
 ERRORS = (Broken, gdb.error, TypeError, OverflowError, ValueError, struct.error)
 
 
@@ -68,7 +68,7 @@ def _number(value):
 
 
 def _type_name(value):
-    """Name of a class of Tessaly's without its namespace and arguments, of a value or a reference to one."""
+    """Name of the value's class if it is one of Tessaly's, without namespace and template arguments."""
     name = gdb.types.get_basic_type(value.type).tag or ""
     return name[len("Tessaly::"):].split("<", 1)[0] if name.startswith("Tessaly::") else ""
 
@@ -87,7 +87,7 @@ def _buffer(array):
 
 
 def _elements(pointer, count, stride=None):
-    """The elements as parts, read already: gdb gives up on all that it is printing when it can not read something."""
+    """The elements as children, already read: gdb abandons all output if it cannot read one of them."""
     step = pointer.type.target().sizeof if stride is None else stride
     for i in range(count):
         try:
@@ -99,7 +99,7 @@ def _elements(pointer, count, stride=None):
 
 
 def _base_type(definition):
-    """Name of the base type, struct's code of its components, and how many there are."""
+    """Name of the base type, format code of its components, number of components."""
     name = str(definition["m_Type"]).replace("Tessaly::BaseType_", "")
     if name.isdigit() or not name.isalnum():
         return f"type {int(definition['m_Type'])}", "", 0
@@ -111,7 +111,7 @@ def _base_type(definition):
 
 
 def _name_text(name):
-    """The text that was registered for a CStringId, else its number."""
+    """The registered text of a CStringId, or its number."""
     number = int(name["m_Id"])
     if number == 0:
         return "no name"
@@ -124,7 +124,7 @@ def _name_text(name):
                 return f'name "{registered["m_Text"].string(errors="replace")}"'
             registered = registered["m_Next"]
     except ERRORS:
-        pass  # a program without the list, or one that is broken
+        pass  # no list in the program, or an invalid one
     return f"name {number}"
 
 
@@ -166,7 +166,7 @@ def _page_text(page):
 
 
 def _pages(stream):
-    """Pointers to the stream's pages, as far as they are walked, and how many there are in all."""
+    """Pointers to the first pages of the stream, and the number of all its pages."""
     data, count, _ = _buffer(stream["m_Pages"])
     return [(data + i).dereference()["m_Ptr"] for i in range(min(count, MAX_WALKED_PAGES))], count
 
@@ -259,7 +259,7 @@ def _page_view_text(view):
 
 
 def _page_part(name, pointer):
-    """A page as a part of something else: a line, whatever is wrong with it."""
+    """A page as a child of another value: one line, also for an invalid page."""
     try:
         if int(pointer) != 0:
             yield name, f"{int(pointer):#x}: {_page_text(pointer.dereference())}"
@@ -276,7 +276,7 @@ def _stream_parts(stream):
         yield "...", f"{count - len(pages)} more"
 
 
-# Of each type the text, the parts that follow it, as pairs of a name and a value or text, and gdb's hint.
+# Per type: its text, its children as pairs of a name and a value or text, and gdb's display hint.
 PRINTERS = {
     "TArray": (lambda array: "{1} of {2}".format(*_buffer(array)),
                lambda array: _elements(*_buffer(array)[:2]), "array"),
@@ -311,7 +311,7 @@ class Printer:
 
     def children(self):
         try:
-            self._text(self._value)  # where this fails there is nothing to look into
+            self._text(self._value)  # raises if there are no valid children
             yield from self._parts(self._value)
         except ERRORS:
             return
@@ -328,7 +328,7 @@ class Lookup:
 
 
 def _components_text(data, code, components):
-    """One value's bytes as text; what is shorter than its type is read as far as whole components go."""
+    """One value as text. Of a value that is shorter than its type, the complete components."""
     if len(data) >= 4 and set(data) == {FRESH_BYTE}:
         return "fresh"
     components = min(components, len(data) // struct.calcsize(code)) if code != "" else 0
@@ -345,8 +345,8 @@ def _components_text(data, code, components):
 class PageCommand(gdb.Command):
     """tessaly-page PAGE [FIRST [COUNT]]: prints particles of a page as a table.
 
-PAGE is an address, a page, a pointer to one, a TRefPtr or a CParticlePageView (whose own particles are shown);
-an expression with spaces is to be quoted. COUNT particles from FIRST on are shown, 20 of the live ones by default."""
+PAGE is a page, its address, a pointer, a TRefPtr or a CParticlePageView (then the view's particles are shown).
+Quote an expression with spaces. Shows COUNT particles from FIRST on, by default up to 20 live ones."""
 
     def __init__(self):
         super().__init__("tessaly-page", gdb.COMMAND_DATA, gdb.COMPLETE_EXPRESSION)
@@ -367,7 +367,7 @@ an expression with spaces is to be quoted. COUNT particles from FIRST on are sho
 
     @staticmethod
     def _find(value):
-        """The page that value means, and the particles in it: first and count, or None."""
+        """The page, and the range of its particles: first and count (None: all)."""
         first, count = 0, None
         if _type_name(value) == "CParticlePage":
             return value, first, count
@@ -386,7 +386,7 @@ an expression with spaces is to be quoted. COUNT particles from FIRST on are sho
         if count is None:
             count = max(min(live_count - first, DEFAULT_ROW_COUNT), 0)
         if first < 0 or count < 0 or first + count > capacity:
-            raise Broken(f"no such particles: {count} from {first} on; the page has room for {capacity}")
+            raise Broken(f"no such particles: {count} from {first} on; the page has {capacity} slots")
 
         data, field_count = _page_fields(page)
         rows = range(first, first + count)
@@ -408,7 +408,7 @@ an expression with spaces is to be quoted. COUNT particles from FIRST on are sho
 
     @staticmethod
     def _read_field(field, first, count, texts):
-        """Appends the values of count particles to texts; or returns a constant's value, or that there is none."""
+        """Appends the values of count particles to texts. Returns a constant's value, or a note that there is no data."""
         _, code, components = _base_type(field["m_Definition"])
         start, size = int(field["m_RawDataPtr"]), int(field["m_Definition"]["m_StorageSize"])
         if start == 0:
