@@ -1,4 +1,4 @@
-# Cairo::Cairo: draws shapes and text, with the fonts that Fontconfig finds.
+# Cairo::Cairo: draws shapes and text, with fonts from Fontconfig.
 include(FindPackageHandleStandardArgs)
 find_path(Cairo_INCLUDE_DIR cairo.h PATH_SUFFIXES cairo)
 find_library(Cairo_LIBRARY cairo)

@@ -1,4 +1,4 @@
-# PlfColony::PlfColony: a container that stands in one header.
+# PlfColony::PlfColony: a header-only container.
 include(FindPackageHandleStandardArgs)
 find_path(PlfColony_INCLUDE_DIR plf_colony.h)
 mark_as_advanced(PlfColony_INCLUDE_DIR)

@@ -1,5 +1,5 @@
-# Headers, package files for CMake and for pkg-config. The libraries install themselves in tessaly_add_library.
-# Component lib is what a program needs to run, dev what is needed to build one.
+# Installs headers and package files for CMake and pkg-config; tessaly_add_library installs the libraries.
+# Component lib is what running a program needs, dev what building one needs.
 include(CMakePackageConfigHelpers)
 
 set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Tessaly)
@@ -23,13 +23,13 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/TessalyConfigVersion.cmak
 install(FILES ${PROJECT_BINARY_DIR}/TessalyConfig.cmake ${PROJECT_BINARY_DIR}/TessalyConfigVersion.cmake
     DESTINATION ${cmake_dir} COMPONENT dev)
 
-# The prefix is told relative to the .pc file, so that an installed tree may be moved.
+# The .pc file has a relative prefix, so that an installed tree can be moved.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
     OUTPUT_VARIABLE prefix_from_pc)
 configure_file(cmake/tessaly.pc.in ${PROJECT_BINARY_DIR}/tessaly.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tessaly.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
-# gdb's printers: one copy to be sourced, and for shared libraries one where gdb looks by itself when it loads them.
+# gdb's printers: a copy to source, and for shared libraries one where gdb loads it automatically.
 install(FILES tools/gdb/tessaly.py DESTINATION ${CMAKE_INSTALL_DATADIR}/tessaly/gdb COMPONENT dev)
 if(BUILD_SHARED_LIBS)
     set(auto_load_dir ${CMAKE_INSTALL_LIBDIR})

@@ -1,4 +1,4 @@
-# Warnings for a target of this project; they never reach the targets that link it.
+# Warnings for a target of this project, not for the targets that link it.
 function(tessaly_set_warnings target)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
     if(TESSALY_WERROR)
@@ -6,8 +6,8 @@ function(tessaly_set_warnings target)
     endif()
 endfunction()
 
-# Finds the packages that a folder's targets need. Where one is missing, says so and ends the calling list file: a user
-# needs none of them to build the library.
+# Finds the packages that the targets of a folder need. If one is missing, prints a message and returns from the calling
+# list file, because the library can be built without them.
 macro(tessaly_need_packages part)
     set(tessaly_missing "")
     foreach(tessaly_package IN ITEMS ${ARGN})
@@ -23,22 +23,22 @@ macro(tessaly_need_packages part)
     endif()
 endmacro()
 
-# While the major version is 0, a minor one may break hosts.
+# While the major version is 0, a new minor version may break hosts.
 set(TESSALY_SOVERSION ${PROJECT_VERSION_MAJOR})
 if(PROJECT_VERSION_MAJOR EQUAL 0)
     set(TESSALY_SOVERSION 0.${PROJECT_VERSION_MINOR})
 endif()
 
-# The export that a build's libraries belong to: static and shared ones of two builds may be installed side by side.
+# The export set of the libraries. Static and shared libraries of two builds can be installed together.
 set(TESSALY_EXPORT TessalyTargets-static)
 if(BUILD_SHARED_LIBS)
     set(TESSALY_EXPORT TessalyTargets-shared)
 endif()
 
-# A library of the runtime: Tessaly::<name>, built as Tessaly<name> from the given sources. It needs neither exceptions
-# nor run-time type information; it carries the latter for hosts that derive from its classes, or whose sanitizers ask
-# its objects for it. Its debug information is what a debugger knows of pages and streams: it is made in every
-# configuration, and `cmake --install --strip` leaves it out.
+# Adds a library of the runtime: Tessaly::<name>, built as Tessaly<name> from the given sources. It needs neither
+# exceptions nor run-time type information. It is compiled with type information for hosts that derive from its classes
+# and for sanitizers. It has debug information in every configuration, which gdb's printers need; `cmake --install
+# --strip` removes it.
 function(tessaly_add_library name)
     set(target Tessaly${name})
     add_library(${target} ${ARGN})

@@ -1,5 +1,5 @@
-# Run by cpack before it packs: moves the debug information of the shared libraries to a package of its own, where
-# debuggers find it by build id, and gives each package its changelog.
+# cpack runs this before it makes the packages. Moves the debug information of the shared libraries to a package of its
+# own, where debuggers find it by build id, and adds a changelog to each package.
 file(GLOB_RECURSE libraries LIST_DIRECTORIES false ${CPACK_TEMPORARY_DIRECTORY}/lib/*.so.*)
 foreach(library IN LISTS libraries)
     if(IS_SYMLINK ${library})
@@ -23,7 +23,7 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     string(TOUPPER ${component} upper)
     set(folder ${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/share/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
     file(WRITE ${folder}/changelog "tessaly (${CPACK_PACKAGE_VERSION}) unstable; urgency=medium\n
-  * What changed stands in CHANGELOG.md of the sources.\n
+  * See CHANGELOG.md of the sources for the changes.\n
  -- ${CPACK_DEBIAN_PACKAGE_MAINTAINER}  ${date}\n")
     execute_process(COMMAND gzip -9n ${folder}/changelog COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
