@@ -33,6 +33,9 @@ public:
     ~CPageListIndex();
 
     bool IsValidFor(u32 pageCount) const { return m_PageCount == pageCount; }
+    // Counts a query that found the index not valid. Returns whether it is to be built: from the third one on, since
+    // building it takes as long as a few walks. Without this, collecting 100,000 pages takes 1.3 times as long.
+    bool NoteQuery() { return ++m_QueryCount > 2; }
     u32 ParticleCount() const { return m_ParticleCount; } // in all pages
     // Index of the first page with minCount free slots, or CGuid::INVALID.
     CGuid FindFirst(const PageList &pages, u32 minCount);
@@ -41,7 +44,7 @@ public:
     void Reserve(u32 pageCount);
     // Makes the index valid for these pages. False without the memory for so many. O(pages).
     bool Build(const PageList &pages);
-    void Invalidate() { m_PageCount = 0; }
+    void Invalidate() { m_PageCount = m_QueryCount = 0; }
     // Exchanges the memory; both are invalid then.
     void Swap(CPageListIndex &other);
 
@@ -62,7 +65,8 @@ private:
     // Those behind them are found last, and mean that there is no room.
     u32 *m_Nodes = null;
     u32 m_LeafCount = 0; // a power of two
-    u32 m_PageCount = 0; // 0: not valid
+    u32 m_PageCount = 0;  // 0: not valid
+    u32 m_QueryCount = 0; // since it became so
     u32 m_ParticleCount = 0;
     // No page before this one has m_SearchedCount free slots; m_PageCount and above: no page at all.
     u32 m_FirstCandidate = 0;

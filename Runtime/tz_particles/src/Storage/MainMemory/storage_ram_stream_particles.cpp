@@ -11,7 +11,9 @@ inline CPageListIndex *CParticleStream_MainMemory::_PageIndex_NoLock() const
     const u32 pageCount = m_Pages.Count();
     if (pageCount < CPageListIndex::kMinPageCount)
         return null;
-    return m_PageIndex.IsValidFor(pageCount) || m_PageIndex.Build(m_Pages.View()) ? &m_PageIndex : null;
+    const bool isValid =
+        m_PageIndex.IsValidFor(pageCount) || (m_PageIndex.NoteQuery() && m_PageIndex.Build(m_Pages.View()));
+    return isValid ? &m_PageIndex : null;
 }
 
 inline PParticlePage CParticleStream_MainMemory::_FindPageWithRoom_NoLock(u32 minCount) const
