@@ -21,7 +21,7 @@ struct SArena
 {
     void *m_Memory; // as the services gave it
     u64 m_MemoryBytes;
-    u8 *m_FirstBlock;
+    u8 *m_TopBlock; // block 0; the others lie below it
     u32 m_BlockBytes;
     u32 m_BlockStride;
     u32 m_SlotId; // kPoolSlotCount: one block that is not pooled
@@ -60,7 +60,7 @@ struct SPageBlock
     bool m_IsFromAlloc;
 
     u32 Size() const { return m_Arena->m_BlockBytes; }
-    u8 *Data() const { return m_Arena->m_FirstBlock + size_t(this - m_Arena->m_Blocks) * m_Arena->m_BlockStride; }
+    u8 *Data() const { return m_Arena->m_TopBlock - size_t(this - m_Arena->m_Blocks) * m_Arena->m_BlockStride; }
 };
 
 // A list through m_Next and m_Previous.
