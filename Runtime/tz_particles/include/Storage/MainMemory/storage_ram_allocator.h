@@ -1,15 +1,15 @@
 // The page allocator: raw byte blocks for pages, recycled by size class.
 //
-// Blocks of up to kMaxAllocSize bytes come in size classes, four to a doubling from kMinAllocSize on: rounding a size
-// above that up wastes at most a fifth of the block. Larger blocks are made to measure and never pooled.
+// There are four size classes to a doubling, from kMinAllocSize to kMaxAllocSize bytes: rounding a size above
+// kMinAllocSize up wastes at most a fifth of the block. Larger blocks have the requested size and are never pooled.
 //
-// A block whose raw page dies goes to a free list, last in first out. There is one a class in each of eight shards,
-// which threads are dealt out to; a thread takes the newest block of its own shard, else the oldest of another, else
-// one of an arena (storage_ram_arena.h). Blocks that nobody asked for during kMaxIdleUpdates calls of Update go back to
-// their arenas, and their memory to the memory services. No memory service is called under a shard's lock. Any thread
-// may call any operation but Setup and the destructor.
+// The block of a destroyed raw page goes to a free list, last in first out. Each of eight shards has a free list per
+// size class; a thread's id selects its shard. A request takes the newest block of the thread's own shard, else the
+// oldest one of another shard, else one of an arena (storage_ram_arena.h). A block that stays free for kMaxIdleUpdates
+// calls of Update goes back to its arena, and its memory to the memory services. No memory service is called under a
+// shard's lock. Any thread may call any operation but Setup and the destructor.
 //
-//   TotalMemoryAllocated() == sum of Size() over the raw pages that are alive
+//   TotalMemoryAllocated() == sum of Size() over the live raw pages
 #pragma once
 
 #include <mutex>
@@ -24,16 +24,16 @@ namespace Tessaly
 // A snapshot of a page allocator. Sizes in bytes.
 struct TZ_API CParticlePageAllocator_Stats
 {
-    u64 m_BytesInUse = 0;    // in raw pages that are alive
+    u64 m_BytesInUse = 0;    // in live raw pages
     u64 m_BytesFree = 0;     // in blocks on free lists
     u64 m_BytesReserved = 0; // held from the memory services for blocks
-    u64 m_BlocksInUse = 0;   // raw pages that are alive
+    u64 m_BlocksInUse = 0;   // live raw pages
     u64 m_BlocksFree = 0;    // on free lists
-    u64 m_AllocCount = 0;    // blocks handed out since the start
+    u64 m_AllocCount = 0;    // blocks taken since the start
     u64 m_RecycleCount = 0;  // of these, from a free list
-    u64 m_RefusalCount = 0;  // requests refused by the budget or for want of memory
+    u64 m_RefusalCount = 0;  // requests that failed by the budget or for lack of memory
 
-    // As the records of ps_stats.h print themselves. JSON members: bytesInUse, bytesFree, bytesReserved, blocksInUse,
+    // Print as the records of ps_stats.h do. JSON members: bytesInUse, bytesFree, bytesReserved, blocksInUse,
     // blocksFree, allocations, recycled, refusals.
     int Print(char *buffer, size_t bufferBytes) const;
     int PrintTable(char *buffer, size_t bufferBytes) const;
@@ -46,45 +46,49 @@ class TZ_API CParticlePageAllocator : public CNonCopyable
 public:
     static constexpr u32 kPoolSlotCount = 64;     // size classes, at most
     static constexpr u32 kMinAllocSize = 512;     // bytes
-    static constexpr u32 kMaxAllocSize = 1048576; // bytes; the largest block that is pooled, and the cap of a page
+    static constexpr u32 kMaxAllocSize = 1048576; // bytes; the largest pooled block, and the cap of a page
     static constexpr u32 kSlotsPerDoubling = 4;   // size classes from one power of two to the next
     static constexpr u32 kMaxIdleUpdates = 120;   // Update() calls that a free block survives
 
     CParticlePageAllocator() = default;
-    // Requires that every raw page is dead (asserted).
+    // Requires that there is no live raw page (asserted).
     ~CParticlePageAllocator();
 
-    // Makes the free lists; called once, before anything else. False when memory is refused.
+    // Makes the free lists; called once, before any other operation.
+    // Fails: false when memory is refused.
     bool Setup();
     bool Valid() const { return m_Shards != null; } // Setup succeeded
 
-    // A raw page of at least sizeInBytes bytes, aligned to 64, without readers; 0 gives a smallest block. When memory
-    // or the budget is out, all free blocks are given back (CleanAllFreePages) before one more try; null when that
-    // fails, too. AllocPage(p->Size())->Size() == p->Size().
+    // Returns a raw page of at least sizeInBytes bytes, aligned to 64; 0 gives a smallest block. When memory or the
+    // budget runs out, all free blocks are given back before one more try. AllocPage(p->Size())->Size() == p->Size().
+    // Fails: null when that try fails, too.
     PParticleRawPage_MainMemory AllocPage(u32 sizeInBytes);
 
-    // A block without its raw page: of _SlotIdToSize(_SizeToSlotId(size)) bytes (of size itself above kMaxAllocSize),
-    // or null. Retire takes it back with the size that was asked, or any that rounds to the same; another size is
-    // reported and does no harm. A block that is not out is reported, too, and nothing happens. Cost: O(arenas).
+    // Alloc returns a block without its raw page, as large as AllocPage's; Retire releases it, by the requested size or
+    // any that rounds to the same.
+    // Fails: null when memory or the budget runs out. Retire reports a pointer that Alloc has not returned, or that was
+    //        retired already, and does nothing; it reports another size and releases the block.
+    // Cost:  Retire: O(arenas).
     u8 *Alloc(u32 sizeInBytes);
     void Retire(u8 *block, u32 sizeInBytes);
 
-    // Gives free blocks back: Update those that no one asked for during the last kMaxIdleUpdates calls, with bounded
-    // work a call, CleanAllFreePages all of them. Their memory goes back to the memory services, system page by system
-    // page where blocks in use lie between. Update is to be called once a frame, from where time is to spare.
+    // Give free blocks back to the memory services: Update those that stayed free during the last kMaxIdleUpdates
+    // calls, with bounded work per call, CleanAllFreePages all of them. In arenas that hold blocks in use, the system
+    // pages of free blocks are discarded. Update is meant to be called once a frame.
     void Update();
     void CleanAllFreePages();
 
-    // An AllocPage that would take the bytes in use above it gives null. 0, the default: no budget.
+    // Sets the bytes in use that AllocPage does not exceed. 0, the default: no budget.
     void SetMemoryBudget(u64 bytes) { __atomic_store_n(&m_MemoryBudget, bytes, __ATOMIC_RELAXED); }
     u64 SpaceLeft() const; // bytes that the budget leaves; the largest u64 without one
 
-    // Bytes in use, bytes in free blocks, all figures. Cost: the locks of all shards.
+    // Return bytes in use, bytes in free blocks, and all figures: a consistent snapshot.
+    // Cost: locks all shards.
     u64 TotalMemoryAllocated() const { return _TotalStats().m_BytesInUse; }
     u64 TotalMemoryAvailable() const { return _TotalStats().m_BytesFree; }
     void GetTotalStats(CParticlePageAllocator_Stats &outStats) const { outStats = _TotalStats(); }
 
-    // Size class of a block: the smallest one that holds size bytes; kPoolSlotCount above kMaxAllocSize.
+    // Returns the smallest size class that holds sizeInBytes bytes; kPoolSlotCount above kMaxAllocSize.
     static constexpr u32 _SizeToSlotId(u32 sizeInBytes);
     static constexpr u32 _SlotIdToSize(u32 slotId); // bytes; 0 for a class that does not exist
 
@@ -97,13 +101,13 @@ private:
     SPageBlock *_Take(u32 sizeInBytes);
     void _Release(SPageBlock &block);
     void _ReturnIdleBlocks(u32 minIdleUpdates, u32 maxCount);
-    void _ShutDown(); // destroys this, made by the kernel's new, with its last block
+    void _ShutDown(); // the allocator deletes itself with its last block
     CParticlePageAllocator_Stats _TotalStats() const;
-    void _EndIfUnused(std::unique_lock<std::mutex> &shutDownLock); // unlocks it
+    void _DeleteIfUnused(std::unique_lock<std::mutex> &shutDownLock); // unlocks it
 
     u64 m_MemoryBudget = 0; // bytes; 0: none
     u64 m_RefusalCount = 0;
-    Threads::CCriticalSection m_Lock; // serialises maintenance; never taken by AllocPage, unless memory is out
+    Threads::CCriticalSection m_Lock; // serialises maintenance; AllocPage takes it only when memory runs out
     u32 m_CurrentDate = 0;            // counts Update() calls
     bool m_IsShutDown = false;
     SShards *m_Shards = null; // free lists and arenas; null before Setup
@@ -115,7 +119,7 @@ constexpr u32 CParticlePageAllocator::_SizeToSlotId(u32 sizeInBytes)
         return kPoolSlotCount;
     if (sizeInBytes <= kMinAllocSize)
         return 0;
-    // A class holds the sizes above the one before it: look the last byte up, and take the next step.
+    // The highest bit of the last byte's offset gives the doubling, the two bits below it the step in it.
     const u32 lastByte = sizeInBytes - 1;
     const u32 log2 = IntegerTools::Log2(lastByte);
     const u32 step = (lastByte >> (log2 - 2)) - kSlotsPerDoubling;

@@ -1,15 +1,14 @@
-// What spares a stream the walk over a long page list: the running sum of the pages' particles, the last answer to
-// first fit, and from kMaxWalkedPageCount pages on a segment tree over their free slots; shorter lists are walked for
-// the next answer.
+// The index of a long page list: the running sum of the pages' particles, the cached result of the last first-fit
+// search, and above kMaxWalkedPageCount pages a max segment tree over their free slots.
 //
-// An inner node is an upper bound of the free slots below it. A page that loses slots leaves the bounds above it as
-// they are, and the next search that follows one down in vain lowers it: births into the page that was found last,
-// which are most, cost no way through the tree. Spawning a million particles by 64 takes a fifth of the time of walks;
-// without the sum, a frame's life of 100 pages takes 1.4 times as long.
+// An inner node of the tree is an upper bound of the free slots below it. A page that loses free slots leaves the
+// bounds above it as they are; a search that follows a stale bound down tightens it. So births into the page that was
+// found last, which are most, do not touch the tree. With the tree, spawning a million particles by 64 takes a fifth of
+// the time; without the running sum, 100 frames of births and deaths on 100 pages take 1.4 times as long.
 //
-// The index follows each change of a listed page's count, each page appended and each empty one collected; anything
-// else that happens to the list invalidates it, and the next question builds it anew by one walk. The tree's memory is
-// asked for only when a page is made; without it the list is walked. Guarded by the page lock of its stream.
+// The index is updated with each change of a listed page's count, each page appended and each empty page collected. Any
+// other change of the list invalidates it; a later query builds it again. The tree's memory is requested only when a
+// page is made; without it the list is walked. Guarded by the page lock of its stream.
 #pragma once
 
 #include <tz_kernel/include/kr_memoryviews.h>
@@ -25,7 +24,7 @@ class TZ_API CPageListIndex : public CNonCopyable
 {
 public:
     static constexpr u32 kMinPageCount = 32;        // shorter lists have no index
-    static constexpr u32 kMaxWalkedPageCount = 128; // longer ones have a tree
+    static constexpr u32 kMaxWalkedPageCount = 128; // longer lists have a tree
 
     using PageList = TMemoryView<const TRefPtr<CParticlePage>>;
 
@@ -33,42 +32,43 @@ public:
     ~CPageListIndex();
 
     bool IsValidFor(u32 pageCount) const { return m_PageCount == pageCount; }
-    // Counts a query that found the index not valid. Returns whether it is to be built: from the third one on, since
-    // building it takes as long as a few walks. Without this, collecting 100,000 pages takes 1.3 times as long.
+    // Notes a query that found the index invalid. Returns true from the third one on: then it should be built, which
+    // costs as much as a few walks. Collecting pages takes 0.85 of the time.
     bool NoteQuery() { return ++m_QueryCount > 2; }
     u32 ParticleCount() const { return m_ParticleCount; } // in all pages
-    // Index of the first page with minCount free slots, or CGuid::INVALID.
+    // Returns the index of the first page with minCount free slots, or CGuid::INVALID.
     CGuid FindFirst(const PageList &pages, u32 minCount);
 
-    // Asks for the memory that a list of so many pages needs; a refusal leaves what there is.
+    // Requests the tree's memory for a list of pageCount pages. A refusal changes nothing.
     void Reserve(u32 pageCount);
-    // Makes the index valid for these pages. False without the memory for so many. O(pages).
+    // Makes the index valid for these pages. Returns false without the memory for them.
+    // Cost: O(pages).
     bool Build(const PageList &pages);
     void Invalidate() { m_PageCount = m_QueryCount = 0; }
-    // Exchanges the memory; both are invalid then.
+    // Exchanges the memory and invalidates both.
     void Swap(CPageListIndex &other);
 
-    // Tells of a page that was appended to the list, and stands at pageIndex.
+    // Adds a page that was appended to the list, at pageIndex.
     void Attach(CParticlePage &page, u32 pageIndex);
-    // Tells of a page that leaves its list: the index of that list is invalid then.
+    // Separates a page from the index of its list and invalidates that index.
     static void Detach(CParticlePage &page);
-    // Tells of a page without particles that leaves its list, and of the last page, which takes its place.
+    // Removes a page without particles, whose place in the list the last page takes. The index stays valid.
     static void DetachEmpty(CParticlePage &page, CParticlePage &lastPage);
-    // Tells of the slots of a page.
+    // Updates the counts of a page.
     void Update(u32 pageIndex, u32 freeCount, u32 oldParticleCount, u32 newParticleCount);
 
 private:
     bool _HasTree() const { return m_PageCount > kMaxWalkedPageCount; }
     CGuid _Search(u32 minCount);
 
-    // Node n has children 2n and 2n + 1; the leaves start at m_LeafCount, and are exact for the pages that there are.
-    // Those behind them are found last, and mean that there is no room.
+    // Node n has the children 2n and 2n + 1. The leaves start at m_LeafCount and are exact for listed pages; leaves
+    // behind the list are stale.
     u32 *m_Nodes = null;
-    u32 m_LeafCount = 0; // a power of two
-    u32 m_PageCount = 0;  // 0: not valid
-    u32 m_QueryCount = 0; // since it became so
+    u32 m_LeafCount = 0;  // a power of two
+    u32 m_PageCount = 0;  // 0: invalid
+    u32 m_QueryCount = 0; // while invalid
     u32 m_ParticleCount = 0;
-    // No page before this one has m_SearchedCount free slots; m_PageCount and above: no page at all.
+    // Cached result: the first page with m_SearchedCount free slots; m_PageCount and above: there is none.
     u32 m_FirstCandidate = 0;
     u32 m_SearchedCount = 0;
 };

@@ -1,8 +1,8 @@
-// The page list of a stream: an array that pages can be taken out of one by one, the first ones at no cost.
+// The page list of a stream: an array that pages can be taken out of in order, the first page in constant time.
 //
-// For one in the first half, the pages before it move back by one, and the list starts further behind in its buffer,
-// until that is full or MoveToBufferStart is called. Draining 10,000 pages takes a third of the time that it takes when
-// the rest of the list moves for each page.
+// When a page of the first half is taken out, the pages before it move up by one, and the list starts one entry later
+// in its buffer, until the buffer is full or MoveToBufferStart is called. Draining 10,000 pages takes a third of the
+// time that it takes when the rest of the list moves down for each page.
 #pragma once
 
 #include "storage_ram_page.h"
@@ -15,14 +15,14 @@ class TZ_API CPageList : public TArray<PParticlePage>
     using Base = TArray<PParticlePage>;
 
 public:
-    // Takes the page at pageIndex out. The list is whole again when the caller gets it: no memory service that its
-    // destruction calls finds a reference that is null or gone. Requires pageIndex < Count().
+    // Take the page at pageIndex out and return it. The list is consistent before the page can be destroyed: a memory
+    // hook that is called then finds no null entry. Require pageIndex < Count().
     PParticlePage Take(u32 pageIndex); // the last page takes its place
     PParticlePage Take_KeepOrder(u32 pageIndex);
 
-    // As the array's.
+    // Appends a page, as the array does.
     CGuid PushBack(const PParticlePage &page);
-    // Required before anything but the operations above changes the list.
+    // Moves the list back to the start of its buffer. Required before any other operation of the array changes it.
     void MoveToBufferStart();
 
 private:

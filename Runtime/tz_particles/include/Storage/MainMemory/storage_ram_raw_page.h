@@ -1,4 +1,4 @@
-// A raw page: one raw byte block of the page allocator, shared by reference, and the scoped reader of one.
+// A raw page: one raw byte block of the page allocator, shared by reference; and its scoped reader.
 #pragma once
 
 #include <tz_defs.h>
@@ -10,29 +10,29 @@ namespace Tessaly
 class CParticlePageAllocator;
 struct SPageBlock;
 
-// One raw byte block, shared by reference. With its last reference it goes back to its allocator.
+// One raw byte block, shared by reference. The last reference releases it to its allocator.
 class TZ_API CParticleRawPage_MainMemory : public CRefCountedObject
 {
 public:
     u32 Size() const { return m_Size; } // bytes
-    // BeginRead calls without their EndRead yet. While there are any, pages refuse to be written.
+    // Readers: BeginRead calls without their EndRead. While there are any, the page must not be written.
     u32 ReadersCount() const { return __atomic_load_n(&m_ReadersCount, __ATOMIC_ACQUIRE); }
 
-    // The block's bytes. Requires that nobody reads it (asserted).
+    // Returns the block's bytes. Requires that it has no readers (asserted).
     u8 *RawDataForWriting()
     {
-        if (TZ_UNLIKELY(ReadersCount() != 0)) // else the site's flag does not matter
+        if (TZ_UNLIKELY(ReadersCount() != 0))
             TZ_ASSERT(ReadersCount() == 0);
         _OpenWholeBlockIFN();
         return m_Data;
     }
 
-    // Adds a reader and returns the block's bytes; while it has readers, the pages on it refuse to be written.
-    // Called under the page lock of the stream; EndRead may come later, from any thread.
+    // Adds a reader and returns the block's bytes. EndRead may be called by any thread, without the lock.
+    // Lock: expects the page lock of the stream.
     const u8 *BeginRead() const
     {
         __atomic_fetch_add(&m_ReadersCount, 1, __ATOMIC_ACQ_REL);
-        _OpenWholeBlockIFN(); // a reader may copy free slots and all
+        _OpenWholeBlockIFN(); // a reader may read free slots, too
         return m_Data;
     }
     void EndRead() const { __atomic_fetch_sub(&m_ReadersCount, 1, __ATOMIC_ACQ_REL); }
@@ -44,7 +44,7 @@ private:
     friend _Type *Mem::Construct(void *place, _Args &&...args);
 
     CParticleRawPage_MainMemory(CParticlePageAllocator &allocator, SPageBlock &block);
-    ~CParticleRawPage_MainMemory() override; // gives the block back
+    ~CParticleRawPage_MainMemory() override; // releases the block
     void _OpenWholeBlockIFN() const
     {
         if (m_HasPoison)
@@ -57,24 +57,24 @@ private:
     mutable u32 m_ReadersCount;
     SPageBlock *m_Block;
     CParticlePageAllocator *m_Allocator;
-    bool m_HasPoison; // the library, whatever its host, is compiled for the address sanitizer
+    bool m_HasPoison; // the library is compiled for the address sanitizer; its host may not be
 };
 
 // References to a raw page.
 using PParticleRawPage_MainMemory = TRefPtr<CParticleRawPage_MainMemory>;
 using PCParticleRawPage_MainMemory = TRefPtr<const CParticleRawPage_MainMemory>;
 
-// Reads a raw page for a scope and holds the block meanwhile. Made under the page lock of the stream.
+// Reads a raw page for a scope and keeps its block alive. Constructed under the page lock of the stream.
 class CScopedRawPageReader : public CNonCopyable
 {
 public:
-    // Begins to read; the destructor ends it.
+    // Adds a reader; the destructor removes it.
     explicit CScopedRawPageReader(const CParticleRawPage_MainMemory &rawPage)
         : m_RawPage(&rawPage)
         , m_Data(rawPage.BeginRead())
     {
     }
-    // The same by reference; of null there is nothing to read.
+    // The same; null is allowed.
     explicit CScopedRawPageReader(const PParticleRawPage_MainMemory &rawPage)
         : m_RawPage(rawPage)
         , m_Data(rawPage != null ? rawPage->BeginRead() : null)
@@ -86,7 +86,7 @@ public:
             m_RawPage->EndRead();
     }
 
-    const u8 *Data() const { return m_Data; } // the block's bytes; null when it reads nothing
+    const u8 *Data() const { return m_Data; } // the block's bytes; null without a raw page
 
 private:
     PCParticleRawPage_MainMemory m_RawPage;

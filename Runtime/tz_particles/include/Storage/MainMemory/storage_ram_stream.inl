@@ -16,11 +16,11 @@ inline const PParticlePage &CParticleStream_MainMemory::Page(CGuid pageId) const
     return pageId < m_Pages.Count() ? page : Internal::MissingElement<const PParticlePage>();
 }
 
-// Returns the depth that the lock has now.
+// Returns the nesting depth of the lock.
 inline u32 CParticleStream_MainMemory::_EnterLock() const
 {
     if (TZ_UNLIKELY(Threads::LoadShared(m_IsRendererWaiting)))
-        _WaitBehindRenderer();
+        _WaitForRenderer();
     m_PagesProtectCS.Lock();
     return _CountLock();
 }
@@ -34,8 +34,7 @@ inline u32 CParticleStream_MainMemory::_CountLock() const
     return depth;
 }
 
-// False on misuse, which the caller reports and which changes nothing: a count of 0 stays, and nobody releases what
-// another thread holds.
+// Returns false, and changes nothing, for an unlock without a lock or by a thread that does not hold it.
 inline bool CParticleStream_MainMemory::_LeaveLock() const
 {
     const u32 depth = Threads::LoadShared(m_PagesLocked);
@@ -55,7 +54,7 @@ inline bool CParticleStream_MainMemory::LockedByCurrentThread() const
            Threads::LoadShared(m_ThreadOwningLock) == CCurrentThread::ThreadID();
 }
 
-// The four lock operations have assertion sites of their own, and only two open a scope.
+// Each of the four lock operations has assertion sites of its own, and only two open a scope.
 
 inline void CParticleStream_MainMemory::LockPages() const
 {

@@ -11,16 +11,16 @@ namespace
 {
 
 constexpr u32 kShardCount = 8;
-// What one Update gives back at most: some 0.1 ms of work.
+// Bounds of one Update: about 0.1 ms.
 constexpr u32 kMaxBlocksPerUpdate = 1024;
 constexpr u32 kMaxCallsPerUpdate = 8;
 
-std::mutex g_ShutDownLock; // guards the end of allocators that have been shut down
+std::mutex g_ShutDownLock; // guards the deletion of allocators that have been shut down
 
 } // namespace
 
-// The free lists of the threads that are dealt out to it, and its share of the sums: a block may be released by another
-// thread than the one that took it, so only the sums over all shards tell something.
+// The free lists of the threads that share it, and its part of the sums. A block may be released by another thread than
+// the one that took it, so a shard's part may underflow: only the sums over all shards are counts.
 struct CParticlePageAllocator::SShard
 {
     std::mutex m_Lock; // guards the rest
@@ -31,7 +31,7 @@ struct CParticlePageAllocator::SShard
     u64 m_RecycleCount = 0;
     TLinkedList<SPageBlock> m_FreeLists[kPoolSlotCount]; // newest first
 
-    // null is allowed.
+    // Takes a block off its free list; null is allowed.
     SPageBlock *TakeFree(SPageBlock *block, u32 recycleCount)
     {
         if (block == null)
@@ -42,7 +42,7 @@ struct CParticlePageAllocator::SShard
         m_RecycleCount += recycleCount;
         return block;
     }
-    // A block in use becomes a free one. null: it was not pooled, and is gone.
+    // Counts a block in use as free and puts it on its free list; null: it was not pooled and is not there any more.
     void Release(SPageBlock *block, u32 blockBytes)
     {
         m_BlocksInUse -= 1;
@@ -58,7 +58,7 @@ struct CParticlePageAllocator::SShard
 struct CParticlePageAllocator::SShards
 {
     SShard m_Shards[kShardCount];
-    std::mutex m_BudgetLock; // held from the check of the budget until the bytes are counted
+    std::mutex m_BudgetLock; // held from the check of the budget until the bytes are counted as in use
     CPageArenas m_Arenas;
 
     SShard &Own() { return m_Shards[CCurrentThread::ThreadID() % kShardCount]; }
@@ -96,7 +96,7 @@ PParticleRawPage_MainMemory CParticlePageAllocator::AllocPage(u32 sizeInBytes)
     return null;
 }
 
-// A block in use, counted as such; null when memory or the budget is out.
+// Returns a block and counts it as in use; null when memory or the budget runs out.
 SPageBlock *CParticlePageAllocator::_Take(u32 sizeInBytes)
 {
     const u32 slotId = _SizeToSlotId(sizeInBytes);
@@ -116,7 +116,8 @@ SPageBlock *CParticlePageAllocator::_Take(u32 sizeInBytes)
         ownShard.m_BlocksInUse += 1;
         ownShard.m_BytesInUse += blockBytes;
         if (slotId < kPoolSlotCount)
-            block = ownShard.TakeFree(ownShard.m_FreeLists[slotId].m_First, 1); // which its thread's caches may hold
+            block = ownShard.TakeFree(ownShard.m_FreeLists[slotId].m_First,
+                                      1); // the newest: it may be in this processor's cache
     }
     for (SShard &shard : m_Shards->m_Shards)
     {
@@ -125,7 +126,7 @@ SPageBlock *CParticlePageAllocator::_Take(u32 sizeInBytes)
         if (__atomic_load_n(&shard.m_BlocksFree, __ATOMIC_RELAXED) == 0)
             continue;
         const std::lock_guard<std::mutex> lock(shard.m_Lock);
-        block = shard.TakeFree(shard.m_FreeLists[slotId].m_Last, 1); // the one that its thread would take last
+        block = shard.TakeFree(shard.m_FreeLists[slotId].m_Last, 1); // the oldest
     }
     if (block == null)
         block = m_Shards->m_Arenas.Take(slotId, blockBytes);
@@ -139,7 +140,8 @@ SPageBlock *CParticlePageAllocator::_Take(u32 sizeInBytes)
     return null;
 }
 
-// The end of a raw page: its block goes to the thread's shard. Behind that another thread may destroy the allocator.
+// Releases the block of a destroyed raw page to the calling thread's shard. Once the shard's lock is free, another
+// thread may delete the allocator.
 void CParticlePageAllocator::_Release(SPageBlock &releasedBlock)
 {
     SPageBlock *block = &releasedBlock;
@@ -166,17 +168,17 @@ void CParticlePageAllocator::_Release(SPageBlock &releasedBlock)
         const std::lock_guard<std::mutex> lock(shard.m_Lock);
         shard.Release(block, blockBytes);
     }
-    _EndIfUnused(shutDownLock);
+    _DeleteIfUnused(shutDownLock);
 }
 
 void CParticlePageAllocator::_ShutDown()
 {
     std::unique_lock<std::mutex> shutDownLock(g_ShutDownLock);
     __atomic_store_n(&m_IsShutDown, true, __ATOMIC_RELAXED);
-    _EndIfUnused(shutDownLock);
+    _DeleteIfUnused(shutDownLock);
 }
 
-void CParticlePageAllocator::_EndIfUnused(std::unique_lock<std::mutex> &shutDownLock)
+void CParticlePageAllocator::_DeleteIfUnused(std::unique_lock<std::mutex> &shutDownLock)
 {
     CleanAllFreePages();
     const bool isUnused = _TotalStats().m_BlocksInUse == 0;
@@ -212,7 +214,7 @@ void CParticlePageAllocator::Retire(u8 *block, u32 sizeInBytes)
     CRefCountedObject::RemoveReference(record->m_RawPage);
 }
 
-// Hands blocks that have been free for so many updates back to their arenas, at most maxCount of them.
+// Returns blocks that stayed free for minIdleUpdates calls of Update to their arenas, at most maxCount of them.
 void CParticlePageAllocator::_ReturnIdleBlocks(u32 minIdleUpdates, u32 maxCount)
 {
     for (SShard &shard : m_Shards->m_Shards)
@@ -274,7 +276,7 @@ CParticlePageAllocator_Stats CParticlePageAllocator::_TotalStats() const
     stats.m_RefusalCount = __atomic_load_n(&m_RefusalCount, __ATOMIC_RELAXED);
     if (m_Shards == null)
         return stats;
-    for (SShard &shard : m_Shards->m_Shards) // all of them, so that the sums are those of one moment
+    for (SShard &shard : m_Shards->m_Shards) // all of them: a consistent snapshot
         shard.m_Lock.lock();
     for (const SShard &shard : m_Shards->m_Shards)
     {

@@ -10,16 +10,16 @@ namespace Tessaly
 namespace
 {
 
-constexpr u32 kArenaBytes = 4 << 20; // two huge pages; a block of every class leaves at most an eighth over
+constexpr u32 kArenaBytes = 4 << 20; // two huge pages; blocks of any class leave at most an eighth unused
 constexpr u32 kBlockAlignment = 64;
-constexpr u32 kServiceAlignment = 16; // what the memory services give without being asked
-// Blocks at distances of powers of two have their columns in the same few sets of the caches: a cache line further
-// apart, a frame's life of 100 pages is a fifth faster.
+constexpr u32 kServiceAlignment = 16; // the least alignment of the memory services
+// Blocks at distances of powers of two have their columns in the same few sets of the caches. A cache line between them
+// makes a frame's births and deaths on 100 pages a fifth faster.
 constexpr u32 kBytesBetweenBlocks = 64;
-// Freeing an arena's memory takes the system about as long as so many calls that discard a part of one.
+// Freeing an arena costs about as much as so many calls that discard a part of one.
 constexpr u32 kCallsOfFreeing = 2;
 
-// The address sanitizer sees more when blocks do not share their memory.
+// Under the address sanitizer each block has an arena of its own, so that overflows are seen.
 constexpr bool kSharesArenas = !Mem::kIsAddressSanitized;
 
 bool HasBlock(const SArena &arena) { return arena.m_ReturnedList != null || arena.m_CarvedCount < arena.m_BlockCount; }
@@ -36,7 +36,7 @@ SPageBlock *CPageArenas::Take(u32 slotId, u32 blockBytes)
         if (arena != null && HasBlock(*arena))
             return &_TakeFrom(*arena);
     }
-    // As many as begin in an arena: the bytes between them do not cost the last one its place.
+    // As many blocks as begin within kArenaBytes: the bytes between them do not reduce their number.
     const bool isShared = kSharesArenas && slotId < CParticlePageAllocator::kPoolSlotCount;
     const u32 blockCount = isShared ? (kArenaBytes + blockBytes / 16) / (blockBytes + kBytesBetweenBlocks) : 1;
     SArena *arena = _NewArena(slotId, blockBytes, blockCount);
@@ -50,7 +50,7 @@ SPageBlock *CPageArenas::Take(u32 slotId, u32 blockBytes)
     return &_TakeFrom(*arena);
 }
 
-// The block that was returned last, else one that was never out. Under the lock; requires that there is one.
+// Takes the block that was returned last, else the next one to carve. Under the lock; requires that there is one.
 SPageBlock &CPageArenas::_TakeFrom(SArena &arena)
 {
     SPageBlock *block = arena.m_ReturnedList;
@@ -58,11 +58,11 @@ SPageBlock &CPageArenas::_TakeFrom(SArena &arena)
     {
         arena.m_ReturnedList = block->m_Next;
         --arena.m_ReturnedCount;
-        block->m_Place = SPageBlock::Out;
+        block->m_State = SPageBlock::Taken;
     }
     else
         block = Mem::Construct<SPageBlock>(arena.m_Blocks + arena.m_CarvedCount++,
-                                           SPageBlock{null, {null}, &arena, 0, SPageBlock::Out, false});
+                                           SPageBlock{null, {null}, &arena, 0, SPageBlock::Taken, false});
     if (!HasBlock(arena))
     {
         m_Arenas[arena.m_SlotId].Remove(arena);
@@ -72,10 +72,10 @@ SPageBlock &CPageArenas::_TakeFrom(SArena &arena)
     return *block;
 }
 
-// An arena that is in no list yet. Null when memory is refused.
+// Makes an arena that is in no list yet. Null when memory is refused.
 SArena *CPageArenas::_NewArena(u32 slotId, u32 blockBytes, u32 blockCount)
 {
-    // As large as an arena is when there are several blocks: only whole huge pages can be had.
+    // At least kArenaBytes for several blocks: only whole huge pages are used.
     const u32 stride = blockBytes + (blockCount > 1 ? kBytesBetweenBlocks : 0);
     const u64 blocksBytes = u64(stride) * blockCount + kBlockAlignment - kServiceAlignment;
     const u64 memoryBytes = blockCount > 1 ? TZMax(blocksBytes, u64(kArenaBytes)) : blocksBytes;
@@ -114,7 +114,7 @@ void CPageArenas::FreeArena(SArena &arena)
         m_Arenas[arena.m_SlotId].Remove(arena);
         __atomic_fetch_sub(&m_BytesReserved, arena.m_MemoryBytes, __ATOMIC_RELAXED);
     }
-    Mem::Unpoison(memory, arena.m_MemoryBytes); // whoever has the memory next knows nothing of it
+    Mem::Unpoison(memory, arena.m_MemoryBytes); // its next user knows nothing of the poison
     for (void *freed : {memory, static_cast<void *>(&arena)})
         Mem::_RawFree(freed, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__,
                       TZ_FUNCTION_SIGNATURE);
@@ -129,27 +129,27 @@ void CPageArenas::Return(SPageBlock &block)
         m_Arenas[arena.m_SlotId].Remove(arena);
         m_Arenas[arena.m_SlotId].PushFront(arena);
     }
-    block.m_Place = SPageBlock::Returned;
+    block.m_State = SPageBlock::Returned;
     block.m_Next = arena.m_ReturnedList;
     arena.m_ReturnedList = &block;
     ++arena.m_ReturnedCount;
     arena.m_NextToDiscard = 0;
-    if (arena.m_IsWaiting)
+    if (arena.m_IsPending)
         return;
-    arena.m_IsWaiting = true;
-    (m_FirstWaiting != null ? m_LastWaiting->m_NextWaiting : m_FirstWaiting) = &arena;
-    m_LastWaiting = &arena;
+    arena.m_IsPending = true;
+    (m_FirstPending != null ? m_LastPending->m_NextPending : m_FirstPending) = &arena;
+    m_LastPending = &arena;
 }
 
 void CPageArenas::GiveBack(u32 maxCallCount)
 {
-    for (u32 callCount = 0; callCount < maxCallCount && m_FirstWaiting != null;)
+    for (u32 callCount = 0; callCount < maxCallCount && m_FirstPending != null;)
     {
-        SArena &arena = *m_FirstWaiting;
+        SArena &arena = *m_FirstPending;
         bool isFree;
         {
             const std::lock_guard<std::mutex> lock(m_Lock);
-            arena.m_IsBeingDiscarded = true; // hands out nothing meanwhile
+            arena.m_IsBeingDiscarded = true;
             isFree = arena.m_ReturnedCount == arena.m_CarvedCount;
         }
         if (!isFree)
@@ -158,11 +158,11 @@ void CPageArenas::GiveBack(u32 maxCallCount)
             const std::lock_guard<std::mutex> lock(m_Lock);
             arena.m_IsBeingDiscarded = false;
             if (arena.m_NextToDiscard <= arena.m_BlockCount)
-                return; // the rest of it comes first next time
+                return; // the next call goes on here
         }
-        m_FirstWaiting = arena.m_NextWaiting;
-        arena.m_NextWaiting = null;
-        arena.m_IsWaiting = false;
+        m_FirstPending = arena.m_NextPending;
+        arena.m_NextPending = null;
+        arena.m_IsPending = false;
         if (isFree)
         {
             FreeArena(arena);
@@ -171,8 +171,8 @@ void CPageArenas::GiveBack(u32 maxCallCount)
     }
 }
 
-// Discards each run of blocks that are not out, and of which one still holds memory; blocks that were never out count
-// as well, and what the last block leaves over, since a huge page may have given them memory. Returns the number of
+// Discards each run of blocks that are not taken and of which one holds memory. Blocks that were never carved, and the
+// bytes behind the last block, belong to runs as well: a huge page may have given them memory. Returns the number of
 // calls.
 u32 CPageArenas::_Discard(SArena &arena, u32 maxCallCount)
 {
@@ -188,14 +188,13 @@ u32 CPageArenas::_Discard(SArena &arena, u32 maxCallCount)
         {
             if (i >= arena.m_CarvedCount)
                 continue;
-            if (arena.m_Blocks[i].m_Place == SPageBlock::Out)
+            if (arena.m_Blocks[i].m_State == SPageBlock::Taken)
                 break;
-            holdsMemory |= arena.m_Blocks[i].m_Place == SPageBlock::Returned;
-            arena.m_Blocks[i].m_Place = SPageBlock::Discarded;
+            holdsMemory |= arena.m_Blocks[i].m_State == SPageBlock::Returned;
+            arena.m_Blocks[i].m_State = SPageBlock::Discarded;
         }
-        u8 *runStart = i <= arena.m_BlockCount
-                           ? arena.m_TopBlock - size_t(i) * arena.m_BlockStride + arena.m_BlockBytes
-                           : static_cast<u8 *>(arena.m_Memory);
+        u8 *runStart = i <= arena.m_BlockCount ? arena.m_TopBlock - size_t(i) * arena.m_BlockStride + arena.m_BlockBytes
+                                               : static_cast<u8 *>(arena.m_Memory);
         if (holdsMemory)
         {
             Mem::_RawDiscard(runStart, u64(runEnd - runStart));

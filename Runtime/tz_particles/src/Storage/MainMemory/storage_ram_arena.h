@@ -1,9 +1,8 @@
-// Arenas: the memory that the page allocator has from the memory services. The library's own; not installed.
+// Arenas: memory from the services for the page allocator, cut into blocks. Not installed.
 //
-// An arena is one request's memory, cut into blocks of one size class. A block is out (with the page allocator, which
-// uses it or keeps it on a free list) or returned. The services get an arena back when all of its blocks are returned,
-// and are told before that which of its bytes nobody needs. Records stand apart from the bytes, so that the memory of a
-// returned block can go back whole.
+// An arena is one request's memory, with blocks of one size class. A block is taken (in use, or on a free list of the
+// page allocator) or returned. An arena whose blocks are all returned is freed; in other arenas the bytes of returned
+// blocks are discarded. The records of the blocks stand apart from their bytes, so that all of these can be discarded.
 //
 //   m_ReturnedCount <= m_CarvedCount <= m_BlockCount
 #pragma once
@@ -16,47 +15,48 @@
 namespace Tessaly
 {
 
-// Blocks of one class in one piece of memory.
+// The memory of one request, and its blocks.
 struct SArena
 {
-    void *m_Memory; // as the services gave it
+    void *m_Memory;
     u64 m_MemoryBytes;
     u8 *m_TopBlock; // block 0; the others lie below it
     u32 m_BlockBytes;
     u32 m_BlockStride;
-    u32 m_SlotId; // kPoolSlotCount: one block that is not pooled
+    u32 m_SlotId; // size class; kPoolSlotCount: one block that is not pooled
     u32 m_BlockCount;
-    u32 m_CarvedCount; // blocks that were out at least once: the first ones
+    u32 m_CarvedCount; // blocks that were taken at least once: the first ones
     u32 m_ReturnedCount;
-    u32 m_NextToDiscard;        // blocks before it were looked at since the last one was returned
+    u32 m_NextToDiscard;        // discarding goes on at this block
     SPageBlock *m_ReturnedList; // newest first
-    SArena *m_Next;             // among the arenas of its class
+    SArena *m_Next;             // of its class
     SArena *m_Previous;
-    SArena *m_NextWaiting;                // among those that GiveBack has to look at
-    bool m_IsWaiting, m_IsBeingDiscarded; // while it is discarded, it hands out nothing
-    SPageBlock *m_Blocks; // m_BlockCount records behind this one; the first m_CarvedCount are constructed
+    SArena *m_NextPending; // of those that GiveBack has to visit
+    bool m_IsPending;
+    bool m_IsBeingDiscarded; // no block can be taken meanwhile
+    SPageBlock *m_Blocks;    // m_BlockCount records behind this one; the first m_CarvedCount are constructed
 };
 
 // A block's record.
 struct SPageBlock
 {
-    // Where a block is. Written under the arenas' lock.
-    enum EPlace : u8
+    // Written under the arenas' lock.
+    enum EState : u8
     {
-        Out,
-        Returned,  // it still holds memory
-        Discarded, // it holds none, but for what it shares with blocks that are out
+        Taken,
+        Returned,  // its bytes hold memory
+        Discarded, // returned; its bytes hold no memory but for system pages that they share with taken blocks
     };
 
-    SPageBlock *m_Next; // on a free list the one that was released before; of a returned one, the arena's next
+    SPageBlock *m_Next; // on a free list the one that was released before; of a returned one the next returned one
     union
     {
         SPageBlock *m_Previous;
-        CParticleRawPage_MainMemory *m_RawPage; // of a block that Alloc gave
+        CParticleRawPage_MainMemory *m_RawPage; // of a block that Alloc returned
     };
     SArena *m_Arena;
     u32 m_ReleaseDate; // in updates of the page allocator
-    EPlace m_Place;
+    EState m_State;
     bool m_IsFromAlloc;
 
     u32 Size() const { return m_Arena->m_BlockBytes; }
@@ -91,25 +91,25 @@ struct TLinkedList
     }
 };
 
-// The arenas of all size classes. Any thread may call Take, FreeArena, Find and the queries; Return and GiveBack are
-// called by one thread at a time. No memory service is called under the lock.
+// The arenas of all size classes. Any thread may call Take, FreeArena, Find and the queries; only one thread at a time
+// may call Return and GiveBack. No memory service is called under the lock.
 class CPageArenas : public CNonCopyable
 {
 public:
-    // A block, which is out then: of an arena of its class, else of a new one. Null when memory is refused.
+    // Takes a block of an arena of its class, else of a new one. Null when memory is refused.
     SPageBlock *Take(u32 slotId, u32 blockBytes);
-    // Takes a block back. Its memory goes with GiveBack.
+    // Marks a block as returned. GiveBack gives its memory back.
     void Return(SPageBlock &block);
-    // Frees an arena. Requires that none of its blocks is used any more.
+    // Frees an arena. Requires that no block of it is in use.
     void FreeArena(SArena &arena);
-    // Frees arenas whose blocks are all returned, and discards the bytes of returned blocks between those that are out:
-    // at most maxCallCount calls of the services.
+    // Frees arenas whose blocks are all returned, and discards the bytes of other returned blocks, with at most
+    // maxCallCount calls of the services.
     void GiveBack(u32 maxCallCount);
-    // The record of a block that begins at data and was given by Alloc; null when there is none.
+    // Returns the record of the block that begins at data and that Alloc returned; null when there is none.
     SPageBlock *Find(const u8 *data);
 
     u64 BytesReserved() const { return __atomic_load_n(&m_BytesReserved, __ATOMIC_RELAXED); } // from the services
-    u64 TakeCount() const { return __atomic_load_n(&m_TakeCount, __ATOMIC_RELAXED); }         // blocks taken
+    u64 TakeCount() const { return __atomic_load_n(&m_TakeCount, __ATOMIC_RELAXED); }
 
 private:
     static constexpr u32 kClassCount = CParticlePageAllocator::kPoolSlotCount + 1;
@@ -119,10 +119,10 @@ private:
     static u32 _Discard(SArena &arena, u32 maxCallCount);
 
     std::mutex m_Lock;                         // guards the rest
-    TLinkedList<SArena> m_Arenas[kClassCount]; // those with a block to hand out stand first
-    SArena *m_FirstWaiting = null;             // this and the next one for Return and GiveBack alone
-    SArena *m_LastWaiting = null;
-    u64 m_BytesReserved = 0; // this and the next one are read without the lock
+    TLinkedList<SArena> m_Arenas[kClassCount]; // those that a block can be taken of stand first
+    SArena *m_FirstPending = null;             // only Return and GiveBack access these two
+    SArena *m_LastPending = null;
+    u64 m_BytesReserved = 0; // read without the lock, as m_TakeCount
     u64 m_TakeCount = 0;
 };
 

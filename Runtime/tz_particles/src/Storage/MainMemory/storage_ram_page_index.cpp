@@ -1,4 +1,4 @@
-// The index over a long page list, and what its pages know of it.
+// The index of a long page list, and the pages' members that refer to it.
 #include <tz_particles/include/Storage/MainMemory/storage_ram_page.h>
 
 #include <cstring>
@@ -49,7 +49,7 @@ CGuid CPageListIndex::_Search(u32 minCount)
             node = left;
         else if (bound >= minCount)
             node = left + 1;
-        else if (node != 1) // the upper bound was too high: back to the node above, which followed it
+        else if (node != 1) // the upper bound was stale: search again from the node above
             node /= 2;
     }
     return CGuid::INVALID;
@@ -59,11 +59,11 @@ void CPageListIndex::Reserve(u32 pageCount)
 {
     if (pageCount <= kMaxWalkedPageCount || pageCount <= m_LeafCount || pageCount > 1u << 30)
         return;
-    // While the memory service has the old nodes, there are none.
+    // The memory service may call a hook that queries the index: meanwhile it has no nodes.
     Invalidate();
     u32 *oldNodes = std::exchange(m_Nodes, null);
     const u32 oldLeafCount = std::exchange(m_LeafCount, 0u);
-    const u32 leafCount = 2u << IntegerTools::Log2(pageCount); // room to grow
+    const u32 leafCount = 2u << IntegerTools::Log2(pageCount); // the next power of two
     void *nodes = Mem::_RawRealloc(oldNodes, u64(leafCount) * 2 * sizeof(u32), 0, Mem::AllocType_Generic,
                                    Mem::kDefaultTag, __FILE__, __LINE__, TZ_FUNCTION_SIGNATURE);
     m_Nodes = nodes != null ? static_cast<u32 *>(nodes) : oldNodes;
@@ -130,7 +130,7 @@ void CPageListIndex::DetachEmpty(CParticlePage &page, CParticlePage &lastPage)
         return;
     --index->m_PageCount;
     lastPage.m_IndexInList = page.m_IndexInList;
-    index->Update(page.m_IndexInList, lastPage.FreeCount(), 0, 0); // nothing when the page itself was the last
+    index->Update(page.m_IndexInList, lastPage.FreeCount(), 0, 0); // does nothing when page is the last one
 }
 
 void CPageListIndex::Update(u32 pageIndex, u32 freeCount, u32 oldParticleCount, u32 newParticleCount)

@@ -1,4 +1,4 @@
-// Raw pages: from their block and back to it.
+// Raw pages: construction and release.
 #include <tz_particles/include/Storage/MainMemory/storage_ram_raw_page.h>
 
 #include <tz_kernel/include/kr_address_sanitizer.h>

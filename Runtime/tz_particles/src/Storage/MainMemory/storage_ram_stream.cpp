@@ -1,4 +1,4 @@
-// The stream's life, its exchange with another, its lock, its queries.
+// The stream's life, swap, page lock and queries.
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 
 #include <tz_kernel/include/kr_profiler.h>
@@ -9,7 +9,7 @@ namespace Tessaly
 namespace
 {
 
-// Exchanges members that may be read meanwhile.
+// Exchanges members that other threads may read without the lock.
 template <typename _Type>
 void SwapShared(_Type &a, _Type &b)
 {
@@ -64,7 +64,7 @@ void CParticleStream_MainMemory::Cleanup()
     m_ParticleCount.Store(0);
     UnlockPages();
     Threads::StoreShared(m_PageCount_OutOfSync, 0);
-    // Pages are destroyed outside the lock: nobody waits for it meanwhile.
+    // Pages are destroyed outside the lock: freeing them does not extend it.
     for (PParticlePage &page : pageList.ViewForWriting())
         page = null;
     _DEBUG_CheckParticleCountConsistency();
@@ -111,8 +111,8 @@ void CParticleStream_MainMemory::UnlockPagesToRender() const
                    Threads::LoadShared(m_ThreadOwningLock) == CCurrentThread::ThreadID());
 }
 
-// A mutex is not fair: a thread that unlocks it and locks it at once again has it before a waiting one has woken up.
-// So the render thread holds a second one while it waits, and who comes after it waits for that one first.
+// A mutex is not fair: a thread that unlocks it and locks it again at once gets it before a waiting thread has woken
+// up. So the render thread holds m_RendererTurn while it waits, and threads that come later wait for that mutex first.
 u32 CParticleStream_MainMemory::_EnterLockToRender() const
 {
     if (LockedByCurrentThread())
@@ -124,7 +124,7 @@ u32 CParticleStream_MainMemory::_EnterLockToRender() const
     return _CountLock();
 }
 
-void CParticleStream_MainMemory::_WaitBehindRenderer() const
+void CParticleStream_MainMemory::_WaitForRenderer() const
 {
     if (!LockedByCurrentThread())
         const std::lock_guard<std::mutex> turn(m_RendererTurn);

@@ -21,7 +21,7 @@ void WriteEntry(const TMemoryView<CGuid> &reindexer, u32 index, CGuid value)
 void CParticleStream_MainMemory::GarbageCollectOldPages(TMemoryView<CGuid> *pageReindexer)
 {
     TZ_ASSERT(pageReindexer == null || pageReindexer->Count() == m_Pages.Count());
-    TMemoryView<CGuid> reindexer; // empty when there is nothing to tell
+    TMemoryView<CGuid> reindexer; // empty when the caller gave none
     if (pageReindexer != null && pageReindexer->Data() != null)
     {
         reindexer = *pageReindexer;
@@ -29,8 +29,8 @@ void CParticleStream_MainMemory::GarbageCollectOldPages(TMemoryView<CGuid> *page
     }
     _DEBUG_CheckParticleCountConsistency();
     LockPages();
-    // Only the last page ever moves, into the hole: pages behind i stand where they always stood, and the former index
-    // of the page at i is i, or the last index of the moment when it moved there.
+    // Only the last page moves, to index i: pages behind i have not moved, and the former index of the page at i is i
+    // or the index that was the last one when the page moved to i.
     u32 formerIndex = 0;
     for (u32 i = 0; i < m_Pages.Count();)
     {

@@ -12,9 +12,9 @@ namespace Tessaly
 namespace
 {
 
-// True for copies that are larger than the cache, unless most of what they are written to is fresh memory: the kernel
-// has cleared that just before, and it is in the cache.
-bool IsForNonTemporalStores(u64 byteCount)
+// Non-temporal stores pay for copies larger than the cache, unless most of the destination is memory that the kernel
+// has cleared just before: that is in the cache.
+bool ShouldBypassCache(u64 byteCount)
 {
     const CParticlePageAllocator *allocator = Particles::PageAllocator();
     return byteCount >= kMinBytesNonTemporal && allocator != null && allocator->TotalMemoryAvailable() >= byteCount / 2;
@@ -47,11 +47,11 @@ void CParticleStream_MainMemory::DeepCopy(const CParticleStream_MainMemory &othe
     _DEBUG_CheckParticleCountConsistency();
 }
 
-// Appends copies of other's pages that hold particles, until memory is refused. Returns how many particles they hold.
+// Appends copies of other's pages that hold particles, until memory is refused. Returns the number of their particles.
 u32 CParticleStream_MainMemory::_DeepCopyPages_NoLock(const CParticleStream_MainMemory &other)
 {
     const u64 roughByteCount = u64(other.m_Pages.Count()) * other.m_PageSizeInBytes;
-    const auto copyBytes = IsForNonTemporalStores(roughByteCount) ? &CopyNonTemporal : &Mem::Copy;
+    const auto copyBytes = ShouldBypassCache(roughByteCount) ? &CopyNonTemporal : &Mem::Copy;
     u32 newPCount = 0;
     for (u32 i = 0; i < other.m_Pages.Count(); ++i)
     {
@@ -59,7 +59,7 @@ u32 CParticleStream_MainMemory::_DeepCopyPages_NoLock(const CParticleStream_Main
         if (srcPage->Empty())
             continue;
         const u32 pageSizeInBytes = srcPage->RawPage()->Size();
-        // Nobody looks at the page before its rows are copied: those are not filled first.
+        // The rows of its particles are copied before any report or memory request: they are not filled first.
         const PParticlePage dstPage =
             _AllocNewPage_NoLock(srcPage->Capacity(), pageSizeInBytes, true, srcPage->ParticleCount());
         if (dstPage == null)

@@ -16,7 +16,7 @@ inline CPageListIndex *CParticleStream_MainMemory::_PageIndex_NoLock() const
     return isValid ? &m_PageIndex : null;
 }
 
-inline PParticlePage CParticleStream_MainMemory::_FindPageWithRoom_NoLock(u32 minCount) const
+inline PParticlePage CParticleStream_MainMemory::_FindPageWithFreeSlots_NoLock(u32 minCount) const
 {
     if (CPageListIndex *index = _PageIndex_NoLock())
     {
@@ -67,7 +67,7 @@ CParticlePageView CParticleStream_MainMemory::AllocateParticlesIFP(u32 wishedCou
 
     CGuid startId;
     LockPages();
-    PParticlePage page = _FindPageWithRoom_NoLock(minCountHint);
+    PParticlePage page = _FindPageWithFreeSlots_NoLock(minCountHint);
     if (page == null)
         page = AllocNewPage_NoLock(true);
     if (page != null)

@@ -1,4 +1,4 @@
-// Page-to-page copies, and pending resizes, which live on them.
+// Copies between pages, and pending resizes.
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 
 #include <tz_kernel/include/kr_address_sanitizer.h>
@@ -26,7 +26,7 @@ void CopyRun(const SParticleStreamField &dstField, u32 dstStartId, const SPartic
     u8 *dst = dstField.m_RawDataPtr + dstStorageSize * dstStartId;
     const u8 *src = srcField.m_RawDataPtr + srcStorageSize * srcStartId;
     if (Mem::kIsAddressSanitized && u64(srcStartId) + count > srcField.m_ParticleCount)
-        return Mem::CopyPoisoned(dst, src, byteCount); // a range reaches to the source's capacity, not to its count
+        return Mem::CopyPoisoned(dst, src, byteCount); // the range may include free slots
     Mem::Copy(dst, src, byteCount);
 }
 
@@ -41,7 +41,7 @@ bool CParticleStream_MainMemory::CopySubRangeToPage(CParticlePage &dst, const CP
     if (!IsWithinCapacity(src, srcStartId, transferCount))
         return false;
     const u32 oldCount = dst.ParticleCount();
-    // Refused before slots are taken: who hears of it finds none that are not written.
+    // Asked before slots are taken, so that no report's handler finds slots that are not written.
     const CGuid dstStartId = dst.PrepareForWriting() ? dst.AllocateParticles(transferCount) : CGuid::INVALID;
     if (!TZ_VERIFY(dstStartId.Valid() && dst.PrepareForWriting()))
     {
@@ -144,7 +144,7 @@ public:
     }
     ~CResizePass() { m_Pages.MoveToBufferStart(); }
 
-    // Old pages wait, or one is in progress.
+    // There is an old page to move, or one in progress.
     bool HasWork() const
     {
         return m_OldPage != null || (m_ProcessedPages < m_MaxPageCountToProcess && m_Stream.m_PageCount_OutOfSync != 0);
@@ -152,12 +152,12 @@ public:
     u32 OldAccCount() const { return m_OldAccCount; }
     u32 NewAccCount() const { return m_NewAccCount; }
 
-    // True when there is an old page to empty. Otherwise the counter was too high: it becomes 0.
+    // Finds the next old page. Returns false when there is none: the counter was too high, and becomes 0.
     bool FindOldPage();
-    // The next destination; null when none can be had.
+    // Returns the next destination; null when no page can be made.
     PParticlePage ChooseDestination();
-    // Moves particles into newPage until it is full or the work is done. False when it refuses them and was made for
-    // them: the page in progress is back in the list then, with what was not copied of it.
+    // Moves particles into newPage until it is full or the work is done. Returns false when newPage was made for them
+    // and cannot be written: the page in progress is back in the list then, with the particles that were not copied.
     bool FillDestination(CParticlePage &newPage);
 
 private:
@@ -174,8 +174,8 @@ private:
     u32 m_OldAccCount = 0;    // sum of their particle counts
     u32 m_NewAccCount = 0;    // particles copied so far
     u32 m_OldPageIndex = 0;   // pages before this one have the current capacity
-    u32 m_DestinationEnd;     // pages from here on are no destinations any more
-    PParticlePage m_OldPage;  // the page being emptied, out of the list
+    u32 m_DestinationEnd;     // pages from here on were passed over or are full
+    PParticlePage m_OldPage;  // in progress; not in the list any more
     u32 m_OldStart = 0;       // its first particle not yet copied
     bool m_IsDestinationFresh = false;
     static constexpr u32 kMaxKeptPages = 16;
@@ -212,8 +212,8 @@ PParticlePage CParticleStream_MainMemory::CResizePass::ChooseDestination()
 u32 CParticleStream_MainMemory::CResizePass::_CountRowsToCome() const
 {
     u32 rowCount = m_OldPage != null ? m_OldPage->ParticleCount() - m_OldStart : 0;
-    const u32 maxPageCount = TZMin(TZMin(kMaxKeptPages - 1, m_Stream.m_PageCount_OutOfSync),
-                                   m_MaxPageCountToProcess - m_ProcessedPages);
+    const u32 maxPageCount =
+        TZMin(TZMin(kMaxKeptPages - 1, m_Stream.m_PageCount_OutOfSync), m_MaxPageCountToProcess - m_ProcessedPages);
     u32 pageCount = 0;
     for (u32 i = m_OldPageIndex; i < m_Pages.Count() && pageCount < maxPageCount && rowCount < m_Stream.m_PageSize; ++i)
     {
@@ -248,15 +248,15 @@ bool CParticleStream_MainMemory::CResizePass::FillDestination(CParticlePage &new
     return false;
 }
 
-// Takes the old page that was found out of the list; an empty one is dropped.
+// Takes the old page that was found out of the list. An empty one is not processed.
 void CParticleStream_MainMemory::CResizePass::_TakeOldPage()
 {
     CPageListIndex::Detach(*m_Pages.RawDataPointer()[m_OldPageIndex]);
     m_OldPage = m_Pages.Take_KeepOrder(m_OldPageIndex);
     m_DestinationEnd -= m_DestinationEnd > m_OldPageIndex ? 1 : 0;
-    const u32 waitingCount = m_Stream.m_PageCount_OutOfSync;
-    TZ_ASSERT_TEXT("m_PageCount_OutOfSync > 0", waitingCount > 0);
-    Threads::StoreShared(m_Stream.m_PageCount_OutOfSync, waitingCount > 0 ? waitingCount - 1 : 0);
+    const u32 outOfSyncCount = m_Stream.m_PageCount_OutOfSync;
+    TZ_ASSERT_TEXT("m_PageCount_OutOfSync > 0", outOfSyncCount > 0);
+    Threads::StoreShared(m_Stream.m_PageCount_OutOfSync, outOfSyncCount > 0 ? outOfSyncCount - 1 : 0);
     if (m_OldPage->Empty())
         return _Keep(std::move(m_OldPage));
     m_ProcessedPages += 1;
@@ -264,8 +264,8 @@ void CParticleStream_MainMemory::CResizePass::_TakeOldPage()
     m_OldStart = 0;
 }
 
-// Keeps a page that was taken out of the list until the destination has its rows. Those that find no place here come
-// behind the rows that were not filled.
+// Keeps a page that was taken out of the list until the destination is written. What does not fit is dropped at once:
+// _CountRowsToCome has not counted it.
 void CParticleStream_MainMemory::CResizePass::_Keep(PParticlePage &&takenPage)
 {
     const PParticlePage page = std::move(takenPage);
@@ -273,7 +273,7 @@ void CParticleStream_MainMemory::CResizePass::_Keep(PParticlePage &&takenPage)
         m_KeptPages[m_KeptCount++] = page;
 }
 
-// Copies what fits of the old page, and drops it when all of it is copied. False when nothing was.
+// Copies as much of the old page as the destination takes. Returns false when nothing was copied.
 bool CParticleStream_MainMemory::CResizePass::_TransferOldPage(CParticlePage &newPage, u32 &dstSpaceLeft)
 {
     const u32 oldEnd = TransferPageToPage(newPage, CParticlePageView(*m_OldPage), m_OldStart);
