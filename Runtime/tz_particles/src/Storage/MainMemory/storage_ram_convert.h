@@ -6,15 +6,14 @@
 namespace Tessaly
 {
 
-// Writes particleCount rows of dstStream: the leading components of the rows of srcStream, converted, and behind them
-// zero where the destination's type is larger than the source's, else kFreshParticleByte. Each row is read and written
-// at its field's stride; a constant source (stride 0) is repeated.
-//
-// As many components as the smaller type has (dstStream's, when both are of one size), and no more than lie within both
-// rows. Between types of 32-bit components: the bits as they are where both are floating point or neither is; float to
-// integer drops the fraction, NaN and what does not fit 32 signed bits give -2147483648; integer to float rounds to
-// nearest even and reads every integer as signed. Where a component is narrower or wider, values are converted: an
-// integer as by a C cast, a float or double to an integer by way of the rule above.
+// Writes particleCount rows of dstStream from those of srcStream, each at its field's stride; a constant source is
+// repeated. A row gets as many components as the smaller type has (dstStream's type, when both have one size) and as
+// lie within both rows; behind them zero where the type of dstStream is the larger one, else kFreshParticleByte.
+// Values: between types of 32-bit components, the same bits where both are floating point or neither is; float to
+//         integer drops the fraction, and NaN and what does not fit 32 signed bits give -2147483648; integer to float
+//         reads every integer as signed and rounds to nearest even. Where a component has another width: integers as by
+//         a C cast, float or double to integer by the rule above and then a C cast, anything to float or double by
+//         value.
 void ConvertField(const SParticleStreamField &srcStream, const SParticleStreamField &dstStream, u32 particleCount);
 
 } // namespace Tessaly
