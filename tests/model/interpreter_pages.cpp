@@ -192,7 +192,7 @@ void CInterpreter::_Remove(const SOperation &operation, const SPagePair &page)
     std::vector<SParticleMove> room(operation.m_C % 4 == 3 ? holeCount / 2 : list.size());
     TMemoryView<SParticleMove> moves(room.data(), u32(room.size())), *outMoves = operation.m_C % 2 != 0 ? &moves : null;
     if (outMoves != null)
-        m_World.Check(holeCount <= room.size(), "outMoves == null || filler.HolesLeft() <= record.Capacity()");
+        m_World.Check(holeCount <= room.size(), "outMoves == null || holeCount <= capacity");
     const u32 removed = isOfStream ? page.m_Lister->m_Real->RemoveParticles(CGuid(page.m_Index), view, outMoves)
                                    : page.m_Real->RemoveParticles(view, outMoves);
     _Differ("removed", removed, isDone ? count : 0);
