@@ -1,6 +1,6 @@
-// Stands between the runtime and its memory while it lives: refuses the requests that the test chooses, and fails the
-// test when a block is not given back, is given back with another origin, or comes with an unusual type or tag.
-// Blocks that are older than the hook may be freed under it. Discarded bytes are overwritten. One at a time.
+// Replaces the memory services while it lives: refuses the requests that the test chooses, and fails the test when a
+// block is never freed, is freed with another origin, or has an unusual type or tag. Blocks that are older than the
+// hook may be freed while it lives. Discarded bytes are overwritten. One hook at a time.
 #pragma once
 
 #include <atomic>
@@ -8,13 +8,10 @@
 #include <mutex>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
 #include <tz_kernel/include/kr_mem.h>
 
-namespace Tessaly
-{
-namespace Tests
+namespace Tessaly::Tests
 {
 
 struct SMemoryCall
@@ -45,42 +42,36 @@ public:
 
     // Requests (Alloc and Realloc) are counted from 1 on, anew at each of these.
     void RefuseIf(FnRefuses predicate);
-    void RefuseNone() { RefuseIf(FnRefuses()); }
-    // The n-th request alone; or it and all behind it.
-    void RefuseAt(u32 n)
+    void RefuseNone() { RefuseIf({}); }
+    void RefuseAt(u32 n) // the n-th request alone
     {
         RefuseIf([this, n](const SMemoryCall &) { return m_RequestCount == n; });
     }
-    void RefuseFrom(u32 n)
+    void RefuseFrom(u32 n) // the n-th and all that follow
     {
         RefuseIf([this, n](const SMemoryCall &) { return m_RequestCount >= n; });
     }
     u32 RequestCount() const { return m_RequestCount; } // since then
     u32 RefusalCount() const { return m_RefusalCount; } // since then
 
-    // Hears every call before it is served, under the locks of the caller.
+    // Is told of every call before it is served, under the locks of the caller.
     void AtEachCall(FnAtCall callback);
 
-    // An Alloc of more bytes than these gets no more: for accounting of sizes that no machine has. 0: none.
+    // A larger Alloc gets a block of these bytes only: to test the accounting of sizes that no machine has. 0: no
+    // limit.
     void ServeAtMost(u64 bytes) { m_ServeAtMost = bytes; }
 
     u32 LiveBlockCount() const;
 
 private:
+    friend struct SHookedServices;
+
     struct SLiveBlock
     {
         u64 m_Size;
         u32 m_Origin;
         const char *m_Where;
     };
-
-    static void *OnAlloc(u64 size, u32 alignment, Mem::EAllocType type, Mem::EOrigin origin, const char *tag,
-                         const char *file, int line, const char *function);
-    static void *OnRealloc(void *ptr, u64 size, u32 alignment, Mem::EAllocType type, const char *tag, const char *file,
-                           int line, const char *function);
-    static void OnFree(void *ptr, Mem::EAllocType type, Mem::EOrigin origin, const char *tag, const char *file,
-                       int line, const char *function);
-    static void OnDiscard(void *ptr, u64 size);
 
     bool _Begins(const SMemoryCall &call, Mem::EAllocType type, const char *tag); // false: refuse it
 
@@ -93,5 +84,4 @@ private:
     std::atomic<u64> m_ServeAtMost{0};
 };
 
-} // namespace Tests
-} // namespace Tessaly
+} // namespace Tessaly::Tests

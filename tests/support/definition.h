@@ -10,10 +10,17 @@
 
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 
-namespace Tessaly
+namespace Tessaly::Tests
 {
-namespace Tests
+
+enum EFieldName : u32
 {
+    Position = 1,
+    Life,
+    Colour,
+    Tag,
+    Extra,
+};
 
 // It must outlive every stream that is bound to it, and be complete before it is bound.
 class CDefinition : public CNonCopyable
@@ -63,5 +70,4 @@ private:
     std::vector<CGuid> m_Slots;
 };
 
-} // namespace Tests
-} // namespace Tessaly
+} // namespace Tessaly::Tests

@@ -1,15 +1,14 @@
-// Listens to the profiler's scopes while it lives.
+// Records the profiler's scopes while it lives.
 #pragma once
 
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include <tz_kernel/include/kr_profiler.h>
 
-namespace Tessaly
-{
-namespace Tests
+namespace Tessaly::Tests
 {
 
 class CProfilerRecorder : public Profiler::CSinkAbstract
@@ -25,19 +24,13 @@ public:
     std::vector<std::string> Take()
     {
         const std::lock_guard<std::mutex> lock(m_Lock);
-        std::vector<std::string> taken;
-        taken.swap(m_Scopes);
-        return taken;
+        return std::exchange(m_Scopes, {});
     }
-    // The node that began last of those with that name, or null.
+    // The node of that name, or null.
     const Profiler::SNodeDescriptor *Find(const std::string &name) const
     {
-        for (const Profiler::SNodeDescriptor *node : m_Nodes)
-        {
-            if (node->m_Name == name)
-                return node;
-        }
-        return null;
+        const auto node = m_Nodes.find(name);
+        return node != m_Nodes.end() ? node->second : null;
     }
 
 private:
@@ -45,13 +38,12 @@ private:
     {
         const std::lock_guard<std::mutex> lock(m_Lock);
         m_Scopes.push_back(std::string(sign) + node.m_Name);
-        m_Nodes.push_back(&node);
+        m_Nodes[node.m_Name] = &node;
     }
 
     std::mutex m_Lock;
     std::vector<std::string> m_Scopes;
-    std::vector<const Profiler::SNodeDescriptor *> m_Nodes;
+    std::map<std::string, const Profiler::SNodeDescriptor *> m_Nodes;
 };
 
-} // namespace Tests
-} // namespace Tessaly
+} // namespace Tessaly::Tests

@@ -6,9 +6,7 @@
 #include <tz_particles/include/Storage/MainMemory/storage_ram_allocator.h>
 #include <tz_particles/include/ps_runtime.h>
 
-namespace Tessaly
-{
-namespace Tests
+namespace Tessaly::Tests
 {
 
 class CScopedRuntime : public CNonCopyable
@@ -20,5 +18,4 @@ public:
     CParticlePageAllocator &Allocator() const { return *Particles::PageAllocator(); }
 };
 
-} // namespace Tests
-} // namespace Tessaly
+} // namespace Tessaly::Tests

@@ -10,19 +10,8 @@
 #include "scoped_runtime.h"
 #include "test_stream.h"
 
-namespace Tessaly
+namespace Tessaly::Tests
 {
-namespace Tests
-{
-
-enum EFieldName : u32
-{
-    Position = 1,
-    Life,
-    Colour,
-    Tag,
-    Extra,
-};
 
 class CStreamTest : public ::testing::Test
 {
@@ -44,5 +33,4 @@ protected:
     CDefinition m_Definition;
 };
 
-} // namespace Tests
-} // namespace Tessaly
+} // namespace Tessaly::Tests
