@@ -1,5 +1,4 @@
-// Going over particles: every one once, by pages and by values, with removal, on threads; and what stops it.
-
+// Iteration over particles: each one once, by pages and by values, with removal, on threads; and what ends it.
 #include <algorithm>
 #include <atomic>
 #include <map>
@@ -10,12 +9,8 @@
 #include <support/stream_fixture.h>
 #include <tz_particles/include/ps_for_each.h>
 
-namespace Tessaly
-{
-namespace Tests
-{
-namespace
-{
+using namespace Tessaly;
+using namespace Tessaly::Tests;
 
 class ForEach : public CStreamTest
 {
@@ -25,21 +20,8 @@ protected:
     {
         for (const u32 count : {7u, 0u, 2501u, 11u})
             m_Stream.AppendPage(TZMax(count, 11u), count);
-        float number = 0.0f;
-        Particles::ForEach<float, CFloat3>(m_Stream, m_Life, m_Position,
-                                           [&number](float &life, CFloat3 &position)
-                                           {
-                                               life = number++;
-                                               position = CFloat3(life, 0.0f, -life);
-                                           });
-    }
-
-    std::vector<std::string> TakeMessages()
-    {
-        std::vector<std::string> messages;
-        for (const SSeenReport &report : m_Reports.Take())
-            messages.push_back(report.m_Message);
-        return messages;
+        Particles::ForEach<const float, CFloat3>(
+            m_Stream, m_Life, m_Position, [](float life, CFloat3 &position) { position = CFloat3(life, 0.0f, -life); });
     }
 
     static constexpr u32 kCount = 7 + 2501 + 11;
@@ -57,27 +39,24 @@ TEST_F(ForEach, LetsARenderThreadInBetweenTwoPagesUnlessTheLockIsHeldAround)
         std::atomic<u32> visitedCount{0};
         u32 seenCount = 0;
         std::thread renderer;
+        const auto render = [&]
+        {
+            isAboutToWait = true;
+            const CScopedPagesRenderLock lock(m_Stream);
+            seenCount = visitedCount;
+        };
         {
             std::optional<CScopedPagesLock> around;
             if (isHeldAround)
                 around.emplace(m_Stream);
             const auto visit = [&](float)
             {
-                if (visitedCount == 0)
-                {
-                    renderer = std::thread(
-                        [&]
-                        {
-                            isAboutToWait = true;
-                            m_Stream.LockPagesToRender();
-                            seenCount = visitedCount;
-                            m_Stream.UnlockPagesToRender();
-                        });
-                    while (!isAboutToWait)
-                        std::this_thread::yield();
-                    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-                }
-                ++visitedCount;
+                if (visitedCount++ != 0)
+                    return;
+                renderer = std::thread(render);
+                while (!isAboutToWait)
+                    std::this_thread::yield();
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
             };
             Particles::ForEach<const float>(m_Stream, m_Life, visit);
         }
@@ -96,185 +75,156 @@ TEST_F(ForEach, VisitsEachParticleOnce)
     EXPECT_EQ(pageCounts, (std::vector<u32>{7, 2501, 11}));
     // Dense alone, and beside a constant and the first bytes of larger values.
     float next = 0.0f;
-    Particles::ForEach<const float, const CFloat3>(stream, m_Life, m_Position,
-                                                   [&](const float &life, const CFloat3 &position)
-                                                   {
-                                                       EXPECT_EQ(life, next++);
-                                                       EXPECT_EQ(position, CFloat3(life, 0.0f, -life));
-                                                   });
+    const auto visitDense = [&](const float &life, const CFloat3 &position)
+    {
+        EXPECT_EQ(life, next++);
+        EXPECT_EQ(position, CFloat3(life, 0.0f, -life));
+    };
+    Particles::ForEach<const float, const CFloat3>(stream, m_Life, m_Position, visitDense);
     EXPECT_EQ(next, float(kCount));
-    Particles::ForEach<const float, const CFloat3, u8>(m_Stream, m_Position, m_Colour, m_Tag,
-                                                       [&](float x, const CFloat3 &colour, u8 &tag)
-                                                       {
-                                                           tag = u8(u32(x));
-                                                           next += colour == CFloat3(0.25f, 0.5f, 0.75f) ? x : 0.0f;
-                                                       });
+    const auto visitMixed = [&](float x, const CFloat3 &colour, u8 &tag)
+    {
+        tag = u8(u32(x));
+        next += colour == CFloat3(0.25f, 0.5f, 0.75f) ? x : 0.0f;
+    };
+    Particles::ForEach<const float, const CFloat3, u8>(m_Stream, m_Position, m_Colour, m_Tag, visitMixed);
     EXPECT_EQ(next, kCount + kCount * (kCount - 1) / 2.0f);
-    Particles::ForEach<const TVector3<u8>, const float>(
-        stream, m_Tag, m_Life,
-        [](TVector3<u8> tag, float life)
-        { EXPECT_EQ(tag, TVector3<u8>(u8(u32(life)), kFreshParticleByte, kFreshParticleByte)); });
+    const auto check = [](CByte3 tag, float life)
+    { EXPECT_EQ(tag, CByte3(u8(u32(life)), kFreshParticleByte, kFreshParticleByte)); };
+    Particles::ForEach<const CByte3, const float>(stream, m_Tag, m_Life, check);
 }
 
 TEST_F(ForEach, FindsNothingInStreamsWithoutParticles)
 {
-    CTestStream empty(11, m_Definition);
-    CParticleStream_MainMemory unbound(11);
-    empty.AppendPage(11, 0);
-    const auto fail = [](const auto &) { ADD_FAILURE(); };
-    for (CParticleStream_MainMemory *stream : {static_cast<CParticleStream_MainMemory *>(&empty), &unbound})
+    CTestStream empty(11, m_Definition, {0}), unbound(11);
+    const auto fail = [](const auto &...) { ADD_FAILURE(); };
+    for (CTestStream *stream : {&empty, &unbound})
     {
         Particles::ForEachPage(*stream, fail);
         Particles::ForEach<float>(*stream, CGuid::INVALID, fail);
         EXPECT_EQ(Particles::RemoveIf<float>(*stream, 99, [](float) { return true; }), 0u);
-        Particles::ForEachPageOn([](u32, const auto &) { ADD_FAILURE(); }, *stream, fail);
+        Particles::ForEachPageOn(fail, *stream, fail);
     }
 }
 
 TEST_F(ForEach, WhatDoesNotFitIsReportedOnceAndVisitsNothing)
 {
-    const auto fail = [](const auto &...) { ADD_FAILURE(); };
-    Particles::ForEach<float, float>(m_Stream, m_Life, CGuid::INVALID, fail);
-    Particles::ForEach<const float>(m_Stream, 4, fail);
-    Particles::ForEach<const CFloat4>(m_Stream, m_Position, fail);
-    Particles::ForEach<CFloat4>(m_Stream, m_Colour, fail);
-    Particles::ForEach<double>(m_Stream, m_Position, fail);
-    EXPECT_EQ(TakeMessages(),
-              (std::vector<std::string>{
-                  "there is no field 4294967295: the stream has 4", "there is no field 4: the stream has 4",
-                  "a type of 16 bytes does not fit field 0, whose values have 12 bytes",
-                  "field 2 is a constant: go over it with a const type",
-                  "a type aligned to 8 bytes does not fit field 0, whose values lie 12 bytes apart"}));
-    {
-        const CScopedRawPageReader reader(m_Stream.Page(CGuid(3))->RawPage());
-        Particles::ForEach<const float, float>(m_Stream, m_Position, m_Life, fail);
-        EXPECT_EQ(Particles::RemoveIf<const float>(m_Stream, m_Life, [](float) { return true; }), 0u);
-        EXPECT_EQ(TakeMessages(), std::vector<std::string>(2, "page 3 has readers: it can not be written"));
-        u32 count = 0;
-        Particles::ForEach<const float>(m_Stream, m_Life, [&count](float) { ++count; });
-        EXPECT_EQ(count, kCount);
-    }
+    u32 count = 0;
+    const auto visit = [&count](const auto &...) { ++count; };
+    Particles::ForEach<float, float>(m_Stream, m_Life, CGuid::INVALID, visit);
+    Particles::ForEach<const float>(m_Stream, 4, visit);
+    Particles::ForEach<const CFloat4>(m_Stream, m_Position, visit);
+    Particles::ForEach<CFloat4>(m_Stream, m_Colour, visit);
+    Particles::ForEach<double>(m_Stream, m_Position, visit);
+    EXPECT_EQ(m_Reports.Take().size(), 5u);
     CDefinition lacking;
     lacking.Stored(Life, BaseType_Float).ConstantAt(Colour, BaseType_Float4, CGuid::INVALID);
-    CTestStream stream(11, lacking);
-    stream.AppendPage(11, 3);
-    Particles::ForEach<const float>(stream, 1, fail);
-    EXPECT_EQ(TakeMessages(),
-              std::vector<std::string>{"field 1 has no data: its constant was not found when the page was made"});
+    CTestStream stream(11, lacking, {3});
+    Particles::ForEach<const float>(stream, 1, visit);
+    EXPECT_EQ(m_Reports.Take().size(), 1u);
+    {
+        const CScopedRawPageReader reader(m_Stream.Page(CGuid(3))->RawPage());
+        Particles::ForEach<const float, float>(m_Stream, m_Position, m_Life, visit);
+        EXPECT_EQ(Particles::RemoveIf<const float>(m_Stream, m_Life, [](float) { return true; }), 0u);
+        EXPECT_EQ(m_Reports.Take().size(), 2u);
+        EXPECT_EQ(count, 0u);
+        Particles::ForEach<const float>(m_Stream, m_Life, visit);
+        EXPECT_EQ(count, kCount);
+    }
     m_Stream.Page(CGuid(2))->StreamsForWriting()[1].Clear(); // a page unlike the first one
-    u32 count = 0;
-    Particles::ForEach<float>(m_Stream, m_Life, [&count](float) { ++count; });
-    EXPECT_EQ(TakeMessages(),
-              std::vector<std::string>{"field 1 has no data: its constant was not found when the page was made"});
-    EXPECT_EQ(count, 7u);
+    Particles::ForEach<float>(m_Stream, m_Life, visit);
+    EXPECT_EQ(m_Reports.Take().size(), 1u);
+    EXPECT_EQ(count, kCount + 7);
 }
 
 TEST_F(RemoveIf, AsksEachOnceAndKeepsTheOthers)
 {
-    for (const u32 divisor : {7u, 3u, 2u, 1u}) // keeps its multiples
+    for (const u32 divisor : {7u, 3u, 2u, 1u})
     {
-        std::multiset<u32> asked, expected, kept;
-        Particles::ForEach<const float>(m_Stream, m_Life, [&](float life) { expected.insert(u32(life)); });
-        const u32 requestCount = m_Memory.RequestCount();
-        const u32 oldCount = m_Stream.ParticleCount();
-        const u32 wentCount = Particles::RemoveIf<const float, u8>(m_Stream, m_Life, m_Tag,
-                                                                   [&](float life, u8 &tag)
-                                                                   {
-                                                                       asked.insert(u32(life));
-                                                                       tag = u8(u32(life) + divisor);
-                                                                       return u32(life) % 7 % divisor != divisor - 1;
-                                                                   });
-        EXPECT_EQ(m_Memory.RequestCount(), requestCount);
-        EXPECT_EQ(asked, expected);
-        EXPECT_EQ(m_Stream.ParticleCount(), oldCount - wentCount);
-        Particles::ForEach<const CFloat3, const float, const u8>(
-            m_Stream, m_Position, m_Life, m_Tag,
-            [&](const CFloat3 &position, float life, u8 tag)
-            {
-                kept.insert(u32(life));
-                EXPECT_TRUE(position == CFloat3(life, 0.0f, -life) && tag == u8(u32(life) + divisor)) << life;
-            });
-        for (auto number = expected.begin(); number != expected.end();)
-            number = *number % 7 % divisor != divisor - 1 ? expected.erase(number) : std::next(number);
+        const auto isToGo = [divisor](float life) { return u32(life) % 7 % divisor != divisor - 1; };
+        const std::vector<float> before = m_Stream.Values<float>(Life);
+        std::multiset<float> asked, expected, kept;
+        std::remove_copy_if(before.begin(), before.end(), std::inserter(expected, expected.end()), isToGo);
+        const auto ask = [&](float life, u8 &tag)
+        {
+            asked.insert(life);
+            tag = u8(u32(life) + divisor);
+            return isToGo(life);
+        };
+        m_Memory.RefuseNone();
+        const u32 goneCount = Particles::RemoveIf<const float, u8>(m_Stream, m_Life, m_Tag, ask);
+        EXPECT_EQ(m_Memory.RequestCount(), 0u);
+        EXPECT_EQ(asked, std::multiset<float>(before.begin(), before.end()));
+        EXPECT_EQ(m_Stream.ParticleCount(), before.size() - goneCount);
+        const auto check = [&](const CFloat3 &position, float life, u8 tag)
+        {
+            kept.insert(life);
+            EXPECT_TRUE(position == CFloat3(life, 0.0f, -life) && tag == u8(u32(life) + divisor)) << life;
+        };
+        Particles::ForEach<const CFloat3, const float, const u8>(m_Stream, m_Position, m_Life, m_Tag, check);
         EXPECT_EQ(kept, expected);
     }
     EXPECT_EQ(Particles::RemoveIf<const float>(m_Stream, m_Life, [](float) { return true; }), m_Stream.ParticleCount());
     EXPECT_EQ(m_Stream.PageCount(), 4u) << "emptied pages stay";
 }
 
-// Each of them, from inside each of the functions, ends the going-over after the page, with one report.
+// A change of the stream, made by the function that is called, ends the iteration after the page, with one report.
 TEST_F(ForEach, ChangingTheStreamIsReportedOnceAndEndsIt)
 {
+    using FnChange = std::function<void(CTestStream &)>;
     CDefinition other;
     other.Stored(Life, BaseType_Float);
-    const u32 row = 0;
-    const std::pair<const char *, std::function<void(CTestStream &)>> changes[] = {
+    const auto runInOrder = [](u32 count, const auto &task)
+    {
+        for (u32 i = 0; i < count; ++i)
+            task(i);
+    };
+    const std::pair<const char *, FnChange> changes[] = {
         {"allocates", [](CTestStream &stream) { stream.AllocateParticlesIFP(1, 0); }},
-        {"removes",
-         [&](CTestStream &stream) {
-             stream.RemoveParticles(CGuid(1), {&row, 1});
-         }},
+        {"removes", [](CTestStream &stream) { stream.RemoveParticles(CGuid(1), std::vector<u32>{0}); }},
         {"clears", [](CTestStream &stream) { stream.Clear(); }},
         {"lets go", [](CTestStream &stream) { stream.Cleanup(); }},
         {"adds a page", [](CTestStream &stream) { stream.AppendPage(11, 0); }},
         {"rebinds", [&](CTestStream &stream) { other.BindTo(stream); }},
-        {"resizes",
-         [](CTestStream &stream)
-         {
-             stream.SetPageSize(13);
-             stream.ResizePending(100);
-         }},
+        {"resizes", [](CTestStream &stream) { stream.SetPageSize(13), stream.ResizePending(100); }},
         {"empties a page", [](CTestStream &stream) { stream._UnsafePage(CGuid(0))->Clear(); }},
     };
-    const auto run = [&](const char *name, const auto &change, u32 expectedCalls, const auto &goOver)
+    u32 calls = 0;
+    const FnChange *change = null;
+    CTestStream *stream = null;
+    const auto visit = [&](const auto &)
     {
-        CTestStream stream(20, m_Definition);
-        for (const u32 count : {2000u, 6u, 7u})
-            stream.AppendPage(count, count);
-        u32 calls = 0;
-        goOver(stream,
-               [&]
-               {
-                   if (calls++ == 0)
-                       change(stream);
-                   return false;
-               });
-        EXPECT_EQ(calls, expectedCalls) << name;
-        std::vector<std::string> messages = TakeMessages();
-        messages.erase(std::remove(messages.begin(), messages.end(), kCountText), messages.end());
-        ASSERT_EQ(messages.size(), 1u) << name;
-        EXPECT_EQ(messages[0].find("the stream was changed by the function that goes over it: "), 0u) << messages[0];
-        stream.Clear();
-        m_Reports.Take();
+        if (calls++ == 0)
+            (*change)(*stream);
+        return true;
     };
-    for (const auto &change : changes)
+    const std::pair<u32, std::function<void()>> functions[] = {
+        // and the calls until they end
+        {1, [&] { Particles::ForEachPage(*stream, visit); }},
+        {2000, [&] { Particles::ForEach<float>(*stream, m_Life, visit); }},
+        {1024, [&] { EXPECT_EQ(Particles::RemoveIf<const float>(*stream, m_Life, visit), 0u); }},
+        {3, [&] { Particles::ForEachPageOn(runInOrder, *stream, visit); }},
+    };
+    for (const auto &[name, changeIt] : changes)
     {
-        run(change.first, change.second, 1,
-            [](CTestStream &stream, const auto &fn)
-            { Particles::ForEachPage(stream, [&](const CParticlePageView &) { fn(); }); });
-        run(change.first, change.second, 2000,
-            [this](CTestStream &stream, const auto &fn)
-            { Particles::ForEach<float>(stream, m_Life, [&](float &life) { life = fn() ? 1.0f : 0.0f; }); });
-        run(change.first, change.second, 1024,
-            [this](CTestStream &stream, const auto &fn)
-            {
-                const auto predicate = [&](float)
-                {
-                    fn();
-                    return true;
-                };
-                EXPECT_EQ(Particles::RemoveIf<const float>(stream, m_Life, predicate), 0u);
-            });
-        run(change.first, change.second, 3,
-            [](CTestStream &stream, const auto &fn)
-            {
-                const auto executor = [](u32 count, const auto &task)
-                {
-                    for (u32 i = 0; i < count; ++i)
-                        task(i);
-                };
-                Particles::ForEachPageOn(executor, stream, [&](const CParticlePageView &) { fn(); });
-            });
+        for (const auto &[expectedCalls, iterate] : functions)
+        {
+            SCOPED_TRACE(std::string(name) + " in " + std::to_string(expectedCalls));
+            CTestStream changed(20, m_Definition);
+            for (const u32 count : {2000u, 6u, 7u})
+                changed.AppendPage(count, count);
+            stream = &changed;
+            change = &changeIt;
+            calls = 0;
+            iterate();
+            EXPECT_EQ(calls, expectedCalls);
+            u32 reportCount = 0;
+            for (const SSeenReport &report : m_Reports.Take())
+                reportCount += report.m_Message.find("the stream was changed by the function that goes over") == 0;
+            EXPECT_EQ(reportCount, 1u);
+            changed.Clear();
+            m_Reports.Take();
+        }
     }
 }
 
@@ -286,12 +236,7 @@ TEST_F(ForEach, PagesGoToOtherThreadsUnderTheLock)
     {
         EXPECT_EQ(count, 3u);
         EXPECT_TRUE(m_Stream.LockedByCurrentThread());
-        std::thread first([&] { task(0); }), others(
-                                                 [&]
-                                                 {
-                                                     task(2);
-                                                     task(1);
-                                                 });
+        std::thread first([&] { task(0); }), others([&] { task(2), task(1); });
         first.join();
         others.join();
     };
@@ -305,17 +250,12 @@ TEST_F(ForEach, PagesGoToOtherThreadsUnderTheLock)
     Particles::ForEachPageOn(executor, m_Stream, visit);
     EXPECT_EQ(visits.size(), 3u);
     EXPECT_EQ(visits[m_Stream.Page(CGuid(2)).Get()], 2501u);
-    float next = 1.0f;
-    Particles::ForEach<const float>(m_Stream, m_Life, [&](float life) { EXPECT_EQ(life, next++); });
+    EXPECT_EQ(m_Stream.Pages(), "[1-7] [] [8-2508] [2509-2519]");
     EXPECT_FALSE(m_Stream.LockedByCurrentThread());
 
     Particles::ForEachPageOn([](u32 count, const auto &task) { task(count); }, m_Stream, visit);
-    EXPECT_EQ(TakeMessages(), std::vector<std::string>{"there is no task 3: the executor was given 3"});
+    EXPECT_EQ(m_Reports.Take().size(), 1u) << "there is no such task";
     m_Memory.RefuseFrom(1);
     Particles::ForEachPageOn([](u32, const auto &) { ADD_FAILURE(); }, m_Stream, visit);
     m_Reports.Expect({"false"});
 }
-
-} // namespace
-} // namespace Tests
-} // namespace Tessaly

@@ -1,5 +1,4 @@
-// Every mistake of a host that the guide's table explains: made here, its report has the text that stands there.
-
+// Each mistake that the guide's table explains is made here: its report has the text of the table.
 #include <cstdlib>
 #include <fstream>
 #include <set>
@@ -8,14 +7,10 @@
 #include <tz_particles/include/ps_for_each.h>
 #include <tz_version.h>
 
-namespace Tessaly
-{
-namespace Tests
-{
-namespace
-{
+using namespace Tessaly;
+using namespace Tessaly::Tests;
 
-struct STooMany // as a view sees a container of four thousand million elements
+struct STooMany // a container of more elements than a view counts
 {
     u32 *data() const { return null; }
     size_t size() const { return size_t(1) << 32; }
@@ -24,7 +19,7 @@ struct STooMany // as a view sees a container of four thousand million elements
 class Mistakes : public CStreamTest
 {
 protected:
-    // The first column of the table, as it stands between the backquotes.
+    // The first column of the table, without the backquotes.
     static std::multiset<std::string> Rows()
     {
         std::multiset<std::string> rows;
@@ -43,7 +38,7 @@ protected:
         return rows;
     }
 
-    // Fails the requests of the mistake one after the other; its first refusal to an array is an example for all.
+    // Makes the mistake with the first request for memory refused, then with the second, and so on.
     template <typename _Mistake>
     void WithoutMemory(_Mistake mistake)
     {
@@ -80,10 +75,7 @@ protected:
         CRefCountedObject::RemoveReference(page.Get());
         for (u32 i = 0; i < 3; ++i)
             page.Get()->AddReference();
-    }
 
-    void OfArrays()
-    {
         TArray<u32> array;
         array.begin() += 1;
         WithoutMemory([&] { array.Reserve(100); });
@@ -141,7 +133,7 @@ protected:
         stream.SetPageSize(8);
     }
 
-    void OfBirths()
+    void OfBirthsAndTheLock()
     {
         m_Stream.RegisterDeadCount(11);
         m_Stream.RegisterBornCount(11);
@@ -153,10 +145,6 @@ protected:
                 stream.SetPageSize(8);
                 stream.ResizePending(1);
             });
-    }
-
-    void OfTheLock()
-    {
         m_Stream.UnlockPages();
         CTestStream other(16);
         const CScopedPagesLock lock(m_Stream), otherLock(other);
@@ -182,18 +170,15 @@ protected:
         Particles::ForEach<float>(m_Stream, CGuid(1), [](float) {});
     }
 
-    void OfForEach()
+    void OfForEachAndRemoval()
     {
         Particles::ForEach<const float>(m_Stream, CGuid(4), [](float) {});
         Particles::ForEach<CFloat4>(m_Stream, CGuid(2), [](CFloat4) {});
         Particles::ForEach<const float>(m_Stream, CGuid(1), [this](float) { m_Stream.AllocateParticlesIFP(1, 0); });
         Particles::ForEachPageOn([](u32, const auto &task) { task(5); }, m_Stream, [](const CParticlePageView &) {});
-    }
 
-    void OfRemoval()
-    {
-        SParticleMove room[3];
-        TMemoryView<SParticleMove> moves(room, 3);
+        SParticleMove entries[3];
+        TMemoryView<SParticleMove> moves(entries, 3);
         const std::vector<u32> twice = {1, 2, 2}, beyond = {1, 20};
         m_Stream.RemoveParticles(3, {});
         m_Stream.RemoveParticles(0, twice);
@@ -204,7 +189,7 @@ protected:
         m_Stream.GarbageCollectOldPages(&reindexer);
     }
 
-    void OfCopies()
+    void OfCopiesAndBlocks()
     {
         CTestStream small(4, m_Definition), other(16);
         other.BindStreamDef(&m_Floats);
@@ -221,10 +206,7 @@ protected:
         small.RegisterDeadCount(4);
         small.ResizePending(1);
         small.Clear();
-    }
 
-    void OfTheAllocator()
-    {
         CParticlePageAllocator &allocator = m_Runtime.Allocator();
         u8 *block = allocator.Alloc(512);
         allocator.Retire(reinterpret_cast<u8 *>(0x1000), 512);
@@ -242,18 +224,14 @@ TEST_F(Mistakes, AreExplainedInTheGuide)
     m_Definition.BindTo(m_Stream);
     m_Stream.AllocateParticlesIFP(10, 0);
     OfTheKernel();
-    OfArrays();
     OfDefinitions();
-    OfBirths();
-    OfTheLock();
+    OfBirthsAndTheLock();
     OfViews();
-    OfCopies();
-    OfForEach();
-    OfRemoval();
-    OfTheAllocator();
+    OfCopiesAndBlocks();
+    OfForEachAndRemoval();
 
     std::set<std::string> reported;
-    bool isGrowthReported = false; // one stands for all
+    bool isGrowthReported = false; // one is an example for all
     for (const SSeenReport &report : m_Reports.Take())
     {
         const bool isGrowth = report.m_Message.find("could not grow array") == 0;
@@ -267,7 +245,3 @@ TEST_F(Mistakes, AreExplainedInTheGuide)
     for (const std::string &text : rows)
         EXPECT_EQ(reported.count(text), 1u) << "nobody reports: " << text;
 }
-
-} // namespace
-} // namespace Tests
-} // namespace Tessaly

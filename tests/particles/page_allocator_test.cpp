@@ -1,21 +1,12 @@
-// The page allocator: size classes, recycling, budget, maintenance, teardown.
-
-#include <fstream>
+// The page allocator: size classes, recycling, budget, memory given back to the system, shutdown.
 #include <random>
-#include <set>
 #include <thread>
-
-#include <unistd.h>
 
 #include <support/stream_fixture.h>
 #include <tz_kernel/include/kr_address_sanitizer.h>
 
-namespace Tessaly
-{
-namespace Tests
-{
-namespace
-{
+using namespace Tessaly;
+using namespace Tessaly::Tests;
 
 using Allocator = CParticlePageAllocator;
 using PRawPage = PParticleRawPage_MainMemory;
@@ -30,6 +21,40 @@ protected:
         Pages().GetTotalStats(stats);
         return stats;
     }
+    std::vector<PRawPage> AllocPages(size_t count, u32 size) const
+    {
+        std::vector<PRawPage> pages(count);
+        for (PRawPage &page : pages)
+            page = Pages().AllocPage(size);
+        return pages;
+    }
+    // Releases all of them but each n-th.
+    static void KeepEach(size_t n, std::vector<PRawPage> &pages)
+    {
+        for (size_t i = 0; i < pages.size(); ++i)
+            pages[i] = i % n == 0 ? pages[i] : null;
+    }
+    // A page of which every byte is value, and the check for it.
+    static PRawPage Filled(PRawPage page, u8 value)
+    {
+        std::memset(page->RawDataForWriting(), value, page->Size());
+        return page;
+    }
+    static void ExpectFilled(const PRawPage &page, u8 value)
+    {
+        const CScopedRawPageReader reader(page);
+        const u8 *data = reader.Data();
+        EXPECT_TRUE(data[0] == value && std::memcmp(data, data + 1, page->Size() - 1) == 0);
+    }
+    void CountCalls(const SMemoryCall &call)
+    {
+        ++m_CallCount;
+        m_DiscardedBytes += call.m_Kind == SMemoryCall::Discard ? call.m_Size : 0;
+    }
+    ~PageAllocator() override { m_Memory.AtEachCall({}); }
+
+    u32 m_CallCount = 0;
+    u64 m_DiscardedBytes = 0;
 };
 
 TEST(PageSizeClasses, HoldEverySizeAndWasteAFifthAtMost)
@@ -54,9 +79,9 @@ TEST(PageSizeClasses, HoldEverySizeAndWasteAFifthAtMost)
 TEST_F(PageAllocator, BlocksAreRecycled)
 {
     EXPECT_TRUE(Allocator().AllocPage(1) == null) << "not set up";
-    const u8 *data = Pages().AllocPage(5000)->BeginRead(); // a reader who forgot to end
+    const u8 *data = Pages().AllocPage(5000)->BeginRead(); // a read that never ends
     const CParticlePageAllocator_Stats before = Stats();
-    const PParticleRawPage_MainMemory again = Pages().AllocPage(4500);
+    const PRawPage again = Pages().AllocPage(4500);
     EXPECT_EQ(again->RawDataForWriting(), data);
     EXPECT_EQ(again->ReadersCount(), 0u);
     const CParticlePageAllocator_Stats after = Stats();
@@ -86,23 +111,17 @@ TEST_F(PageAllocator, BlocksAreHandedOutWithoutTheirRawPages)
     EXPECT_EQ(Stats().m_AllocCount - Stats().m_RecycleCount, Stats().m_BlocksFree + 1) << "never pooled";
 
     Pages().Retire(Pages().Alloc(leastSize), leastSize + 1);
-    m_Reports.Expect({"record->Size() == expectedBytes"});
-
     u8 *small = Pages().Alloc(700);
     Pages().Retire(small, 5000);
-    m_Reports.Expect({"record->Size() == expectedBytes"});
-    EXPECT_EQ(Pages().Alloc(700), small) << "it is free as what it is";
+    EXPECT_EQ(Pages().Alloc(700), small) << "a free block of its own class";
     Pages().Retire(small + 1, 700);
-    m_Reports.Expect({"isOut"});
     Pages().Retire(small, 700);
     Pages().Retire(small, 700);
-    m_Reports.Expect({"isOut"});
+    m_Reports.Expect({"record->Size() == expectedBytes", "record->Size() == expectedBytes", "isOut", "isOut"});
     EXPECT_EQ(Stats().m_BlocksInUse, 0u);
-    EXPECT_EQ(Pages().TotalMemoryAllocated(), 0u);
 }
 
-// Random requests and releases beside what a model expects of sums, contents and overlap; discarded bytes are soiled by
-// the hook, so that a block which lost its own shows it.
+// Random requests and releases beside what a model expects of sums, contents and overlap.
 TEST_F(PageAllocator, NoBlockIsLostSharedOrDiscardedInUse)
 {
     const u32 seed = std::random_device()();
@@ -110,13 +129,6 @@ TEST_F(PageAllocator, NoBlockIsLostSharedOrDiscardedInUse)
     std::minstd_rand random(seed);
     std::vector<std::pair<PRawPage, u8>> held;
     u64 bytesInUse = 0;
-    const auto check = [](const std::pair<PRawPage, u8> &block)
-    {
-        const u8 *data = block.first->BeginRead();
-        EXPECT_EQ(ureg(data) % 64, 0u);
-        EXPECT_TRUE(data[0] == block.second && std::memcmp(data, data + 1, block.first->Size() - 1) == 0);
-        block.first->EndRead();
-    };
     for (u32 i = 0; i < 6000 && !HasFailure(); ++i)
     {
         const u32 choice = u32(random() % 200);
@@ -124,17 +136,16 @@ TEST_F(PageAllocator, NoBlockIsLostSharedOrDiscardedInUse)
         {
             const u32 size = u32((600u << random() % 11) - random() % 300);
             const u8 value = u8(random());
-            held.emplace_back(Pages().AllocPage(size), value);
+            held.emplace_back(Filled(Pages().AllocPage(size), value), value);
             bytesInUse += held.back().first->Size();
             EXPECT_GE(held.back().first->Size(), size);
-            std::memset(held.back().first->RawDataForWriting(), value, held.back().first->Size());
+            EXPECT_EQ(ureg(held.back().first->RawDataForWriting()) % 64, 0u);
         }
         else if (choice < 197)
         {
-            const size_t at = random() % held.size();
-            check(held[at]);
-            bytesInUse -= held[at].first->Size();
-            std::swap(held[at], held.back());
+            std::swap(held[random() % held.size()], held.back());
+            ExpectFilled(held.back().first, held.back().second);
+            bytesInUse -= held.back().first->Size();
             held.pop_back();
         }
         else if (choice < 199)
@@ -149,11 +160,11 @@ TEST_F(PageAllocator, NoBlockIsLostSharedOrDiscardedInUse)
         EXPECT_EQ(stats.m_BlocksInUse, held.size());
         EXPECT_LE(stats.m_BytesInUse + stats.m_BytesFree, stats.m_BytesReserved);
     }
-    for (const auto &block : held)
-        check(block);
+    for (const auto &[page, value] : held)
+        ExpectFilled(page, value);
 }
 
-TEST_F(PageAllocator, IdleBlocksGoBackAndBusyOnesStay)
+TEST_F(PageAllocator, IdleBlocksAreGivenBackAndUsedOnesStay)
 {
     const u32 blockCount = m_Memory.LiveBlockCount();
     Pages().AllocPage(700);
@@ -165,7 +176,7 @@ TEST_F(PageAllocator, IdleBlocksGoBackAndBusyOnesStay)
         Pages().AllocPage(9000);
         Pages().Update();
     }
-    EXPECT_EQ(Stats().m_BlocksFree, 1u) << "the one that nobody asked for is gone";
+    EXPECT_EQ(Stats().m_BlocksFree, 1u) << "the idle one is gone";
     EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 2);
     EXPECT_EQ(Pages().TotalMemoryAvailable(), Stats().m_BytesFree);
     const PRawPage inUse = Pages().AllocPage(700);
@@ -174,43 +185,31 @@ TEST_F(PageAllocator, IdleBlocksGoBackAndBusyOnesStay)
     EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount + 3) << "what is in use";
 }
 
-// One Update calls the services a few times at most, whatever became idle; all of it goes back in the end.
+// However much is idle, one Update calls the memory services a few times at most; later ones give back the rest.
 TEST_F(PageAllocator, UpdateGivesBackInSmallSteps)
 {
-    std::vector<PRawPage> held;
-    for (u32 i = 0; i < 4000; ++i)
-        held.push_back(Pages().AllocPage(4096));
-    for (size_t i = 0; i < held.size(); ++i)
-        held[i] = i % 10 == 0 ? held[i] : null;
-    u32 callCount = 0;
-    u64 discardedBytes = 0;
-    m_Memory.AtEachCall(
-        [&](const SMemoryCall &call)
+    std::vector<PRawPage> held = AllocPages(4000, 4096);
+    KeepEach(10, held);
+    m_Memory.AtEachCall([this](const SMemoryCall &call) { CountCalls(call); });
+    const auto update300Times = [&]
+    {
+        for (u32 i = 0; i < 300; ++i)
         {
-            ++callCount;
-            discardedBytes += call.m_Kind == SMemoryCall::Discard ? call.m_Size : 0;
-        });
-    for (u32 i = 0; i < 300; ++i)
-    {
-        callCount = 0;
-        Pages().Update();
-        ASSERT_LE(callCount, 8u) << "update " << i;
-        EXPECT_TRUE(discardedBytes == 0 || i + 1 >= Allocator::kMaxIdleUpdates);
-    }
+            m_CallCount = 0;
+            Pages().Update();
+            ASSERT_LE(m_CallCount, 8u) << "update " << i;
+            EXPECT_TRUE(m_DiscardedBytes == 0 || i + 1 >= Allocator::kMaxIdleUpdates || held.empty());
+        }
+    };
+    update300Times();
     // Under the sanitizer each block has an arena of its own.
-    EXPECT_TRUE(discardedBytes >= 4000u * 4096 * 9 / 10 || Mem::kIsAddressSanitized) << discardedBytes;
+    EXPECT_TRUE(m_DiscardedBytes >= 4000u * 4096 * 9 / 10 || Mem::kIsAddressSanitized) << m_DiscardedBytes;
     held.clear();
-    for (u32 i = 0; i < 300; ++i)
-    {
-        callCount = 0;
-        Pages().Update();
-        ASSERT_LE(callCount, 8u) << "two for an arena";
-    }
-    m_Memory.AtEachCall(CAllocatorHook::FnAtCall());
+    update300Times();
 }
 
-// Where blocks in use keep an arena, what was given back serves again before another arena is made.
-TEST_F(PageAllocator, ArenasAreUsedUpAndGoWithTheirLastBlock)
+// In an arena that blocks in use keep, blocks that were given back are used again before another arena is made.
+TEST_F(PageAllocator, ArenasAreFilledFirstAndFreedWithTheirLastBlock)
 {
     for (const u32 size : {512u, 48u << 10, 200u << 10, Allocator::kMaxAllocSize})
     {
@@ -218,14 +217,11 @@ TEST_F(PageAllocator, ArenasAreUsedUpAndGoWithTheirLastBlock)
         const PRawPage kept = Pages().AllocPage(size);
         const u64 reserved = Stats().m_BytesReserved;
         EXPECT_LE(reserved, (4u << 20) + (4u << 10)) << size;
-        std::vector<PRawPage> held(3);
         for (u32 round = 0; round < 3; ++round)
         {
-            for (PRawPage &page : held)
-                page = Pages().AllocPage(size);
+            std::vector<PRawPage> held = AllocPages(3, size);
             EXPECT_TRUE(Stats().m_BytesReserved == reserved || Mem::kIsAddressSanitized) << size;
-            for (PRawPage &page : held)
-                page = null;
+            held.clear();
             Pages().CleanAllFreePages();
         }
         EXPECT_EQ(Stats().m_BytesReserved, reserved);
@@ -234,78 +230,61 @@ TEST_F(PageAllocator, ArenasAreUsedUpAndGoWithTheirLastBlock)
     EXPECT_EQ(Stats().m_BytesReserved, 0u);
 }
 
-// One survivor in an arena, its last block: every other byte is discarded, those behind the last block, too.
-TEST_F(PageAllocator, AllButTheBlocksInUseGoesBack)
+// Only the last block of an arena is in use: all other bytes are discarded, also those behind the last block.
+TEST_F(PageAllocator, AllBytesButTheBlocksInUseAreDiscarded)
 {
-    u64 discardedBytes = 0;
-    m_Memory.AtEachCall([&](const SMemoryCall &call)
-                        { discardedBytes += call.m_Kind == SMemoryCall::Discard ? call.m_Size : 0; });
+    m_Memory.AtEachCall([this](const SMemoryCall &call) { CountCalls(call); });
     for (u32 slotId = 0; const u32 size = Allocator::_SlotIdToSize(slotId); ++slotId)
     {
         Pages().CleanAllFreePages(); // of the class before
-        std::vector<PRawPage> held = {Pages().AllocPage(size)};
+        std::vector<PRawPage> held = AllocPages(1, size);
         const u64 reserved = Stats().m_BytesReserved;
         while (Stats().m_BytesReserved == reserved)
             held.push_back(Pages().AllocPage(size));
         const PRawPage kept = held[held.size() - 2];
         held.clear();
-        discardedBytes = 0;
+        m_DiscardedBytes = 0;
         Pages().CleanAllFreePages();
         EXPECT_EQ(Stats().m_BytesReserved, reserved) << "the other arena is gone";
-        EXPECT_GE(discardedBytes + size + 64, reserved) << size;
+        EXPECT_GE(m_DiscardedBytes + size + 64, reserved) << size;
     }
-    m_Memory.AtEachCall(CAllocatorHook::FnAtCall());
 }
 
-// A thread that asks for a block while the memory of its class is being discarded gets none that loses its bytes.
+// A block that another thread takes while blocks of its class are being discarded keeps its bytes.
 TEST_F(PageAllocator, BlocksTakenDuringADiscardKeepTheirBytes)
 {
-    std::vector<PRawPage> held(20), taken;
-    for (PRawPage &page : held)
-        page = Pages().AllocPage(48 << 10);
-    for (size_t i = 0; i < held.size(); ++i)
-        held[i] = i % 5 == 0 ? held[i] : null;
+    std::vector<PRawPage> held = AllocPages(20, 48 << 10), taken;
+    KeepEach(5, held);
+    const auto take = [&] { taken.push_back(Filled(Pages().AllocPage(48 << 10), 7)); };
     m_Memory.AtEachCall(
         [&](const SMemoryCall &call)
         {
             if (call.m_Kind == SMemoryCall::Discard)
-                std::thread(
-                    [&]
-                    {
-                        taken.push_back(Pages().AllocPage(48 << 10));
-                        std::memset(taken.back()->RawDataForWriting(), 7, 48 << 10);
-                    })
-                    .join();
+                std::thread(take).join();
         });
     Pages().CleanAllFreePages();
-    m_Memory.AtEachCall(CAllocatorHook::FnAtCall());
     EXPECT_EQ(taken.size(), Mem::kIsAddressSanitized ? 0u : 4u);
     for (const PRawPage &page : taken)
-    {
-        const u8 *data = page->BeginRead();
-        EXPECT_TRUE(data[0] == 7 && std::memcmp(data, data + 1, (48 << 10) - 1) == 0);
-        page->EndRead();
-    }
+        ExpectFilled(page, 7);
 }
 
 TEST_F(PageAllocator, FreeBlocksServeOtherThreadsAndOtherClasses)
 {
     const u8 *first = null, *second = null;
-    std::thread(
-        [&]
-        {
-            const PRawPage a = Pages().AllocPage(2000), b = Pages().AllocPage(2000);
-            first = a->BeginRead();
-            second = b->BeginRead();
-        }) // b goes first
-        .join();
+    const auto takeTwo = [&]
+    {
+        const PRawPage a = Pages().AllocPage(2000), b = Pages().AllocPage(2000);
+        first = a->BeginRead();
+        second = b->BeginRead();
+    }; // b is released first
+    std::thread(takeTwo).join();
     EXPECT_EQ(Stats().m_BlocksFree, 2u) << "a thread leaves its blocks to the others";
     m_Memory.RefuseIf([](const SMemoryCall &call) { return call.m_Size > 2000; });
     const PRawPage other = Pages().AllocPage(2000);
     EXPECT_EQ(other->RawDataForWriting(), second) << "the oldest of another shard";
     const PRawPage refused = Pages().AllocPage(Allocator::kMaxAllocSize);
     EXPECT_TRUE(refused == null);
-    EXPECT_EQ(Stats().m_BlocksFree, 0u) << "free blocks of all classes went back before the second try";
+    EXPECT_EQ(Stats().m_BlocksFree, 0u) << "free blocks of all classes are given back before the second try";
     EXPECT_EQ(Stats().m_RefusalCount, 1u);
     m_Memory.RefuseNone();
     Pages().AllocPage(2000); // leaves a free block
@@ -320,39 +299,37 @@ TEST_F(PageAllocator, BudgetIsExactUnderThreads)
     constexpr u64 kBudget = 20 * 4096;
     Pages().SetMemoryBudget(kBudget);
     EXPECT_EQ(Pages().SpaceLeft(), kBudget);
-    std::vector<std::thread> threads;
     std::atomic<u32> servedCount{0};
+    const auto takeAndRelease = [&]
+    {
+        std::vector<PRawPage> held;
+        for (u32 i = 0; i < 500; ++i)
+        {
+            held.push_back(Pages().AllocPage(4096));
+            servedCount += held.back() != null ? 1 : 0;
+            EXPECT_LE(Pages().TotalMemoryAllocated(), kBudget);
+            EXPECT_LE(Stats().m_BlocksInUse, 20u);
+            if (held.size() > 7)
+                held.clear();
+            if (i % 100 == 0)
+                Pages().Update();
+        }
+    };
+    std::vector<std::thread> threads;
     for (u32 t = 0; t < 4; ++t)
-        threads.emplace_back(
-            [&]
-            {
-                std::vector<PRawPage> held;
-                for (u32 i = 0; i < 500; ++i)
-                {
-                    held.push_back(Pages().AllocPage(4096));
-                    servedCount += held.back() != null ? 1 : 0;
-                    EXPECT_LE(Pages().TotalMemoryAllocated(), kBudget);
-                    EXPECT_LE(Stats().m_BlocksInUse, 20u);
-                    if (held.size() > 7)
-                        held.clear();
-                    if (i % 100 == 0)
-                        Pages().Update();
-                }
-            });
+        threads.emplace_back(takeAndRelease);
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_GE(servedCount, 20u);
     EXPECT_EQ(Pages().SpaceLeft(), kBudget);
-    std::vector<PRawPage> held(21);
-    for (PRawPage &page : held)
-        page = Pages().AllocPage(4096);
+    const std::vector<PRawPage> held = AllocPages(21, 4096);
     EXPECT_TRUE(held[19] != null && held[20] == null);
 }
 
 TEST_F(PageAllocator, CountsPastFourGigabytes)
 {
     m_Memory.ServeAtMost(1 << 16);
-    PParticleRawPage_MainMemory first = Pages().AllocPage(0xF0000000u), second = Pages().AllocPage(0xFFFFFFFFu);
+    PRawPage first = Pages().AllocPage(0xF0000000u), second = Pages().AllocPage(0xFFFFFFFFu);
     ASSERT_TRUE(first != null && second != null);
     EXPECT_EQ(Pages().TotalMemoryAllocated(), 0xF0000000ull + 0xFFFFFFFFull);
     Pages().SetMemoryBudget(0x1F0000000ull);
@@ -367,7 +344,7 @@ TEST_F(PageAllocator, BlocksOutliveTheLastShutdown)
     PRawPage small = allocator->AllocPage(600), large = allocator->AllocPage(2000000);
     EXPECT_TRUE(Particles::Startup());
     Particles::Shutdown();
-    EXPECT_EQ(Particles::PageAllocator(), allocator) << "its other user goes on";
+    EXPECT_EQ(Particles::PageAllocator(), allocator) << "it has another user";
     Particles::Shutdown();
     EXPECT_EQ(Particles::PageAllocator(), nullptr);
     EXPECT_TRUE(Particles::Startup());
@@ -375,7 +352,3 @@ TEST_F(PageAllocator, BlocksOutliveTheLastShutdown)
     small = large = null;
     EXPECT_EQ(Pages().TotalMemoryAllocated(), 0u);
 }
-
-} // namespace
-} // namespace Tests
-} // namespace Tessaly

@@ -1,5 +1,4 @@
 // Statistics records: sums and printing. What is in them is the model's to check.
-
 #include <cstring>
 
 #include <gtest/gtest.h>
@@ -8,12 +7,7 @@
 #include <tz_particles/include/Storage/MainMemory/storage_ram_allocator.h>
 #include <tz_particles/include/ps_stats.h>
 
-namespace Tessaly
-{
-namespace Tests
-{
-namespace
-{
+using namespace Tessaly;
 
 TEST(Statistics, MemoryReportsAreSummedCounterByCounter)
 {
@@ -34,7 +28,7 @@ TEST(Statistics, MemoryReportsAreSummedCounterByCounter)
 
 // Each form of a record, whose text is never longer than its buffer.
 template <typename _Record>
-std::string Printed(const _Record &record)
+static std::string Printed(const _Record &record)
 {
     using FnPrint = int (_Record::*)(char *, size_t) const;
     std::string all;
@@ -54,13 +48,8 @@ std::string Printed(const _Record &record)
 TEST(Statistics, RecordsArePrinted)
 {
     SParticleStreamStats pages;
-    pages.m_PageCount = 1;
-    pages.m_PageCount_OutOfSync = 2;
-    pages.m_ParticleCount = 3;
-    pages.m_SlotCount = 12;
-    pages.m_LiveBytes = 10;
-    pages.m_FreeBytes = 20;
-    pages.m_PaddingBytes = 70;
+    pages.m_PageCount = 1, pages.m_PageCount_OutOfSync = 2, pages.m_ParticleCount = 3, pages.m_SlotCount = 12;
+    pages.m_LiveBytes = 10, pages.m_FreeBytes = 20, pages.m_PaddingBytes = 70;
     for (u32 i = 0; i < 10; ++i)
         pages.m_PagesByTenth[i] = 31 + i;
     EXPECT_EQ(Printed(pages), R"(pages                      1   2 out of sync
@@ -89,7 +78,3 @@ blocks in use 33 (31 bytes), free 34 (32 bytes), reserved 38 bytes, handed out 3
                                R"({"bytesInUse":31,"bytesFree":32,"bytesReserved":38,"blocksInUse":33,"blocksFree":34,)"
                                R"("allocations":35,"recycled":36,"refusals":37})");
 }
-
-} // namespace
-} // namespace Tests
-} // namespace Tessaly

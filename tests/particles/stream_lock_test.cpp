@@ -1,18 +1,12 @@
-// The page lock: nesting, other threads, misuse; how often each operation takes it, and what stands inside it. The
-// ends of a stream: construction, emptying, exchange.
-
+// The page lock: nesting, other threads, misuse; how often each operation takes it, and what happens under it.
 #include <atomic>
 #include <thread>
 
 #include <support/profiler_recorder.h>
 #include <support/stream_fixture.h>
 
-namespace Tessaly
-{
-namespace Tests
-{
-namespace
-{
+using namespace Tessaly;
+using namespace Tessaly::Tests;
 
 constexpr const char *kLockedText = "m_PagesLocked != 0";
 constexpr const char *kOwnerText = "m_ThreadOwningLock == CCurrentThread::ThreadID()";
@@ -20,17 +14,17 @@ constexpr const char *kOwnerText = "m_ThreadOwningLock == CCurrentThread::Thread
 class StreamLock : public CStreamTest
 {
 protected:
-    // Unlocks that operation makes.
-    template <typename _Operation>
-    u64 Unlocks(_Operation operation)
-    {
-        const u64 before = CThreadStats::CSUnlockCount();
-        operation();
-        return CThreadStats::CSUnlockCount() - before;
-    }
-
     CTestStream m_Stream{16, m_Definition};
 };
+
+// How often operation unlocks.
+template <typename _Operation>
+static u64 Unlocks(_Operation operation)
+{
+    const u64 before = CThreadStats::CSUnlockCount();
+    operation();
+    return CThreadStats::CSUnlockCount() - before;
+}
 
 TEST_F(StreamLock, KeepsOtherThreadsOutUntilTheLastUnlock)
 {
@@ -41,19 +35,17 @@ TEST_F(StreamLock, KeepsOtherThreadsOutUntilTheLastUnlock)
         [&]
         {
             EXPECT_FALSE(m_Stream.LockedByCurrentThread());
-            m_Stream.LockPagesToRender();
+            const CScopedPagesRenderLock lock(m_Stream);
             hasEntered = true;
-            m_Stream.UnlockPagesToRender();
         });
     m_Stream.UnlockPages();
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_FALSE(hasEntered);
     m_Stream.UnlockPages();
     other.join();
-    EXPECT_TRUE(hasEntered);
 }
 
-TEST_F(StreamLock, RenderThreadThatWaitsGoesBeforeALockThatIsTakenAgain)
+TEST_F(StreamLock, WaitingRenderThreadGoesBeforeALockThatIsTakenAgain)
 {
     constexpr u32 kAttempts = 10;
     u32 firstCount = 0;
@@ -65,14 +57,13 @@ TEST_F(StreamLock, RenderThreadThatWaitsGoesBeforeALockThatIsTakenAgain)
             [&]
             {
                 isAboutToWait = true;
-                m_Stream.LockPagesToRender();
+                const CScopedPagesRenderLock lock(m_Stream);
                 hasEntered = true;
-                m_Stream.UnlockPagesToRender();
             });
         while (!isAboutToWait)
             std::this_thread::yield();
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        m_Stream.LockPages(); // who holds it does not wait for the render thread
+        m_Stream.LockPages(); // the thread that holds it does not wait for the render thread
         m_Stream.UnlockPages();
         m_Stream.UnlockPages();
         m_Stream.LockPages();
@@ -85,13 +76,12 @@ TEST_F(StreamLock, RenderThreadThatWaitsGoesBeforeALockThatIsTakenAgain)
 
 TEST_F(StreamLock, UnlockByAnyoneButTheOwnerIsReportedAndNothingElse)
 {
-    EXPECT_EQ(Unlocks([this] { m_Stream.UnlockPages(); }), 0u);
-    m_Reports.Expect({kLockedText, kOwnerText});
-    EXPECT_EQ(Unlocks([this] { m_Stream.UnlockPagesToRender(); }), 0u);
+    EXPECT_EQ(Unlocks([this] { m_Stream.UnlockPages(), m_Stream.UnlockPagesToRender(); }), 0u);
     const std::vector<SSeenReport> seen = m_Reports.Take();
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_NE(seen[0].m_Function.find("UnlockPagesToRender"), std::string::npos) << "sites of its own";
-    EXPECT_EQ(seen[0].m_Text, kLockedText);
+    ASSERT_EQ(seen.size(), 4u);
+    for (u32 i = 0; i < 4; ++i)
+        EXPECT_EQ(seen[i].m_Text, i % 2 == 0 ? kLockedText : kOwnerText);
+    EXPECT_NE(seen[2].m_Function.find("UnlockPagesToRender"), std::string::npos) << "sites of its own";
     m_Stream.LockPages();
     std::thread([this] { m_Stream.UnlockPages(), m_Stream.UnlockPagesToRender(); }).join();
     m_Reports.Expect({kOwnerText, kOwnerText});
@@ -100,7 +90,7 @@ TEST_F(StreamLock, UnlockByAnyoneButTheOwnerIsReportedAndNothingElse)
     EXPECT_FALSE(m_Stream.LockedByCurrentThread());
 }
 
-TEST_F(StreamLock, TwoOfItsOperationsAreProfiled)
+TEST_F(StreamLock, ProfilerSeesRenderLocksUnlocksAndThreeOperations)
 {
     using Scopes = std::vector<std::string>;
     const std::string render = "CParticleStream_MainMemory::LockPagesToRender";
@@ -108,27 +98,21 @@ TEST_F(StreamLock, TwoOfItsOperationsAreProfiled)
     CProfilerRecorder profiler;
     m_Stream.LockPages();
     m_Stream.Lock();
-    EXPECT_EQ(profiler.Take(), Scopes());
-    {
-        const CScopedPagesRenderLock lock(m_Stream);
-        EXPECT_EQ(profiler.Take(), (Scopes{"+" + render, "-" + render}));
-    }
-    EXPECT_EQ(profiler.Take(), Scopes());
+    m_Stream.LockPagesToRender();
+    m_Stream.UnlockPagesToRender();
+    EXPECT_EQ(profiler.Take(), (Scopes{"+" + render, "-" + render}));
     m_Stream.UnlockPages();
-    EXPECT_TRUE(m_Stream.LockedByCurrentThread());
     m_Stream.Unlock();
-    EXPECT_FALSE(m_Stream.LockedByCurrentThread());
     EXPECT_EQ(profiler.Take(), (Scopes{"+" + unlock, "-" + unlock, "+" + unlock, "-" + unlock}));
     EXPECT_EQ(profiler.Find(unlock)->m_Color, Profiler::SNodeDescriptor::AutogenColor(unlock.c_str()));
-
     m_Stream.SetPageSize(m_Stream.PageSize());
     EXPECT_EQ(profiler.Take(), (Scopes{"+SetPageSize", "-SetPageSize"})) << "a scope, and no lock";
     m_Stream.AllocateParticlesIFP(1, 0);
-    EXPECT_EQ(profiler.Find("AllocateParticlesIFP")->m_Color, CFloat4(0.8f, 0.2f, 1.0f, 1.0f));
     CTestStream(0).DeepCopy(m_Stream);
+    EXPECT_EQ(profiler.Take().front(), "+AllocateParticlesIFP")
+        << "its scope begins before the consistency check locks";
+    EXPECT_EQ(profiler.Find("AllocateParticlesIFP")->m_Color, CFloat4(0.8f, 0.2f, 1.0f, 1.0f));
     EXPECT_EQ(profiler.Find("DeepCopy")->m_Color, CFloat4(0.4f, 0.3f, 1.0f, 1.0f));
-    const Scopes scopes = profiler.Take();
-    EXPECT_EQ(scopes.front(), "+AllocateParticlesIFP");
 }
 
 TEST_F(StreamLock, IsTakenAsOftenAsEachOperationSays)
@@ -149,12 +133,13 @@ TEST_F(StreamLock, IsTakenAsOftenAsEachOperationSays)
     EXPECT_EQ(Unlocks([this] { m_Stream.GarbageCollectOldPages(null); }), 5u);
     EXPECT_EQ(Unlocks([this] { m_Definition.BindTo(m_Stream); }), 2u);
     EXPECT_EQ(Unlocks([this] { m_Stream.ParticleCount(), m_Stream.GetStreamDef(), m_Stream.PageCount(); }), 0u);
-    CTestStream copy(0);
+    CTestStream copy(0), other(25, m_Definition);
     // Its own check, cleanup with two checks inside the lock, its own check with the copied page.
     EXPECT_EQ(Unlocks([&] { copy.DeepCopy(m_Stream); }), 1u + (1 + 1 + 1) + 1 + 2);
+    EXPECT_EQ(Unlocks([&] { other.Swap(m_Stream); }), 4u) << "the other stream's lock is not taken";
 }
 
-TEST_F(StreamLock, ChecksReportUnderItAndConditionsOfCallersOutside)
+TEST_F(StreamLock, ConsistencyIsReportedUnderItAndBadArgumentsOutside)
 {
     m_Stream.AppendPage(16, 1);
     std::vector<bool> isLocked;
@@ -180,18 +165,16 @@ TEST_F(StreamLock, QueriesBeforeBindingAndOutOfRangeGiveEmptyRecords)
 {
     const CTestStream unbound(0);
     EXPECT_EQ(unbound.StreamDef(CGuid(3)), SParticleStreamFieldDef());
-    EXPECT_EQ(m_Reports.Count(), 0u);
     unbound.StreamId(CStringId(Life));
     const std::vector<SSeenReport> seen = m_Reports.Take();
     ASSERT_EQ(seen.size(), 1u);
-    EXPECT_TRUE(seen[0].m_IsVerify);
-    EXPECT_NE(seen[0].m_Function.find("CParticleStream_MainMemory::StreamId("), std::string::npos);
+    EXPECT_TRUE(seen[0].m_IsVerify && seen[0].m_Function.find("_MainMemory::StreamId(") != std::string::npos);
     EXPECT_EQ(m_Stream.StreamDef(CGuid(1)).m_NameGUID, CStringId(Life));
     EXPECT_EQ(m_Stream.StreamDef(CGuid(4)), SParticleStreamFieldDef());
     m_Stream.AppendPage(11, 1);
     m_Stream.AppendPage(11, 0);
     m_Stream.GarbageCollectOldPages(null);
-    EXPECT_TRUE(m_Stream.Page(CGuid(1)) == null) << "whatever the list's buffer still holds";
+    EXPECT_TRUE(m_Stream.Page(CGuid(1)) == null) << "although the list's buffer still holds the former one";
     m_Stream.Cleanup();
     m_Reports.Expect({"pos < BaseImpl::_Count()", "pos < BaseImpl::_Count()"});
     Particles::Shutdown();
@@ -200,42 +183,36 @@ TEST_F(StreamLock, QueriesBeforeBindingAndOutOfRangeGiveEmptyRecords)
     EXPECT_TRUE(Particles::Startup());
 }
 
-TEST_F(StreamLock, PagesGoInsideItWhenClearedAndOutsideInCleanup)
+TEST_F(StreamLock, ClearReleasesPagesUnderItAndCleanupOutside)
 {
-    struct SDeath
-    {
-        bool m_IsLocked;
-        u64 m_Unlocks; // since the operation began
-    };
-    std::vector<SDeath> deaths;
-    u64 unlocksBefore = 0;
+    std::vector<u64> unlocks; // before each of the deaths
+    std::vector<bool> isLocked;
     for (const bool isCleanup : {false, true})
     {
         for (const u32 count : {4u, 3u, 1u})
             m_Stream.AppendPage(16, count);
         const CParticlePageView view(m_Stream.Page(CGuid(1)));
-        deaths.clear();
-        unlocksBefore = CThreadStats::CSUnlockCount();
+        unlocks.clear();
+        isLocked.clear();
+        const u64 before = CThreadStats::CSUnlockCount();
         m_Memory.AtEachCall(
             [&](const SMemoryCall &call)
             {
-                if (call.m_Kind == SMemoryCall::Free &&
-                    (call.m_Function.find("_DeleteObject") != std::string::npos ||
-                     call.m_Function.find("TRefPtr<Tessaly::CParticlePage>") != std::string::npos))
-                    deaths.push_back({m_Stream.LockedByCurrentThread(), CThreadStats::CSUnlockCount() - unlocksBefore});
+                if (call.m_Kind != SMemoryCall::Free ||
+                    (call.m_Function.find("_DeleteObject") == std::string::npos &&
+                     call.m_Function.find("TRefPtr<Tessaly::CParticlePage>") == std::string::npos))
+                    return;
+                unlocks.push_back(CThreadStats::CSUnlockCount() - before);
+                isLocked.push_back(m_Stream.LockedByCurrentThread());
             });
         isCleanup ? m_Stream.Cleanup() : m_Stream.Clear();
-        m_Memory.AtEachCall(CAllocatorHook::FnAtCall());
-        // Two pages with their raw pages; in a cleanup after the entry check (two unlocks) and the exchange, and then
-        // the list, after the exit check.
-        ASSERT_EQ(deaths.size(), isCleanup ? 5u : 4u);
-        for (size_t i = 0; i < deaths.size(); ++i)
-        {
-            EXPECT_EQ(deaths[i].m_IsLocked, !isCleanup);
-            EXPECT_EQ(deaths[i].m_Unlocks, !isCleanup ? 2u : i == 4 ? 4u : 3u);
-        }
+        m_Memory.AtEachCall({});
+        // Two pages with their raw pages are freed; in Cleanup after the check at the entry (two unlocks) and the
+        // exchange of the list, which is freed itself after the check at the exit.
+        EXPECT_EQ(unlocks, isCleanup ? (std::vector<u64>{3, 3, 3, 3, 4}) : std::vector<u64>(4, 2));
+        EXPECT_EQ(isLocked, std::vector<bool>(unlocks.size(), !isCleanup));
         EXPECT_EQ(m_Stream.PageCount() + m_Stream.ParticleCount(), 0u);
-        EXPECT_EQ(CParticlePageView(view).OriginalPage()->ParticleCount(), isCleanup ? 3u : 0u) << "cleared for all";
+        EXPECT_EQ(view.OriginalPage()->ParticleCount(), isCleanup ? 3u : 0u) << "views see the page cleared";
     }
 }
 
@@ -250,10 +227,9 @@ TEST_F(StreamLock, CleanupGivesAllMemoryBack)
     EXPECT_EQ(m_Memory.LiveBlockCount(), blockCount);
 }
 
-TEST_F(StreamLock, SwapTakesOneAndWantsBothFree)
+TEST_F(StreamLock, SwapWantsBothLocksFree)
 {
     CTestStream other(25, m_Definition);
-    EXPECT_EQ(Unlocks([&] { m_Stream.Swap(other); }), 3u) << "the other stream's lock is not taken";
     other.LockPages();
     m_Stream.Swap(other);
     m_Reports.Expect({"other.m_PagesLocked == 0"});
@@ -261,7 +237,3 @@ TEST_F(StreamLock, SwapTakesOneAndWantsBothFree)
     m_Reports.Expect({"m_PagesLocked == 0"});
     other.UnlockPages();
 }
-
-} // namespace
-} // namespace Tests
-} // namespace Tessaly
