@@ -1,5 +1,4 @@
 // The assertion protocol: what a site evaluates, reports, and does with each answer.
-
 #include <csignal>
 
 #include <gtest/gtest.h>
@@ -7,54 +6,33 @@
 #include <support/report_recorder.h>
 #include <tz_defs.h>
 
-namespace Tessaly
-{
-namespace Tests
-{
-namespace
-{
+using namespace Tessaly;
+using namespace Tessaly::Tests;
 
 // One site per _Site, so that a test may silence its own.
 template <int _Site>
-void AssertSite(bool holds, int &evaluations)
+static void AssertSite(bool holds, int &evaluations)
 {
     TZ_ASSERT((++evaluations, holds));
 }
 
 template <int _Site>
-void MessageSite(bool holds, int &evaluations)
+static void MessageSite(bool holds, int &evaluations)
 {
     TZ_ASSERT_MESSAGE((++evaluations, holds), "%d of %s\n", evaluations, "many");
 }
 
 template <int _Site>
-bool VerifySite(bool holds, int &evaluations)
+static bool VerifySite(bool holds, int &evaluations)
 {
     return TZ_VERIFY((++evaluations, holds));
 }
 
 template <int _Site>
-bool VerifyMessageSite(bool holds, int &evaluations)
+static bool VerifyMessageSite(bool holds, int &evaluations)
 {
     return TZ_VERIFY_MESSAGE((++evaluations, holds), "%d of %s", ++evaluations, "many");
 }
-
-volatile std::sig_atomic_t g_TrapCount = 0;
-
-// Counts breakpoints instead of stopping at them.
-class CScopedTrapCounter
-{
-public:
-    CScopedTrapCounter()
-    {
-        g_TrapCount = 0;
-        m_Former = std::signal(SIGTRAP, [](int) { g_TrapCount = g_TrapCount + 1; });
-    }
-    ~CScopedTrapCounter() { std::signal(SIGTRAP, m_Former); }
-
-private:
-    void (*m_Former)(int);
-};
 
 TEST(Assertion, FailureIsReportedWithTextFunctionAndMessage)
 {
@@ -102,7 +80,8 @@ TEST(Assertion, IgnoreSilencesThatSiteAlone)
 TEST(Assertion, BreakTrapsAndEveryAnswerGoesOn)
 {
     CReportRecorder reports;
-    const CScopedTrapCounter traps;
+    static volatile std::sig_atomic_t s_TrapCount = 0; // counted instead of stopping the program
+    const auto former = std::signal(SIGTRAP, [](int) { s_TrapCount = s_TrapCount + 1; });
     int evaluations = 0, expected = 0;
     for (const int answer : {int(Assert::Result_Break), 2, -1, 100, int(Assert::Result_Break)})
     {
@@ -110,9 +89,10 @@ TEST(Assertion, BreakTrapsAndEveryAnswerGoesOn)
         AssertSite<3>(false, evaluations);
         MessageSite<3>(false, evaluations);
         EXPECT_FALSE(VerifySite<3>(false, evaluations) || VerifyMessageSite<3>(false, evaluations));
-        EXPECT_EQ(g_TrapCount, expected += answer == Assert::Result_Break ? 4 : 0);
+        EXPECT_EQ(s_TrapCount, expected += answer == Assert::Result_Break ? 4 : 0);
         EXPECT_EQ(reports.Take().size(), 4u) << "none of these silences anything";
     }
+    std::signal(SIGTRAP, former);
 }
 
 TEST(Assertion, DefaultHandlerPrintsOneLineAndGoesOn)
@@ -120,18 +100,13 @@ TEST(Assertion, DefaultHandlerPrintsOneLineAndGoesOn)
     CReportRecorder reports;
     Assert::SetHandler(null, null);
     int evaluations = 0;
-    testing::internal::CaptureStderr();
-    AssertSite<5>(false, evaluations);
-    const std::string line = testing::internal::GetCapturedStderr();
-    EXPECT_NE(line.find("assert_test.cpp:"), std::string::npos) << line;
-    EXPECT_NE(line.find("(++evaluations, holds)\n"), std::string::npos) << line;
-    EXPECT_EQ(line.find('\n'), line.size() - 1);
-    testing::internal::CaptureStderr();
-    TZ_ASSERT_MESSAGE(false, "ends its line itself\n");
-    const std::string other = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(other.find('\n'), other.size() - 1);
+    for (const bool endsItsLine : {false, true})
+    {
+        testing::internal::CaptureStderr();
+        endsItsLine ? MessageSite<5>(false, evaluations) : AssertSite<5>(false, evaluations);
+        const std::string line = testing::internal::GetCapturedStderr();
+        EXPECT_NE(line.find("assert_test.cpp:"), std::string::npos) << line;
+        EXPECT_NE(line.find(endsItsLine ? "2 of many\n" : "(++evaluations, holds)\n"), std::string::npos) << line;
+        EXPECT_EQ(line.find('\n'), line.size() - 1);
+    }
 }
-
-} // namespace
-} // namespace Tests
-} // namespace Tessaly

@@ -1,5 +1,4 @@
 // Views and iterators beside the standard library's containers and algorithms. Compiled as C++20 for the concepts.
-
 #include <algorithm>
 #include <array>
 #include <numeric>
@@ -13,12 +12,8 @@
 #include <tz_kernel/include/kr_refptr.h>
 #include <tz_particles/include/ps_for_each.h>
 
-namespace Tessaly
-{
-namespace Tests
-{
-namespace
-{
+using namespace Tessaly;
+using namespace Tessaly::Tests;
 
 static_assert(std::random_access_iterator<TArray<u32>::Iterator>);
 static_assert(std::random_access_iterator<TArray<u32>::ConstIterator>);
@@ -67,7 +62,7 @@ TEST(Views, AreMadeFromContiguousContainers)
 }
 
 template <typename _Range>
-void Sort(_Range &&range)
+static void Sort(_Range &&range)
 {
     auto it = std::find(range.begin(), range.end(), 3u);
     EXPECT_EQ(it - range.begin(), 2);
@@ -104,12 +99,10 @@ TEST(Iterators, ServeTheStandardAlgorithms)
     EXPECT_EQ(Numbers(none.begin(), none.end() + 0), Numbers());
     EXPECT_EQ(TArray<u32>::ConstIterator(array.begin()), array.begin());
     EXPECT_EQ(reports.Count(), 0u);
+    EXPECT_EQ(*array.end(), 0u) << "a stand-in";
+    EXPECT_EQ(reports.Take()[0].m_Message, "invalid operation: trying to dereference Iterator::End()");
     EXPECT_EQ(*TArray<u32>::Iterator(), 0u);
     reports.Expect({"m_Owner != null && RealType::m_Ptr >= m_Owner->_RawBegin() && "
                     "RealType::m_Ptr <= m_Owner->_RawEnd()",
                     "RealType::m_Ptr != null"});
 }
-
-} // namespace
-} // namespace Tests
-} // namespace Tessaly
