@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 namespace
 {
@@ -28,9 +27,7 @@ namespace fs = std::filesystem;
 std::string ReadAll(const fs::path &path)
 {
     std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 std::string ReadAll(std::FILE *file)
@@ -81,6 +78,14 @@ protected:
         return result;
     }
 
+    // The program ends with that status and one line, which has the text in it.
+    static void ExpectOneLine(const SResult &result, int status, const std::string &text)
+    {
+        EXPECT_EQ(result.m_Status, status) << text;
+        EXPECT_NE(result.m_Err.find(text), std::string::npos) << result.m_Err << text;
+        EXPECT_EQ(result.m_Err.find('\n'), result.m_Err.size() - 1) << result.m_Err;
+    }
+
     fs::path m_Folder;
 };
 
@@ -113,10 +118,7 @@ TEST_F(WindProgram, BadForecastIsNamedInOneLineAndNothingIsWritten)
     const std::string good = SmallForecast(kValues);
     const auto with = [&](const std::string &from, const std::string &to)
     { return std::string(good).replace(good.find(from), from.size(), to); };
-    const struct
-    {
-        std::string m_Text, m_Problem;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {good.substr(0, good.size() / 2), "is not JSON"},
         {"{}", "has no u component of the wind"},
         {SmallForecast(kValues, 4, "9"), "has no v component of the wind"},
@@ -126,14 +128,12 @@ TEST_F(WindProgram, BadForecastIsNamedInOneLineAndNothingIsWritten)
         {with("[1,2", "[1,2e30"), "holds a value that is no wind speed"},
         {with("\"la1\":90", "\"la1\":89"), "grid"},
     };
-    for (const auto &bad : cases)
+    for (const auto &[text, problem] : cases)
     {
-        const std::string input = Write("bad.json", bad.m_Text);
+        const std::string input = Write("bad.json", text);
         const SResult result = Run({"--input", input, "--out", Path("out")});
-        EXPECT_EQ(result.m_Status, 2) << bad.m_Problem;
-        EXPECT_NE(result.m_Err.find(input + " "), std::string::npos) << result.m_Err;
-        EXPECT_NE(result.m_Err.find(bad.m_Problem), std::string::npos) << result.m_Err << bad.m_Problem;
-        EXPECT_EQ(result.m_Err.find('\n'), result.m_Err.size() - 1) << result.m_Err;
+        ExpectOneLine(result, 2, input + " ");
+        ExpectOneLine(result, 2, problem);
         EXPECT_FALSE(fs::exists(m_Folder / "out"));
     }
     EXPECT_EQ(Run({"--input", Path("missing.json"), "--out", Path("out")}).m_Err,
@@ -152,9 +152,7 @@ TEST_F(WindProgram, BadOptionGivesOneLineAndStatus2)
     for (const std::vector<std::string> &arguments : cases)
     {
         const SResult result = Run(arguments);
-        EXPECT_EQ(result.m_Status, 2) << arguments[0];
-        EXPECT_NE(result.m_Err.find(arguments[0]), std::string::npos) << result.m_Err;
-        EXPECT_EQ(result.m_Err.find('\n'), result.m_Err.size() - 1) << result.m_Err;
+        ExpectOneLine(result, 2, arguments[0]);
         EXPECT_EQ(result.m_Out, "");
     }
     EXPECT_EQ(Run({"--out", Write("file", "")}).m_Status, 2) << "a file where a folder should be";
@@ -353,9 +351,7 @@ TEST_F(WindProgram, OutputThatIsRefusedGivesOneLineAndStatus1)
     std::fclose(err);
     fs::remove(m_Folder / "out" / "pages.png");
     fs::create_directory(m_Folder / "out" / "pages.png");
-    const SResult result = Run({"--frames", "1", "--size", "16x16", "--out", out});
-    EXPECT_EQ(result.m_Status, 1);
-    EXPECT_EQ(result.m_Err, "wind: " + out + "/pages.png cannot be written\n");
+    ExpectOneLine(Run({"--frames", "1", "--size", "16x16", "--out", out}), 1, "/pages.png cannot be written");
 }
 
 #ifdef WIND_HAS_SNAPSHOTS

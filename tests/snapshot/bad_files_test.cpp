@@ -1,4 +1,4 @@
-// Files that are not as they should be: one report that tells why, and nothing changes.
+// Damaged and wrong files: one report tells why, and nothing changes.
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -102,7 +102,7 @@ TEST_F(SnapshotBadFileTest, TruncatedFilesAreRefused)
 }
 
 // Headers, indices and values have checksums, and there are no gaps between them.
-TEST_F(SnapshotBadFileTest, BytesTurnedOverAreRefused)
+TEST_F(SnapshotBadFileTest, InvertedBytesAreRefused)
 {
     for (size_t i = 0; i < m_Bytes.size() && i < 4096; ++i)
     {
@@ -112,10 +112,10 @@ TEST_F(SnapshotBadFileTest, BytesTurnedOverAreRefused)
     }
 }
 
-// The file is sound, but what it says is not so. An edit is made with HDF5 itself; the reason names what is wrong.
+// A valid HDF5 file with wrong contents, edited by HDF5 itself: the reason names what is wrong.
 TEST_F(SnapshotBadFileTest, WrongContentsAreRefusedWithTheReason)
 {
-    // Puts another dataset in place of a field's, with its attributes; rows x components of a kind.
+    // Replaces the dataset of a field by one of rows x components of that type; it keeps the attributes.
     const auto replace = [](hid_t file, const char *path, hid_t type, hsize_t rows, hsize_t components, bool isChecked)
     {
         const hid_t old = H5Oopen(file, path, H5P_DEFAULT);
@@ -161,7 +161,7 @@ TEST_F(SnapshotBadFileTest, WrongContentsAreRefusedWithTheReason)
         {[&](hid_t f)
          {
              H5Ldelete(f, "fields/0", H5P_DEFAULT);
-             H5Lcreate_external("elsewhere.h5", "/fields/0", f, "fields/0", H5P_DEFAULT, H5P_DEFAULT);
+             H5Lcreate_external("other.h5", "/fields/0", f, "fields/0", H5P_DEFAULT, H5P_DEFAULT);
          },
          "field 0 is missing"},
         {[&](hid_t f) { H5Adelete_by_name(f, "fields/2", "value", H5P_DEFAULT); }, "field 2: its value is missing"},
@@ -189,7 +189,7 @@ TEST_F(SnapshotBadFileTest, WrongContentsAreRefusedWithTheReason)
     }
 }
 
-TEST_F(SnapshotBadFileTest, WhatIsNoSuchFileIsRefused)
+TEST_F(SnapshotBadFileTest, OtherKindsOfFilesAreRefused)
 {
     WriteFile(m_Path, "particles, honestly");
     ExpectRefused("not an HDF5 file");
@@ -209,7 +209,7 @@ TEST_F(SnapshotBadFileTest, WhatIsNoSuchFileIsRefused)
     }
 }
 
-// Whatever request is refused, on either way of loading: the file is loaded whole, or nothing changes.
+// Whichever request for memory is refused: the file is loaded whole, or nothing changes.
 TEST_F(SnapshotBadFileTest, RefusedMemoryChangesNothing)
 {
     for (u32 n = 1, refusalCount = 1; refusalCount != 0; ++n)

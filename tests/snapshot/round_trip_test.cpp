@@ -1,5 +1,4 @@
-// What is saved comes back: definitions, constants, values, page size; and converted, where the stream has fields of
-// its own.
+// Save and Load: definitions, constants, values and page size are the same afterwards.
 #include "support.h"
 
 using namespace Tessaly;

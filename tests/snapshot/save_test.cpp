@@ -1,4 +1,5 @@
-// What Save leaves on the disk when it fails or dies, what it holds meanwhile, and Load into streams of other fields.
+// What Save leaves on the disk when it fails or is killed, what it holds meanwhile, and Load into streams of other
+// fields.
 #include <algorithm>
 #include <csignal>
 #include <random>
@@ -154,7 +155,7 @@ TEST_F(SnapshotSaveTest, BoundStreamConvertsByName)
     EXPECT_EQ(Values(bound, 2)[0], 7);
 }
 
-// 20 writers die at moments of all kinds: what is there is one of the states that were saved, whole.
+// 20 writers are killed at random moments: the file is one of the states that were saved, whole.
 TEST_F(SnapshotSaveTest, KilledWritersLeaveWholeFiles)
 {
     std::minstd_rand random(17);
@@ -181,6 +182,6 @@ TEST_F(SnapshotSaveTest, KilledWritersLeaveWholeFiles)
         ASSERT_TRUE(Snapshot::Load(Path(), definition, loaded));
         ExpectSame(loaded, loaded.ParticleCount() == 1000 ? m_Stream : large);
     }
-    EXPECT_TRUE(Snapshot::Save(m_Stream, Path())); // over what a dead writer may have left
+    EXPECT_TRUE(Snapshot::Save(m_Stream, Path())); // over what a killed writer may have left
     EXPECT_FALSE(std::filesystem::exists(m_Path + ".part"));
 }

@@ -1,4 +1,4 @@
-// A folder for a test's files, streams with values that tell where they belong, and their comparison.
+// A folder for the files of a test, streams filled with values of their own in every place, and their comparison.
 #pragma once
 
 #include <cstdlib>

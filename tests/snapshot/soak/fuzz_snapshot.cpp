@@ -1,5 +1,5 @@
-// The fuzzer's way into Load. Its bytes change a sound file here and there, or say what stands in a file that is sound
-// as HDF5 has it: numbers, types, sizes, filters. Whatever comes of it, a stream is loaded whole or stays as it was.
+// Fuzzes Load. The fuzzer's bytes change a valid file here and there, or describe a valid HDF5 file: its numbers,
+// types, sizes, filters. In every case a stream is loaded whole or stays as it was.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -19,14 +19,14 @@ namespace
 {
 
 int s_File = -1; // in memory
-std::string s_Path, s_Sound[2];
+std::string s_Path, s_Valid[2];
 u32 s_ReportCount = 0;
 
 void Require(bool isSo, const char *what)
 {
     if (isSo)
         return;
-    std::fprintf(stderr, "not so: %s\n", what);
+    std::fprintf(stderr, "not true: %s\n", what);
     std::abort();
 }
 
@@ -41,7 +41,7 @@ public:
     bool Empty() const { return m_Data == m_End; }
     u32 Byte() { return Empty() ? 0 : *m_Data++; }
     u32 Word() { return Byte() | Byte() << 8; }
-    // Mostly as it should be, else a small one, a large one or one beyond.
+    // Mostly the usual one, else a small, a large or an impossible one.
     u64 Number(u64 usual)
     {
         const u32 choice = Byte();
@@ -61,7 +61,7 @@ void PutFile(const std::string &bytes)
 
 std::string ChangedFile(CBytes &bytes)
 {
-    std::string file = s_Sound[bytes.Byte() % 2];
+    std::string file = s_Valid[bytes.Byte() % 2];
     while (!bytes.Empty())
     {
         const u32 at = bytes.Word(), value = bytes.Byte();
@@ -179,10 +179,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
         stream.AllocateParticlesIFP(13, 13);
         Snapshot::SSaveOptions options;
         options.m_DeflateLevel = i;
-        Require(Snapshot::Save(stream, path.c_str(), options), "a sound file is saved");
+        Require(Snapshot::Save(stream, path.c_str(), options), "a valid file is saved");
         std::FILE *file = std::fopen(path.c_str(), "rb");
-        s_Sound[i].resize(65536);
-        s_Sound[i].resize(std::fread(s_Sound[i].data(), 1, s_Sound[i].size(), file));
+        s_Valid[i].resize(65536);
+        s_Valid[i].resize(std::fread(s_Valid[i].data(), 1, s_Valid[i].size(), file));
         std::fclose(file);
     }
     unlink(path.c_str());
