@@ -4,7 +4,7 @@
 // page allocator) or returned. An arena whose blocks are all returned is freed; in other arenas the bytes of returned
 // blocks are discarded. The records of the blocks stand apart from their bytes, so that all of these can be discarded.
 //
-//   m_ReturnedCount <= m_CarvedCount <= m_BlockCount
+//   m_ReturnedCount <= m_BlockCount
 #pragma once
 
 #include <mutex>
@@ -20,21 +20,20 @@ struct SArena
 {
     void *m_Memory;
     u64 m_MemoryBytes;
-    u8 *m_TopBlock; // block 0; the others lie below it
+    u8 *m_FirstBlock;
     u32 m_BlockBytes;
     u32 m_BlockStride;
     u32 m_SlotId; // size class; kPoolSlotCount: one block that is not pooled
     u32 m_BlockCount;
-    u32 m_CarvedCount; // blocks that were taken at least once: the first ones
     u32 m_ReturnedCount;
     u32 m_NextToDiscard;        // discarding goes on at this block
-    SPageBlock *m_ReturnedList; // newest first
+    SPageBlock *m_ReturnedList; // newest first; a new arena has all blocks there
     SArena *m_Next;             // of its class
     SArena *m_Previous;
     SArena *m_NextPending; // of those that GiveBack has to visit
     bool m_IsPending;
     bool m_IsBeingDiscarded; // no block can be taken meanwhile
-    SPageBlock *m_Blocks;    // m_BlockCount records behind this one; the first m_CarvedCount are constructed
+    SPageBlock *m_Blocks;    // m_BlockCount records behind this one
 };
 
 // A block's record.
@@ -60,7 +59,7 @@ struct SPageBlock
     bool m_IsFromAlloc;
 
     u32 Size() const { return m_Arena->m_BlockBytes; }
-    u8 *Data() const { return m_Arena->m_TopBlock - size_t(this - m_Arena->m_Blocks) * m_Arena->m_BlockStride; }
+    u8 *Data() const { return m_Arena->m_FirstBlock + size_t(this - m_Arena->m_Blocks) * m_Arena->m_BlockStride; }
 };
 
 // A list through m_Next and m_Previous.
