@@ -2,7 +2,7 @@
 #include <numeric>
 
 #include <support/stream_fixture.h>
-#include <tz_particles/src/Storage/MainMemory/storage_ram_copy.h>
+#include <tz_particles/src/Storage/MainMemory/storage_ram_copy_nontemporal.h>
 
 using namespace Tessaly;
 using namespace Tessaly::Tests;

@@ -4,7 +4,7 @@
 #include <tz_kernel/include/kr_profiler.h>
 #include <tz_particles/include/ps_runtime.h>
 
-#include "storage_ram_copy.h"
+#include "storage_ram_copy_nontemporal.h"
 
 namespace Tessaly
 {
