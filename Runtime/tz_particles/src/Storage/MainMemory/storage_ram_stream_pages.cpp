@@ -14,22 +14,21 @@ namespace Tessaly
 namespace
 {
 
-// Bytes of one column, wherever it starts in the page. Wraps around.
+// Returns the bytes of one column, in wrapping arithmetic. They do not depend on its offset.
 u32 _ComputePageStreamSizeInBytes(u32 /*streamOffsetInPage*/, u32 pageSize, u32 storageSize)
 {
     return Mem::Align<16, u32>(storageSize * pageSize);
 }
 
-// Bytes of all columns without wrapping around: the largest u64 stands for all beyond it.
+// Returns the bytes of all columns without wrapping; the largest u64 when there are more.
 u64 ComputeTruePageSizeInBytes(u32 pageSize, const SParticleStreamDef &streamDef)
 {
     u64 sum = 0;
     for (const SParticleStreamFieldDef &def : streamDef.m_StreamDef.View())
     {
         const u64 columnBytes = Mem::Align<16, u64>(u64(def.m_StorageSize) * pageSize);
-        if (columnBytes > TNumericTraits<u64>::kMax - sum)
+        if (__builtin_add_overflow(sum, columnBytes, &sum))
             return TNumericTraits<u64>::kMax;
-        sum += columnBytes;
     }
     return sum;
 }
@@ -54,8 +53,7 @@ bool CParticleStream_MainMemory::_ClampPageSizeToAllocatorCapsIFN()
     if (m_StreamDef == null || m_PageSizeInBytes == 0)
         return false;
     const u64 trueSize = ComputeTruePageSizeInBytes(m_PageSize, *m_StreamDef);
-    const bool tooLarge = trueSize > kMaxAllocSize;
-    if (!tooLarge)
+    if (trueSize <= kMaxAllocSize)
         return false;
     const u64 sizePerParticle = trueSize / m_PageSize;
     TZ_ASSERT(sizePerParticle != 0);
@@ -64,7 +62,7 @@ bool CParticleStream_MainMemory::_ClampPageSizeToAllocatorCapsIFN()
     m_PageSizeInBytes = _ComputePageSizeInBytes(m_PageSize, m_StreamDef);
     TZ_ASSERT(m_PageSizeInBytes <= kMaxAllocSize);
     TZ_ASSERT(m_PageSizeInBytes != 0);
-    return tooLarge;
+    return true;
 }
 
 void CParticleStream_MainMemory::SetPageSize(u32 size)
@@ -141,7 +139,7 @@ PParticlePage CParticleStream_MainMemory::_AllocNewPage_NoLock(u32 pageSize, u32
     return page;
 }
 
-// Gives the page its fields: columns back to back in its block, constants into the constant data.
+// Adds the page's fields: columns back to back in its block, constant fields with their constant data.
 void CParticleStream_MainMemory::_LayOutPage(CParticlePage &pageToLayOut) const
 {
     CParticlePage *page = &pageToLayOut;
