@@ -1,10 +1,10 @@
-// What the owner of a stream knows of the machinery that evaluates it.
+// Records of the particle evaluation that a stream's owner passes to the stream.
 #pragma once
 
 namespace Tessaly
 {
 
-// Compiled implementations for streams of other kinds; a main-memory stream takes it and reads nothing of it.
+// Compiled implementations for streams of other kinds. A main-memory stream does not read it.
 struct SParticleImplementationCache
 {
 };

@@ -9,7 +9,7 @@ namespace Tessaly
 namespace Internal
 {
 
-// One type on one field.
+// The type that a field is accessed by.
 struct SColumnRequest
 {
     CGuid m_FieldId;
@@ -20,20 +20,20 @@ struct SColumnRequest
 
 using TColumnRequests = TMemoryView<const SColumnRequest>;
 
-// Whether the page has all that is requested; the first that it has not is reported.
+// Whether the page has a fitting column for each request. Reports the first one without.
 TZ_API bool HasColumns(const CParticlePage &page, const TColumnRequests &requests);
-// Whether the stream has, by its first page with particles, and no page with readers would be written; the first that
-// is not so is reported. Expects the lock.
+// Whether the first page with particles has the columns, and no page that will be written has readers. Reports the
+// first that fails. Expects the lock.
 TZ_API bool CanServe(const CParticleStream_MainMemory &stream, const TColumnRequests &requests, bool removesParticles);
 
-// Goes over the pages with particles, and notices when somebody else changes the stream meanwhile. Expects the lock.
+// Iterates over the pages with particles, and detects changes of the stream. Expects the lock.
 class TZ_API CPageWalk : public CNonCopyable
 {
 public:
     explicit CPageWalk(const CParticleStream_MainMemory &stream);
 
-    bool Next();     // to the next page; false: there is none, or the stream was changed
-    bool IsIntact(); // the stream was not changed; the first time that it was is reported
+    bool Next();        // goes to the next page; false when there is none, or the stream has changed
+    bool CheckIntact(); // false when the stream has changed, which is reported once
     void CountRemoved(u32 count);
 
     CGuid PageId() const { return m_PageId; }
@@ -44,13 +44,12 @@ private:
     PParticlePage m_Page;
     CGuid m_PageId;
     bool m_IsIntact;
-    // What they must be.
     u32 m_PageCount;
     u32 m_StreamParticleCount;
     u32 m_PageParticleCount;
 };
 
-// The pages with particles as tasks of several threads. Expects the lock.
+// A list of the pages with particles, for tasks on several threads. Expects the lock.
 class TZ_API CPageTasks : public CNonCopyable
 {
 public:
@@ -58,15 +57,15 @@ public:
 
     u32 Count() const { return m_Pages.Count(); }
     const CParticlePageView *Find(u32 index) const; // null, after a report, for an index out of range
-    void CheckIntact() const;                       // reports when the stream was changed
+    void CheckIntact() const;                       // reports that the stream has changed
 
 private:
     const CParticleStream_MainMemory &m_Stream;
-    u32 m_PageCount; // that it must have
+    u32 m_PageCount;
     TArray<CParticlePageView> m_Pages;
 };
 
-// A column whose values lie as far apart as the stride says; 0: one value for all.
+// A column with a stride; 0 for a constant field.
 template <typename _Type>
 struct TStridedColumn
 {
@@ -76,9 +75,8 @@ struct TStridedColumn
     _Type &operator[](size_t row) const { return *reinterpret_cast<_Type *>(m_Start + row * m_Stride); }
 };
 
-// A function of its own, in which nothing but fn is called, and fn is a copy where that is the same: what it holds
-// stays in registers, where it would be read anew for each row: in the caches, three columns of floats take 0.7 of the
-// time.
+// Not inlined, and with a copy of fn where a copy does the same: then the compiler can keep what fn holds in registers
+// over all rows. Three columns of floats in the cache take 0.7 of the time.
 template <typename _Fn, typename... _Columns>
 TZ_NOINLINE void VisitRows(u32 first, u32 end, _Fn &fn, _Columns... columns)
 {
@@ -89,7 +87,7 @@ TZ_NOINLINE void VisitRows(u32 first, u32 end, _Fn &fn, _Columns... columns)
         called(columns[row]...);
 }
 
-// Calls fn with the values of rows first to end - 1 of the page. False, after a report, when it has not the columns.
+// Calls fn with the values of rows first to end - 1 of the page. Returns false, after a report, without the columns.
 template <typename... _Types, typename _Fn, size_t... _Indices>
 TZ_FORCEINLINE bool VisitColumns(const CParticlePage &page, const SColumnRequest *requests, u32 first, u32 end, _Fn &fn,
                                  std::index_sequence<_Indices...>)
@@ -170,8 +168,8 @@ u32 RemoveIf(CParticleStream_MainMemory &stream, typename Internal::TFieldId<_Ty
     u32 removedCount = 0;
     for (Internal::CPageWalk walk(stream); walk.Next();)
     {
-        // From the page's end on: only particles that were asked already change their rows.
-        for (u32 first, end = walk.Page().ParticleCount(); end != 0 && walk.IsIntact(); end = first)
+        // From the page's end to its start: a removal moves only particles that predicate has seen.
+        for (u32 first, end = walk.Page().ParticleCount(); end != 0 && walk.CheckIntact(); end = first)
         {
             first = end - TZMin(end, kRowsAtATime);
             u32 row = first;
@@ -184,7 +182,7 @@ u32 RemoveIf(CParticleStream_MainMemory &stream, typename Internal::TFieldId<_Ty
             if (!Internal::VisitColumns<_Types...>(walk.Page(), requests, first, end, collect,
                                                    std::index_sequence_for<_Types...>()))
                 return removedCount;
-            if (count == 0 || !walk.IsIntact())
+            if (count == 0 || !walk.CheckIntact())
                 continue;
             count = stream.RemoveParticles(walk.PageId(), {rows, count});
             walk.CountRemoved(count);

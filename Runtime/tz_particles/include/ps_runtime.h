@@ -1,4 +1,4 @@
-// The host's door to the particle runtime: start it before the first stream gets pages, shut it down behind the last.
+// Start-up and shutdown of the particle runtime: Startup before a stream makes its first page, Shutdown after the last.
 #pragma once
 
 #include <tz_defs.h>
@@ -12,19 +12,21 @@ class CParticlePageAllocator;
 namespace Particles
 {
 
-// Makes the page allocator of the process. Calls are counted; each is balanced by one Shutdown. False when memory is
-// refused (then there is nothing to shut down). Any thread.
+// Makes the page allocator of the process. Calls are counted: each needs its Shutdown. Any thread.
+// Fails: false, and needs no Shutdown, when memory is refused.
 TZ_API bool Startup();
 
-// The last one destroys the page allocator. Pages that are still held stay valid and free themselves later.
+// Balances one Startup; the last one destroys the page allocator. Pages that are still referenced stay valid, and their
+// memory is freed with their last references. Any thread.
+// Fails: a call without its Startup is reported and does nothing.
 TZ_API void Shutdown();
 
-// The page allocator, for its budget, maintenance and statistics; null while the runtime is not started.
+// Returns the page allocator, for its budget, maintenance and statistics; null while the runtime is not started.
 TZ_API CParticlePageAllocator *PageAllocator();
 
-// Under the address sanitizer: whether touching a page's free slots, as through a view on particles that are gone, is
-// an error. Off by default: what a free slot holds may be read. Holds for pages made, and counts changed, from then on.
-// Without the sanitizer it does nothing. Any thread.
+// Under the address sanitizer: sets whether an access to a page's free slots, as through a view on removed particles,
+// is an error. Off by default, because free slots may be read. Applies to pages made, and counts changed, from then on.
+// Does nothing without the sanitizer. Any thread.
 TZ_API void SetPoisonFreeSlots(bool isOn);
 
 } // namespace Particles

@@ -1,4 +1,4 @@
-// Going over particles: what does not depend on the types.
+// Iteration over particles: the parts that do not depend on the types.
 #include <tz_particles/include/ps_for_each.h>
 
 namespace Tessaly
@@ -91,7 +91,7 @@ CPageWalk::CPageWalk(const CParticleStream_MainMemory &stream)
 
 bool CPageWalk::Next()
 {
-    if (!IsIntact())
+    if (!CheckIntact())
         return false;
     if (m_Stream._YieldToRenderer_NoLock())
     {
@@ -110,7 +110,7 @@ bool CPageWalk::Next()
     return false;
 }
 
-bool CPageWalk::IsIntact()
+bool CPageWalk::CheckIntact()
 {
     if (m_PageId.Valid() && m_IsIntact)
     {
@@ -133,7 +133,7 @@ CPageTasks::CPageTasks(const CParticleStream_MainMemory &stream)
 {
     if (!m_Pages.Reserve(m_PageCount))
         return;
-    const CScopedPagesLock lock(stream); // held twice: no render thread comes in between
+    const CScopedPagesLock lock(stream); // nested, so that the walk does not yield to a render thread
     for (CPageWalk walk(stream); walk.Next();)
         m_Pages.PushBackUnsafe(CParticlePageView(walk.Page()));
 }
@@ -147,7 +147,7 @@ const CParticlePageView *CPageTasks::Find(u32 index) const
 
 void CPageTasks::CheckIntact() const
 {
-    const CScopedPagesLock lock(m_Stream); // as above
+    const CScopedPagesLock lock(m_Stream); // nested, as in the constructor
     u32 index = 0;
     bool isIntact = m_Stream.PageCount() == m_PageCount;
     for (CPageWalk walk(m_Stream); walk.Next(); ++index)

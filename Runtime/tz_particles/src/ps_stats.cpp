@@ -1,4 +1,4 @@
-// Statistics records: sums and printing.
+// Statistics records.
 #include <tz_particles/include/ps_stats.h>
 
 #include <cinttypes>

@@ -1,4 +1,4 @@
-// Stream definitions: making, comparison, search by name, duplication.
+// Stream definitions.
 #include <tz_particles/include/ps_stream.h>
 
 namespace Tessaly

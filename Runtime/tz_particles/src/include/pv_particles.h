@@ -1,4 +1,4 @@
-// The runtime's own globals. Not installed: hosts use ps_runtime.h.
+// The runtime's globals. Not installed: hosts use ps_runtime.h.
 #pragma once
 
 #include <tz_particles/include/Storage/MainMemory/storage_ram_allocator.h>
@@ -9,12 +9,12 @@ namespace Tessaly
 class TZ_API CParticlesInternals
 {
 public:
-    // Makes the page allocator; calls are counted. False when memory is refused.
+    // As Particles::Startup and Particles::Shutdown.
     static bool Startup();
-    // Balances one Startup. The last one lets the page allocator go, which lives on until its last block is back.
     static void Shutdown();
 
-    // The page allocator; asserts that it exists, and gives null when it does not.
+    // Returns the page allocator.
+    // Fails: null, after a report, while the runtime is not started.
     static CParticlePageAllocator *PageAllocator()
     {
         CParticlePageAllocator *allocator = __atomic_load_n(&m_PageAllocator, __ATOMIC_ACQUIRE);

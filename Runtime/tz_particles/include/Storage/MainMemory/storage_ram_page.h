@@ -1,16 +1,15 @@
 // A page: up to Capacity() particles as a structure of arrays, one column per stored field, all columns in one raw
 // block; and the view on a run of its particles.
 //
-// Pages are shared by reference. The stream that lists a page changes it under its page lock; a page may outlive its
-// stream, and nothing that a page or a view answers goes through the stream.
+// Pages are shared by reference. A stream changes its pages under its page lock. Pages and views may outlive the
+// stream; none of their operations accesses it.
 //
 //   ParticleCount() <= Capacity();  m_ParticleCount of every field == ParticleCount()
 //   column of a field: Align<16>(m_StorageSize * Capacity()) bytes, columns back to back in definition order
 //
-// Under the address sanitizer, after Particles::SetPoisonFreeSlots(true), the free slots are poisoned, and so is the
-// rest of the block, what rounds columns up included: touching a particle that is gone, through a view taken earlier,
-// is an error. RawDataForWriting and BeginRead open the whole block, until the page's count changes next without
-// readers.
+// Under the address sanitizer, after Particles::SetPoisonFreeSlots(true), a page's free slots are poisoned, and so are
+// the bytes of its block that belong to no particle: an access through a view to a removed particle is an error.
+// RawDataForWriting and BeginRead unpoison the block; the next change of the count without readers poisons it again.
 #pragma once
 
 #include <tz_kernel/include/kr_memoryviews.h>
@@ -25,17 +24,17 @@ namespace Tessaly
 
 class CParticleStream_MainMemory;
 
-// The byte that slots read as which nobody used since their page was made.
+// The value of every byte in slots that were never used.
 constexpr u8 kFreshParticleByte = 0xF3;
 
-// The storage of one field inside one page. It never owns the bytes.
+// The storage of one field in one page. It does not own the bytes.
 struct TZ_API SParticleStreamField : public CNonCopyable
 {
-    u8 *m_RawDataPtr;                     // the column, or the constant's 64 bytes; null when there is none
-    u32 m_ParticleCount;                  // particles whose values the field holds
-    SParticleStreamFieldDef m_Definition; // as in the definition that the page was laid out for
+    u8 *m_RawDataPtr; // the column, or a constant's 64 bytes; null when there is none
+    u32 m_ParticleCount;
+    SParticleStreamFieldDef m_Definition;
 
-    // A field without data; of an empty definition, or of the given one.
+    // Make a field without data.
     SParticleStreamField()
         : m_RawDataPtr(null)
         , m_ParticleCount(0)
@@ -53,11 +52,11 @@ struct TZ_API SParticleStreamField : public CNonCopyable
     }
     ~SParticleStreamField() {}
 
-    bool IsConstant() const { return m_Definition.m_StorageSize == 0; } // one value, in the constant data
-    void Clear();                                                       // forgets the data; the definition stays
+    bool IsConstant() const { return m_Definition.m_StorageSize == 0; } // it has one value for all particles
+    void Clear();                                                       // resets all but the definition
     // Fills a stored column from particle first to m_ParticleCount with kFreshParticleByte.
     void TrashFrom(u32 first);
-    void Swap(SParticleStreamField &other); // exchanges the records; no byte of a column moves
+    void Swap(SParticleStreamField &other); // exchanges the records, not the bytes of the columns
 
 private:
     SParticleStreamField(const SParticleStreamField &);
@@ -66,35 +65,33 @@ private:
 
 namespace TTypeTraits
 {
-// An array moves it by copying its bytes.
 template <>
 inline constexpr bool HasTrivialRelocate<SParticleStreamField> = true;
 } // namespace TTypeTraits
 
-// A particle that filled the hole of a removed one: what was at index m_From of its page is now at m_To.
+// A particle that took the place of a removed one: from index m_From of its page to m_To.
 struct SParticleMove
 {
-    u32 m_From; // before the removal
-    u32 m_To;   // after it
+    u32 m_From;
+    u32 m_To;
 };
 
-// A page, shared by reference. What says nothing of a lock below is for who holds the page lock of the stream that
-// lists the page, or a page that no stream lists.
+// A page, shared by reference. Its operations expect the page lock of the stream that lists it, unless they say
+// otherwise; a page in no list needs none.
 class TZ_API CParticlePage : public CRefCountedObject
 {
 public:
-    // An empty page without a block and without fields; the stream lays it out. capacity is in particles.
+    // Makes an empty page without block and fields; the stream lays it out. capacity is in particles.
     CParticlePage(CParticleStream_MainMemory *parent, u32 capacity);
     ~CParticlePage() override;
 
-    u32 ParticleCount() const { return Threads::LoadShared(m_ParticleCount); } // live; may be read without a lock
+    u32 ParticleCount() const { return Threads::LoadShared(m_ParticleCount); } // live particles; needs no lock
     u32 Capacity() const { return m_Capacity; }                                // particles; never changes
-    u32 FreeCount() const { return Capacity() - ParticleCount(); }             // particles that still fit
-    // As the counts say: no particle is left, no slot is left.
-    bool Empty() const { return ParticleCount() == 0; }
-    bool Full() const { return ParticleCount() == Capacity(); }
+    u32 FreeCount() const { return Capacity() - ParticleCount(); }             // free slots
+    bool Empty() const { return ParticleCount() == 0; }                        // there is no live particle
+    bool Full() const { return ParticleCount() == Capacity(); }                // there is no free slot
 
-    // The fields, in definition order; for writing only while the page has no readers (asserted).
+    // Return the fields, in definition order. StreamsForWriting requires that the page has no readers (asserted).
     TMemoryView<const SParticleStreamField> Streams() const { return m_Streams_Unsafe.View(); }
     TMemoryView<SParticleStreamField> StreamsForWriting()
     {
@@ -102,49 +99,58 @@ public:
         return m_Streams_Unsafe.ViewForWriting();
     }
     u32 StreamsCount() const { return m_Streams_Unsafe.Count(); }
-    // One field; an id out of range is reported and gives an empty record.
+    // Return one field.
+    // Fails: an empty record, after a report, for an index out of range.
     const SParticleStreamField &RawStream(CGuid streamId) const
     {
-        if (TZ_LIKELY(streamId < StreamsCount())) // else the sites' flags do not matter
+        if (TZ_LIKELY(streamId < StreamsCount())) // then no report is possible, and no flag is read
             return m_Streams_Unsafe.RawDataPointer()[streamId.Get()];
         TZ_ASSERT(streamId.Valid());
         static_cast<void>(m_Streams_Unsafe[streamId]); // reports it
         return Internal::MissingElement<const SParticleStreamField>();
     }
     const SParticleStreamField &Stream(CGuid streamId) const { return RawStream(streamId); }
-    CGuid StreamId(CStringId nameGUID) const; // as SParticleStreamDef::StreamId, from the page's own fields
+    // Returns the index of the first field of that name.
+    // Fails: CGuid::INVALID for the empty name and for one that no field has.
+    CGuid StreamId(CStringId nameGUID) const;
 
-    const PParticleRawPage_MainMemory &RawPage() const { return m_RawPage; } // the block that its columns lie in
-    CParticleStream_MainMemory *ParentStream() const { return m_Parent; }    // not to be followed: it may be gone
-    const SParticleStreamDef *GetStreamDef() const { return m_StreamDef; }   // the definition it was laid out for
+    const PParticleRawPage_MainMemory &RawPage() const { return m_RawPage; } // the block of the columns
+    CParticleStream_MainMemory *ParentStream() const { return m_Parent; }    // it may be destroyed already
+    const SParticleStreamDef *GetStreamDef() const { return m_StreamDef; }   // the definition of the page's layout
 
-    // True while nobody reads the raw block. PrepareForWriting is asked right before a write, which is abandoned on
-    // false.
+    // Whether the raw block has no readers. PrepareForWriting is called right before a write, which is given up when it
+    // returns false.
     bool ReadyToWrite() const { return m_RawPage == null || m_RawPage.Get()->ReadersCount() == 0; }
     bool PrepareForWriting() { return ReadyToWrite(); }
 
-    // Takes count slots behind the last particle and returns the first one's index. CGuid::INVALID, and nothing
-    // changed, when there is no room. Registers nothing with the stream. Views stay good.
+    // Adds count particles behind the last one and returns the index of the first. The stream's live count does not
+    // change.
+    // Fails: CGuid::INVALID, and nothing changes, when there are fewer free slots.
     CGuid AllocateParticles(u32 count);
 
-    // Removes the particles at indices (ascending, unique); the page's last particles fill the holes, so that views on
-    // the page speak of other particles, or of none. Returns how many went. A bad list or a page with readers is
-    // reported, changes nothing and gives 0. Registers nothing with the stream: for a page of a stream use
+    // Removes the particles at indices, which are ascending and unique, and returns how many. The last particles of the
+    // page fill the holes. The stream's live count does not change: for a page of a stream, use
     // CParticleStream_MainMemory::RemoveParticles. outMoves, when given, receives a move for each particle that changed
-    // its index, and its count becomes theirs: at most indices.Count(), at most what stays in the page. One that is too
-    // small is reported and gets the first moves; the removal itself is the same.
+    // its index, and their number as its count: at most indices.Count(), at most the particles that stay.
+    // Fails: 0, after a report, for a bad list or a page with readers: nothing changes. An outMoves with too few
+    // entries
+    //        is reported and receives the first moves.
+    // Invalidates: views on the page.
     u32 RemoveParticles(const TMemoryView<const u32> &indices, TMemoryView<SParticleMove> *outMoves = null);
 
-    // Makes this page's particles a copy of other's, one block copy a column. Requires the same fields, capacity and
-    // block size; whatever they are, no byte outside the two pages' columns is touched.
+    // Makes this page's particles a copy of those of other. Requires the same fields, capacity and block size; whatever
+    // they are, only bytes of the two pages' columns are accessed.
+    // Fails: nothing changes, after a report, when this page has readers.
     void DeepCopy(const CParticlePage &other);
 
-    void Clear(); // no particle is left, views on them are stale; block and fields stay
+    // Removes all particles. Block and fields stay.
+    // Invalidates: views on the page.
+    void Clear();
 
-    // Bytes: page object, field table, raw page object and raw block.
+    // Returns the bytes of page object, field table, raw page object and raw block.
     u32 MemoryFootprint() const;
 
-    // Names another parent; the stream does it when it swaps its pages.
+    // Changes ParentStream(), for CParticleStream_MainMemory::Swap.
     void ReassignParentStream(CParticleStream_MainMemory *parent) { m_Parent = parent; }
 
 private:
@@ -154,87 +160,89 @@ private:
     using FnCopyBytes = void (*)(void *dst, const void *src, ureg byteCount);
     void _DeepCopy(const CParticlePage &other, FnCopyBytes copyBytes);
     void _SetParticleCount(u32 count); // of the page and of every field
-    // Bytes of one field's column, rounding included.
+    // Returns the bytes of one field's column, rounding included.
     u32 _ColumnSizeInBytes(const SParticleStreamField &field) const;
     // Fills every stored column from particle first to its end, rounding included, with kFreshParticleByte.
     void _FillFreshRows(u32 first);
-    // For the address sanitizer: particles may be touched; what else is in the block may not while it has no reader,
-    // when the host wants that.
-    // Called under the lock that guards the count. Rows that stay live are never poisoned in between.
+    // For the address sanitizer: poisons what is free, if the host asked for it and the page has no readers; the live
+    // particles stay accessible all the time.
     void _PoisonFreeSlots();
-    void _UnpoisonAllSlots() const; // for the page's own writing of free slots
-    // Moves the particles from first on to index 0; those before it are gone.
+    void _UnpoisonAllSlots() const;
+    // Moves the particles from first on to index 0, over those before it.
     void _DropFirstParticles(u32 first);
 
     u32 m_ParticleCount;
     u32 m_Capacity;
-    u32 m_IndexInList; // written by the index, as m_ListIndex
+    u32 m_IndexInList; // valid with m_ListIndex; CPageListIndex writes both
     PParticleRawPage_MainMemory m_RawPage;
     TArray<SParticleStreamField> m_Streams_Unsafe;
-    CPageListIndex *m_ListIndex; // of the list that the page is in, told of each change of the count; or null
+    CPageListIndex *m_ListIndex; // index of the page's list, updated with each change of the count; or null
     CParticleStream_MainMemory *m_Parent;
     const SParticleStreamDef *m_StreamDef;
 };
 
-// References to a page.
 using PParticlePage = TRefPtr<CParticlePage>;
 using PCParticlePage = TRefPtr<const CParticlePage>;
 
-// A run of particles of one page, which it keeps alive. Operations on fields speak of the view's own particles.
+// A run of particles of one page, and a reference to that page. Operations on fields concern the view's particles.
 //
-// Writing through a view: the columns of particles that no other thread touches, or under the page lock.
+// Writing values needs the page lock where another thread may access the same particles.
 class TZ_API CParticlePageView
 {
 public:
-    // An empty view, which holds no page.
+    // Makes an empty view without a page.
     CParticlePageView()
         : m_First(0)
         , m_Count(0)
     {
     }
-    CParticlePageView(const CParticlePage &page); // the whole page, as full as it is now
-    CParticlePageView(const PParticlePage &page); // the same; of null the empty view
-    // A run of its particles. Requires that they are there (asserted).
+    // Make a view on all particles that the page has now; of null an empty view.
+    CParticlePageView(const CParticlePage &page);
+    CParticlePageView(const PParticlePage &page);
+    // Makes a view on count particles from first on. Requires that the page has them (asserted).
     CParticlePageView(const CParticlePage &page, u32 first, u32 count)
         : CParticlePageView(PParticlePage(const_cast<CParticlePage *>(&page)), first, count)
     {
     }
 
-    bool Empty() const { return m_Count == 0; }            // it has no particle
-    u32 FirstParticle() const { return m_First; }          // index in the page
-    u32 ParticleCount() const { return m_Count; }          // as it was taken; nobody takes particles out of a view
-    const PParticlePage &OriginalPage() { return m_Page; } // null for an empty view
-    // The same for a page that is not to be changed.
+    // The particles, as the view was made: removals from the page do not change it.
+    bool Empty() const { return m_Count == 0; }
+    u32 FirstParticle() const { return m_First; } // index in the page
+    u32 ParticleCount() const { return m_Count; }
+    // Return the page; null for an empty view.
+    const PParticlePage &OriginalPage() { return m_Page; }
     PCParticlePage OriginalPage() const { return PCParticlePage(m_Page); }
-    // Whether it has all particles that the page has now.
+    // Whether the view has all particles that the page has now.
     bool IsFullPageView() const { return m_Page != null && m_First == 0 && m_Count == m_Page->ParticleCount(); }
-    void Clear(); // lets the page go
+    void Clear(); // makes the view empty and releases the page
 
-    // The page's fields and one of them, as on the page; their columns start at the page's first particle.
+    // Return the page's fields, whose columns start at the page's first particle, not at the view's. Those for writing
+    // require that the page has no readers (asserted).
+    // Fails: without a page no field, or an empty record after a report.
     TMemoryView<const SParticleStreamField> Streams() const;
     TMemoryView<SParticleStreamField> StreamsForWriting() const;
     const SParticleStreamField &Stream(CGuid streamId) const { return RawStream(streamId); }
     const SParticleStreamField &RawStream(CGuid streamId) const;
     SParticleStreamField &RawStreamForWriting(CGuid streamId) const;
+    CGuid StreamId(CStringId nameGUID) const;       // as the page's
+    const SParticleStreamDef *GetStreamDef() const; // as the page's; null without a page
 
-    // The bytes of the view's first particle; of a constant field, its value. Null, after a report, when there are
-    // none.
+    // Return the bytes of the view's first particle; of a constant field, its value.
+    // Fails: null for a field without data; null, after a report, when there is no such field, and for writing also for
+    //        a constant field and for a page with readers.
     const u8 *RawStreamBegin(CGuid streamId) const;
-    // The same for writing: never a constant field, nor a page with readers.
     u8 *RawStreamBeginForWriting(CGuid streamId) const;
 
-    CGuid StreamId(CStringId nameGUID) const;       // index of a field by name; INVALID when there is none
-    const SParticleStreamDef *GetStreamDef() const; // that the page was laid out for; null without a page
-
-    // The values of one field on the view's particles: stride = storage size, 0 on a constant field, which can not be
-    // written. A type that is larger than the value or that would be misaligned is reported and gives an empty view,
-    // and so does a field that is not there. A field without data gives an empty view, too.
+    // Return the values of one field for the view's particles. The stride is the storage size, 0 for a constant field.
+    // Fails: an empty view for a field without data; an empty view, after a report, as RawStreamBegin and
+    //        RawStreamBeginForWriting, and for a type that is larger than the value or would be misaligned.
     template <typename _Type>
     TStridedMemoryView<const _Type> Column(CGuid streamId) const;
     template <typename _Type>
     TStridedMemoryView<_Type> ColumnForWriting(CGuid streamId) const;
 
-    // The same without a stride, where the storage size is the type's; any other is reported and gives an empty view.
+    // The same without a stride, for a type of the storage size.
+    // Fails: as Column; also, after a report, for a type of another size.
     template <typename _Type>
     TMemoryView<const _Type> DenseColumn(CGuid streamId) const;
     template <typename _Type>
@@ -251,9 +259,8 @@ private:
         TZ_ASSERT_TEXT("first + count <= page.ParticleCount()", first + count <= m_Page->ParticleCount());
     }
 
-    bool _HasParticles() const;                                              // a page, and the run within its capacity
+    bool _HasParticles() const; // there is a page, and the view lies within its capacity
     bool _CanWrite(const SParticleStreamField &field, CGuid streamId) const; // reports why not
-    // Start of the view's values of a field, or null.
     u8 *_ColumnStart(const SParticleStreamField &field) const;
     template <typename _Type>
     TStridedMemoryView<_Type> _TypedColumn(const SParticleStreamField &field, CGuid streamId) const;
@@ -265,7 +272,6 @@ private:
 
 namespace TTypeTraits
 {
-// An array moves it by copying its bytes.
 template <>
 inline constexpr bool HasTrivialRelocate<CParticlePageView> = true;
 } // namespace TTypeTraits

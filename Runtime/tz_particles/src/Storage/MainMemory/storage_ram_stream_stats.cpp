@@ -1,4 +1,4 @@
-// What a stream's pages hold and cost.
+// Memory usage and statistics of a stream.
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 
 namespace Tessaly
