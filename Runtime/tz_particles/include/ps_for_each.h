@@ -50,9 +50,11 @@ template <typename... _Types, typename _Fn>
 void ForEach(const CParticleStream_MainMemory &stream, typename Internal::TFieldId<_Types>::Type... fieldIds, _Fn fn);
 
 // Calls predicate once for each particle, as ForEach does, and removes those for which it returns true, as
-// CParticlePage::RemoveParticles does. Requests no memory; emptied pages stay in the list. Returns the number of
-// removed particles. Fails: 0, after a report, as ForEach, and for a page with readers whatever the types. Lock:  takes
-// it, and holds it while predicate runs. Invalidates: views on the pages.
+// CParticlePage::RemoveParticles does. Requests no memory; emptied pages stay in the list.
+// Returns the number of removed particles.
+// Fails: 0, after a report, as ForEach, and for a page with readers whatever the types.
+// Lock:  takes it, and holds it while predicate runs.
+// Invalidates: views on the pages.
 template <typename... _Types, typename _Predicate>
 u32 RemoveIf(CParticleStream_MainMemory &stream, typename Internal::TFieldId<_Types>::Type... fieldIds,
              _Predicate predicate);

@@ -103,7 +103,7 @@ public:
     // Fails: an empty record, after a report, for an index out of range.
     const SParticleStreamField &RawStream(CGuid streamId) const
     {
-        if (TZ_LIKELY(streamId < StreamsCount())) // then no report is possible, and no flag is read
+        if (TZ_LIKELY(streamId < StreamsCount())) // the usual case reads no flag of an assertion
             return m_Streams_Unsafe.RawDataPointer()[streamId.Get()];
         TZ_ASSERT(streamId.Valid());
         static_cast<void>(m_Streams_Unsafe[streamId]); // reports it
@@ -132,8 +132,7 @@ public:
     // page fill the holes. The stream's live count does not change: for a page of a stream, use
     // CParticleStream_MainMemory::RemoveParticles. outMoves, when given, receives a move for each particle that changed
     // its index, and their number as its count: at most indices.Count(), at most the particles that stay.
-    // Fails: 0, after a report, for a bad list or a page with readers: nothing changes. An outMoves with too few
-    // entries
+    // Fails: 0, after a report, for a bad list or a page with readers: nothing changes. An outMoves that is too small
     //        is reported and receives the first moves.
     // Invalidates: views on the page.
     u32 RemoveParticles(const TMemoryView<const u32> &indices, TMemoryView<SParticleMove> *outMoves = null);
@@ -164,8 +163,8 @@ private:
     u32 _ColumnSizeInBytes(const SParticleStreamField &field) const;
     // Fills every stored column from particle first to its end, rounding included, with kFreshParticleByte.
     void _FillFreshRows(u32 first);
-    // For the address sanitizer: poisons what is free, if the host asked for it and the page has no readers; the live
-    // particles stay accessible all the time.
+    // For the address sanitizer: poisons free slots and rounding, if the host has asked for it and the page has no
+    // readers. Live particles stay accessible meanwhile.
     void _PoisonFreeSlots();
     void _UnpoisonAllSlots() const;
     // Moves the particles from first on to index 0, over those before it.
