@@ -235,7 +235,7 @@ void CParticlePage::_DeepCopy(const CParticlePage &other, FnCopyBytes copyBytes)
     const u32 fieldCount = TZMin(StreamsCount(), other.StreamsCount());
     SParticleStreamField *dstFields = m_Streams_Unsafe.RawDataPointer();
     const SParticleStreamField *srcFields = other.m_Streams_Unsafe.RawDataPointer();
-    // Columns that lie behind each other on both sides, as those of full pages do, go in one copy.
+    // Columns that are adjacent on both sides, as in full pages, are copied at once.
     u8 *dst = null;
     const u8 *src = null;
     ureg byteCount = 0;

@@ -1,4 +1,4 @@
-// Page size policy, and the one place where pages are made.
+// The page size, and how pages are made.
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 
 #include <cstring>
@@ -48,7 +48,7 @@ u32 CParticleStream_MainMemory::_ComputePageSizeInBytes(u32 pageSize, const SPar
 
 bool CParticleStream_MainMemory::_ClampPageSizeToAllocatorCapsIFN()
 {
-    CParticlesInternals::PageAllocator(); // its existence is asserted; only its cap is used
+    CParticlesInternals::PageAllocator(); // asserts that there is one
     const u32 kMaxAllocSize = CParticlePageAllocator::kMaxAllocSize;
     if (m_StreamDef == null || m_PageSizeInBytes == 0)
         return false;
