@@ -78,6 +78,11 @@ protected:
         return result;
     }
 
+    SResult RunSmall(std::vector<std::string> arguments) const
+    {
+        arguments.insert(arguments.end(), {"--size", "16x16", "--out", Path("out")});
+        return Run(arguments);
+    }
     // The program ends with that status and one line, which has the text in it.
     static void ExpectOneLine(const SResult &result, int status, const std::string &text)
     {
@@ -334,10 +339,10 @@ TEST_F(WindProgram, DrawsThePicturesAndReports)
     EXPECT_NE(result.m_Out.find(Path("trace.json")), std::string::npos) << result.m_Out;
 
     const nlohmann::json events = nlohmann::json::parse(ReadAll(m_Folder / "trace.json"))["traceEvents"];
-    const auto heard = [&](const char *name)
+    const auto isTraced = [&](const char *name)
     { return std::any_of(events.begin(), events.end(), [&](const auto &event) { return event["name"] == name; }); };
     for (const char *name : {"advection", "AllocateParticlesIFP", "DeepCopy", "SetPageSize"})
-        EXPECT_TRUE(heard(name)) << name;
+        EXPECT_TRUE(isTraced(name)) << name;
 }
 
 TEST_F(WindProgram, OutputThatIsRefusedGivesOneLineAndStatus1)
@@ -351,30 +356,23 @@ TEST_F(WindProgram, OutputThatIsRefusedGivesOneLineAndStatus1)
     std::fclose(err);
     fs::remove(m_Folder / "out" / "pages.png");
     fs::create_directory(m_Folder / "out" / "pages.png");
-    ExpectOneLine(Run({"--frames", "1", "--size", "16x16", "--out", out}), 1, "/pages.png cannot be written");
+    ExpectOneLine(RunSmall({"--frames", "1"}), 1, "/pages.png cannot be written");
 }
 
 #ifdef WIND_HAS_SNAPSHOTS
 TEST_F(WindProgram, GoesOnFromWhatItKept)
 {
     const std::string file = Path("kept/last.h5");
-    const std::vector<std::string> common = {"--frames", "40",    "--particles", "3000",
-                                             "--size",   "16x16", "--out",       Path("out")};
-    std::vector<std::string> arguments = common;
-    arguments.insert(arguments.end(), {"--snapshot", file});
-    SResult result = Run(arguments);
+    SResult result = RunSmall({"--frames", "40", "--particles", "3000", "--snapshot", file});
     ASSERT_EQ(result.m_Status, 0) << result.m_Err;
     EXPECT_NE(result.m_Out.find("written      " + file), std::string::npos);
-    arguments = common;
-    arguments[1] = "1";
-    arguments[3] = "100"; // nothing is born to the many that were kept
-    arguments.insert(arguments.end(), {"--from", file});
-    result = Run(arguments);
+    const std::vector<std::string> arguments = {"--frames", "1", "--particles", "100", "--from", file};
+    result = RunSmall(arguments);
     EXPECT_EQ(result.m_Status, 0) << result.m_Err;
-    EXPECT_EQ(result.m_Out.find("= 100 alive"), std::string::npos) << result.m_Out;
+    EXPECT_EQ(result.m_Out.find("= 100 alive"), std::string::npos) << "no births: more were kept" << result.m_Out;
 
     std::ofstream(file) << "no snapshot";
-    result = Run(arguments);
+    result = RunSmall(arguments);
     EXPECT_EQ(result.m_Status, 2);
     EXPECT_NE(result.m_Err.find("not an HDF5 file\nwind: " + file + " cannot be loaded\n"), std::string::npos);
 }
@@ -384,14 +382,12 @@ TEST_F(WindProgram, OddRunsWork)
 {
     const std::vector<std::string> cases[] = {
         {"--frames", "2"},
-        {"--frames", "150", "--particles", "300", "--page-size",
-         "1"}, // pages are collected while they wait for a resize
+        {"--frames", "150", "--particles", "300", "--page-size", "1"}, // collects pages whose resize is pending
         {"--frames", "90", "--particles", "2000", "--page-size", "1048576"},
     };
-    for (std::vector<std::string> arguments : cases)
+    for (const std::vector<std::string> &arguments : cases)
     {
-        arguments.insert(arguments.end(), {"--size", "16x16", "--out", Path("out")});
-        const SResult result = Run(arguments);
+        const SResult result = RunSmall(arguments);
         EXPECT_EQ(result.m_Status, 0) << result.m_Err;
         EXPECT_EQ(result.m_Err, "");
     }

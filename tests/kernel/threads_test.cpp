@@ -12,25 +12,17 @@ using namespace Tessaly;
 TEST(Atomic, OperationsReturnWhatTheirNamesSay)
 {
     TAtomic<u32> atomic(5);
-    EXPECT_EQ(atomic.FetchAdd(3), 5u);
-    EXPECT_EQ(atomic.FetchSub(7), 8u);
-    EXPECT_EQ(atomic.Dec(), 0u) << "the new value";
-    EXPECT_EQ(atomic.Dec(), 0xFFFFFFFFu);
-    EXPECT_EQ(atomic.Inc(), 0u);
+    EXPECT_TRUE(atomic.FetchAdd(3) == 5 && atomic.FetchSub(7) == 8) << "the former value";
+    EXPECT_TRUE(atomic.Dec() == 0 && atomic.Dec() == 0xFFFFFFFFu && atomic.Inc() == 0) << "the new value";
     atomic.Store(9);
     atomic.Add(1);
     EXPECT_EQ(TAtomic<u32>(atomic).Load(), 10u);
-
     using Primitives = SInterlockedPrimitives<u32, 4>;
     volatile u32 word = 6;
-    EXPECT_EQ(Primitives::_cmpxchg(&word, 1, 7), 6u);
-    EXPECT_EQ(Primitives::_cmpxchg(&word, 12, 6), 6u);
-    EXPECT_EQ(Primitives::_and(&word, 10), 12u);
-    EXPECT_EQ(Primitives::_or(&word, 1), 8u);
-    EXPECT_EQ(Primitives::_xor(&word, 15), 9u);
-    EXPECT_EQ(Primitives::_xchg(&word, 4), 6u);
-    EXPECT_EQ(Primitives::_xinc(&word), 5u);
-    EXPECT_EQ(Primitives::_xdec(&word), 4u);
+    EXPECT_TRUE(Primitives::_cmpxchg(&word, 1, 7) == 6 && Primitives::_cmpxchg(&word, 12, 6) == 6);
+    EXPECT_TRUE(Primitives::_and(&word, 10) == 12 && Primitives::_or(&word, 1) == 8);
+    EXPECT_TRUE(Primitives::_xor(&word, 15) == 9 && Primitives::_xchg(&word, 4) == 6);
+    EXPECT_TRUE(Primitives::_xinc(&word) == 5 && Primitives::_xdec(&word) == 4);
 }
 
 TEST(CriticalSection, IsReentrantAndForgetsItsOwnerAtEachUnlock)

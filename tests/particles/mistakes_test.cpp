@@ -39,28 +39,15 @@ protected:
     }
 
     // Makes the mistake with the first request for memory refused, then with the second, and so on.
-    template <typename _Mistake>
-    void WithoutMemory(_Mistake mistake)
+    void WithoutMemory(const std::function<void()> &mistake)
     {
         for (u32 n = 1; n <= 12; ++n)
-        {
-            m_Memory.RefuseAt(n);
-            mistake();
-            m_Memory.RefuseNone();
-        }
-    }
-
-    void WithoutRuntime()
-    {
-        Particles::Shutdown();
-        Particles::Shutdown();
-        m_Stream.BindStreamDef(&m_Floats);
-        EXPECT_TRUE(Particles::Startup());
-        CheckVersion({9, 8, 7});
+            m_Memory.RefuseAt(n), mistake(), m_Memory.RefuseNone();
     }
 
     void OfTheKernel()
     {
+        CheckVersion({9, 8, 7});
         checked_numcast<u32>(u64(1) << 32);
         u8 bytes[4] = {};
         Mem::Copy(bytes + 1, bytes, 3);
@@ -220,7 +207,10 @@ protected:
 TEST_F(Mistakes, AreExplainedInTheGuide)
 {
     m_Floats.Add(CStringId("speed"), BaseType_Float);
-    WithoutRuntime();
+    Particles::Shutdown();
+    Particles::Shutdown();
+    m_Stream.BindStreamDef(&m_Floats);
+    EXPECT_TRUE(Particles::Startup());
     m_Definition.BindTo(m_Stream);
     m_Stream.AllocateParticlesIFP(10, 0);
     OfTheKernel();
@@ -231,13 +221,11 @@ TEST_F(Mistakes, AreExplainedInTheGuide)
     OfForEachAndRemoval();
 
     std::set<std::string> reported;
-    bool isGrowthReported = false; // one is an example for all
+    u32 growthCount = 0; // the first is an example for all
     for (const SSeenReport &report : m_Reports.Take())
     {
-        const bool isGrowth = report.m_Message.find("could not grow array") == 0;
-        if (!isGrowth || !isGrowthReported)
+        if (report.m_Message.find("could not grow array") != 0 || growthCount++ == 0)
             reported.insert(report.m_Message.substr(0, report.m_Message.find('\n')));
-        isGrowthReported |= isGrowth;
     }
     const std::multiset<std::string> rows = Rows();
     for (const std::string &text : reported)

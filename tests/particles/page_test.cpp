@@ -31,18 +31,12 @@ TEST_F(Page, ReadersKeepWritersOut)
 {
     CParticlePage &page = m_Stream.AppendPage(11, 3);
     const CParticlePageView view(page);
-    {
-        const CScopedRawPageReader reader(page.RawPage()), another(*page.RawPage());
-        EXPECT_EQ(reader.Data(), page.Streams()[0].m_RawDataPtr);
-        EXPECT_FALSE(page.PrepareForWriting());
-        page.StreamsForWriting();
-        page.RawPage()->RawDataForWriting();
-        m_Reports.Expect({"ReadyToWrite()", "ReadersCount() == 0"});
-        EXPECT_TRUE(view.ColumnForWriting<float>(CGuid(1)).Empty());
-        EXPECT_EQ(view.RawStreamBeginForWriting(CGuid(1)), nullptr);
-        EXPECT_EQ(m_Reports.Take().size(), 2u);
-    }
-    EXPECT_TRUE(page.ReadyToWrite());
+    const CScopedRawPageReader reader(page.RawPage()), another(*page.RawPage());
+    EXPECT_EQ(reader.Data(), page.Streams()[0].m_RawDataPtr);
+    EXPECT_FALSE(page.ReadyToWrite() || page.PrepareForWriting());
+    EXPECT_TRUE(view.ColumnForWriting<float>(CGuid(1)).Empty());
+    EXPECT_EQ(view.RawStreamBeginForWriting(CGuid(1)), nullptr);
+    EXPECT_EQ(m_Reports.Take().size(), 2u);
 }
 
 TEST_F(Page, CopyOfAnotherLayoutOrCapacityKeepsColumnsApart)
@@ -111,10 +105,9 @@ TEST_F(PageView, UnfitColumnIsReportedAndEmpty)
     m_Reports.Expect({"pos < BaseImpl::_Count()"});
     EXPECT_TRUE(none.GetStreamDef() == null && none.Streams().Empty() && !none.StreamId(CStringId(Life)).Valid());
     EXPECT_EQ(m_Reports.Count(), 0u);
-    EXPECT_TRUE(none.RawStreamForWriting(CGuid(0)).m_RawDataPtr == null);
-    m_Reports.Expect({"m_Page != null"});
-    EXPECT_TRUE(none.Column<float>(CGuid(0)).Empty() && none.RawStreamBegin(CGuid(0)) == null);
-    EXPECT_FALSE(m_Reports.Take().empty());
+    EXPECT_TRUE(none.RawStreamForWriting(CGuid(0)).m_RawDataPtr == null && none.RawStreamBegin(CGuid(0)) == null);
+    EXPECT_TRUE(none.Column<float>(CGuid(0)).Empty());
+    EXPECT_EQ(m_Reports.Take().at(0).m_Text, "m_Page != null");
 }
 
 TEST_F(Definition, ComparesEveryMemberAndFindsTheFirstFieldOfAName)
@@ -146,12 +139,11 @@ TEST_F(Definition, GrowsByNameAndTypeOrStaysAsItIs)
     EXPECT_EQ(m_Stream.AllocateParticlesIFP(3, 0).ColumnForWriting<CFloat3>(CGuid(0)).Stride(), 12u);
     EXPECT_EQ(def.AddConstant("glow", BaseType_Float4), 2u);
     EXPECT_EQ(def.m_StreamDef[2], SParticleStreamFieldDef(CStringId("glow"), BaseType_Float4, 0));
-    CTestStream unbound(11);
-    EXPECT_FALSE(unbound.BindStreamDef(&def) || unbound.BindStreamDef(null) || unbound.GetStreamDef() != null);
-    EXPECT_FALSE(def.Add(CStringId(), BaseType_Float).Valid() || def.AddConstant("spin", BaseType_Void).Valid());
+    EXPECT_FALSE(CTestStream(11).BindStreamDef(&def)) << "it has a constant field";
+    EXPECT_FALSE(def.Add(CStringId(), BaseType_Float).Valid() || def.AddConstant("dull", BaseType_Void).Valid());
     EXPECT_FALSE(def.Add(CStringId(9), __MaxBaseTypes).Valid() || def.Add(CStringId(9), BaseType_Evolved).Valid());
-    EXPECT_FALSE(def.Add("spin", BaseType_Float).Valid() || def.AddConstant(CStringId(9), BaseType_Void).Valid());
-    EXPECT_EQ(m_Reports.Take().size(), 8u + 1) << "a constant, null, no name, two reasons, no types, a name, a type";
+    EXPECT_FALSE(def.Add("spin", BaseType_Float).Valid());
+    EXPECT_EQ(m_Reports.Take().size(), 6u);
     while (def.m_StreamDef.Count() < def.m_StreamDef.Capacity())
         def.Add(100 + def.m_StreamDef.Count(), BaseType_U8);
     m_Memory.RefuseFrom(1);

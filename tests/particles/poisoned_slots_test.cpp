@@ -75,7 +75,7 @@ TEST_F(PoisonedSlots, FollowTheCountThroughEveryOperation)
     fields.Data()[0].Swap(fields.Data()[3]);
     m_Stream.RemoveParticles(CGuid(0), std::vector<u32>{1, 2});
     ExpectAccessibleRows(page, 5);
-    ASSERT_TRUE(CParticleStream_MainMemory::CopySubRangeToPage(m_Stream.AppendPage(22, 0), page, 2, 9));
+    ASSERT_TRUE(CTestStream::CopySubRangeToPage(m_Stream.AppendPage(22, 0), page, 2, 9));
     ExpectAccessibleRows(*m_Stream.Page(CGuid(1)), 9);
     m_Stream.RegisterBornCount(9);
     CTestStream copy(5);

@@ -84,13 +84,10 @@ TEST_F(StreamPageSize, SameSizeCountsNothingAgain)
 
 TEST_F(StreamPageSize, ZeroIsTheDefault)
 {
-    CTestStream stream(0, m_Definition), unbound(0);
+    CTestStream stream(0, m_Definition);
     EXPECT_EQ(stream.PageSize(), 1024u);
     stream.SetPageSize(64);
     stream.SetPageSize(0);
     m_Reports.Expect({"m_PageSizeInBytes != 0 || m_StreamDef->Empty()"});
     EXPECT_EQ(stream.PageSize(), 1024u);
-    unbound.SetPageSize(1);
-    unbound.SetPageSize(0);
-    EXPECT_EQ(unbound.PageSize(), 1024u);
 }

@@ -142,11 +142,7 @@ TEST_F(SnapshotBadFileTest, WrongContentsAreRefusedWithTheReason)
         H5Adelete(object, name);
         H5Awrite(H5Acreate2(object, name, type, one, H5P_DEFAULT, H5P_DEFAULT), H5T_NATIVE_UINT64, &value);
     };
-    struct
-    {
-        std::function<void(hid_t)> m_Edit;
-        const char *m_Reason;
-    } const cases[] = {
+    const std::pair<std::function<void(hid_t)>, const char *> cases[] = {
         {[&](hid_t f) { replace(f, "fields/3", H5T_STD_U8LE, 1000, 3, true); }, "field 3: 1,000 values for 100 part"},
         {[&](hid_t f) { replace(f, "fields/3", H5T_STD_U8LE, hsize_t(1) << 33, 3, true); },
          "field 3: 8,589,934,592 va"},
@@ -214,31 +210,28 @@ TEST_F(SnapshotBadFileTest, RefusedMemoryChangesNothing)
 {
     for (u32 n = 1, refusalCount = 1; refusalCount != 0; ++n)
     {
+        refusalCount = 0;
+        const auto refused = [&](const std::function<bool()> &operation)
+        {
+            m_Memory.RefuseAt(n);
+            const bool isDone = operation();
+            refusalCount += m_Memory.RefusalCount();
+            m_Memory.RefuseNone();
+            EXPECT_EQ(isDone, m_Reports.Take().empty());
+            return isDone;
+        };
         {
             CParticleStream_MainMemory unbound(4);
             Snapshot::SLoadedDefinition definition;
-            m_Memory.RefuseAt(n);
-            const bool isLoaded = Snapshot::Load(Path(), definition, unbound);
-            refusalCount = m_Memory.RefusalCount();
-            m_Memory.RefuseNone();
-            EXPECT_EQ(isLoaded, m_Reports.Take().empty());
+            const bool isLoaded = refused([&] { return Snapshot::Load(Path(), definition, unbound); });
             EXPECT_EQ(isLoaded, definition.Def() != null);
             EXPECT_EQ(unbound.ParticleCount(), isLoaded ? 100u : 0u);
         }
-        m_Memory.RefuseAt(n);
-        const bool isLoaded = Snapshot::Load(Path(), m_Loaded, m_Bound);
-        refusalCount += m_Memory.RefusalCount();
-        m_Memory.RefuseNone();
-        EXPECT_EQ(isLoaded, m_Reports.Take().empty());
-        if (!isLoaded)
-            ExpectBoundUnchanged();
-        m_Memory.RefuseAt(n);
-        const bool isSaved = Snapshot::Save(m_Saved, (m_Path + "2").c_str());
-        refusalCount += m_Memory.RefusalCount();
-        m_Memory.RefuseNone();
-        EXPECT_EQ(isSaved, m_Reports.Take().empty());
+        const bool isSaved = refused([&] { return Snapshot::Save(m_Saved, (m_Path + "2").c_str()); });
         EXPECT_EQ(isSaved, std::filesystem::remove(m_Path + "2"));
-        if (isLoaded)
+        if (!refused([&] { return Snapshot::Load(Path(), m_Loaded, m_Bound); }))
+            ExpectBoundUnchanged();
+        else
         {
             m_Bound.Clear();
             Fill(m_Bound, 20);

@@ -10,9 +10,7 @@
 
 #include "support/stream_fixture.h"
 
-namespace Tessaly
-{
-namespace Tests
+namespace Tessaly::Tests
 {
 
 class SnapshotTest : public CStreamTest
@@ -83,5 +81,4 @@ protected:
     std::string m_Folder, m_Path;
 };
 
-} // namespace Tests
-} // namespace Tessaly
+} // namespace Tessaly::Tests

@@ -19,10 +19,7 @@ namespace Tessaly::Tests
 
 struct SSeenReport
 {
-    std::string m_Text; // the expression
-    std::string m_Message;
-    std::string m_Function; // full signature
-    std::string m_File;
+    std::string m_Text, m_Message, m_Function, m_File; // the expression; what is told; the full signature
     bool m_IsVerify;
 };
 

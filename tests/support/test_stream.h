@@ -87,13 +87,13 @@ public:
     template <typename _Type>
     std::vector<_Type> Values(u32 name) const
     {
-        std::vector<_Type> values;
+        std::vector<_Type> all;
         for (u32 i = 0; i < PageCount(); ++i)
         {
-            for (const _Type &value : ValuesOf<_Type>(Page(CGuid(i)), name))
-                values.push_back(value);
+            const std::vector<_Type> values = ValuesOf<_Type>(Page(CGuid(i)), name);
+            all.insert(all.end(), values.begin(), values.end());
         }
-        return values;
+        return all;
     }
 
 private:
