@@ -7,15 +7,15 @@
 
 #include <csignal>
 
-// What a shared library shows to its hosts: everything else stays inside.
+// Exports a symbol from a shared library. All others are hidden.
 #define TZ_API __attribute__((visibility("default")))
 #define TZ_NOINLINE __attribute__((noinline))
 #define TZ_FORCEINLINE __attribute__((always_inline)) inline
 #define TZ_COLD __attribute__((cold, noinline))
-// A condition that the code is laid out for, or against.
+// Hints for the branch predictor: how a condition usually turns out.
 #define TZ_LIKELY(expr) __builtin_expect(static_cast<bool>(expr), true)
 #define TZ_UNLIKELY(expr) __builtin_expect(static_cast<bool>(expr), false)
-// A default implementation of a service: a host that defines the function itself replaces it when it links.
+// The default implementation of a service, as a weak symbol: a host that defines the function itself replaces it.
 #define TZ_REPLACEABLE __attribute__((weak))
 #define TZ_PRINTF_FORMAT(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))
 
@@ -25,7 +25,7 @@
 namespace Tessaly
 {
 
-// Stops in a debugger; a program that handles or ignores SIGTRAP goes on behind it.
+// Raises SIGTRAP: a debugger stops here. A program that handles or ignores the signal goes on.
 inline void BreakPoint()
 {
 #if defined(__x86_64__)

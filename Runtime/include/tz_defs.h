@@ -36,19 +36,19 @@ struct TNumericTraits
     static constexpr _Type kMax = static_cast<_Type>(~_Type(0));
 };
 
-// The IEEE-754 binary format with the given word, mantissa and exponent widths (in bits), as constants of its words.
+// Constants of an IEEE-754 binary format, as bit patterns. The widths are in bits.
 template <typename _Word, u32 _MantissaBits, u32 _ExponentBits>
 struct TAbstractIEEE754_FpConstants
 {
     static constexpr _Word FpBits_PositiveInf = ((_Word(1) << _ExponentBits) - 1) << _MantissaBits;
 };
 
-// A floating-point type by the constants of its format; the values are usable before any dynamic initialiser.
+// Constants of an IEEE-754 format, as values of the floating-point type. Usable before any dynamic initialiser.
 template <typename _Fp, typename _Constants>
 struct TAbstractFloatingPointRepresentation
 {
     static_assert(std::numeric_limits<_Fp>::is_iec559, "IEEE-754 formats only");
-    static constexpr _Fp kPositiveInfinity = std::numeric_limits<_Fp>::infinity(); // bits: FpBits_PositiveInf
+    static constexpr _Fp kPositiveInfinity = std::numeric_limits<_Fp>::infinity(); // bit pattern: FpBits_PositiveInf
 };
 
 // A type without its reference and its const and volatile qualifiers.
@@ -70,7 +70,7 @@ constexpr const _Type &TZMax(const _Type &a, const _Type &b)
     return a < b ? b : a;
 }
 
-// Exchanges through a temporary. Containers and atomics have overloads of their own.
+// Exchanges two objects by three moves. Containers and atomics have overloads of their own.
 template <typename _Type>
 void TZSwap(_Type &a, _Type &b)
 {
@@ -79,7 +79,7 @@ void TZSwap(_Type &a, _Type &b)
     b = std::move(tmp);
 }
 
-// Narrows value; asserts that nothing was lost, and returns the narrowed value all the same.
+// Converts to a narrower type. Asserts that the value is unchanged; a changed one is returned all the same.
 template <typename _TypeDst, typename _TypeSrc>
 _TypeDst checked_numcast(_TypeSrc value)
 {
@@ -90,10 +90,8 @@ _TypeDst checked_numcast(_TypeSrc value)
 
 namespace IntegerTools
 {
-
 // Index of the highest set bit. Requires value != 0.
 constexpr u32 Log2(u32 value) { return 31u - static_cast<u32>(__builtin_clz(value)); }
-
 } // namespace IntegerTools
 
 // A base without copy construction and copy assignment.

@@ -1,5 +1,5 @@
 // TGuid: an index or identifier whose all-ones value means "none".
-// It converts to its integer without asking: test Valid(), never the guid itself (INVALID is non-zero, index 0 is not).
+// It converts to its integer implicitly. Test Valid(), not the guid itself: INVALID is non-zero, and index 0 is valid.
 #pragma once
 
 #include "tz_defs.h"
@@ -12,26 +12,23 @@ template <typename _Type>
 class TGuid
 {
 public:
-    _Type m_Guid; // all ones: none
+    _Type m_Guid;
 
-    static const TGuid INVALID; // constant-initialised: usable before any dynamic initialiser
+    static const TGuid INVALID; // all ones; constant-initialised: usable before any dynamic initialiser
 
-    // None; or that index.
-    constexpr TGuid()
-        : m_Guid(TNumericTraits<_Type>::kMax)
-    {
-    }
-    constexpr TGuid(_Type guid)
+    // Without an argument INVALID.
+    constexpr TGuid(_Type guid = TNumericTraits<_Type>::kMax)
         : m_Guid(guid)
     {
     }
 
-    constexpr bool Valid() const { return m_Guid != TNumericTraits<_Type>::kMax; } // it is not none
-    // The index, or all ones.
+    // False for INVALID only.
+    constexpr bool Valid() const { return m_Guid != TNumericTraits<_Type>::kMax; }
+    // The integer: all ones for INVALID.
     constexpr _Type Get() const { return m_Guid; }
     constexpr operator _Type() const { return m_Guid; }
 
-    // Additions wrap around.
+    // Wrap around at the ends of _Type.
     template <typename _Int>
     constexpr TGuid operator+(_Int offset) const
     {
@@ -45,31 +42,22 @@ public:
     }
     constexpr TGuid &operator++() { return *this += _Type(1); }
     constexpr TGuid &operator--() { return *this += TNumericTraits<_Type>::kMax; }
-    constexpr TGuid operator++(int)
-    {
-        const TGuid old = *this;
-        ++*this;
-        return old;
-    }
-    constexpr TGuid operator--(int)
-    {
-        const TGuid old = *this;
-        --*this;
-        return old;
-    }
+    constexpr TGuid operator++(int) { return TGuid(m_Guid++); }
+    constexpr TGuid operator--(int) { return TGuid(m_Guid--); }
 };
 
 template <typename _Type>
 constexpr TGuid<_Type> TGuid<_Type>::INVALID{TNumericTraits<_Type>::kMax};
 
-using CGuid = TGuid<u32>; // the common kind
+using CGuid = TGuid<u32>;
 
-// What a guid is compared in with an integer: its own width, so that -1 is INVALID, unless the integer is wider.
+// The type in which a guid and an integer are compared: the guid's, so that -1 equals INVALID, unless the integer is
+// wider.
 template <typename _Type, typename _Int>
 using TGuidComparand = std::conditional_t<(sizeof(_Int) > sizeof(_Type)), std::common_type_t<_Type, _Int>, _Type>;
 
-// Comparisons with another guid and, on either side, with any integer: the exact overloads keep "guid == 0" from being
-// ambiguous between the conversion to the integer and the one from it.
+// Comparisons with another guid and, on either side, with any integer. Without the overloads for integers "guid == 0"
+// would be ambiguous: the guid converts to an integer, and the integer to a guid.
 #define TZ_GUID_COMPARISON(op)                                                                                         \
     template <typename _Type>                                                                                          \
     constexpr bool operator op(TGuid<_Type> a, TGuid<_Type> b)                                                         \

@@ -3,12 +3,10 @@
 
 #include "tz_defs.h"
 
-namespace Tessaly
-{
-namespace Mem
+namespace Tessaly::Mem
 {
 
-// The next multiple of _Alignment (a power of two) not below value; wraps around in _Type.
+// Rounds value up to a multiple of _Alignment, a power of two. Wraps around in _Type.
 template <u32 _Alignment, typename _Type>
 constexpr _Type Align(_Type value)
 {
@@ -16,5 +14,4 @@ constexpr _Type Align(_Type value)
     return static_cast<_Type>((value + (_Alignment - 1)) & ~static_cast<_Type>(_Alignment - 1));
 }
 
-} // namespace Mem
-} // namespace Tessaly
+} // namespace Tessaly::Mem
