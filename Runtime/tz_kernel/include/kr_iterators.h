@@ -1,4 +1,4 @@
-// What all random-access iterators have in common: made from three operations of theirs.
+// What all random-access iterators have in common, derived from three operations of each.
 #pragma once
 
 #include <cstddef>
@@ -8,8 +8,8 @@
 namespace Tessaly
 {
 
-// The standard library's traits, and each operator that follows from operator*, operator+= and operator- (the distance
-// between two) of the class that derives from it.
+// The standard iterator traits, and all operators that follow from operator*, operator+= and operator- (the distance
+// between two iterators) of the derived class.
 template <typename _Iterator, typename _Type>
 class TRandomAccessOperators
 {

@@ -1,5 +1,5 @@
 // Non-owning views: TMemoryView on contiguous elements, TStridedMemoryView on elements a fixed number of bytes apart.
-// Indexing is checked (two sites each); iteration is not.
+// Indexing is checked (two sites each), iteration is not.
 #pragma once
 
 #include <tz_defs.h>
@@ -13,14 +13,14 @@ namespace Tessaly
 namespace Internal
 {
 
-// A contiguous container (data(), size()) whose elements a view on _Type can have: as const, or more so.
+// Enables a function for contiguous containers (with data() and size()) whose elements are _Type or a less const _Type.
 template <typename _Container, typename _Type>
 using TEnableIfContainerOf =
     std::enable_if_t<std::is_convertible<std::remove_pointer_t<decltype(std::declval<_Container &>().data())> (*)[],
                                          _Type (*)[]>::value &&
                      std::is_convertible<decltype(std::declval<_Container &>().size()), size_t>::value>;
 
-// What a view counts of size elements: none, after a report, when 32 bits do not hold their number.
+// A container's size as the count of a view. A size above 32 bits is reported and gives 0.
 inline u32 ViewCount(size_t size)
 {
     TZ_ASSERT_MESSAGE(size <= TNumericTraits<u32>::kMax, "a view has at most %u elements, not %zu",
@@ -35,95 +35,78 @@ template <typename _Type>
 class TMemoryView
 {
 public:
-    // As const as the elements.
     using Byte = typename std::conditional<std::is_const<_Type>::value, const u8, u8>::type;
 
-    // No elements; or count of them from data on, which stay the caller's.
-    constexpr TMemoryView()
-        : m_Data(null)
-        , m_Count(0)
-    {
-    }
+    // The empty view, or count elements from data on.
+    constexpr TMemoryView() = default;
     TMemoryView(_Type *data, u32 count)
         : m_Data(reinterpret_cast<Byte *>(data))
         , m_Count(count)
     {
     }
 
-    // The elements of a contiguous container, which keeps them: a std::vector, a std::array. More of them than 32 bits
-    // count are reported and give a view without elements. Only a view on const elements takes a temporary one.
-    template <typename _Container, typename = Internal::TEnableIfContainerOf<_Container, _Type>>
-    TMemoryView(_Container &container)
-        : TMemoryView(container.data(), Internal::ViewCount(container.size()))
-    {
-    }
-    template <typename _Container, typename = Internal::TEnableIfContainerOf<const _Container, _Type>,
-              typename = std::enable_if_t<std::is_const<_Type>::value, _Container>>
-    TMemoryView(const _Container &container)
+    // The elements of a contiguous container: a std::vector, a std::array. More elements than 32 bits can count are
+    // reported and give an empty view. Only a view on const elements can be made from a temporary container.
+    template <typename _Container, typename = Internal::TEnableIfContainerOf<_Container, _Type>,
+              typename = std::enable_if_t<std::is_lvalue_reference<_Container>::value || std::is_const<_Type>::value>>
+    TMemoryView(_Container &&container)
         : TMemoryView(container.data(), Internal::ViewCount(container.size()))
     {
     }
 
-    // A view on const elements from one on mutable ones.
+    // From a view on mutable elements to one on const elements.
     template <typename _Other,
               typename = std::enable_if_t<std::is_same<const _Other, _Type>::value && !std::is_const<_Other>::value>>
     TMemoryView(const TMemoryView<_Other> &other)
-        : m_Data(other.m_Data)
-        , m_Count(other.m_Count)
+        : TMemoryView(other.Data(), other.Count())
     {
     }
 
-    _Type *Data() const { return reinterpret_cast<_Type *>(m_Data); } // the first element
-    _Type *DataEnd() const { return Data() + m_Count; }               // behind the last one
-    u32 Count() const { return m_Count; }                             // elements
-    bool Empty() const { return m_Count == 0; }                       // none
-    // For loops.
+    // The elements are [Data(), DataEnd()).
+    _Type *Data() const { return reinterpret_cast<_Type *>(m_Data); }
+    _Type *DataEnd() const { return Data() + m_Count; }
+    u32 Count() const { return m_Count; }
+    bool Empty() const { return m_Count == 0; }
     _Type *begin() const { return Data(); }
     _Type *end() const { return DataEnd(); }
 
-    // One element. An index outside the view is reported and gives what lies there all the same; of a view without
-    // data, a zeroed stand-in.
+    // One element.
+    // Fails: an index outside the view is reported; the reference is to what lies at that address. Of a view without
+    //        data it is to a zeroed stand-in.
     _Type &operator[](u32 index) const
     {
         _AssertAccessible(index);
         return m_Data != null ? Data()[index] : Internal::MissingElement<_Type>();
     }
 
-    // The check of operator[] alone.
+    // Reports an index that operator[] would report.
     void _AssertAccessible(u32 index) const
     {
         TZ_ASSERT(m_Data != null);
         TZ_ASSERT(index < m_Count);
     }
 
-    Byte *m_Data; // the first element
-    u32 m_Count;  // elements
+    Byte *m_Data = null;
+    u32 m_Count = 0;
 };
 
-// What a strided view consists of.
+// The members of a strided view.
 struct SStridedMemoryViewRawStorage
 {
-    u8 *m_RawDataPtr; // the first element
-    u32 m_Count;      // elements
-    u32 m_Stride;     // bytes between consecutive elements; 0 repeats one element
+    u8 *m_RawDataPtr = null;
+    u32 m_Count = 0;
+    u32 m_Stride = 0; // bytes from one element to the next; 0: all elements are the same one
 };
 
-// Holds it.
+// Holds the members of a strided view.
 template <typename _Type>
 class TStridedMemoryViewBase
 {
 public:
-    SStridedMemoryViewRawStorage m_Storage; // where the elements are
-
-protected:
-    // data is the first element's place.
-    constexpr TStridedMemoryViewBase(u8 *data, u32 count, u32 stride)
-        : m_Storage{data, count, stride}
-    {
-    }
+    SStridedMemoryViewRawStorage m_Storage;
 };
 
-// Steps from element to element of a strided view. Two of the same view compare by their index: a stride may be 0.
+// Iterates over a strided view. Two iterators of a view compare by index, because the stride may be 0.
 template <typename _Type>
 class TStridedIterator : public TRandomAccessOperators<TStridedIterator<_Type>, _Type>
 {
@@ -131,18 +114,16 @@ public:
     using Byte = typename std::conditional<std::is_const<_Type>::value, const u8, u8>::type;
 
     TStridedIterator() = default;
-    TStridedIterator(Byte *element, u32 stride, u32 index)
+    TStridedIterator(Byte *element, std::ptrdiff_t stride, std::ptrdiff_t index)
         : m_Element(element)
         , m_Stride(stride)
         , m_Index(index)
     {
     }
-    // To const elements from one to mutable ones.
+    // From an iterator over mutable elements to one over const elements.
     template <typename _Other, typename = std::enable_if_t<std::is_same<const _Other, _Type>::value>>
     TStridedIterator(const TStridedIterator<_Other> &other)
-        : m_Element(other.m_Element)
-        , m_Stride(other.m_Stride)
-        , m_Index(other.m_Index)
+        : TStridedIterator(other.m_Element, other.m_Stride, other.m_Index)
     {
     }
 
@@ -171,17 +152,14 @@ class TStridedMemoryView : public TStridedMemoryViewBase<_Type>
     using Base = TStridedMemoryViewBase<_Type>;
 
 public:
-    using Base::m_Storage; // where the elements are
+    using Base::m_Storage;
 
-    using CIterator = TStridedIterator<_Type>; // steps from element to element
+    using CIterator = TStridedIterator<_Type>;
 
-    // No elements; count of them from data on, stride bytes apart; or those of a view without gaps.
-    constexpr TStridedMemoryView()
-        : Base(null, 0, 0)
-    {
-    }
+    // The empty view; count elements from data on, stride bytes apart; the elements of a contiguous view.
+    constexpr TStridedMemoryView() = default;
     TStridedMemoryView(_Type *data, u32 count, u32 stride = sizeof(_Type))
-        : Base(const_cast<u8 *>(reinterpret_cast<const u8 *>(data)), count, stride)
+        : Base{{const_cast<u8 *>(reinterpret_cast<const u8 *>(data)), count, stride}}
     {
     }
     TStridedMemoryView(const TMemoryView<_Type> &view)
@@ -189,7 +167,7 @@ public:
     {
     }
 
-    // The elements of a contiguous container, as TMemoryView takes them.
+    // The elements of a contiguous container, as for TMemoryView.
     template <typename _Container,
               typename = std::enable_if_t<std::is_constructible<TMemoryView<_Type>, _Container>::value,
                                           decltype(std::declval<_Container>().data())>>
@@ -198,23 +176,23 @@ public:
     {
     }
 
-    // A view on const elements from one on mutable ones.
+    // From a view on mutable elements to one on const elements.
     template <typename _Other,
               typename = std::enable_if_t<std::is_same<const _Other, _Type>::value && !std::is_const<_Other>::value>>
     TStridedMemoryView(const TStridedMemoryView<_Other> &other)
-        : Base(other.m_Storage.m_RawDataPtr, other.m_Storage.m_Count, other.m_Storage.m_Stride)
+        : Base{other.m_Storage}
     {
     }
 
-    _Type *Data() const { return reinterpret_cast<_Type *>(m_Storage.m_RawDataPtr); } // the first element
-    u32 Count() const { return m_Storage.m_Count; }                                   // elements
-    u32 Stride() const { return m_Storage.m_Stride; } // bytes from one element to the next; 0: one element, repeated
-    bool Empty() const { return m_Storage.m_Count == 0; } // none
-    // For loops.
+    // Element i lies i * Stride() bytes behind Data(). A stride of 0 repeats one element.
+    _Type *Data() const { return reinterpret_cast<_Type *>(m_Storage.m_RawDataPtr); }
+    u32 Count() const { return m_Storage.m_Count; }
+    u32 Stride() const { return m_Storage.m_Stride; }
+    bool Empty() const { return m_Storage.m_Count == 0; }
     CIterator begin() const { return CIterator(m_Storage.m_RawDataPtr, m_Storage.m_Stride, 0); }
     CIterator end() const { return begin() + Count(); }
 
-    // One element, as on a view without gaps. The product of index and stride is taken in 32 bits.
+    // One element, as for TMemoryView. The product of index and stride wraps around in 32 bits.
     _Type &operator[](u32 index) const
     {
         _AssertAccessible(index);
@@ -223,7 +201,7 @@ public:
         return *reinterpret_cast<_Type *>(m_Storage.m_RawDataPtr + index * m_Storage.m_Stride);
     }
 
-    // The check of operator[] alone.
+    // Reports an index that operator[] would report.
     void _AssertAccessible(u32 index) const
     {
         TZ_ASSERT(m_Storage.m_RawDataPtr != null);

@@ -1,5 +1,5 @@
-// Intrusive reference counting. A new object has no reference; the first TRefPtr makes the count 1; the object dies
-// with its last one. Counts change atomically (sequentially consistent), so references may be dropped on any thread.
+// Intrusive reference counting. A new object has no reference; the first TRefPtr makes the count 1; dropping the last
+// reference destroys the object. Counts are atomic and sequentially consistent: any thread may drop a reference.
 #pragma once
 
 #include <tz_defs.h>
@@ -15,16 +15,17 @@ namespace Tessaly
 class CRefCountedObjectBase : public CNonCopyable
 {
 public:
-    u32 StrongRefCount() const { return m_StrongRefCount.Load(); } // references at this moment
+    // Exact only while no other thread adds or drops references.
+    u32 StrongRefCount() const { return m_StrongRefCount.Load(); }
 
-    // One reference more.
+    // Adds a reference.
     void _InternalAddStrongRef() const { m_StrongRefCount.Add(1); }
 
     // Drops a reference and returns the new count; never destroys.
     u32 _InternalRemoveReference() const
     {
-        // A last reference is the caller's own, so that no other thread can copy it: a store does what the atomic step
-        // would. Collecting a page takes a fourth less.
+        // The only reference is the caller's: no other thread can add one meanwhile, and a store is enough. That makes
+        // collecting pages 25 % faster.
         if (TZ_LIKELY(m_StrongRefCount.Load() == 1))
         {
             __atomic_store_n(&m_StrongRefCount.m_Value, 0u, __ATOMIC_RELAXED);
@@ -43,13 +44,13 @@ private:
     mutable TAtomic<u32> m_StrongRefCount;
 };
 
-// The base of shared objects. They are made by the kernel's new.
+// The base of shared objects, which are created by Mem::New.
 class TZ_API CRefCountedObject : public CRefCountedObjectBase
 {
 public:
     virtual ~CRefCountedObject() {}
 
-    // Keeps the object alive until the reference is dropped. Any thread that has one already.
+    // Adds a reference, on any thread that has one already.
     void AddReference() const { _InternalAddStrongRef(); }
 
     // Drops a reference; the last one destroys the object. Null is allowed.
@@ -62,20 +63,20 @@ public:
         _DeleteObject(dead, dead);
     }
 
-    // The service that ends an object: runs the destructor and frees memory, which came from the kernel's new.
+    // The service that destroys an object and frees its memory, which came from Mem::New.
     static void _DeleteObject(CRefCountedObject *object, void *memory);
 };
 
-// The parts of a reference.
+// The pointer of a reference, and how its object is counted.
 template <typename _Type, bool _IsWeak>
 class TRefModifier
 {
     static_assert(!_IsWeak, "only strong references exist");
 
 public:
-    _Type *m_Ptr = null; // the object, or null
+    _Type *m_Ptr = null;
 
-    // Add or drop a reference; null is allowed.
+    // Add and drop a reference; null is allowed.
     static void AddRef(_Type *object)
     {
         if (object != null)
@@ -84,18 +85,19 @@ public:
     static void DelRef(_Type *object) { CRefCountedObject::RemoveReference(object); }
 };
 
-// The parts of a reference.
+// What a reference offers besides ownership.
 template <typename _Type, bool _IsWeak>
 class TBaseRefPtr : public TRefModifier<_Type, _IsWeak>
 {
 public:
     using TRefModifier<_Type, _IsWeak>::m_Ptr;
 
-    _Type *Get() const { return m_Ptr; }                     // null: no object
-    explicit operator bool() const { return m_Ptr != null; } // there is an object
+    // The object or null.
+    _Type *Get() const { return m_Ptr; }
+    explicit operator bool() const { return m_Ptr != null; }
 
-    // Lets its object go and refers to another one, or to none. The new object gets its reference before the old one
-    // loses its own: the old one may own the new one.
+    // Refers to another object, or to none. References the new object before it drops the old one, which may own the
+    // new one.
     void Copy(_Type *object)
     {
         if (object == m_Ptr)
@@ -113,9 +115,8 @@ class TRefPtr : public TBaseRefPtr<_Type, false>
     using _P = TBaseRefPtr<_Type, false>;
 
 public:
-    // A reference to an object, or to none.
+    // References the object; null is allowed. A move takes the other one's reference and leaves it null.
     TRefPtr() = default;
-    TRefPtr(std::nullptr_t) {}
     TRefPtr(_Type *object)
     {
         _P::m_Ptr = object;
@@ -135,22 +136,13 @@ public:
     }
     ~TRefPtr() { _P::DelRef(_P::m_Ptr); }
 
-    // Lets its object go and refers to another one, or to none.
+    // Drop the old object and reference the new one, as Copy does.
     TRefPtr &operator=(_Type *object)
     {
         _P::Copy(object);
         return *this;
     }
-    TRefPtr &operator=(std::nullptr_t)
-    {
-        _P::Copy(null);
-        return *this;
-    }
-    TRefPtr &operator=(const TRefPtr &other)
-    {
-        _P::Copy(other.m_Ptr);
-        return *this;
-    }
+    TRefPtr &operator=(const TRefPtr &other) { return *this = other.m_Ptr; }
     TRefPtr &operator=(TRefPtr &&other) noexcept
     {
         TRefPtr taken(std::move(other));
@@ -169,63 +161,39 @@ public:
         TZ_ASSERT(_P::m_Ptr != null);
         return *_P::m_Ptr;
     }
+
+    // Comparisons with null.
+    friend bool operator==(const TRefPtr &a, std::nullptr_t) { return a.m_Ptr == null; }
+    friend bool operator!=(const TRefPtr &a, std::nullptr_t) { return a.m_Ptr != null; }
+    friend bool operator==(std::nullptr_t, const TRefPtr &a) { return a.m_Ptr == null; }
+    friend bool operator!=(std::nullptr_t, const TRefPtr &a) { return a.m_Ptr != null; }
 };
 
-// Equal when they refer to the same object.
-template <typename _A, typename _B>
-bool operator==(const TRefPtr<_A> &a, const TRefPtr<_B> &b)
-{
-    return a.m_Ptr == b.m_Ptr;
-}
-template <typename _A, typename _B>
-bool operator!=(const TRefPtr<_A> &a, const TRefPtr<_B> &b)
-{
-    return a.m_Ptr != b.m_Ptr;
-}
-template <typename _A, typename _B>
-bool operator==(const TRefPtr<_A> &a, _B *b)
-{
-    return a.m_Ptr == b;
-}
-template <typename _A, typename _B>
-bool operator!=(const TRefPtr<_A> &a, _B *b)
-{
-    return a.m_Ptr != b;
-}
-template <typename _A, typename _B>
-bool operator==(_A *a, const TRefPtr<_B> &b)
-{
-    return a == b.m_Ptr;
-}
-template <typename _A, typename _B>
-bool operator!=(_A *a, const TRefPtr<_B> &b)
-{
-    return a != b.m_Ptr;
-}
-template <typename _A>
-bool operator==(const TRefPtr<_A> &a, std::nullptr_t)
-{
-    return a.m_Ptr == null;
-}
-template <typename _A>
-bool operator!=(const TRefPtr<_A> &a, std::nullptr_t)
-{
-    return a.m_Ptr != null;
-}
-template <typename _A>
-bool operator==(std::nullptr_t, const TRefPtr<_A> &a)
-{
-    return a.m_Ptr == null;
-}
-template <typename _A>
-bool operator!=(std::nullptr_t, const TRefPtr<_A> &a)
-{
-    return a.m_Ptr != null;
-}
+// Comparisons of the pointers: references and plain pointers, on either side.
+#define TZ_REFPTR_COMPARISON(op)                                                                                       \
+    template <typename _A, typename _B>                                                                                \
+    bool operator op(const TRefPtr<_A> &a, const TRefPtr<_B> &b)                                                       \
+    {                                                                                                                  \
+        return a.m_Ptr op b.m_Ptr;                                                                                     \
+    }                                                                                                                  \
+    template <typename _A, typename _B>                                                                                \
+    bool operator op(const TRefPtr<_A> &a, _B *b)                                                                      \
+    {                                                                                                                  \
+        return a.m_Ptr op b;                                                                                           \
+    }                                                                                                                  \
+    template <typename _A, typename _B>                                                                                \
+    bool operator op(_A *a, const TRefPtr<_B> &b)                                                                      \
+    {                                                                                                                  \
+        return a op b.m_Ptr;                                                                                           \
+    }
+
+TZ_REFPTR_COMPARISON(==)
+TZ_REFPTR_COMPARISON(!=)
+
+#undef TZ_REFPTR_COMPARISON
 
 namespace TTypeTraits
 {
-// An array moves it by copying its bytes.
 template <typename _Type>
 inline constexpr bool HasTrivialRelocate<TRefPtr<_Type>> = true;
 } // namespace TTypeTraits

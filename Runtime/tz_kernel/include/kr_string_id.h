@@ -1,6 +1,6 @@
-// CStringId: the identifier of a name, its FNV-1a hash of 32 bits or a number of the host's choice; 0 is the empty id.
+// CStringId: the identifier of a name: its 32-bit FNV-1a hash, or a number of the host's choice; 0 is the empty id.
 //
-// Ids carry no text. A host may register texts, which debuggers and messages then show instead of numbers.
+// An id holds no text. A host may register texts, which debuggers and messages then show instead of numbers.
 #pragma once
 
 #include <tz_defs.h>
@@ -8,45 +8,47 @@
 namespace Tessaly
 {
 
-// The id of a name.
+// The identifier of a name.
 class TZ_API CStringId
 {
 public:
-    u32 m_Id; // 0: the empty name
+    u32 m_Id;
 
-    // The empty id; or that one.
-    constexpr CStringId()
-        : m_Id(0)
-    {
-    }
-    constexpr CStringId(u32 id)
+    // Without an argument the empty id.
+    constexpr CStringId(u32 id = 0)
         : m_Id(id)
     {
     }
-    // The id of a text, which ends at its first NUL or with the array: never 0.
+    // The hash of a text, which ends at its first NUL or with the array. It is never 0.
     template <size_t _Size>
     constexpr CStringId(const char (&text)[_Size])
         : m_Id(_Hash(text, _Size))
     {
     }
-    // The same of the first length characters at most; of null, the empty id.
+    // The same for a text of at most length characters. Null gives the empty id.
     static constexpr CStringId FromText(const char *text, u32 length)
     {
         return text != nullptr ? CStringId(_Hash(text, length)) : CStringId();
     }
 
-    // Keeps a copy of the text (NUL-terminated) for Text(), and returns its id. The same text again changes nothing.
-    // Fails: another text of the same id is reported and not kept, null is reported and gives the empty id, and where
-    // memory is refused the text is not kept. Any thread. O(registered names).
+    // Keeps a copy of a NUL-terminated text for Text(). A text that is registered already changes nothing.
+    // Returns: its id.
+    // Fails:   null is reported and gives the empty id. A text with the same id as another one is reported and not
+    //          kept. A text is not kept when memory is refused.
+    // Lock:    none; any thread.
+    // Cost:    O(registered texts).
     static CStringId Register(const char *text);
-    // Forgets all registered texts and frees their memory; what Text() gave is gone. Nobody else uses them meanwhile.
-    // Only a host that counts what it gets back needs it.
+    // Frees the memory of all registered texts. Only a host that counts its live blocks at the end needs it.
+    // Lock:        none; no other thread may use registered texts at the same time.
+    // Invalidates: what Text() returned.
     static void UnregisterAll();
-    // The text that was registered for the id, or null. Any thread. O(registered names).
+    // Returns: the text that is registered for the id, or null.
+    // Lock:    none; any thread.
+    // Cost:    O(registered texts).
     const char *Text() const;
 
-    constexpr bool Empty() const { return m_Id == 0; } // the empty name
-    // Equal when the ids are.
+    // Ids compare by their numbers; the empty one is 0.
+    constexpr bool Empty() const { return m_Id == 0; }
     constexpr bool operator==(CStringId other) const { return m_Id == other.m_Id; }
     constexpr bool operator!=(CStringId other) const { return m_Id != other.m_Id; }
 

@@ -1,5 +1,5 @@
-// Atomics: TAtomic, whose read-modify-writes are full barriers; LoadShared and StoreShared for members of plain types
-// that a lock guards but that may also be read without it.
+// Atomics: TAtomic, whose read-modify-writes are full barriers; LoadShared and StoreShared, for members of plain types
+// that are written under a lock and may be read without it.
 #pragma once
 
 #include <type_traits>
@@ -9,14 +9,11 @@
 namespace Tessaly
 {
 
+// Full-barrier atomic instructions on 32-bit integers. _xinc and _xdec return the new value, all others the old one.
 template <typename _Type, u32 _Size>
-struct SInterlockedPrimitives;
-
-// Full-barrier atomic instructions on 32-bit integers. The first five return the old value, _xinc and _xdec the new.
-template <typename _Type>
-struct SInterlockedPrimitives<_Type, 4>
+struct SInterlockedPrimitives
 {
-    static_assert(sizeof(_Type) == 4, "32-bit integers only");
+    static_assert(sizeof(_Type) == 4 && _Size == 4, "32-bit integers only");
 
     static _Type _cmpxchg(volatile _Type *ptr, _Type desired, _Type expected)
     {
@@ -40,11 +37,7 @@ class TAtomic
 public:
     volatile _Type m_Value;
 
-    constexpr TAtomic()
-        : m_Value(0)
-    {
-    }
-    constexpr TAtomic(_Type value)
+    constexpr TAtomic(_Type value = 0)
         : m_Value(value)
     {
     }
@@ -55,28 +48,28 @@ public:
     TAtomic &operator=(const TAtomic &) = delete;
 
     _Type Load() const { return __atomic_load_n(&m_Value, __ATOMIC_ACQUIRE); }
-    void Store(_Type value) { Primitives::_xchg(&m_Value, value); } // an exchange: sequentially consistent
+    void Store(_Type value) { Primitives::_xchg(&m_Value, value); } // an exchange is sequentially consistent
     _Type FetchAdd(_Type value) { return Primitives::_xadd(&m_Value, value); }
     _Type FetchSub(_Type value) { return Primitives::_xadd(&m_Value, static_cast<_Type>(_Type(0) - value)); }
     void Add(_Type value) { Primitives::_xadd(&m_Value, value); }
-    _Type Inc() { return Primitives::_xinc(&m_Value); } // the new value
-    _Type Dec() { return Primitives::_xdec(&m_Value); } // the new value
+    // Return the new value.
+    _Type Inc() { return Primitives::_xinc(&m_Value); }
+    _Type Dec() { return Primitives::_xdec(&m_Value); }
 };
 
-// Reads both, then stores each side; the exchange as a whole is not one atomic step.
+// Exchanges two values. Each load and each store is atomic, the exchange as a whole is not.
 template <typename _Type>
 void TZSwap(TAtomic<_Type> &a, TAtomic<_Type> &b)
 {
-    const _Type aValue = a.Load();
-    const _Type bValue = b.Load();
-    a.Store(bValue);
-    b.Store(aValue);
+    const _Type oldA = a.Load();
+    a.Store(b.Load());
+    b.Store(oldA);
 }
 
 namespace Threads
 {
 
-// A member of a plain type that is written under a lock and may be read without it: one atomic load or store each.
+// One atomic load or store of a member that is written under a lock and may be read without it.
 template <int _Order = __ATOMIC_RELAXED, typename _Type>
 _Type LoadShared(const _Type &member)
 {
@@ -92,5 +85,4 @@ void StoreShared(_Type &member, std::common_type_t<_Type> value)
 }
 
 } // namespace Threads
-
 } // namespace Tessaly

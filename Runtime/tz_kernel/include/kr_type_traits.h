@@ -1,17 +1,14 @@
-// What containers ask of their element types.
+// What containers require of their element types.
 #pragma once
 
 #include <type_traits>
 
-namespace Tessaly
-{
-namespace TTypeTraits
+namespace Tessaly::TTypeTraits
 {
 
-// True when an element moves by copying its bytes, without constructor or destructor calls. A type that is not
-// trivially copyable says so by a specialisation.
+// Whether an object can be moved to another address by copying its bytes, without constructor and destructor calls.
+// Specialise it for a type that is not trivially copyable but can be moved so.
 template <typename _Type>
 inline constexpr bool HasTrivialRelocate = std::is_trivially_copyable<_Type>::value;
 
-} // namespace TTypeTraits
-} // namespace Tessaly
+} // namespace Tessaly::TTypeTraits

@@ -1,4 +1,4 @@
-// Vector types for fields: plain records of their components, each of which has two names: x and m_X.
+// Vector types for fields: plain records of their components. Each component has two names: x and m_X.
 #pragma once
 
 #include <tz_defs.h>
@@ -6,17 +6,18 @@
 namespace Tessaly
 {
 
+// A component under its two names.
+#define TZ_COMPONENT(name, memberName)                                                                                 \
+    union                                                                                                              \
+    {                                                                                                                  \
+        _Type name, memberName;                                                                                        \
+    }
+
 template <typename _Type>
 struct TVector2
 {
-    union
-    {
-        _Type x, m_X;
-    };
-    union
-    {
-        _Type y, m_Y;
-    };
+    TZ_COMPONENT(x, m_X);
+    TZ_COMPONENT(y, m_Y);
 
     TVector2() = default;
     constexpr TVector2(_Type x0, _Type y0)
@@ -32,18 +33,9 @@ struct TVector2
 template <typename _Type>
 struct TVector3
 {
-    union
-    {
-        _Type x, m_X;
-    };
-    union
-    {
-        _Type y, m_Y;
-    };
-    union
-    {
-        _Type z, m_Z;
-    };
+    TZ_COMPONENT(x, m_X);
+    TZ_COMPONENT(y, m_Y);
+    TZ_COMPONENT(z, m_Z);
 
     TVector3() = default;
     constexpr TVector3(_Type x0, _Type y0, _Type z0)
@@ -60,22 +52,10 @@ struct TVector3
 template <typename _Type>
 struct TVector4
 {
-    union
-    {
-        _Type x, m_X;
-    };
-    union
-    {
-        _Type y, m_Y;
-    };
-    union
-    {
-        _Type z, m_Z;
-    };
-    union
-    {
-        _Type w, m_W;
-    };
+    TZ_COMPONENT(x, m_X);
+    TZ_COMPONENT(y, m_Y);
+    TZ_COMPONENT(z, m_Z);
+    TZ_COMPONENT(w, m_W);
 
     TVector4() = default;
     constexpr TVector4(_Type x0, _Type y0, _Type z0, _Type w0)
@@ -89,6 +69,8 @@ struct TVector4
     constexpr bool operator==(const TVector4 &v) const { return x == v.x && y == v.y && z == v.z && w == v.w; }
     constexpr bool operator!=(const TVector4 &v) const { return !(*this == v); }
 };
+
+#undef TZ_COMPONENT
 
 using CFloat2 = TVector2<float>;
 using CFloat3 = TVector3<float>;
