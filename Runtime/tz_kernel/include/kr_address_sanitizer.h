@@ -1,7 +1,7 @@
-// What the address sanitizer is told of memory that nobody is to touch for a while; without it, nothing is done.
+// Poisoning of free memory for the address sanitizer; without the sanitizer the calls do nothing.
 //
-// It keeps a note for each 8 bytes: how many of them, from the first on, may be touched. The calls below change notes
-// of the range only, each byte that stays as it was included, so that other threads may use the rest meanwhile.
+// The sanitizer has a shadow byte for each 8 bytes, which tells how many of them, from the first on, may be accessed.
+// The calls write only the shadow bytes of their range: other threads may access the memory around it meanwhile.
 #pragma once
 
 #include <tz_defs.h>
@@ -16,33 +16,31 @@
 #    endif
 #endif
 #if !defined(TZ_ADDRESS_SANITIZER)
-#    define TZ_ADDRESS_SANITIZER 0 // 1 where the sanitizer is on
+#    define TZ_ADDRESS_SANITIZER 0
 #endif
 
 #if TZ_ADDRESS_SANITIZER
 #    include <sanitizer/asan_interface.h>
 #endif
 
-namespace Tessaly
-{
-namespace Mem
+namespace Tessaly::Mem
 {
 
-// The same for conditions.
+// TZ_ADDRESS_SANITIZER, for conditions.
 constexpr bool kIsAddressSanitized = TZ_ADDRESS_SANITIZER != 0;
 
 #if TZ_ADDRESS_SANITIZER
 
-// From here on touching these bytes is an error, until Unpoison. Of eight bytes that the range does not reach the end
-// of, none is poisoned.
+// Make accesses to these bytes errors, and allow them again. Where the range ends inside a group of 8 bytes, that group
+// is not poisoned.
 inline void Poison(const void *start, ureg byteCount) { __asan_poison_memory_region(start, byteCount); }
 inline void Unpoison(const void *start, ureg byteCount) { __asan_unpoison_memory_region(start, byteCount); }
 
-// Mem::Copy from bytes that may be poisoned, unseen by the sanitizer.
+// Mem::Copy from bytes that may be poisoned: the sanitizer does not check it.
 __attribute__((no_sanitize("address"), noinline)) inline void CopyPoisoned(void *dst, const void *src, ureg byteCount)
 {
     TZ_ASSERT(!Mem::Overlaps(dst, byteCount, src, byteCount));
-    // Volatile: a loop that copies would be made a call, which the sanitizer sees.
+    // Volatile, because the compiler would replace the loop by a call of memmove, which the sanitizer checks.
     volatile u8 *to = static_cast<u8 *>(dst);
     const volatile u8 *from = static_cast<const u8 *>(src);
     const bool isDescending = to > from;
@@ -55,12 +53,10 @@ __attribute__((no_sanitize("address"), noinline)) inline void CopyPoisoned(void 
 
 #else
 
-// Without the sanitizer they do nothing, and the copy is Mem::Copy.
 inline void Poison(const void *, ureg) {}
 inline void Unpoison(const void *, ureg) {}
 inline void CopyPoisoned(void *dst, const void *src, ureg byteCount) { Mem::Copy(dst, src, byteCount); }
 
 #endif
 
-} // namespace Mem
-} // namespace Tessaly
+} // namespace Tessaly::Mem

@@ -8,7 +8,7 @@
 namespace Tessaly
 {
 
-// Types of fields, by kind and number of components.
+// Types of values, by kind and number of components.
 enum EBaseTypeID : int
 {
     BaseType_Evolved = -1,
@@ -58,28 +58,29 @@ struct SBaseTypeTraitsStorage;
 class TZ_API CBaseTypeTraits : public CNonCopyable
 {
 public:
-    EBaseTypeID Self;        // the type
-    bool IsFp;               // the components are floating-point values
-    bool IsSigned;           // the components are signed
+    EBaseTypeID Self;
+    bool IsFp;
+    bool IsSigned;
     EBaseTypeID FpPromotion; // the floating-point type that this one promotes to
     EBaseTypeID ScalarType;  // the type of one component
-    u32 VectorDimension;     // components
+    u32 VectorDimension;     // number of components
     u32 Size;                // bytes of one value
     const char *Name;        // without the prefix BaseType_
 
-    // The row of type. A type out of range is reported and gives the row of BaseType_Void (no component, size 0).
+    // The traits of a type.
+    // Fails: a type out of range is reported and gives those of BaseType_Void (no component, size 0).
     static const CBaseTypeTraits &Traits(EBaseTypeID type);
 
-    // The type with the components of type, but dimension of them; BaseType_Void when there is none.
+    // The type of the same component kind with dimension components, and its traits. BaseType_Void when there is none.
     static EBaseTypeID Revectorize(EBaseTypeID type, u32 dimension);
-    // The row of that type.
     static const CBaseTypeTraits &RevectorizeTraits(EBaseTypeID type, u32 dimension);
 
-    static const SBaseTypeTraitsStorage m_BaseTypeTraits[__MaxBaseTypes + 1]; // the row of type t is row t + 1
-    static const u8 m_BaseMaskForVectorization[__MaxBaseTypes + 1];           // bit n - 1: n components exist
+    // Both have the row of type t at t + 1. Bit n - 1 of a mask: there is a type with n of the components.
+    static const SBaseTypeTraitsStorage m_BaseTypeTraits[__MaxBaseTypes + 1];
+    static const u8 m_BaseMaskForVectorization[__MaxBaseTypes + 1];
 
 protected:
-    // A row of these members.
+    // Takes the members in their order.
     constexpr CBaseTypeTraits(EBaseTypeID self, bool isFp, bool isSigned, EBaseTypeID fpPromotion,
                               EBaseTypeID scalarType, u32 vectorDimension, u32 size, const char *name)
         : Self(self)
@@ -94,16 +95,11 @@ protected:
     }
 };
 
-// A row of the table: the traits themselves, constructible.
+// A row of the table of traits.
 struct SBaseTypeTraitsStorage : CBaseTypeTraits
 {
-    // A row of these members.
-    constexpr SBaseTypeTraitsStorage(EBaseTypeID self, bool isFp, bool isSigned, EBaseTypeID fpPromotion,
-                                     EBaseTypeID scalarType, u32 vectorDimension, u32 size, const char *name)
-        : CBaseTypeTraits(self, isFp, isSigned, fpPromotion, scalarType, vectorDimension, size, name)
-    {
-    }
+    using CBaseTypeTraits::CBaseTypeTraits;
 };
-static_assert(sizeof(SBaseTypeTraitsStorage) == sizeof(CBaseTypeTraits), "a row is nothing but its traits");
+static_assert(sizeof(SBaseTypeTraitsStorage) == sizeof(CBaseTypeTraits), "a row is the traits of its type");
 
 } // namespace Tessaly

@@ -1,4 +1,4 @@
-// What containers share: growth policy, destruction of ranges, relocation, the checked iterator's base, the monitor.
+// Internals of the containers: growth policy, destruction of ranges, relocation, the base of iterators, the monitor.
 #pragma once
 
 #include <tz_defs.h>
@@ -10,19 +10,19 @@
 namespace Tessaly
 {
 
-// When set, every array reports each change of its buffer's size before it makes it.
+// When set, arrays report each growth of a buffer to the class below before they request the memory.
 TZ_API extern bool g_KRContainersConfig_MonitorTArrays;
 
 class TZ_API CContainersMonitorTArrays
 {
 public:
-    // Adds bytes (negative when a buffer shrinks) to the total. Any thread.
+    // Adds bytes (negative for a buffer that shrinks) to the total, on any thread.
     static void RegisterNewMemoryMovement(s64 bytes);
     static s64 TotalBytes();
 };
 
-// Growth policy: room for n elements is asked as n + n / _GrowDivider + _GrowConstant of them. The other parameters
-// play no part in the one instance in use.
+// Growth policy: for n elements an array requests memory for n + n / _GrowDivider + _GrowConstant of them.
+// _InitialSize and _GrowMultiplier have no effect.
 template <u32 _Alignment = 0, u32 _InitialSize = 8, u32 _GrowConstant = 8, u32 _GrowMultiplier = 0,
           u32 _GrowDivider = 2>
 class TArrayStaticController
@@ -44,24 +44,21 @@ namespace Internal
 template <typename _Type, bool _HasNonTrivialDtor>
 struct TRangeDestructor
 {
-    // Destroys data[start] to data[end - 1], in that order.
+    // Destroys data[start] to data[end - 1], in that order. Does nothing for a trivial destructor.
     static void Destroy(_Type *data, u32 start, u32 end)
     {
-        TZ_ASSERT(start <= end && (data != null || start == end));
-        for (u32 i = start; data != null && i < end; ++i)
-            data[i].~_Type();
+        if constexpr (_HasNonTrivialDtor)
+        {
+            TZ_ASSERT(start <= end && (data != null || start == end));
+            for (u32 i = start; data != null && i < end; ++i)
+                data[i].~_Type();
+        }
     }
-};
-
-template <typename _Type>
-struct TRangeDestructor<_Type, false>
-{
-    static void Destroy(_Type *, u32, u32) {}
 };
 
 struct SRelocationHelper
 {
-    // Moves the bytes of count elements from src down to dst.
+    // Moves count elements from src to the lower address dst by copying their bytes.
     template <typename _Type>
     static void Relocate_OverlappedCompact(_Type *dst, _Type *src, ureg count)
     {
@@ -78,12 +75,6 @@ class TContiguousBaseIterator
 {
 public:
     _Type *m_Ptr;
-
-protected:
-    explicit TContiguousBaseIterator(_Type *ptr = null)
-        : m_Ptr(ptr)
-    {
-    }
 };
 
 } // namespace Tessaly

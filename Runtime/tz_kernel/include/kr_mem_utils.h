@@ -7,12 +7,10 @@
 
 #include "kr_mem.h"
 
-namespace Tessaly
-{
-namespace Mem
+namespace Tessaly::Mem
 {
 
-// True when [a, a + aBytes) and [b, b + bBytes) share a byte. An empty range shares none.
+// Whether [a, a + aBytes) and [b, b + bBytes) share a byte. An empty range shares none.
 inline bool Overlaps(const void *a, ureg aBytes, const void *b, ureg bBytes)
 {
     const ureg aStart = reinterpret_cast<ureg>(a);
@@ -22,7 +20,7 @@ inline bool Overlaps(const void *a, ureg aBytes, const void *b, ureg bBytes)
     return aStart <= bStart ? bStart - aStart < aBytes : aStart - bStart < bBytes;
 }
 
-// Copies byteCount bytes. Requires ranges that do not overlap (asserted; ranges that do are still copied safely).
+// Copies byteCount bytes. The ranges must not overlap (asserted; overlapping ones are copied as by memmove).
 inline void Copy(void *dst, const void *src, ureg byteCount)
 {
     TZ_ASSERT(!Mem::Overlaps(dst, byteCount, src, byteCount));
@@ -43,13 +41,13 @@ TZ_API void Copy_Overlapped(void *dst, const void *src, u64 byteCount);
 // Writes count consecutive values start, start + 1, ... (4 bytes each).
 TZ_API void FillIndices32(void *dst, u32 count, u32 start);
 
-} // namespace Mem
+} // namespace Tessaly::Mem
 
-namespace Internal
+namespace Tessaly::Internal
 {
 
-// What a container hands out for an element that it does not have: a zeroed stand-in of the calling thread, so that
-// misuse which has already been reported touches no foreign memory.
+// What containers return a reference to, after a report, for an element that does not exist: a zeroed stand-in of the
+// calling thread. Reading and writing it touches no other memory.
 template <typename _Type>
 TZ_COLD _Type &MissingElement()
 {
@@ -59,5 +57,4 @@ TZ_COLD _Type &MissingElement()
     return reinterpret_cast<Stored &>(storage);
 }
 
-} // namespace Internal
-} // namespace Tessaly
+} // namespace Tessaly::Internal

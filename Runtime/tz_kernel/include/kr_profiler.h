@@ -5,12 +5,10 @@
 
 #include "kr_vectors.h"
 
-namespace Tessaly
-{
-namespace Profiler
+namespace Tessaly::Profiler
 {
 
-// The static description of one scope, built once per site.
+// The static description of a scope, built once per site.
 struct TZ_API SNodeDescriptor
 {
     // Bits of m_Flags.
@@ -24,37 +22,37 @@ struct TZ_API SNodeDescriptor
         Mask_Reserved = 0x0FFF0000,
     };
 
-    CFloat4 m_Color;               // red, green, blue, alpha, 0 to 1
-    u32 m_ColorRGBA8;              // red in the low byte
-    u32 m_ColorBGRA8;              // blue in the low byte
-    const char *m_Name;            // of the scope
+    CFloat4 m_Color;  // red, green, blue, alpha, from 0 to 1
+    u32 m_ColorRGBA8; // red in the low byte
+    u32 m_ColorBGRA8; // blue in the low byte
+    const char *m_Name;
     const char *m_FileAndFunction; // path of the source file
     u32 m_Flags;                   // EFlags
 
-    // Keeps the two pointers: the texts must live as long. Without an alpha the colour is opaque.
+    // Keeps the pointers: the texts must outlive the descriptor. A colour without alpha is opaque.
     SNodeDescriptor(const char *name, const char *fileAndFunction, const CFloat4 &color, u32 flags);
     SNodeDescriptor(const char *name, const char *fileAndFunction, const CFloat3 &color, u32 flags);
 
-    // A colour whose hue follows from the name alone: the same in every run.
+    // A colour whose hue is a hash of the name: the same in every run.
     static CFloat4 AutogenColor(const char *name);
 };
 
-// Hears every scope of every thread. Called on the thread of the scope, under whatever locks it holds.
+// Is notified of every scope, on the scope's thread, which keeps all locks that it holds.
 class TZ_API CSinkAbstract
 {
 public:
     virtual ~CSinkAbstract() = default;
-    // node lives as long as the program.
+    // node is valid until the end of the program.
     virtual void OnScopeBegin(const SNodeDescriptor &node) = 0;
     virtual void OnScopeEnd(const SNodeDescriptor &node) = 0;
 };
 
-// Where scopes report to: the sink that the host set.
+// Holds the sink that the host set.
 class TZ_API CProfiler : public CNonCopyable
 {
 public:
-    // Sets the sink of the process, which the caller keeps alive until no scope that began with it is open; null, the
-    // default, makes a scope cost one load and one branch. A scope ends with the sink that it began with.
+    // Set and read the sink of the process. Null, the default, is none: a scope then costs one load and one branch. A
+    // scope ends with the sink that it began with: keep a sink alive until no such scope is open.
     static void SetSink(CSinkAbstract *sink) { __atomic_store_n(&m_Sink, sink, __ATOMIC_RELEASE); }
     static CSinkAbstract *Sink() { return __atomic_load_n(&m_Sink, __ATOMIC_ACQUIRE); }
 
@@ -62,14 +60,14 @@ private:
     static CSinkAbstract *m_Sink;
 };
 
-// The profiler that the runtime reports to. Asked only while somebody listens.
+// The profiler of the runtime. Called only while a sink is set.
 TZ_API CProfiler *MainEngineProfiler();
 
-// One open scope: from construction to destruction.
+// An open scope: from construction to destruction.
 class CScopedNode : public CNonCopyable
 {
 public:
-    // Tells the sink of the beginning, when there is a profiler and a sink; the destructor tells it of the end.
+    // Notifies the sink of the beginning, if there is a profiler and a sink; the destructor notifies it of the end.
     CScopedNode(CProfiler *profiler, const SNodeDescriptor *descriptor, bool)
         : m_Profiler(profiler)
         , m_NodeDescriptor(descriptor)
@@ -85,15 +83,14 @@ public:
             m_Sink->OnScopeEnd(*m_NodeDescriptor);
     }
 
-    CProfiler *m_Profiler;                   // null when nobody listens
-    const SNodeDescriptor *m_NodeDescriptor; // of the scope
-    CSinkAbstract *m_Sink;                   // that heard the beginning, and hears the end
+    CProfiler *m_Profiler; // null: no sink is notified
+    const SNodeDescriptor *m_NodeDescriptor;
+    CSinkAbstract *m_Sink; // the one that was notified of the beginning
 };
 
-} // namespace Profiler
-} // namespace Tessaly
+} // namespace Tessaly::Profiler
 
-// Opens a scope until the end of the enclosing block, in a colour of its own (a CFloat3 or CFloat4 expression).
+// Opens a scope until the end of the enclosing block, with the given colour (a CFloat3 or CFloat4 expression).
 #define TZ_PROFILE_SCOPE_COLORED(name, color)                                                                          \
     static const ::Tessaly::Profiler::SNodeDescriptor _profilerDescriptor(name, __FILE__, color, 0u);                  \
     const ::Tessaly::Profiler::CScopedNode _profilerNode(::Tessaly::Profiler::CProfiler::Sink() != ::Tessaly::null     \
@@ -101,5 +98,5 @@ public:
                                                              : ::Tessaly::null,                                        \
                                                          &_profilerDescriptor, true)
 
-// The same in the colour that follows from the name.
+// The same with the colour that AutogenColor gives for the name.
 #define TZ_PROFILE_SCOPE(name) TZ_PROFILE_SCOPE_COLORED(name, ::Tessaly::Profiler::SNodeDescriptor::AutogenColor(name))

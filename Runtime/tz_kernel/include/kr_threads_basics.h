@@ -13,40 +13,45 @@ namespace Tessaly
 class TZ_API CCurrentThread
 {
 public:
-    static u32 ThreadID(); // any thread; takes no lock
-    // The same, asked once a thread, without a call: that saves a page lock 30 % and spawning 5 %.
+    // Takes no lock.
+    static u32 ThreadID();
+    // ThreadID(), cached inline per thread: that makes a page lock 30 % and spawning 5 % faster.
     static u32 _KnownThreadID();
 };
 
-// Diagnostic counters. RegisterCSUnlock is called at every release of a critical section, nested ones included.
+// Diagnostic counters.
 class TZ_API CThreadStats
 {
 public:
-    static void RegisterCSUnlock(); // by the holder, right before it releases
-    static u64 CSUnlockCount();     // releases by all threads since the process started
-    // RegisterCSUnlock; without a call when the default one has told where it counts this thread's releases. That saves
-    // a page lock 15 % and AllocateParticlesIFP 5 %.
+    // Called by the holder of a critical section right before each release, nested ones included.
+    static void RegisterCSUnlock();
+    // Releases by all threads since the start of the process.
+    static u64 CSUnlockCount();
+    // Increments the counter of the calling thread inline, or calls RegisterCSUnlock when there is none: a page lock is
+    // 15 % and AllocateParticlesIFP 5 % faster.
     static void _CountCSUnlock();
-    static u64 *&_OwnUnlocks(); // that place; null: RegisterCSUnlock is to be called, as always when a host replaced it
+    // The calling thread's counter. The default RegisterCSUnlock sets it; null when a host replaced that.
+    static u64 *&_OwnUnlocks();
 };
 
 namespace Threads
 {
 
-// Mutual exclusion between threads, re-entrant for its holder: each Lock is balanced by one Unlock on the same thread.
+// A re-entrant mutex: each Lock is balanced by one Unlock on the same thread.
 class TZ_API CCriticalSection : public CNonCopyable
 {
 public:
     CCriticalSection();
     ~CCriticalSection();
 
-    void Lock() const;    // waits for other threads
-    bool TryLock() const; // true when the lock was taken
-    void Unlock() const;  // by the thread that locked it
+    // TryLock gives false, without waiting, when another thread holds the lock. The thread that locked unlocks.
+    void Lock() const;
+    bool TryLock() const;
+    void Unlock() const;
 
     mutable pthread_mutex_t m_CS; // recursive
-    // Id of the holding thread; the value of CGuid::INVALID when free, and after any unlock, nested ones included: it
-    // is a note for debuggers, never what re-entrancy rests on. Written only by the holder.
+    // For debuggers: the id of the thread that locked last, or CGuid::INVALID after any unlock, nested ones included.
+    // Written only by the holder.
     mutable volatile u32 m_Owner;
 };
 

@@ -1,4 +1,4 @@
-// POSIX half of kr_threads_basics.h.
+// Inline bodies of kr_threads_basics.h, on POSIX threads.
 #pragma once
 
 #include "../../kr_threads_basics.h"
@@ -8,7 +8,7 @@ namespace Tessaly
 
 inline u32 CCurrentThread::_KnownThreadID()
 {
-    static thread_local u32 id __attribute__((tls_model("initial-exec"))) = 0; // 0: not asked yet
+    static thread_local u32 id __attribute__((tls_model("initial-exec"))) = 0; // 0: not yet known
     if (TZ_UNLIKELY(id == 0))
         id = ThreadID();
     return id;
@@ -40,7 +40,7 @@ inline void CCriticalSection::Lock() const
 inline void CCriticalSection::Unlock() const
 {
     CThreadStats::_CountCSUnlock();
-    // Before the release: afterwards it would overwrite the next holder's note.
+    // Written before the release: afterwards it could overwrite the id of the next holder.
     __atomic_store_n(&m_Owner, CGuid::INVALID.Get(), __ATOMIC_RELAXED);
     pthread_mutex_unlock(&m_CS);
 }
