@@ -1,4 +1,4 @@
-// Assertion services: ask the handler that the host set, or print and go on.
+// Assertion services: call the handler that the host set, or the default one, which prints the report.
 #include <tz_assert.h>
 
 #include <cstdarg>
@@ -6,9 +6,7 @@
 #include <cstring>
 #include <mutex>
 
-namespace Tessaly
-{
-namespace Assert
+namespace Tessaly::Assert
 {
 
 namespace
@@ -36,7 +34,7 @@ int Report(const SReport &report)
 {
     g_HandlerLock.lock();
     const SHandler handler = g_Handler;
-    g_HandlerLock.unlock(); // a handler may set another one, or fail an assertion itself
+    g_HandlerLock.unlock(); // the handler may set another one, or fail an assertion itself
     return handler.m_Handler(report, handler.m_UserData);
 }
 
@@ -77,5 +75,4 @@ TZ_REPLACEABLE bool VerifyAssertFalse_Breaks(bool &ignoredFlag, const char *file
     return result == Result_Break;
 }
 
-} // namespace Assert
-} // namespace Tessaly
+} // namespace Tessaly::Assert

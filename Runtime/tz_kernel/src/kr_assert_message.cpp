@@ -1,12 +1,10 @@
-// Forms the messages of verifications, and has the service report them.
+// Verifications with a message: not a service, which is why it has a file of its own.
 #include <tz_assert.h>
 
 #include <cstdarg>
 #include <cstdio>
 
-namespace Tessaly
-{
-namespace Assert
+namespace Tessaly::Assert
 {
 
 bool _VerifyMessageFalse_Breaks(bool &ignoredFlag, const char *file, const char *function, int line,
@@ -20,5 +18,4 @@ bool _VerifyMessageFalse_Breaks(bool &ignoredFlag, const char *file, const char 
     return VerifyAssertFalse_Breaks(ignoredFlag, file, function, line, expression, expression, message);
 }
 
-} // namespace Assert
-} // namespace Tessaly
+} // namespace Tessaly::Assert

@@ -4,15 +4,7 @@
 namespace Tessaly
 {
 
-namespace
-{
-
-constexpr u8 kUpToFour = 0xF; // 1 to 4 components
-constexpr u8 kScalarOnly = 0x1;
-
-} // namespace
-
-// One row, and the four rows of a family of 1 to 4 components.
+// One row, and the four rows of the types with 1 to 4 components.
 #define TZ_ROW(type, isFp, isSigned, promotion, scalar, dimension, size)                                               \
     {                                                                                                                  \
         BaseType_##type, isFp, isSigned, BaseType_##promotion, BaseType_##scalar, dimension, size, #type               \
@@ -36,26 +28,14 @@ constexpr SBaseTypeTraitsStorage CBaseTypeTraits::m_BaseTypeTraits[] = {
 #undef TZ_FAMILY
 #undef TZ_ROW
 
-#define TZ_FOUR_TIMES(mask) mask, mask, mask, mask
-
 const u8 CBaseTypeTraits::m_BaseMaskForVectorization[] = {
-    0,                        // Evolved
-    0,                        // Void
-    TZ_FOUR_TIMES(kUpToFour), // Bool
-    TZ_FOUR_TIMES(kUpToFour), // U8
-    TZ_FOUR_TIMES(kUpToFour), // I8
-    TZ_FOUR_TIMES(kUpToFour), // U16
-    TZ_FOUR_TIMES(kUpToFour), // I16
-    TZ_FOUR_TIMES(kUpToFour), // U32
-    TZ_FOUR_TIMES(kUpToFour), // I32
-    kScalarOnly,              // U64
-    kScalarOnly,              // I64
-    TZ_FOUR_TIMES(kUpToFour), // Float
-    kScalarOnly,              // Double
-    kUpToFour,                // Quaternion: Float to Float3, and itself
+    0x0, 0x0,                                                   // Evolved, Void
+    0xF, 0xF, 0xF, 0xF, 0xF, 0xF, 0xF, 0xF, 0xF, 0xF, 0xF, 0xF, // Bool, U8, I8
+    0xF, 0xF, 0xF, 0xF, 0xF, 0xF, 0xF, 0xF, 0xF, 0xF, 0xF, 0xF, // U16, I16, U32
+    0xF, 0xF, 0xF, 0xF, 0x1, 0x1,                               // I32, U64, I64
+    0xF, 0xF, 0xF, 0xF, 0x1,                                    // Float, Double
+    0xF,                                                        // Quaternion: Float to Float3, and itself
 };
-
-#undef TZ_FOUR_TIMES
 
 const CBaseTypeTraits &CBaseTypeTraits::Traits(EBaseTypeID type)
 {
@@ -69,10 +49,10 @@ EBaseTypeID CBaseTypeTraits::Revectorize(EBaseTypeID type, u32 dimension)
     const CBaseTypeTraits &traits = Traits(type);
     if (traits.VectorDimension == dimension)
         return traits.Self;
-    const u32 mask = m_BaseMaskForVectorization[static_cast<u32>(static_cast<int>(traits.Self) + 1)];
-    if (dimension == 0 || dimension > 4 || (mask & (1u << (dimension - 1u))) == 0)
+    const u32 mask = m_BaseMaskForVectorization[traits.Self + 1];
+    if (dimension == 0 || dimension > 4 || (mask & (1u << (dimension - 1))) == 0)
         return BaseType_Void;
-    return static_cast<EBaseTypeID>(static_cast<int>(traits.ScalarType) + static_cast<int>(dimension) - 1);
+    return EBaseTypeID(int(traits.ScalarType) + int(dimension) - 1);
 }
 
 const CBaseTypeTraits &CBaseTypeTraits::RevectorizeTraits(EBaseTypeID type, u32 dimension)

@@ -1,4 +1,4 @@
-// Diagnostic sum of what the arrays' buffers grew by.
+// Diagnostic total of the bytes that arrays requested for their buffers.
 #include "../include/kr_containers_internals.h"
 
 namespace Tessaly

@@ -1,9 +1,7 @@
 // Critical section on a recursive POSIX mutex.
 #include "../include/kr_threads_basics.h"
 
-namespace Tessaly
-{
-namespace Threads
+namespace Tessaly::Threads
 {
 
 TZ_REPLACEABLE CCriticalSection::CCriticalSection()
@@ -26,5 +24,4 @@ TZ_REPLACEABLE bool CCriticalSection::TryLock() const
     return true;
 }
 
-} // namespace Threads
-} // namespace Tessaly
+} // namespace Tessaly::Threads

@@ -1,24 +1,17 @@
-// Thread ids: numbers from a counter, given at a thread's first call.
+// Thread ids: numbers from a counter, assigned at a thread's first call.
 #include "../include/kr_threads_basics.h"
 
 namespace Tessaly
 {
 
-namespace
+TZ_REPLACEABLE u32 CCurrentThread::ThreadID()
 {
-
-u32 g_LastThreadID = 0;
-// 0: not given yet. Read at every lock: in a shared library the model spares a call.
-thread_local u32 t_ThreadID __attribute__((tls_model("initial-exec"))) = 0;
-
-TZ_COLD u32 GiveThreadID()
-{
-    t_ThreadID = __atomic_add_fetch(&g_LastThreadID, 1, __ATOMIC_RELAXED);
-    return t_ThreadID;
+    static u32 lastId = 0;
+    // The model avoids a call in a shared library.
+    static thread_local u32 id __attribute__((tls_model("initial-exec"))) = 0;
+    if (TZ_UNLIKELY(id == 0))
+        id = __atomic_add_fetch(&lastId, 1, __ATOMIC_RELAXED);
+    return id;
 }
-
-} // namespace
-
-TZ_REPLACEABLE u32 CCurrentThread::ThreadID() { return t_ThreadID != 0 ? t_ThreadID : GiveThreadID(); }
 
 } // namespace Tessaly

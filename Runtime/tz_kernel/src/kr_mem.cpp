@@ -1,5 +1,5 @@
-// Memory services: forward to the allocator that the host set, or to the default one: the C library's for small blocks,
-// the system's own mappings for large ones.
+// Memory services: forward to the allocator that the host set, or to the default one, which takes small blocks from the
+// C library and maps large ones.
 #include "../include/kr_mem.h"
 
 #include <cstdlib>
@@ -9,31 +9,28 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-namespace Tessaly
-{
-namespace Mem
+namespace Tessaly::Mem
 {
 
 namespace
 {
 
-constexpr u32 kDefaultAlignment = 16; // what the C library gives without being asked
+constexpr u32 kDefaultAlignment = 16; // of malloc
 constexpr u64 kMinMappedBytes = 1 << 20;
-constexpr u64 kHugePageBytes = 2 << 20; // every mapped block is aligned to it
+constexpr u64 kHugePageBytes = 2 << 20; // the alignment of all mapped blocks
 
-// A mapped block. The record stands behind the block's bytes.
+// A mapped block. The record lies behind the block's bytes.
 struct SMapping
 {
     u8 *m_Block;
-    u64 m_BlockBytes; // as asked, rounded up to the record's place
+    u64 m_BlockBytes; // requested size, rounded up to the offset of this record
     u64 m_MappedBytes;
     SMapping *m_Next;
-    SMapping *m_Previous;
-    bool m_HasDiscarded; // no huge pages any more
+    bool m_HasDiscarded; // huge pages are disabled
 };
 
 std::mutex g_MappingsLock;
-SMapping *g_Mappings = null; // in no order: there are few, and who looks one up is about to call the system
+SMapping *g_Mappings = null; // an unsorted list: a search costs less than the system call that follows it
 
 ureg RoundUp(ureg value, ureg step) { return (value + step - 1) / step * step; }
 
@@ -43,48 +40,45 @@ u64 SystemPageBytes()
     return bytes;
 }
 
-// Maps a block. First touch in huge pages costs about a tenth of what it costs in small ones. Null when it is refused.
+// Maps a block, or returns null. Page faults on huge pages cost about a tenth of those on small ones.
 void *MapBlock(u64 size)
 {
-    const u64 blockBytes = RoundUp(size, alignof(SMapping));
-    const u64 mappedBytes = RoundUp(blockBytes + sizeof(SMapping), SystemPageBytes());
     if (size > TNumericTraits<u64>::kMax / 2)
         return null;
+    const u64 blockBytes = RoundUp(size, alignof(SMapping));
+    const u64 mappedBytes = RoundUp(blockBytes + sizeof(SMapping), SystemPageBytes());
     void *memory = mmap(null, mappedBytes + kHugePageBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)
         return null;
-    // What lies before the aligned block and behind its record is not needed.
+    // Only the aligned block and its record stay mapped.
     u8 *start = static_cast<u8 *>(memory);
     u8 *block = reinterpret_cast<u8 *>(RoundUp(ureg(start), kHugePageBytes));
     if (block != start)
         munmap(start, size_t(block - start));
     munmap(block + mappedBytes, size_t(start + kHugePageBytes - block));
     if (blockBytes >= kHugePageBytes)
-        madvise(block, blockBytes / kHugePageBytes * kHugePageBytes, MADV_HUGEPAGE); // a wish only
+        madvise(block, blockBytes / kHugePageBytes * kHugePageBytes, MADV_HUGEPAGE); // may fail
     const std::lock_guard<std::mutex> lock(g_MappingsLock);
-    SMapping *mapping = ::new (block + blockBytes) SMapping{block, blockBytes, mappedBytes, g_Mappings, null, false};
-    if (g_Mappings != null)
-        g_Mappings->m_Previous = mapping;
-    g_Mappings = mapping;
+    g_Mappings = ::new (block + blockBytes) SMapping{block, blockBytes, mappedBytes, g_Mappings, false};
     return block;
 }
 
-// The mapping that address lies in; null: it is none of a mapped block. Under the lock of the mappings.
-SMapping *FindMapping(const void *address)
+// The link in the list to the mapping that contains address; a link to null for any other address. Expects the lock.
+SMapping **FindMapping(const void *address)
 {
-    SMapping *mapping = g_Mappings;
-    while (mapping != null && ureg(address) - ureg(mapping->m_Block) >= mapping->m_BlockBytes)
-        mapping = mapping->m_Next;
-    return mapping;
+    SMapping **link = &g_Mappings;
+    while (*link != null && ureg(address) - ureg((*link)->m_Block) >= (*link)->m_BlockBytes)
+        link = &(*link)->m_Next;
+    return link;
 }
 
-// The bytes of a mapped block; 0: the C library's.
+// The size of a mapped block; 0 for a block of the C library.
 u64 MappedBlockBytes(const void *block)
 {
     if (block == null || ureg(block) % kHugePageBytes != 0)
         return 0;
     const std::lock_guard<std::mutex> lock(g_MappingsLock);
-    const SMapping *mapping = FindMapping(block);
+    const SMapping *mapping = *FindMapping(block);
     return mapping != null ? mapping->m_BlockBytes : 0;
 }
 
@@ -93,11 +87,9 @@ void UnmapBlock(void *block)
     u64 mappedBytes;
     {
         const std::lock_guard<std::mutex> lock(g_MappingsLock);
-        SMapping *mapping = FindMapping(block);
-        mappedBytes = mapping->m_MappedBytes;
-        (mapping->m_Previous != null ? mapping->m_Previous->m_Next : g_Mappings) = mapping->m_Next;
-        if (mapping->m_Next != null)
-            mapping->m_Next->m_Previous = mapping->m_Previous;
+        SMapping **link = FindMapping(block);
+        mappedBytes = (*link)->m_MappedBytes;
+        *link = (*link)->m_Next;
     }
     munmap(block, mappedBytes);
 }
@@ -143,11 +135,11 @@ void DefaultDiscard(void *ptr, u64 size)
     const ureg end = (ureg(ptr) + size) / SystemPageBytes() * SystemPageBytes();
     if (start >= end)
         return;
-    const std::lock_guard<std::mutex> lock(g_MappingsLock); // so that the block stays mapped
-    SMapping *mapping = FindMapping(ptr);
+    const std::lock_guard<std::mutex> lock(g_MappingsLock); // keeps the block mapped
+    SMapping *mapping = *FindMapping(ptr);
     if (mapping == null || size > mapping->m_BlockBytes - (ureg(ptr) - ureg(mapping->m_Block)))
         return;
-    // The kernel looks for memory under that advice every few seconds, and fills the holes again to make huge pages.
+    // The kernel's background thread would allocate the discarded pages again to form huge ones.
     if (!std::exchange(mapping->m_HasDiscarded, true))
         madvise(mapping->m_Block, mapping->m_MappedBytes, MADV_NOHUGEPAGE);
     madvise(reinterpret_cast<void *>(start), end - start, MADV_DONTNEED);
@@ -191,5 +183,4 @@ TZ_REPLACEABLE void _RawDiscard(void *ptr, u64 size)
         CurrentAllocator().m_Discard(ptr, size);
 }
 
-} // namespace Mem
-} // namespace Tessaly
+} // namespace Tessaly::Mem

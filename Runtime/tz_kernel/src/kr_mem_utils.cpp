@@ -1,9 +1,9 @@
 // Out-of-line byte-range helpers.
 #include "../include/kr_mem_utils.h"
 
-namespace Tessaly
-{
-namespace Mem
+#include <numeric>
+
+namespace Tessaly::Mem
 {
 
 TZ_REPLACEABLE void Copy_Overlapped(void *dst, const void *src, u64 byteCount)
@@ -14,10 +14,7 @@ TZ_REPLACEABLE void Copy_Overlapped(void *dst, const void *src, u64 byteCount)
 
 TZ_REPLACEABLE void FillIndices32(void *dst, u32 count, u32 start)
 {
-    u32 *indices = static_cast<u32 *>(dst);
-    for (u32 i = 0; i < count; ++i)
-        indices[i] = start + i;
+    std::iota(static_cast<u32 *>(dst), static_cast<u32 *>(dst) + count, start);
 }
 
-} // namespace Mem
-} // namespace Tessaly
+} // namespace Tessaly::Mem

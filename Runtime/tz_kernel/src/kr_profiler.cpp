@@ -1,42 +1,29 @@
 // Profiler service: descriptors, their colours, and the sink.
 #include "../include/kr_profiler.h"
 
-namespace Tessaly
-{
-namespace Profiler
+#include <algorithm>
+
+#include "../include/kr_string_id.h"
+
+namespace Tessaly::Profiler
 {
 
 namespace
 {
 
-u32 ToByte(float component)
-{
-    const float clamped = component < 0.0f ? 0.0f : (component > 1.0f ? 1.0f : component);
-    return u32(clamped * 255.0f + 0.5f);
-}
+u32 ToByte(float component) { return u32(std::clamp(component, 0.0f, 1.0f) * 255.0f + 0.5f); }
 
 u32 Pack(float first, float second, float third, float alpha)
 {
     return ToByte(first) | ToByte(second) << 8 | ToByte(third) << 16 | ToByte(alpha) << 24;
 }
 
-// FNV-1a, 32 bits.
-u32 HashName(const char *name)
-{
-    u32 hash = 2166136261u;
-    for (; *name != '\0'; ++name)
-        hash = (hash ^ static_cast<u8>(*name)) * 16777619u;
-    return hash;
-}
-
 // One component of a colour of the given hue (in sixths of a turn), saturation 0.6, value 0.9.
 float HueComponent(float hue, float offset)
 {
-    float position = hue + offset;
-    position = position >= 6.0f ? position - 6.0f : position;
+    const float position = hue + offset >= 6.0f ? hue + offset - 6.0f : hue + offset;
     const float distance = position < 3.0f ? position : 6.0f - position; // 0 at the component's own hue
-    const float ramp = 2.0f - distance;
-    return 0.9f * (1.0f - 0.6f * (1.0f - (ramp < 0.0f ? 0.0f : (ramp > 1.0f ? 1.0f : ramp))));
+    return 0.9f * (1.0f - 0.6f * (1.0f - std::clamp(2.0f - distance, 0.0f, 1.0f)));
 }
 
 CProfiler g_MainEngineProfiler;
@@ -66,9 +53,9 @@ TZ_REPLACEABLE SNodeDescriptor::SNodeDescriptor(const char *name, const char *fi
 
 TZ_REPLACEABLE CFloat4 SNodeDescriptor::AutogenColor(const char *name)
 {
-    const float hue = float(HashName(name) % 3600u) / 600.0f;
+    const u32 hash = CStringId::FromText(name, TNumericTraits<u32>::kMax).m_Id;
+    const float hue = float(hash % 3600u) / 600.0f;
     return CFloat4(HueComponent(hue, 0.0f), HueComponent(hue, 4.0f), HueComponent(hue, 2.0f), 1.0f);
 }
 
-} // namespace Profiler
-} // namespace Tessaly
+} // namespace Tessaly::Profiler

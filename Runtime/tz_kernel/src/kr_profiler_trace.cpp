@@ -1,4 +1,4 @@
-// The trace sink: a ring of the scopes that ended last, written as JSON at the end.
+// The trace sink: a ring buffer of the last scopes, written as JSON at the end.
 #include "../include/kr_profiler_trace.h"
 
 #include <chrono>
@@ -9,9 +9,7 @@
 #include "../include/kr_mem.h"
 #include "../include/kr_threads_basics.h"
 
-namespace Tessaly
-{
-namespace Profiler
+namespace Tessaly::Profiler
 {
 
 namespace
@@ -19,20 +17,20 @@ namespace
 
 u32 g_LastSinkId = 0;
 
-// The open scopes of a thread, which end in the opposite order, whatever sink they began with.
+// The open scopes of a thread, those of other sinks included. They end in the opposite order.
 struct SOpenScopes
 {
     u64 m_Starts[CTraceSink::kMaxDepth];
     u32 m_Depth;
-    u32 m_NamedInSink; // id of the sink that knows the thread already
+    u32 m_NamedInSink; // id of the sink that last stored the thread's name
 };
 
 thread_local SOpenScopes t_Open;
 
-// How many bytes the character takes that begins here; 0 when that is not valid UTF-8.
+// The number of bytes of the character at text; 0 when it is not valid UTF-8.
 u32 CharacterLength(const u8 *text)
 {
-    static constexpr u32 kFirstPoints[] = {0, 0, 0x80, 0x800, 0x10000}; // by length: a smaller one is written shorter
+    static constexpr u32 kFirstPoints[] = {0, 0, 0x80, 0x800, 0x10000}; // by length; smaller ones are overlong
     const u8 lead = text[0];
     if (lead < 0x80)
         return 1;
@@ -40,7 +38,7 @@ u32 CharacterLength(const u8 *text)
     u32 point = lead & (0x7Fu >> length);
     for (u32 i = 1; i < length; ++i)
     {
-        if ((text[i] & 0xC0) != 0x80) // the end of the text, too
+        if ((text[i] & 0xC0) != 0x80) // true at the end of the text, too
             return 0;
         point = point << 6 | (text[i] & 0x3F);
     }
@@ -48,7 +46,7 @@ u32 CharacterLength(const u8 *text)
     return point >= kFirstPoints[length] && point <= 0x10FFFF && !isSurrogate ? length : 0;
 }
 
-// A JSON string, quotes included.
+// Writes a JSON string with its quotes.
 void WriteText(std::FILE *stream, const char *text)
 {
     std::fputc('"', stream);
@@ -77,11 +75,6 @@ CTraceSink::CTraceSink(u32 maxScopes)
                                                     Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__,
                                                     TZ_FUNCTION_SIGNATURE)))
     , m_MaxScopes(m_Scopes != null ? maxScopes : 0)
-    , m_ScopeCount(0)
-    , m_NextScope(0)
-    , m_DroppedCount(0)
-    , m_ThreadCount(0)
-    , m_Threads()
 {
 }
 
@@ -93,8 +86,7 @@ CTraceSink::~CTraceSink()
 
 u64 CTraceSink::_Nanoseconds()
 {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return u64(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
+    return u64(std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count());
 }
 
 void CTraceSink::OnScopeBegin(const SNodeDescriptor &)
@@ -108,13 +100,13 @@ void CTraceSink::OnScopeEnd(const SNodeDescriptor &node)
 {
     const u64 end = _Nanoseconds();
     if (t_Open.m_Depth == 0)
-        return; // it never began
+        return; // an end without a beginning
     const u32 depth = --t_Open.m_Depth;
     const u32 threadId = CCurrentThread::ThreadID();
 
     const std::lock_guard<std::mutex> lock(m_Lock);
     if (depth >= kMaxDepth || m_ScopeCount == m_MaxScopes)
-        ++m_DroppedCount; // this one, or the oldest
+        ++m_DroppedCount; // this scope or the oldest one
     if (depth >= kMaxDepth || m_MaxScopes == 0)
         return;
     if (t_Open.m_NamedInSink != m_SinkId)
@@ -130,7 +122,7 @@ void CTraceSink::_NameThread_NoLock(u32 threadId)
     t_Open.m_NamedInSink = m_SinkId;
     for (u32 i = 0; i < m_ThreadCount; ++i)
     {
-        if (m_Threads[i].m_Id == threadId) // it was in another sink meanwhile
+        if (m_Threads[i].m_Id == threadId) // named before it was in another sink
             return;
     }
     SThread thread = {threadId, {}};
@@ -171,7 +163,7 @@ bool CTraceSink::Write(std::FILE *stream) const
         const SScope &scope = m_Scopes[(u64(oldest) + i) % m_MaxScopes];
         std::fprintf(stream, "%s{\"ph\":\"X\",\"name\":", separator);
         WriteText(stream, scope.m_Node->m_Name);
-        // Microseconds with three decimals, exactly: what lies inside another scope must lie there in the file, too.
+        // Microseconds with three decimals are exact: nested scopes stay nested.
         std::fprintf(stream, ",\"ts\":%" PRIu64 ".%03u,\"dur\":%" PRIu64 ".%03u,\"pid\":%d,\"tid\":%u}",
                      scope.m_Start / 1000, u32(scope.m_Start % 1000), scope.m_Duration / 1000,
                      u32(scope.m_Duration % 1000), processId, scope.m_ThreadId);
@@ -180,5 +172,4 @@ bool CTraceSink::Write(std::FILE *stream) const
     return std::fflush(stream) == 0 && std::ferror(stream) == 0;
 }
 
-} // namespace Profiler
-} // namespace Tessaly
+} // namespace Tessaly::Profiler

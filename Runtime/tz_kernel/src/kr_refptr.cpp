@@ -1,4 +1,4 @@
-// The end of a reference-counted object.
+// Destruction of reference-counted objects.
 #include "../include/kr_refptr.h"
 
 namespace Tessaly

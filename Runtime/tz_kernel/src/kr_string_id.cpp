@@ -1,17 +1,14 @@
-// Registered names: a list that grows at its head, so that it is read and extended without a lock.
+// Registered names: a lock-free linked list. Names are added at its head by compare and exchange.
 #include "../include/kr_string_id.h"
 
 #include <cstring>
 
 #include "../include/kr_mem.h"
 
-namespace Tessaly
+namespace Tessaly::Internal
 {
 
-namespace Internal
-{
-
-// The text stands behind the record, in the same block.
+// The text lies behind the record, in the same block.
 struct SRegisteredName
 {
     SRegisteredName *m_Next;
@@ -19,9 +16,12 @@ struct SRegisteredName
     u32 m_Id;
 };
 
-SRegisteredName *g_RegisteredNames = null; // debuggers read it by its name
+SRegisteredName *g_RegisteredNames = null; // the debugger's script uses this name
 
-} // namespace Internal
+} // namespace Tessaly::Internal
+
+namespace Tessaly
+{
 
 using Internal::g_RegisteredNames;
 using Internal::SRegisteredName;
@@ -63,24 +63,22 @@ CStringId CStringId::Register(const char *text)
     if (!TZ_VERIFY_MESSAGE(text != null, "Register needs a text: null names nothing"))
         return CStringId();
     const CStringId id = FromText(text, TNumericTraits<u32>::kMax);
-    SRegisteredName *name = null;
-    for (SRegisteredName *first = FirstName();;)
+    SRegisteredName *first = FirstName(), *added = null;
+    const SRegisteredName *known;
+    while ((known = Find(first, id)) == null)
     {
-        if (const SRegisteredName *known = Find(first, id))
-        {
-            TZ_ASSERT_MESSAGE(std::strcmp(known->m_Text, text) == 0,
-                              "the names \"%s\" and \"%s\" have the same id, %u: rename one of them", known->m_Text,
-                              text, id.m_Id);
-            if (name != null)
-                FreeName(name);
+        if (added == null && (added = MakeName(id, text)) == null)
             return id;
-        }
-        if (name == null && (name = MakeName(id, text)) == null)
-            return id;
-        name->m_Next = first;
-        if (__atomic_compare_exchange_n(&g_RegisteredNames, &first, name, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+        added->m_Next = first;
+        if (__atomic_compare_exchange_n(&g_RegisteredNames, &first, added, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
             return id;
     }
+    TZ_ASSERT_MESSAGE(std::strcmp(known->m_Text, text) == 0,
+                      "the names \"%s\" and \"%s\" have the same id, %u: rename one of them", known->m_Text, text,
+                      id.m_Id);
+    if (added != null) // another thread registered the text meanwhile
+        FreeName(added);
+    return id;
 }
 
 void CStringId::UnregisterAll()

@@ -1,4 +1,4 @@
-// Thread statistics: counters spread over cache lines, so that threads do not slow each other down.
+// Thread statistics: a counter per thread, each on a cache line of its own to avoid false sharing.
 #include "../include/kr_threads_basics.h"
 
 namespace Tessaly
@@ -7,37 +7,33 @@ namespace Tessaly
 namespace
 {
 
-constexpr u32 kSlotCount = 64;
+constexpr u32 kCounterCount = 64;
 
-struct alignas(64) SSlot
+struct alignas(64) SCounter
 {
     u64 m_Unlocks;
 };
 
-// The first threads that come count in a slot of their own, all others together in slot 0.
-SSlot g_Slots[kSlotCount];
-u32 g_OwnedSlotCount = 0;
-thread_local bool t_HasAsked = false;
+SCounter g_Counters[kCounterCount];
 
 } // namespace
 
 TZ_REPLACEABLE void CThreadStats::RegisterCSUnlock()
 {
-    u64 *&unlocks = _OwnUnlocks();
-    if (!t_HasAsked)
-    {
-        t_HasAsked = true;
-        const u32 slot = __atomic_add_fetch(&g_OwnedSlotCount, 1, __ATOMIC_RELAXED);
-        unlocks = slot < kSlotCount ? &g_Slots[slot].m_Unlocks : null;
-    }
-    __atomic_fetch_add(unlocks != null ? unlocks : &g_Slots[0].m_Unlocks, 1, __ATOMIC_RELAXED);
+    static u32 threadCount = 0;
+    // The first 63 threads have a counter of their own, all others share the first one.
+    static thread_local const u32 thread = __atomic_add_fetch(&threadCount, 1, __ATOMIC_RELAXED);
+    u64 *unlocks = &g_Counters[thread < kCounterCount ? thread : 0].m_Unlocks;
+    if (thread < kCounterCount)
+        _OwnUnlocks() = unlocks;
+    __atomic_fetch_add(unlocks, 1, __ATOMIC_RELAXED);
 }
 
 TZ_REPLACEABLE u64 CThreadStats::CSUnlockCount()
 {
     u64 count = 0;
-    for (const SSlot &slot : g_Slots)
-        count += __atomic_load_n(&slot.m_Unlocks, __ATOMIC_RELAXED);
+    for (const SCounter &counter : g_Counters)
+        count += __atomic_load_n(&counter.m_Unlocks, __ATOMIC_RELAXED);
     return count;
 }
 

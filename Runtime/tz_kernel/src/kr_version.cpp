@@ -1,4 +1,4 @@
-// The library's own version, and its comparison with that of a host's headers.
+// The version of the library, and its comparison with that of a host's headers.
 #include <tz_version.h>
 
 #include <tz_assert.h>
