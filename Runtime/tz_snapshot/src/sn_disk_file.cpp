@@ -8,39 +8,29 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace Tessaly
-{
-namespace Snapshot
+namespace Tessaly::Snapshot
 {
 
-// HDF5's record of an open file comes first. It may outlive the CDiskFile where HDF5 fails to close: then m_File is
-// null.
 struct SHdf5File
 {
-    H5FD_t m_Public;
-    CDiskFile *m_File;
+    H5FD_t m_Public;   // HDF5's own part comes first
+    CDiskFile *m_File; // null after its destruction, which HDF5's record outlives when closing fails
     haddr_t m_EndOfAllocated;
 };
 
 namespace
 {
 
-// What the property list of a file has of it.
-struct SDriverInfo
-{
-    CDiskFile *m_File;
-};
-
 SHdf5File &Self(H5FD_t *file) { return *reinterpret_cast<SHdf5File *>(file); }
 const SHdf5File &Self(const H5FD_t *file) { return *reinterpret_cast<const SHdf5File *>(file); }
 
 H5FD_t *DriverOpen(const char *, unsigned, hid_t access, haddr_t)
 {
-    const SDriverInfo *info = static_cast<const SDriverInfo *>(H5Pget_driver_info(access));
-    SHdf5File *self = info != null ? static_cast<SHdf5File *>(std::calloc(1, sizeof(SHdf5File))) : null;
+    CDiskFile *const *disk = static_cast<CDiskFile *const *>(H5Pget_driver_info(access));
+    SHdf5File *self = disk != null ? static_cast<SHdf5File *>(std::calloc(1, sizeof(SHdf5File))) : null;
     if (self == null)
         return null;
-    self->m_File = info->m_File;
+    self->m_File = *disk;
     self->m_File->m_Hdf5File = self;
     return &self->m_Public;
 }
@@ -50,13 +40,6 @@ herr_t DriverClose(H5FD_t *file)
     if (Self(file).m_File != null)
         Self(file).m_File->m_Hdf5File = null;
     std::free(file);
-    return 0;
-}
-
-herr_t DriverQuery(const H5FD_t *, unsigned long *features)
-{
-    if (features != null)
-        *features = 0; // no gaps between the headers
     return 0;
 }
 
@@ -95,7 +78,7 @@ herr_t DriverTruncate(H5FD_t *file, hid_t, hbool_t)
     return 0;
 }
 
-// Registered at the first use, for as long as HDF5 is up.
+// Registers the driver at its first use, and again after HDF5 was shut down.
 hid_t Driver()
 {
     static H5FD_class_t driverClass = {};
@@ -105,10 +88,9 @@ hid_t Driver()
     driverClass.name = "tessaly_snapshot";
     driverClass.maxaddr = haddr_t(1) << 62;
     driverClass.fc_degree = H5F_CLOSE_STRONG;
-    driverClass.fapl_size = sizeof(SDriverInfo);
+    driverClass.fapl_size = sizeof(void *); // a CDiskFile *
     driverClass.open = &DriverOpen;
     driverClass.close = &DriverClose;
-    driverClass.query = &DriverQuery;
     driverClass.get_eoa = &DriverGetEoa;
     driverClass.set_eoa = &DriverSetEoa;
     driverClass.get_eof = &DriverGetEof;
@@ -131,7 +113,7 @@ CDiskFile::~CDiskFile()
 
 bool CDiskFile::OpenToRead(const char *path, CReason &reason)
 {
-    m_Descriptor = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK); // a pipe must not wait for its writer
+    m_Descriptor = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK); // opening a pipe must not block
     struct stat status = {};
     if (m_Descriptor < 0 || ::fstat(m_Descriptor, &status) != 0)
         return reason.Set("%s", std::strerror(errno));
@@ -146,7 +128,7 @@ bool CDiskFile::OpenToWrite(const char *path, CReason &reason)
     m_Descriptor = ::open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0666);
     if (m_Descriptor < 0)
         return reason.Set("%s: %s", path, std::strerror(errno));
-    // The lock goes with its program. What another one renamed meanwhile is a file of another name.
+    // The lock ends with its program. A file that another program renamed meanwhile has another path now.
     struct stat opened = {}, named = {};
     if (::flock(m_Descriptor, LOCK_EX | LOCK_NB) != 0 || ::fstat(m_Descriptor, &opened) != 0 ||
         ::lstat(path, &named) != 0 || opened.st_ino != named.st_ino || opened.st_dev != named.st_dev)
@@ -159,26 +141,38 @@ bool CDiskFile::OpenToWrite(const char *path, CReason &reason)
     return m_Buffer.Alloc(kBufferBytes, reason);
 }
 
-hid_t CDiskFile::MakeAccess()
+bool CDiskFile::Configure(hid_t access)
 {
-    const hid_t access = H5Pcreate(H5P_FILE_ACCESS);
-    const SDriverInfo info = {this};
+    CDiskFile *self = this;
     H5AC_cache_config_t cache = {};
     cache.version = H5AC__CURR_CACHE_CONFIG_VERSION;
-    if (access >= 0 && H5Pset_driver(access, Driver(), &info) >= 0 && H5Pget_mdc_config(access, &cache) >= 0)
+    if (H5Pset_driver(access, Driver(), &self) < 0 || H5Pget_mdc_config(access, &cache) < 0)
+        return false;
+    // The metadata cache stays small, whatever the file.
+    cache.set_initial_size = true;
+    cache.initial_size = cache.min_size = cache.max_size = 128 * 1024;
+    return H5Pset_mdc_config(access, &cache) >= 0 &&
+           H5Pset_libver_bounds(access, H5F_LIBVER_V110, H5F_LIBVER_V110) >= 0 &&
+           H5Pset_fclose_degree(access, H5F_CLOSE_STRONG) >= 0;
+}
+
+template <typename _Call, typename _Byte>
+bool CDiskFile::_Transfer(_Call call, u64 offset, _Byte *bytes, ureg byteCount)
+{
+    while (byteCount != 0)
     {
-        // The metadata cache stays small, whatever the file.
-        cache.set_initial_size = true;
-        cache.initial_size = cache.max_size = 128 * 1024;
-        cache.min_size = 128 * 1024;
-        if (H5Pset_mdc_config(access, &cache) >= 0 &&
-            H5Pset_libver_bounds(access, H5F_LIBVER_V110, H5F_LIBVER_V110) >= 0 &&
-            H5Pset_fclose_degree(access, H5F_CLOSE_STRONG) >= 0)
-            return access;
+        const ssize_t count = call(m_Descriptor, bytes, byteCount, off_t(offset));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count == 0)
+            errno = EIO; // another program truncated the file
+        if (count <= 0)
+            return _Fail();
+        bytes += count;
+        offset += u64(count);
+        byteCount -= ureg(count);
     }
-    if (access >= 0)
-        H5Pclose(access);
-    return H5I_INVALID_HID;
+    return true;
 }
 
 bool CDiskFile::Sync()
@@ -192,21 +186,18 @@ bool CDiskFile::Read(u64 offset, void *bytes, ureg byteCount)
     if (offset > m_Size || byteCount > m_Size - offset)
         return false;
     if (m_IsWritten)
-    {
         _WriteBuffer();
-        return _ReadFromDisk(offset, static_cast<u8 *>(bytes), byteCount);
-    }
-    if (offset < m_BufferStart || offset + byteCount > m_BufferStart + m_BufferCount)
+    const bool isBuffered = offset >= m_BufferStart && offset + byteCount <= m_BufferStart + m_BufferCount;
+    if (m_IsWritten || (!isBuffered && byteCount > kBufferBytes / 2))
+        return _Transfer(&::pread, offset, static_cast<u8 *>(bytes), byteCount);
+    if (!isBuffered)
     {
-        if (byteCount > kBufferBytes / 2)
-            return _ReadFromDisk(offset, static_cast<u8 *>(bytes), byteCount);
-        m_BufferStart = offset;
-        m_BufferCount = ureg(TZMin(u64(kBufferBytes), m_Size - offset));
-        if (!_ReadFromDisk(offset, m_Buffer.Data(), m_BufferCount))
-        {
-            m_BufferCount = 0;
+        const ureg bufferCount = ureg(TZMin(u64(kBufferBytes), m_Size - offset));
+        m_BufferCount = 0;
+        if (!_Transfer(&::pread, offset, m_Buffer.Data(), bufferCount))
             return false;
-        }
+        m_BufferStart = offset;
+        m_BufferCount = bufferCount;
     }
     std::memcpy(bytes, m_Buffer.Data() + (offset - m_BufferStart), byteCount);
     return true;
@@ -234,41 +225,10 @@ void CDiskFile::SetSize(u64 size)
     m_Size = size;
 }
 
-bool CDiskFile::_ReadFromDisk(u64 offset, u8 *bytes, ureg byteCount)
-{
-    while (byteCount != 0)
-    {
-        const ssize_t count = ::pread(m_Descriptor, bytes, byteCount, off_t(offset));
-        if (count == 0 || (count < 0 && errno != EINTR))
-        {
-            if (count == 0)
-                errno = EIO; // somebody makes the file shorter meanwhile
-            return _Fail();
-        }
-        if (count < 0)
-            continue;
-        bytes += count;
-        offset += u64(count);
-        byteCount -= ureg(count);
-    }
-    return true;
-}
-
 void CDiskFile::_WriteToDisk(u64 offset, const u8 *bytes, ureg byteCount)
 {
-    while (byteCount != 0 && m_Error == 0 && !m_IsAbandoned)
-    {
-        const ssize_t count = ::pwrite(m_Descriptor, bytes, byteCount, off_t(offset));
-        if (count < 0)
-        {
-            if (errno != EINTR)
-                _Fail();
-            continue;
-        }
-        bytes += count;
-        offset += u64(count);
-        byteCount -= ureg(count);
-    }
+    if (m_Error == 0 && !m_IsAbandoned)
+        _Transfer(&::pwrite, offset, bytes, byteCount);
 }
 
 void CDiskFile::_WriteBuffer()
@@ -286,5 +246,4 @@ bool CDiskFile::_Fail()
     return false;
 }
 
-} // namespace Snapshot
-} // namespace Tessaly
+} // namespace Tessaly::Snapshot

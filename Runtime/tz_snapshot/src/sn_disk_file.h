@@ -1,44 +1,41 @@
-// The file below HDF5: a driver of its own, which puts small writes together, reads ahead, and keeps what the system
-// refused. After a failed write it goes on as if nothing happened, so that HDF5 closes the file in good order; whoever
-// saves asks Error() behind that.
+// The file below HDF5: a virtual file driver that combines small writes, reads ahead, and records the first error of
+// the system. After a failed write it ignores further ones, so that HDF5 closes the file without errors of its own; the
+// writer checks Error() afterwards.
 #pragma once
 
 #include "sn_reason.h"
 
 #include <hdf5.h>
 
-namespace Tessaly
-{
-namespace Snapshot
+namespace Tessaly::Snapshot
 {
 
-struct SHdf5File; // what HDF5 knows of a CDiskFile
+struct SHdf5File; // HDF5's record of an open CDiskFile
 
 class CDiskFile : public CNonCopyable
 {
 public:
-    CDiskFile() = default;
     ~CDiskFile();
 
-    // Opens a regular file to be read.
+    // Opens a regular file for reading.
     bool OpenToRead(const char *path, CReason &reason);
-    // Makes an empty file, or empties the one that an ended program left. False when another program writes it.
+    // Creates an empty file, or truncates one that a crashed program left. False when another program is writing it.
     bool OpenToWrite(const char *path, CReason &reason);
 
-    // A property list for H5Fopen and H5Fcreate that gives them this file; negative on failure.
-    hid_t MakeAccess();
+    // Changes a property list for H5Fopen or H5Fcreate so that they use this file.
+    bool Configure(hid_t access);
 
-    int Error() const { return m_Error; }    // errno of the first access that failed, 0: none
-    u64 Size() const { return m_Size; }      // bytes
-    bool Sync();                             // until the disk has it all
-    void Abandon() { m_IsAbandoned = true; } // nothing more is written
+    int Error() const { return m_Error; } // errno of the first failed access; 0: none
+    u64 Size() const { return m_Size; }
+    bool Sync();                             // flushes all data to the disk
+    void Abandon() { m_IsAbandoned = true; } // drops all further writes
 
     // For HDF5. False on failure.
     bool Read(u64 offset, void *bytes, ureg byteCount);
     void Write(u64 offset, const void *bytes, ureg byteCount);
     void SetSize(u64 size);
-    // False when an object's header begins there, in a file that is read, and it or what continues it is damaged. HDF5
-    // would notice, too, but not give back what it holds by then.
+    // False when a damaged object header begins at offset in a file that is read. HDF5 detects damage as well, but
+    // leaks memory then.
     bool IsHeaderIntact(u64 offset);
 
     SHdf5File *m_Hdf5File = null; // while HDF5 has the file open
@@ -46,17 +43,12 @@ public:
 private:
     static constexpr ureg kBufferBytes = 256 * 1024;
 
-    struct SHeaderChunk // of an object's header: where it is, without its checksum, and where its messages begin in it
-    {
-        u64 m_Offset, m_ByteCount, m_MessagesAt;
-    };
-    static constexpr u32 kMaxHeaderChunks = 32;
-
-    bool _CheckHeaderChunk(const SHeaderChunk &chunk, ureg messageHeadBytes, SHeaderChunk *chunks, u32 &chunkCount);
-    bool _ReadFromDisk(u64 offset, u8 *bytes, ureg byteCount);
+    // Calls pread or pwrite until all bytes are transferred.
+    template <typename _Call, typename _Byte>
+    bool _Transfer(_Call call, u64 offset, _Byte *bytes, ureg byteCount);
     void _WriteToDisk(u64 offset, const u8 *bytes, ureg byteCount);
     void _WriteBuffer();
-    bool _Fail(); // keeps errno
+    bool _Fail(); // records errno
 
     int m_Descriptor = -1;
     int m_Error = 0;
@@ -68,5 +60,4 @@ private:
     ureg m_BufferCount = 0;
 };
 
-} // namespace Snapshot
-} // namespace Tessaly
+} // namespace Tessaly::Snapshot

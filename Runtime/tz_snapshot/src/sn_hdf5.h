@@ -1,31 +1,27 @@
-// What Save and Load share: HDF5's handles, the session that its calls stand in, and how fields lie in a file.
+// What Save and Load share: handles of HDF5, the datasets of a file, and the transfer of chunks to and from pages.
 #pragma once
 
 #include "sn_disk_file.h"
 
-#include <tz_kernel/include/kr_threads_basics.h>
-#include <tz_particles/include/ps_stream.h>
+#include <tz_snapshot/include/sn_snapshot.h>
 
-namespace Tessaly
-{
-namespace Snapshot
+namespace Tessaly::Snapshot
 {
 
 constexpr const char *kFormat = "Tessaly particles";
 constexpr u32 kVersion = 1;
 constexpr u32 kMaxChunkBytes = 1024 * 1024; // the largest block of a page
 constexpr u32 kChecksumBytes = 4;
-constexpr u32 kDeflateSkipped = 1; // in a chunk's mask: the first of two filters was left out
-constexpr u32 kMaxTextBytes = 256; // with the NUL
-constexpr u32 kMaxOpenParts = 32;  // at a time: open datasets cost memory
+constexpr u32 kDeflateSkipped = 1; // filter mask of a chunk: the first of the two filters was not applied
+constexpr u32 kMaxTextBytes = 256; // including the NUL
+constexpr u32 kMaxOpenParts = 32;  // open datasets cost memory
 
-// A handle of HDF5, closed with the object; negative when there is none.
+// A handle of HDF5, closed by the destructor; negative when there is none.
 template <herr_t (*_Close)(hid_t)>
 class THandle : public CNonCopyable
 {
 public:
-    THandle() = default;
-    explicit THandle(hid_t id)
+    explicit THandle(hid_t id = H5I_INVALID_HID)
         : m_Id(id)
     {
     }
@@ -33,7 +29,7 @@ public:
 
     hid_t Id() const { return m_Id; }
     bool IsValid() const { return m_Id >= 0; }
-    // Closes it, and takes another one. IsValid() tells whether that is one.
+    // Closes the handle and takes another one. False when that one is invalid.
     bool Take(hid_t id)
     {
         Close();
@@ -48,7 +44,7 @@ public:
     }
 
 private:
-    hid_t m_Id = H5I_INVALID_HID;
+    hid_t m_Id;
 };
 
 using CAttribute = THandle<&H5Aclose>;
@@ -72,21 +68,18 @@ private:
     void *m_PrintData = null;
 };
 
-// Of HDF5, for one component of a type: bytes for types without components.
+// HDF5's type for one component of a type. Bytes for types without components.
 hid_t ComponentType(EBaseTypeID type);
 
-// How often a progress callback is told.
-struct SProgress
+// The path of a field in the file.
+struct SFieldPath
 {
-    bool (*m_Callback)(u32 doneCount, u32 count, void *userData);
-    void *m_Data;
-    u32 m_Count;
+    char m_Text[24];
 
-    // False when the callback ends the operation.
-    bool Tell(u64 doneCount) const { return m_Callback == null || m_Callback(u32(doneCount), m_Count, m_Data); }
+    explicit SFieldPath(u32 field, bool isPadding = false);
 };
 
-// A dataset of the file: the values of a stored field, or what lies behind each value.
+// A dataset of the file: the values of a stored field, or the padding behind each value.
 struct SPart
 {
     u32 m_Field;          // index in the definition
@@ -95,26 +88,58 @@ struct SPart
     u32 m_ByteCount;      // bytes of one particle, all components
     u32 m_ComponentCount; // of one particle
     u32 m_StorageSize;    // of the field
-    hid_t m_Type;         // of a component, HDF5's own
-    bool m_IsDeflated;    // in the file that is read
+    hid_t m_Type;         // of a component
+    bool m_IsDeflated;    // in a file that is read
 
     const char *GroupName() const { return m_IsPadding ? "padding" : "fields"; }
+    SFieldPath Path() const { return SFieldPath(m_Field, m_IsPadding); }
 };
 
-// The type is one that the traits' table has.
-bool IsBaseType(EBaseTypeID type);
-// Appends the parts of all stored fields. False when memory is refused.
-bool AppendParts(const SParticleStreamDef &def, TArray<SPart> &outParts, CReason &reason);
-// Bytes of a particle, all fields. False when a page could not hold a particle of them.
-bool CheckParticleSize(const SParticleStreamDef &def, CReason &reason);
-
-// The link of a field.
-struct SFieldName
+// An HDF5 file that is written from pages or read into pages, chunk by chunk. The chunks of up to kMaxOpenParts parts
+// are interleaved: those of the first particles come first, then those of the next ones.
+class CSnapshotFile : public CNonCopyable
 {
-    char m_Text[12];
+protected:
+    // A particle in the pages.
+    struct SPlace
+    {
+        u32 m_Page = 0, m_Row = 0;
+    };
+    // The values of a field in one page.
+    struct SColumn
+    {
+        u8 *m_Data;
+        u32 m_RowCount;
+    };
 
-    explicit SFieldName(u32 field);
+    CSnapshotFile(CDiskFile &disk, const SLoadOptions &options, CReason &reason);
+    ~CSnapshotFile() = default;
+
+    // Lists the parts of all stored fields. False when a page cannot hold a particle, when memory is refused, or when
+    // there are particles but no parts.
+    bool _MakeParts(const SParticleStreamDef &def);
+    bool _Open(const SPart &part, CDataset &outDataset) const;
+    // Calls _TransferChunk for all chunks. False when one of them or the disk fails, or when the callback cancels.
+    bool _TransferChunks();
+    bool _TransferParts(u32 firstPart, u32 partCount);
+    // Copies count particles of a part, from place on, between the pages and a chunk. Moves place behind them.
+    void _Copy(const SPart &part, u32 count, SPlace &place, u8 *chunk, bool isToPages) const;
+
+    virtual SColumn _Column(u32 page, u32 field) const = 0;
+    // Writes or reads the chunk of count particles from firstParticle on, which is at place. Moves place behind them.
+    virtual bool _TransferChunk(hid_t dataset, const SPart &part, u32 firstParticle, u32 count, SPlace &place) = 0;
+
+    CDiskFile &m_Disk;
+    const SLoadOptions m_Options;
+    CReason &m_Reason;
+    const CProperties m_DatasetAccess;
+    CFile m_File;
+    TArray<SPart> m_Parts;
+    u32 m_LargestPartBytes = 0; // of one particle
+    u32 m_ParticleCount = 0;
+    u32 m_ChunkParticleCount = 0; // the same in all datasets
+    CBytes m_Chunk, m_DeflatedChunk;
+    bool m_IsCancelled = false;
 };
 
-} // namespace Snapshot
-} // namespace Tessaly
+} // namespace Tessaly::Snapshot

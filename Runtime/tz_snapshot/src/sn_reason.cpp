@@ -2,10 +2,9 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
-namespace Tessaly
-{
-namespace Snapshot
+namespace Tessaly::Snapshot
 {
 
 bool CReason::Set(const char *format, ...)
@@ -22,32 +21,25 @@ bool CReason::Set(const char *format, ...)
 
 SNumberText::SNumberText(u64 number)
 {
-    char digits[24];
-    const int digitCount = std::snprintf(digits, sizeof(digits), "%llu", static_cast<unsigned long long>(number));
-    char *out = m_Text;
-    for (int i = 0; i < digitCount; ++i)
+    int length = std::snprintf(m_Text, sizeof(m_Text), "%llu", static_cast<unsigned long long>(number));
+    for (int i = length - 3; i > 0; i -= 3)
     {
-        if (i != 0 && (digitCount - i) % 3 == 0)
-            *out++ = ',';
-        *out++ = digits[i];
+        std::memmove(m_Text + i + 1, m_Text + i, size_t(++length - i));
+        m_Text[i] = ',';
     }
-    *out = 0;
 }
 
 bool CBytes::Alloc(u64 byteCount, CReason &reason)
 {
-    _Free();
     m_Data = static_cast<u8 *>(Mem::_RawAlloc(byteCount, 0, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag,
                                               __FILE__, __LINE__, TZ_FUNCTION_SIGNATURE));
     return m_Data != null || reason.Set("%s bytes of memory are refused", SNumberText(byteCount).m_Text);
 }
 
-void CBytes::_Free()
+CBytes::~CBytes()
 {
     Mem::_RawFree(m_Data, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__,
                   TZ_FUNCTION_SIGNATURE);
-    m_Data = null;
 }
 
-} // namespace Snapshot
-} // namespace Tessaly
+} // namespace Tessaly::Snapshot

@@ -1,18 +1,16 @@
-// Why an operation fails, in words; and memory for one that may be refused.
+// The reason of a failure as a text, and buffers whose memory may be refused.
 #pragma once
 
 #include <tz_kernel/include/kr_mem.h>
 
-namespace Tessaly
-{
-namespace Snapshot
+namespace Tessaly::Snapshot
 {
 
-// The first thing that went wrong.
+// The reason of the first failure.
 class CReason : public CNonCopyable
 {
 public:
-    // Keeps the text unless there is one. Returns false, which is what the caller returns then.
+    // Formats the reason, unless there is one already. Returns false, as the failing caller does.
     bool Set(const char *format, ...) TZ_PRINTF_FORMAT(2, 3);
     bool Empty() const { return m_Text[0] == 0; }
     const char *Text() const { return m_Text; }
@@ -21,7 +19,7 @@ private:
     char m_Text[256] = {};
 };
 
-// A number as people write it: 1,200.
+// A number with separators: 1,200.
 struct SNumberText
 {
     char m_Text[28];
@@ -29,22 +27,18 @@ struct SNumberText
     explicit SNumberText(u64 number);
 };
 
-// Bytes of the memory services, freed with the object.
+// A buffer from the memory services, freed by the destructor.
 class CBytes : public CNonCopyable
 {
 public:
-    CBytes() = default;
-    ~CBytes() { _Free(); }
+    ~CBytes();
 
-    // Asks for so many bytes in place of those it has. False when they are refused.
+    // Allocates the buffer, once. False when memory is refused.
     bool Alloc(u64 byteCount, CReason &reason);
     u8 *Data() const { return m_Data; }
 
 private:
-    void _Free();
-
     u8 *m_Data = null;
 };
 
-} // namespace Snapshot
-} // namespace Tessaly
+} // namespace Tessaly::Snapshot

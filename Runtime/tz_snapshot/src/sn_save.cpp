@@ -2,8 +2,6 @@
 #include "sn_checksum.h"
 #include "sn_hdf5.h"
 
-#include <tz_snapshot/include/sn_snapshot.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -12,68 +10,43 @@
 #include <unistd.h>
 #include <zlib.h>
 
-namespace Tessaly
-{
-namespace Snapshot
+namespace Tessaly::Snapshot
 {
 
 namespace
 {
 
-// A stream as it was at one moment: its settings, and its pages, which nobody writes to meanwhile.
-class CFrozenStream : public CNonCopyable
+// The state of a stream at one moment. Its pages have readers, so that nobody changes them, until it is destroyed.
+struct SFrozenStream : public CNonCopyable
 {
-public:
-    ~CFrozenStream();
-
-    bool Take(const CParticleStream_MainMemory &stream, CReason &reason);
-
-    const SParticleStreamDef &Def() const { return m_Def; }
-    const S64Bytes &Constant(u32 field) const { return m_Constants.RawDataPointer()[field]; } // of a constant field
-    u32 PageSize() const { return m_PageSize; }
-    u32 ParticleCount() const { return m_ParticleCount; }
-
-    // A place among the particles.
-    struct SPlace
-    {
-        u32 m_Page = 0, m_Row = 0;
-    };
-    // Copies so many particles' bytes of a part, from place on, which is left behind them.
-    void Gather(const SPart &part, u32 count, SPlace &place, u8 *out) const;
-
-private:
     struct SPage
     {
         PParticlePage m_Page;
         CScopedRawPageReader m_Reader;
         u32 m_ParticleCount;
-
-        explicit SPage(const PParticlePage &page)
-            : m_Page(page)
-            , m_Reader(page->RawPage())
-            , m_ParticleCount(page->ParticleCount())
-        {
-        }
     };
 
-    bool _TakeConstants(const CParticleStream_MainMemory &stream, CReason &reason);
-    SPage *_Pages() const { return reinterpret_cast<SPage *>(m_PageBytes.Data()); }
+    ~SFrozenStream();
+
+    bool Take(const CParticleStream_MainMemory &stream, CReason &reason);
+    bool TakeConstants(const CParticleStream_MainMemory &stream, CReason &reason);
+    SPage *Pages() const { return reinterpret_cast<SPage *>(m_PageBytes.Data()); }
 
     SParticleStreamDef m_Def;
-    TArray<S64Bytes> m_Constants; // one a field; zero where there is none
+    TArray<S64Bytes> m_Constants; // by field; zero for a field without one
     CBytes m_PageBytes;
     u32 m_PageCount = 0;
     u32 m_PageSize = 0;
     u32 m_ParticleCount = 0;
 };
 
-CFrozenStream::~CFrozenStream()
+SFrozenStream::~SFrozenStream()
 {
     for (u32 i = 0; i < m_PageCount; ++i)
-        _Pages()[i].~SPage();
+        Pages()[i].~SPage();
 }
 
-bool CFrozenStream::Take(const CParticleStream_MainMemory &stream, CReason &reason)
+bool SFrozenStream::Take(const CParticleStream_MainMemory &stream, CReason &reason)
 {
     const CScopedPagesLock lock(stream);
     const SParticleStreamDef *def = stream.GetStreamDef();
@@ -82,21 +55,21 @@ bool CFrozenStream::Take(const CParticleStream_MainMemory &stream, CReason &reas
     if (!m_Def.Copy(*def))
         return reason.Set("memory for the definition is refused");
     const u32 pageCount = stream.PageCount();
-    if (!_TakeConstants(stream, reason) || !m_PageBytes.Alloc(u64(pageCount) * sizeof(SPage) + 1, reason))
+    if (!TakeConstants(stream, reason) || !m_PageBytes.Alloc(u64(pageCount) * sizeof(SPage) + 1, reason))
         return false;
     m_PageSize = stream.PageSize();
     for (u32 i = 0; i < pageCount; ++i)
     {
         const PParticlePage &page = stream._UnsafePage(CGuid(i));
-        if (page->Empty())
-            continue;
-        m_ParticleCount += Mem::Construct<SPage>(_Pages() + m_PageCount, page)->m_ParticleCount;
-        ++m_PageCount;
+        const u32 particleCount = page->ParticleCount();
+        if (particleCount != 0)
+            ::new (Pages() + m_PageCount++) SPage{page, CScopedRawPageReader(page->RawPage()), particleCount};
+        m_ParticleCount += particleCount;
     }
     return true;
 }
 
-bool CFrozenStream::_TakeConstants(const CParticleStream_MainMemory &stream, CReason &reason)
+bool SFrozenStream::TakeConstants(const CParticleStream_MainMemory &stream, CReason &reason)
 {
     const u32 fieldCount = m_Def.m_StreamDef.Count();
     const TMemoryView<const S64Bytes> constants = stream.ConstantData();
@@ -109,30 +82,6 @@ bool CFrozenStream::_TakeConstants(const CParticleStream_MainMemory &stream, CRe
         m_Constants.PushBackUnsafe(slot < constants.Count() ? constants[slot] : S64Bytes{});
     }
     return true;
-}
-
-void CFrozenStream::Gather(const SPart &part, u32 count, SPlace &place, u8 *out) const
-{
-    while (count != 0)
-    {
-        const SPage &page = _Pages()[place.m_Page];
-        const u32 rowCount = TZMin(count, page.m_ParticleCount - place.m_Row);
-        const ureg stride = part.m_StorageSize, byteCount = part.m_ByteCount;
-        const u8 *column = page.m_Page->Streams().Data()[part.m_Field].m_RawDataPtr;
-        const u8 *value = column + place.m_Row * stride + part.m_Offset;
-        if (stride == byteCount)
-            std::memcpy(out, value, rowCount * byteCount);
-        else
-        {
-            for (u32 row = 0; row < rowCount; ++row)
-                std::memcpy(out + row * byteCount, value + row * stride, byteCount);
-        }
-        out += rowCount * byteCount;
-        count -= rowCount;
-        place.m_Row += rowCount;
-        if (place.m_Row == page.m_ParticleCount)
-            place = {place.m_Page + 1, 0};
-    }
 }
 
 bool WriteAttribute(hid_t object, const char *name, hid_t type, hsize_t count, const void *value)
@@ -154,116 +103,107 @@ bool WriteText(hid_t object, const char *name, const char *text)
            H5Tset_cset(type.Id(), H5T_CSET_UTF8) >= 0 && WriteAttribute(object, name, type.Id(), 1, text);
 }
 
-// A file of the state that was taken.
-class CSnapshotWriter : public CNonCopyable
+// Writes a frozen stream to a file.
+class CSnapshotWriter final : public CSnapshotFile
 {
 public:
-    CSnapshotWriter(const CFrozenStream &stream, CDiskFile &disk, const SSaveOptions &options, CReason &reason)
-        : m_Stream(stream)
-        , m_Disk(disk)
-        , m_Options(options)
-        , m_Reason(reason)
+    CSnapshotWriter(const SFrozenStream &stream, CDiskFile &disk, const SSaveOptions &options, CReason &reason)
+        : CSnapshotFile(disk, {options.m_Progress, options.m_ProgressData}, reason)
+        , m_Stream(stream)
+        , m_DeflateLevel(options.m_DeflateLevel)
     {
+        m_ParticleCount = stream.m_ParticleCount;
     }
 
     bool Write();
 
 private:
+    bool _MakeBuffers();
     bool _CreateFile();
     bool _CreateFields();
     bool _WriteFieldAttributes(hid_t object, u32 field);
     bool _WriteName(hid_t object, CStringId name);
-    hid_t _CreateDataset(const SPart &part);
-    bool _WriteParts(u32 firstPart, u32 partCount);
-    bool _WriteChunk(hid_t dataset, const SPart &part, u32 firstParticle, CFrozenStream::SPlace &place);
+    bool _CreateDataset(const SPart &part);
 
-    const CFrozenStream &m_Stream;
-    CDiskFile &m_Disk;
-    const SSaveOptions &m_Options;
-    CReason &m_Reason;
-    CFile m_File;
-    CGroup m_Fields, m_Padding;
-    TArray<SPart> m_Parts;
-    u32 m_ChunkParticleCount = 0;
-    CBytes m_Chunk, m_Deflated;
-    ureg m_DeflatedBytes = 0; // at most
-    bool m_WasEnded = false;
+    SColumn _Column(u32 page, u32 field) const override
+    {
+        const SFrozenStream::SPage &frozen = m_Stream.Pages()[page];
+        return {frozen.m_Page->Streams().Data()[field].m_RawDataPtr, frozen.m_ParticleCount};
+    }
+    bool _TransferChunk(hid_t dataset, const SPart &part, u32 firstParticle, u32 count, SPlace &place) override;
+
+    const SFrozenStream &m_Stream;
+    const u32 m_DeflateLevel;
+    ureg m_MaxDeflatedBytes = 0; // of a chunk; 0: chunks are not deflated
 };
 
 bool CSnapshotWriter::Write()
 {
-    const SParticleStreamDef &def = m_Stream.Def();
+    const SParticleStreamDef &def = m_Stream.m_Def;
     for (u32 i = 0; i < def.m_StreamDef.Count(); ++i)
     {
         const EBaseTypeID type = def.m_StreamDef.RawDataPointer()[i].m_Type;
-        if (!IsBaseType(type))
+        if (type < BaseType_Evolved || type >= __MaxBaseTypes)
             return m_Reason.Set("field %u: %d is no type", i, int(type));
     }
-    if (m_Options.m_DeflateLevel > 9)
-        return m_Reason.Set("%u is no level of deflate: 0 to 9 are", m_Options.m_DeflateLevel);
-    if (!CheckParticleSize(def, m_Reason) || !AppendParts(def, m_Parts, m_Reason))
-        return false;
-    if (m_Parts.Empty() && m_Stream.ParticleCount() != 0)
-        return m_Reason.Set("%s particles without a stored field", SNumberText(m_Stream.ParticleCount()).m_Text);
-
-    u32 largestPart = 1;
-    for (const SPart &part : m_Parts.View())
-        largestPart = TZMax(largestPart, part.m_ByteCount);
-    m_ChunkParticleCount = TZMin(TZMin(m_Stream.PageSize(), kMaxChunkBytes / largestPart), m_Stream.ParticleCount());
-    const u32 chunkBytes = m_ChunkParticleCount * largestPart;
-    m_DeflatedBytes = m_Options.m_DeflateLevel != 0 ? compressBound(chunkBytes) : 0;
-    if (!m_Chunk.Alloc(chunkBytes + kChecksumBytes, m_Reason) ||
-        (m_DeflatedBytes != 0 && !m_Deflated.Alloc(m_DeflatedBytes + kChecksumBytes, m_Reason)))
+    if (m_DeflateLevel > 9)
+        return m_Reason.Set("%u is no level of deflate: 0 to 9 are", m_DeflateLevel);
+    if (!_MakeParts(def) || !_MakeBuffers())
         return false;
 
-    bool isWritten = _CreateFile() && _CreateFields();
-    for (u32 i = 0; i < m_Parts.Count() && isWritten; i += kMaxOpenParts)
-        isWritten = _WriteParts(i, TZMin(kMaxOpenParts, m_Parts.Count() - i));
+    const bool isWritten = _CreateFile() && _CreateFields() && _TransferChunks();
     if (!isWritten)
         m_Disk.Abandon();
-    m_Fields.Close();
-    m_Padding.Close();
     const bool isClosed = m_File.Close();
     if (m_Disk.Error() != 0 || (isWritten && !m_Disk.Sync()))
         return m_Reason.Set("%s", std::strerror(m_Disk.Error()));
-    return (isWritten && isClosed) || (!m_WasEnded && m_Reason.Set("HDF5 can not write the file"));
+    return (isWritten && isClosed) || (!m_IsCancelled && m_Reason.Set("HDF5 can not write the file"));
+}
+
+bool CSnapshotWriter::_MakeBuffers()
+{
+    const u32 largestPart = TZMax(m_LargestPartBytes, 1u);
+    m_ChunkParticleCount = TZMin(TZMin(m_Stream.m_PageSize, kMaxChunkBytes / largestPart), m_ParticleCount);
+    const u32 chunkBytes = m_ChunkParticleCount * largestPart;
+    m_MaxDeflatedBytes = m_DeflateLevel != 0 ? compressBound(chunkBytes) : 0;
+    return m_Chunk.Alloc(chunkBytes + kChecksumBytes, m_Reason) &&
+           (m_MaxDeflatedBytes == 0 || m_DeflatedChunk.Alloc(m_MaxDeflatedBytes + kChecksumBytes, m_Reason));
 }
 
 bool CSnapshotWriter::_CreateFile()
 {
-    const CProperties access(m_Disk.MakeAccess()), group(H5Pcreate(H5P_GROUP_CREATE));
-    if (!access.IsValid() || !m_File.Take(H5Fcreate("snapshot", H5F_ACC_TRUNC, H5P_DEFAULT, access.Id())))
+    const CProperties access(H5Pcreate(H5P_FILE_ACCESS)), creation(H5Pcreate(H5P_GROUP_CREATE));
+    if (!m_Disk.Configure(access.Id()) || !m_File.Take(H5Fcreate("snapshot", H5F_ACC_TRUNC, H5P_DEFAULT, access.Id())))
         return false;
-    const u64 particleCount = m_Stream.ParticleCount();
+    const u64 particleCount = m_ParticleCount;
     bool hasPadding = false;
     for (const SPart &part : m_Parts.View())
         hasPadding |= part.m_IsPadding;
-    return H5Pset_link_creation_order(group.Id(), H5P_CRT_ORDER_TRACKED | H5P_CRT_ORDER_INDEXED) >= 0 &&
+    const auto createGroup = [&](const char *name)
+    { return CGroup(H5Gcreate2(m_File.Id(), name, H5P_DEFAULT, creation.Id(), H5P_DEFAULT)).IsValid(); };
+    return H5Pset_link_creation_order(creation.Id(), H5P_CRT_ORDER_TRACKED | H5P_CRT_ORDER_INDEXED) >= 0 &&
            WriteText(m_File.Id(), "format", kFormat) && WriteNumber(m_File.Id(), "version", kVersion) &&
            WriteAttribute(m_File.Id(), "particles", H5T_STD_U64LE, 1, &particleCount) &&
-           WriteNumber(m_File.Id(), "page_size", m_Stream.PageSize()) &&
-           WriteNumber(m_File.Id(), "fields", m_Stream.Def().m_StreamDef.Count()) &&
-           m_Fields.Take(H5Gcreate2(m_File.Id(), "fields", H5P_DEFAULT, group.Id(), H5P_DEFAULT)) &&
-           (!hasPadding || m_Padding.Take(H5Gcreate2(m_File.Id(), "padding", H5P_DEFAULT, group.Id(), H5P_DEFAULT)));
+           WriteNumber(m_File.Id(), "page_size", m_Stream.m_PageSize) &&
+           WriteNumber(m_File.Id(), "fields", m_Stream.m_Def.m_StreamDef.Count()) && createGroup("fields") &&
+           (!hasPadding || createGroup("padding"));
 }
 
 bool CSnapshotWriter::_CreateFields()
 {
-    u32 partIndex = 0;
-    for (u32 i = 0; i < m_Stream.Def().m_StreamDef.Count(); ++i)
+    const TMemoryView<const SParticleStreamFieldDef> fields = m_Stream.m_Def.m_StreamDef.View();
+    const SPart *part = m_Parts.RawDataPointer();
+    for (u32 i = 0; i < fields.Count(); ++i)
     {
-        CObject object;
-        if (m_Stream.Def().m_StreamDef.RawDataPointer()[i].m_StorageSize == 0)
-            object.Take(H5Gcreate2(m_Fields.Id(), SFieldName(i).m_Text, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
-        for (; partIndex < m_Parts.Count() && m_Parts.RawDataPointer()[partIndex].m_Field == i; ++partIndex)
+        const SFieldPath path(i);
+        if (fields[i].m_StorageSize == 0)
+            CGroup(H5Gcreate2(m_File.Id(), path.m_Text, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
+        for (; part != m_Parts._RawEnd() && part->m_Field == i; ++part)
         {
-            const SPart &part = m_Parts.RawDataPointer()[partIndex];
-            CDataset dataset(_CreateDataset(part));
-            if (!dataset.IsValid())
+            if (!_CreateDataset(*part))
                 return false;
-            if (!part.m_IsPadding)
-                object.Take(H5Oopen(m_Fields.Id(), SFieldName(i).m_Text, H5P_DEFAULT));
         }
+        const CObject object(H5Oopen(m_File.Id(), path.m_Text, H5P_DEFAULT));
         if (!object.IsValid() || !_WriteFieldAttributes(object.Id(), i))
             return false;
     }
@@ -272,15 +212,15 @@ bool CSnapshotWriter::_CreateFields()
 
 bool CSnapshotWriter::_WriteFieldAttributes(hid_t object, u32 field)
 {
-    const SParticleStreamFieldDef &def = m_Stream.Def().m_StreamDef.RawDataPointer()[field];
+    const SParticleStreamFieldDef &def = m_Stream.m_Def.m_StreamDef.RawDataPointer()[field];
     const CBaseTypeTraits &traits = CBaseTypeTraits::Traits(def.m_Type);
     if (!WriteNumber(object, "id", def.m_NameGUID.m_Id) || !WriteText(object, "type", traits.Name) ||
         !WriteNumber(object, "storage_size", def.m_StorageSize) || !_WriteName(object, def.m_NameGUID))
         return false;
     if (def.m_StorageSize != 0)
         return true;
-    // The whole block as bytes, where there is more in it than the value.
-    const S64Bytes &block = m_Stream.Constant(field);
+    // The whole block is written as bytes when there is more in it than a value.
+    const S64Bytes &block = m_Stream.m_Constants.RawDataPointer()[field];
     const u8 *bytes = reinterpret_cast<const u8 *>(&block);
     u32 usedBytes = sizeof(block);
     while (usedBytes != 0 && bytes[usedBytes - 1] == 0)
@@ -290,7 +230,7 @@ bool CSnapshotWriter::_WriteFieldAttributes(hid_t object, u32 field)
                           isValue ? traits.VectorDimension : sizeof(block), &block);
 }
 
-// The name as an attribute, and as a link from the root where it can be one that is not there yet.
+// Writes the name as an attribute, and as a link in the root group if it can be one and is not taken.
 bool CSnapshotWriter::_WriteName(hid_t object, CStringId name)
 {
     const char *text = name.Text();
@@ -303,79 +243,43 @@ bool CSnapshotWriter::_WriteName(hid_t object, CStringId name)
     return true;
 }
 
-hid_t CSnapshotWriter::_CreateDataset(const SPart &part)
+bool CSnapshotWriter::_CreateDataset(const SPart &part)
 {
-    const hsize_t size[2] = {m_Stream.ParticleCount(), part.m_ComponentCount};
+    const hsize_t size[2] = {m_ParticleCount, part.m_ComponentCount};
     const hsize_t chunk[2] = {m_ChunkParticleCount, part.m_ComponentCount};
     const CSpace space(H5Screate_simple(2, size, null));
     const CProperties creation(H5Pcreate(H5P_DATASET_CREATE));
     if (H5Pset_fill_time(creation.Id(), H5D_FILL_TIME_NEVER) < 0 ||
         H5Pset_attr_phase_change(creation.Id(), 16, 0) < 0 || H5Pset_obj_track_times(creation.Id(), false) < 0)
-        return H5I_INVALID_HID;
-    if (m_ChunkParticleCount != 0 &&
-        (H5Pset_chunk(creation.Id(), 2, chunk) < 0 ||
-         (m_DeflatedBytes != 0 && H5Pset_deflate(creation.Id(), m_Options.m_DeflateLevel) < 0) ||
-         H5Pset_fletcher32(creation.Id()) < 0))
-        return H5I_INVALID_HID;
-    return H5Dcreate2(part.m_IsPadding ? m_Padding.Id() : m_Fields.Id(), SFieldName(part.m_Field).m_Text, part.m_Type,
-                      space.Id(), H5P_DEFAULT, creation.Id(), H5P_DEFAULT);
+        return false;
+    if (m_ChunkParticleCount != 0 && (H5Pset_chunk(creation.Id(), 2, chunk) < 0 ||
+                                      (m_DeflateLevel != 0 && H5Pset_deflate(creation.Id(), m_DeflateLevel) < 0) ||
+                                      H5Pset_fletcher32(creation.Id()) < 0))
+        return false;
+    return CDataset(H5Dcreate2(m_File.Id(), part.Path().m_Text, part.m_Type, space.Id(), H5P_DEFAULT, creation.Id(),
+                               H5P_DEFAULT))
+        .IsValid();
 }
 
-// Writes the parts' chunks side by side, page after page.
-bool CSnapshotWriter::_WriteParts(u32 firstPart, u32 partCount)
+// Applies the filters itself and writes the result: HDF5 would copy the chunk between them.
+bool CSnapshotWriter::_TransferChunk(hid_t dataset, const SPart &part, u32 firstParticle, u32 count, SPlace &place)
 {
-    CDataset datasets[kMaxOpenParts];
-    for (u32 i = 0; i < partCount; ++i)
-    {
-        const SPart &part = m_Parts.RawDataPointer()[firstPart + i];
-        const CProperties access(H5Pcreate(H5P_DATASET_ACCESS));
-        const hid_t group = part.m_IsPadding ? m_Padding.Id() : m_Fields.Id();
-        if (H5Pset_chunk_cache(access.Id(), 1, 0, 1) < 0 ||
-            !datasets[i].Take(H5Dopen2(group, SFieldName(part.m_Field).m_Text, access.Id())))
-            return false;
-    }
-    const SProgress progress = {m_Options.m_Progress, m_Options.m_ProgressData, m_Stream.ParticleCount()};
-    CFrozenStream::SPlace place;
-    for (u32 done = 0; done < m_Stream.ParticleCount();)
-    {
-        CFrozenStream::SPlace nextPlace;
-        for (u32 i = 0; i < partCount; ++i)
-        {
-            nextPlace = place;
-            if (!_WriteChunk(datasets[i].Id(), m_Parts.RawDataPointer()[firstPart + i], done, nextPlace))
-                return false;
-        }
-        place = nextPlace;
-        done += TZMin(m_ChunkParticleCount, m_Stream.ParticleCount() - done);
-        const u64 allParts = m_Parts.Count();
-        m_WasEnded = !progress.Tell((firstPart * u64(m_Stream.ParticleCount()) + partCount * u64(done)) / allParts);
-        if (m_WasEnded || m_Disk.Error() != 0)
-            return false;
-    }
-    return true;
-}
-
-// HDF5's filters, one after the other, without its copies in between: the chunk is written as it is in the file.
-bool CSnapshotWriter::_WriteChunk(hid_t dataset, const SPart &part, u32 firstParticle, CFrozenStream::SPlace &place)
-{
-    const u32 count = TZMin(m_ChunkParticleCount, m_Stream.ParticleCount() - firstParticle);
     const ureg byteCount = ureg(m_ChunkParticleCount) * part.m_ByteCount, usedBytes = ureg(count) * part.m_ByteCount;
     u8 *chunk = m_Chunk.Data();
-    m_Stream.Gather(part, count, place, chunk);
+    _Copy(part, count, place, chunk, false);
     std::memset(chunk + usedBytes, 0, byteCount - usedBytes);
 
     ureg writtenBytes = byteCount;
     u32 mask = 0;
-    if (m_DeflatedBytes != 0)
+    if (m_DeflateLevel != 0)
     {
-        uLongf deflatedBytes = m_DeflatedBytes;
-        const int level = int(m_Options.m_DeflateLevel);
-        if (compress2(m_Deflated.Data(), &deflatedBytes, chunk, byteCount, level) != Z_OK)
+        uLongf deflatedBytes = m_MaxDeflatedBytes;
+        if (compress2(m_DeflatedChunk.Data(), &deflatedBytes, chunk, byteCount, int(m_DeflateLevel)) != Z_OK)
             return m_Reason.Set("memory for deflate is refused");
         mask = deflatedBytes < byteCount ? 0 : kDeflateSkipped;
         if (mask == 0)
         {
-            chunk = m_Deflated.Data();
+            chunk = m_DeflatedChunk.Data();
             writtenBytes = deflatedBytes;
         }
     }
@@ -385,7 +289,7 @@ bool CSnapshotWriter::_WriteChunk(hid_t dataset, const SPart &part, u32 firstPar
     return H5Dwrite_chunk(dataset, H5P_DEFAULT, mask, offset, writtenBytes + kChecksumBytes, chunk) >= 0;
 }
 
-// Until the disk has the file under its new name. The path is cut down to its folder.
+// Flushes the folder of a file to the disk, so that a rename in it is permanent. Truncates path to the folder's path.
 bool SyncFolderOf(char *path, CReason &reason)
 {
     char *slash = std::strrchr(path, '/');
@@ -394,7 +298,7 @@ bool SyncFolderOf(char *path, CReason &reason)
     else
         slash[slash == path ? 1 : 0] = 0;
     const int descriptor = ::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const bool isSynced = descriptor >= 0 && (::fsync(descriptor) == 0 || errno == EINVAL); // no such thing there
+    const bool isSynced = descriptor >= 0 && (::fsync(descriptor) == 0 || errno == EINVAL); // not supported there
     if (!isSynced)
         reason.Set("%s: %s", path, std::strerror(errno));
     if (descriptor >= 0)
@@ -402,10 +306,10 @@ bool SyncFolderOf(char *path, CReason &reason)
     return isSynced;
 }
 
-// Returns whether all went well; false without a reason when the callback ended it.
+// Save. False without a reason when the callback cancelled.
 bool SaveTo(const CParticleStream_MainMemory &stream, const char *path, const SSaveOptions &options, CReason &reason)
 {
-    CFrozenStream frozen;
+    SFrozenStream frozen;
     CBytes partPath;
     const ureg length = std::strlen(path);
     if (length == 0)
@@ -416,8 +320,7 @@ bool SaveTo(const CParticleStream_MainMemory &stream, const char *path, const SS
     if (!partPath.Alloc(length + 6, reason) || !frozen.Take(stream, reason))
         return false;
     char *part = reinterpret_cast<char *>(partPath.Data());
-    std::memcpy(part, path, length);
-    std::memcpy(part + length, ".part", 6);
+    std::snprintf(part, length + 6, "%s.part", path);
 
     const CHdf5Session session;
     CDiskFile disk;
@@ -437,11 +340,9 @@ bool SaveTo(const CParticleStream_MainMemory &stream, const char *path, const SS
 bool Save(const CParticleStream_MainMemory &stream, const char *path, const SSaveOptions &options)
 {
     CReason reason;
-    if (SaveTo(stream, path, options, reason))
-        return true;
+    const bool isSaved = SaveTo(stream, path, options, reason);
     TZ_ASSERT_TEXT_MESSAGE("the snapshot is saved", reason.Empty(), "%s: %s", path, reason.Text());
-    return false;
+    return isSaved;
 }
 
-} // namespace Snapshot
-} // namespace Tessaly
+} // namespace Tessaly::Snapshot
