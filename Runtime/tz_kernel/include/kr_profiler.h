@@ -1,4 +1,4 @@
-// Profiler scopes. An operation opens one with TZ_PROFILE_SCOPE; a host listens with CProfiler::SetSink.
+// Profiler scopes. An operation opens one with TZ_PROFILE_SCOPE; a host receives them through CProfiler::SetSink.
 #pragma once
 
 #include <tz_defs.h>

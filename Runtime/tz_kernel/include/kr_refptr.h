@@ -24,8 +24,8 @@ public:
     // Drops a reference and returns the new count; never destroys.
     u32 _InternalRemoveReference() const
     {
-        // The only reference is the caller's: no other thread can add one meanwhile, and a store is enough. That makes
-        // collecting pages 25 % faster.
+        // The only reference is the caller's: no other thread can add one meanwhile, and a store is enough. Collecting
+        // pages takes 25 % less time than with an atomic decrement.
         if (TZ_LIKELY(m_StrongRefCount.Load() == 1))
         {
             __atomic_store_n(&m_StrongRefCount.m_Value, 0u, __ATOMIC_RELAXED);

@@ -1,4 +1,4 @@
-// Verifications with a message: not a service, which is why it has a file of its own.
+// Verifications with a message. Not a service: a host that replaces those of kr_assert.cpp uses it as well.
 #include <tz_assert.h>
 
 #include <cstdarg>
