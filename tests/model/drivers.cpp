@@ -1,46 +1,58 @@
 #include "drivers.h"
 
-#include <support/allocator_hook.h>
-#include <support/scoped_runtime.h>
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
 
 #include "interpreter.h"
-#include "reduce.h"
 
-namespace Tessaly
-{
-namespace Model
+namespace Tessaly::Model
 {
 
 EPlanted g_Planted = EPlanted::None;
 
-namespace
+// Runs a script; returns what went wrong, or nothing.
+using FnRun = std::function<std::string(const Script &)>;
+
+// Adds to what goes wrong the shortest script with which something does, and that: operations are left out and
+// arguments set to 0, for half a minute at most or the seconds that TESSALY_MODEL_REDUCE sets.
+static std::string RunAndReduce(const Script &script, const FnRun &run)
 {
-
-constexpr u32 kLength = 200;
-constexpr u32 kRefusedLength = 40;
-
-struct SRefusal
-{
-    const char *m_Name;
-    bool (*m_Refuses)(u32 request, u32 n);
-    u32 m_RunCount; // with n = 1, 2, ...; 0: until nothing is refused any more
-};
-
-const SRefusal kRefusals[] = {
-    {"only", [](u32 request, u32 n) { return request == n; }, 0},
-    {"all from", [](u32 request, u32 n) { return request >= n; }, 0},
-    {"every second from", [](u32 request, u32 n) { return request >= n && (request - n) % 2 == 0; }, 0},
-    {"a random tenth by", [](u32 request, u32 n) { return CRandom(n * u64(100000) + request).OneIn(10); }, 15}};
-
-// A definition is its owner's, who does not share the library's lack of memory.
-bool IsOfOwner(const Tests::SMemoryCall &call)
-{
-    return call.m_Function.find("SParticleStreamFieldDef") != std::string::npos;
+    std::string difference = run(script);
+    if (difference.empty())
+        return difference;
+    const char *seconds = std::getenv("TESSALY_MODEL_REDUCE");
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds != null ? std::atoi(seconds) : 30);
+    const auto fails = [&](const Script &shorter)
+    { return std::chrono::steady_clock::now() < end && !run(shorter).empty(); };
+    Script shortest = script;
+    for (size_t count = script.size(); count != 0; count /= 2)
+    {
+        for (size_t last = shortest.size(); last-- > 0;)
+        {
+            Script shorter = shortest;
+            const size_t first = last - std::min(last, count - 1);
+            shorter.erase(shorter.begin() + s64(first), shorter.begin() + s64(last) + 1);
+            if (fails(shorter))
+                shortest = shorter;
+            last = first;
+        }
+    }
+    for (SOperation &operation : shortest)
+    {
+        for (u16 *argument : {&operation.m_C, &operation.m_B, &operation.m_A})
+        {
+            const u16 value = std::exchange(*argument, u16(0));
+            *argument = fails(shortest) ? 0 : value;
+        }
+    }
+    return difference + "\nreduced: " + run(shortest) + "\n" + ToString(shortest);
 }
 
-// Ends with memory to be had: the streams must be as good as new.
-Script WithEpilogue(Script script)
+// Ends with nothing refused: the streams must be as good as new.
+static Script Epilogue()
 {
+    Script script;
     for (u8 stream = 0; stream < 3; ++stream)
         script.insert(script.end(), {{EOperation::Bind, stream, 5, 0, 0},
                                      {EOperation::AllocateAll, stream, 24, 0, 0},
@@ -51,122 +63,78 @@ Script WithEpilogue(Script script)
     return script;
 }
 
-// One in so many begins with long lists.
-Script StartOf(u64 seed, u64 rarity) { return seed % rarity == 0 ? LongListScript(seed) : Script(); }
-
-// Counts are true in these scripts, so that they can be held against the pages after a refusal.
-Script RefusedScript(u64 seed)
+std::string RunScript(const Script &script)
 {
-    Script script = StartOf(seed, 16);
-    const Script rest = RandomScript(seed, kRefusedLength - u32(script.size()));
-    script.insert(script.end(), rest.begin(), rest.end());
-    for (SOperation &operation : script)
-    {
-        if (operation.m_Kind == EOperation::Misregister || operation.m_Kind == EOperation::SetBudget)
-            operation.m_Kind = EOperation::AllocateAll;
-    }
-    return script;
+    CInterpreter interpreter({});
+    interpreter.Run(script);
+    return interpreter.Finish();
 }
 
-// Runs the script with the refusal at request n; *outWasRefused: there was such a request.
-std::string RunRefusedMemory(const Script &script, const SRefusal &refusal, u32 n, bool *outWasRefused)
+static const struct
 {
-    Tests::CAllocatorHook hook;
-    const Tests::CScopedRuntime runtime;
-    u32 refusalsBefore = 0, request = 0;
-    CInterpreter interpreter([&] { return hook.RefusalCount() != refusalsBefore; });
-    hook.RefuseIf([&](const Tests::SMemoryCall &call) { return !IsOfOwner(call) && refusal.m_Refuses(++request, n); });
-    const Script whole = WithEpilogue(script);
-    std::string difference;
-    for (size_t i = 0; i < whole.size() && difference.empty(); ++i)
-    {
-        if (i == script.size())
-        {
-            *outWasRefused = hook.RefusalCount() != 0;
-            hook.RefuseNone();
-        }
-        refusalsBefore = hook.RefusalCount();
-        difference = interpreter.Run(whole[i]);
-    }
-    hook.RefuseNone();
-    refusalsBefore = 0;
-    return difference.empty() ? interpreter.Finish() : difference;
-}
+    const char *m_Name;
+    bool (*m_Refuses)(u32 request, u32 number);
+    u32 m_RunCount; // with the numbers from 1 on; 0: until nothing is refused any more
+} kRefusals[] = {
+    {"only", [](u32 request, u32 number) { return request == number; }, 0},
+    {"all from", [](u32 request, u32 number) { return request >= number; }, 0},
+    {"every second from", [](u32 request, u32 number) { return request >= number && (request - number) % 2 == 0; }, 0},
+    {"a random tenth by", [](u32 request, u32 number) { return CRandom(number * u64(100000) + request).OneIn(10); },
+     15}};
 
-// The same for blocks of the page allocator, and no more than that: what becomes of streams is known exactly.
-std::string RunRefusedBlocks(const Script &script, const SRefusal &refusal, u32 n, bool *outWasRefused)
+static std::string RunAllRefusals(const Script &script, bool isOfBlocks, SFigures &figures)
 {
-    Tests::CAllocatorHook hook;
-    const Tests::CScopedRuntime runtime;
-    CInterpreter interpreter;
-    interpreter.RefuseBlocks([&](u32 request) { return refusal.m_Refuses(request, n); });
-    hook.AtEachCall(
-        [&](const Tests::SMemoryCall &call)
-        {
-            if (call.m_Kind == Tests::SMemoryCall::Alloc && call.m_Function.find("_AllocNewPage") != std::string::npos)
-                interpreter.OnPageMade();
-        });
-    std::string difference;
-    for (size_t i = 0; i < script.size() && difference.empty(); ++i)
-        difference = interpreter.Run(script[i]);
-    *outWasRefused = interpreter.WasBlockRefused();
-    return difference.empty() ? interpreter.Finish() : difference;
-}
-
-using FnRunRefused = std::string (*)(const Script &script, const SRefusal &refusal, u32 n, bool *outWasRefused);
-
-std::string RunAllRefusals(const Script &script, FnRunRefused run, SFigures &figures)
-{
-    std::string difference;
-    for (const SRefusal &refusal : kRefusals)
+    static const Script kEpilogue = Epilogue();
+    for (const auto &refusal : kRefusals)
     {
         bool goesOn = true;
         // Each of the first requests in turn; of many, fewer and fewer of those behind.
-        for (u32 n = 1; goesOn && difference.empty(); n += 1 + n / 50, ++figures.m_Refusals)
+        for (u32 number = 1; goesOn; number += 1 + number / 50, ++figures.m_Refusals)
         {
-            bool wasRefused = false;
-            figures.m_Operations += script.size();
-            difference = run(script, refusal, n, &wasRefused);
+            CInterpreter interpreter({refusal.m_Refuses, number, isOfBlocks});
+            interpreter.Run(script);
+            const bool hasRefused = interpreter.EndRefusals();
+            interpreter.Run(kEpilogue);
+            const std::string difference = interpreter.Finish();
             if (!difference.empty())
-                difference = std::string(refusal.m_Name) + " " + std::to_string(n) + ": " + difference;
-            goesOn = refusal.m_RunCount != 0 ? n < refusal.m_RunCount : wasRefused;
+                return std::string(refusal.m_Name) + " " + std::to_string(number) + ": " + difference;
+            figures.m_Operations += script.size();
+            goesOn = refusal.m_RunCount != 0 ? number < refusal.m_RunCount : hasRefused;
         }
     }
-    return difference;
+    return std::string();
 }
 
-} // namespace
-
-std::string RunScript(const Script &script)
+// A random script that begins with long lists when the seed is a multiple of longListRarity.
+static Script ScriptOf(u64 seed, u32 length, u32 shorterLength, u64 longListRarity)
 {
-    const Tests::CScopedRuntime runtime;
-    CInterpreter interpreter;
-    std::string difference;
-    for (size_t i = 0; i < script.size() && difference.empty(); ++i)
-        difference = interpreter.Run(script[i]);
-    return difference.empty() ? interpreter.Finish() : difference;
+    Script script = seed % longListRarity == 0 ? LongListScript(seed) : Script();
+    const Script rest = RandomScript(seed, script.empty() ? length : shorterLength);
+    script.insert(script.end(), rest.begin(), rest.end());
+    return script;
+}
+
+// Counts are right in these scripts, so that they can be compared with the pages after a refusal.
+static std::string DriveRefusing(u64 seed, bool isOfBlocks, SFigures &figures)
+{
+    Script refused = ScriptOf(seed, 40, 18, 16);
+    for (SOperation &operation : refused)
+    {
+        if (operation.m_Kind == EOperation::RegisterCount || operation.m_Kind == EOperation::SetBudget)
+            operation.m_Kind = EOperation::AllocateAll;
+    }
+    return RunAndReduce(refused, [&](const Script &script) { return RunAllRefusals(script, isOfBlocks, figures); });
 }
 
 std::string DriveRandom(u64 seed, SFigures &figures)
 {
-    Script script = StartOf(seed, 8);
-    const Script rest = RandomScript(seed, script.empty() ? kLength : kLength / 2);
-    script.insert(script.end(), rest.begin(), rest.end());
+    const Script script = ScriptOf(seed, 200, 100, 8);
     figures.m_Operations += script.size();
-    return RunAndReduce(script, RunScript);
+    return RunAndReduce(script, [](const Script &shorter) { return RunScript(shorter); });
 }
 
-std::string DriveRefusedMemory(u64 seed, SFigures &figures)
-{
-    return RunAndReduce(RefusedScript(seed),
-                        [&](const Script &script) { return RunAllRefusals(script, RunRefusedMemory, figures); });
-}
+std::string DriveRefusedMemory(u64 seed, SFigures &figures) { return DriveRefusing(seed, false, figures); }
 
-std::string DriveRefusedBlocks(u64 seed, SFigures &figures)
-{
-    return RunAndReduce(RefusedScript(seed),
-                        [&](const Script &script) { return RunAllRefusals(script, RunRefusedBlocks, figures); });
-}
+std::string DriveRefusedBlocks(u64 seed, SFigures &figures) { return DriveRefusing(seed, true, figures); }
 
-} // namespace Model
-} // namespace Tessaly
+} // namespace Tessaly::Model

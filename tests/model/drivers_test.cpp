@@ -2,6 +2,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 
 #include <gtest/gtest.h>
@@ -13,12 +14,7 @@
 
 #include "drivers.h"
 
-namespace Tessaly
-{
-namespace Model
-{
-
-namespace
+namespace Tessaly::Model
 {
 
 // Sanitizers are slow, and the one for threads finds little where there is one.
@@ -30,35 +26,9 @@ constexpr u64 kSlowness = 10, kSlownessOfThreads = 10;
 constexpr u64 kSlowness = 1, kSlownessOfThreads = 1;
 #endif
 
-using FnDriver = std::string (*)(u64 seed, SFigures &figures);
-
-void Drive(FnDriver driver, u64 firstSeed, u64 seedCount)
-{
-    SFigures figures;
-    for (u64 seed = firstSeed; seed < firstSeed + seedCount && !::testing::Test::HasFailure(); ++seed)
-    {
-        const std::string difference = driver(seed, figures);
-        if (!difference.empty())
-            ADD_FAILURE() << "seed " << seed << ": " << difference;
-    }
-    const auto number = [](u64 value) { return static_cast<unsigned long long>(value); };
-    std::printf("seeds from %llu on: %llu operations, %llu refusals, %llu rounds\n", number(firstSeed),
-                number(figures.m_Operations), number(figures.m_Refusals), number(figures.m_Rounds));
-}
-
-} // namespace
-
-TEST(RandomOperations, AgreeWithTheModel) { Drive(DriveRandom, 1, 200 / kSlowness); }
-
-TEST(RandomOperations, OfANewSeedAgreeWithTheModel)
-{
-    Drive(DriveRandom, u64(std::chrono::system_clock::now().time_since_epoch().count()), 1);
-}
-
-// What goes wrong with the first file of the corpus with which something does, or nothing.
+// The scripts of the corpus, one after the other.
 static std::string DriveCorpus(u64 fileCount, SFigures &figures)
 {
-    std::string difference;
     for (const auto &file : std::filesystem::directory_iterator(TZ_CORPUS_FOLDER))
     {
         std::ifstream stream(file.path(), std::ios::binary);
@@ -66,60 +36,81 @@ static std::string DriveCorpus(u64 fileCount, SFigures &figures)
         const Script script = Decode(reinterpret_cast<const u8 *>(bytes.data()), bytes.size());
         figures.m_Operations += script.size();
         fileCount -= fileCount != 0 ? 1 : 0;
-        difference = RunScript(script);
+        const std::string difference = RunScript(script);
         if (!difference.empty())
             return file.path().filename().string() + ": " + difference;
     }
-    return fileCount == 0 ? difference : "files are missing";
+    return fileCount == 0 ? "" : "files are missing";
 }
 
-TEST(Corpus, AgreesWithTheModel) { Drive(DriveCorpus, 20, 1); }
-
-TEST(RefusedMemory, LeavesStreamsAsToldAndUsable) { Drive(DriveRefusedMemory, 1, (19 + kSlowness) / kSlowness); }
-TEST(RefusedBlocks, AgreeWithTheModel) { Drive(DriveRefusedBlocks, 101, (59 + kSlowness) / kSlowness); }
-
-TEST(RefusedMemory, AtStartupLeavesNothing)
+struct SSeeds
 {
-    bool isStarted = false;
-    for (u32 n = 1; !isStarted; ++n)
-    {
-        Tests::CAllocatorHook hook;
-        Tests::CReportRecorder reports;
-        hook.RefuseAt(n);
-        isStarted = Particles::Startup();
-        if (isStarted)
-            Particles::Shutdown();
-        EXPECT_EQ(hook.LiveBlockCount(), 0u);
-        reports.Take();
-    }
-}
+    FnDriver m_Driver;
+    u64 m_First, m_Count;
+};
 
-TEST(Threads, LeaveWhatTheyWrote) { Drive(DriveThreads, 1, 100 / kSlownessOfThreads); }
+static const SSeeds kRandom = {DriveRandom, 1, 200 / kSlowness};
+static const SSeeds kCorpus = {DriveCorpus, 41, 1};
+static const SSeeds kMemory = {DriveRefusedMemory, 1, (19 + kSlowness) / kSlowness};
+static const SSeeds kBlocks = {DriveRefusedBlocks, 101, (44 + kSlowness) / kSlowness};
+static const SSeeds kThreads = {DriveThreads, 1, 100 / kSlownessOfThreads};
 
-// What the driver tells of the planted fault, with the seeds that it runs anyway.
-static std::string FindPlanted(EPlanted fault, FnDriver driver, u64 firstSeed, u64 seedCount)
+// The first difference that a driver finds with its seeds, or nothing.
+static std::string Drive(const SSeeds &seeds, EPlanted fault = EPlanted::None)
 {
     g_Planted = fault;
     SFigures figures;
     std::string difference;
-    for (u64 seed = firstSeed; seed < firstSeed + seedCount && difference.empty(); ++seed)
-        difference = driver(seed, figures);
+    u64 seed = seeds.m_First;
+    for (; seed < seeds.m_First + seeds.m_Count && difference.empty(); ++seed)
+        difference = seeds.m_Driver(seed, figures);
     g_Planted = EPlanted::None;
-    return difference;
+    std::cout << "seeds from " << seeds.m_First << " on: " << figures.m_Operations << " operations, "
+              << figures.m_Refusals << " refusals, " << figures.m_Rounds << " rounds\n";
+    return difference.empty() ? difference : "seed " + std::to_string(seed - 1) + ": " + difference;
+}
+
+static void ExpectAgreement(const SSeeds &seeds)
+{
+    const std::string difference = Drive(seeds);
+    EXPECT_TRUE(difference.empty()) << difference;
+}
+
+TEST(RandomOperations, AgreeWithTheModel) { ExpectAgreement(kRandom); }
+TEST(RandomOperations, OfANewSeedAgreeWithTheModel)
+{
+    ExpectAgreement({DriveRandom, u64(std::chrono::system_clock::now().time_since_epoch().count()), 1});
+}
+TEST(Corpus, AgreesWithTheModel) { ExpectAgreement(kCorpus); }
+TEST(RefusedMemory, LeavesStreamsUsable) { ExpectAgreement(kMemory); }
+TEST(RefusedBlocks, AgreeWithTheModel) { ExpectAgreement(kBlocks); }
+TEST(Threads, LeaveWhatTheyWrote) { ExpectAgreement(kThreads); }
+
+TEST(RefusedMemory, AtStartupLeavesNothing)
+{
+    bool isStarted = false;
+    for (u32 request = 1; !isStarted; ++request)
+    {
+        Tests::CAllocatorHook hook; // finds what is not given back
+        Tests::CReportRecorder reports;
+        hook.RefuseAt(request);
+        isStarted = Particles::Startup();
+        if (isStarted)
+            Particles::Shutdown();
+        reports.Take();
+    }
 }
 
 TEST(PlantedFault, IsFoundByEachDriver)
 {
-    const std::string reduced = FindPlanted(EPlanted::LostRow, DriveRandom, 1, 200 / kSlowness);
+    const std::string reduced = Drive(kRandom, EPlanted::LostRow);
     EXPECT_NE(reduced, "");
     EXPECT_LE(std::count(reduced.begin(), reduced.end(), '{'), 6) << reduced;
-    EXPECT_NE(FindPlanted(EPlanted::FlippedBit, DriveCorpus, 20, 1), "");
-    EXPECT_NE(FindPlanted(EPlanted::Miscount, DriveRefusedMemory, 1, (19 + kSlowness) / kSlowness), "");
-    EXPECT_NE(FindPlanted(EPlanted::ForgottenBlock, DriveRefusedBlocks, 101, (59 + kSlowness) / kSlowness), "");
+    EXPECT_NE(Drive(kCorpus, EPlanted::FlippedBit), "");
+    EXPECT_NE(Drive(kMemory, EPlanted::Miscount), "");
+    EXPECT_NE(Drive(kBlocks, EPlanted::ForgottenBlock), "");
     // Under the address sanitizer the first write through a stale view ends the program.
-    EXPECT_TRUE(Mem::kIsAddressSanitized ||
-                FindPlanted(EPlanted::EarlyUnlock, DriveThreads, 1, 100 / kSlownessOfThreads) != "");
+    EXPECT_TRUE(Mem::kIsAddressSanitized || Drive(kThreads, EPlanted::EarlyUnlock) != "");
 }
 
-} // namespace Model
-} // namespace Tessaly
+} // namespace Tessaly::Model

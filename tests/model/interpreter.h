@@ -1,153 +1,123 @@
-// Runs scripts on streams of the library and on their models, and tells the first thing in which they differ.
+// Runs scripts on streams of the library and on models of them, and finds the first difference.
 //
-// It needs the runtime to be started, and no other stream beside its own. It ends a script by releasing everything:
-// nothing of the page allocator may then be in use.
+// A script is a list of operations (operation.h). Every operation is valid in every state, so that any bytes are a
+// script: one that is drawn at random, mutated by the fuzzer, or shortened.
+//
+// The state is three streams, each beside a model (naive_stream.h), views on pages that are held, and readers of pages.
+// The model works on plain vectors of bytes, one step after the other as the operations' descriptions read. It shares
+// no layout, search or conversion with the library.
+//
+// An operation runs on the library and on the model with the same arguments, and what the two return is compared:
+// operations_on_streams.cpp and operations_on_pages.cpp each have a function for each operation, and a table of them.
+// One that would make the run large or slow is left out on both sides.
+//
+// After each operation everything else is compared (comparison.cpp): the streams' counts, page sizes, definitions and
+// constants; the pages, listed or held, with the addresses and all bytes of their columns; the block bytes in use; and
+// the reports of failed checks, text by text and in order.
+//
+// Refusals follow one plan for a run (refusal.h). Blocks of the page allocator are refused on both sides, and the model
+// predicts the outcome. When memory is refused, an operation that makes one page at most succeeds or changes nothing.
+// The outcome of others is not documented in all detail: FollowIfRefused checks what is, and makes the library's pages
+// the model's.
+//
+// At the end everything is released: no block may be in use, and the hook on the memory services finds what is not
+// given back.
+//
+// To reproduce a difference, run its seed with its driver (drivers.h, soak_model): it prints the difference, and the
+// shortest script with one as C++, which RunScript runs.
 #pragma once
 
-#include <functional>
-#include <map>
-
 #include <support/report_recorder.h>
+#include <support/scoped_runtime.h>
 #include <support/test_stream.h>
 
 #include "naive_stream.h"
-#include "operation.h"
+#include "refusal.h"
 
-namespace Tessaly
+namespace Tessaly::Model
 {
-namespace Model
+
+struct SStreamPair
 {
+    template <typename _Call>
+    void OnBoth(const _Call &call)
+    {
+        call(*m_Real);
+        call(*m_Naive);
+    }
+
+    std::unique_ptr<CNaiveStream> m_Naive; // it keeps the definition that the other is bound to
+    std::unique_ptr<Tests::CTestStream> m_Real;
+};
+
+struct SPagePair
+{
+    PParticlePage m_Real;
+    PNaivePage m_Naive;
+    SStreamPair *m_Stream = null; // that lists it, if one does,
+    u32 m_Index = 0;              // and where
+};
+
+// A view that is held, or a reader.
+struct SViewPair
+{
+    CParticlePageView m_Real;
+    SNaiveView m_Naive;
+    std::unique_ptr<CScopedRawPageReader> m_Reader;
+};
+
+struct SState
+{
+    static constexpr u32 kStreamCount = 3;
+
+    SState();
+
+    SStreamPair &Stream(u32 index) { return m_Streams[index % kStreamCount]; }
+    // Makes a stream in the place of another one, which is destroyed before.
+    void Replace(SStreamPair &stream, u32 pageSize);
+    // The page that an argument stands for: of the stream's list, at times of a held view. Null pages: there is none.
+    SPagePair Page(SStreamPair &stream, u32 argument);
+    // Whether so many more pages, with so many bytes in all, leave the run small and quick.
+    bool Affords(u64 pageCount, u64 bytes) const;
+    // Note the first difference.
+    void CheckEqual(const char *what, const std::string &real, const std::string &expected);
+    void CheckEqual(const char *what, u64 real, u64 expected);
+
+    SNaiveWorld m_World;
+    CRefusal m_Refusal{m_World};
+    Tests::CScopedRuntime m_Runtime;
+    Tests::CReportRecorder m_Reports;
+    std::vector<SStreamPair> m_Streams;
+    std::vector<SViewPair> m_Views, m_Readers;
+    PParticleRawPage_MainMemory m_ForgottenBlock; // of the planted fault
+    CRandom m_Values{1};                          // that rows are filled with
+    std::string m_Difference;                     // the first one
+};
 
 class CInterpreter : public CNonCopyable
 {
 public:
-    // Tells whether memory has been refused since the operation began; then the model follows the library.
-    using FnWasRefused = std::function<bool()>;
+    explicit CInterpreter(const SRefusalPlan &plan) { m_State.m_Refusal.Begin(plan); }
 
-    explicit CInterpreter(FnWasRefused wasRefused = FnWasRefused());
-    ~CInterpreter();
-
-    // Refuses requests for blocks of the page allocator on both sides, by their number from 1 on, and with one all that
-    // follow in the same operation. OnPageMade is to be called when the library makes a page object.
-    void RefuseBlocks(std::function<bool(u32 request)> refuses);
-    void OnPageMade();
-    bool WasBlockRefused() const { return m_World.m_RefusedCount != 0; } // ever
-
-    // Runs one operation on both sides; returns what differs, or nothing.
-    std::string Run(const SOperation &operation);
-    // Releases everything; the same.
+    // Up to the first difference.
+    void Run(const Script &script);
+    // Ends the plan; returns whether it refused anything.
+    bool EndRefusals();
+    // Releases everything; returns the first difference since the beginning, or nothing.
     std::string Finish();
 
 private:
-    static constexpr u32 kStreamCount = 3;
-
-    struct SPair
-    {
-        std::unique_ptr<Tests::CTestStream> m_Real;
-        std::unique_ptr<CNaiveStream> m_Naive;
-    };
-    struct SHeldView
-    {
-        CParticlePageView m_Real;
-        SNaiveView m_Naive;
-    };
-    struct SHeldReader
-    {
-        PParticlePage m_Page;
-        std::unique_ptr<CScopedRawPageReader> m_Reader;
-        PNaivePage m_Naive;
-    };
-    struct SPagePair
-    {
-        PParticlePage m_Real;
-        PNaivePage m_Naive;
-        SPair *m_Lister = null; // the stream that lists it, if one does,
-        u32 m_Index = 0;        // and where
-    };
-
-    // What the model takes over from the library after a refusal whose outcome is not one alone.
-    enum class EAdoption
-    {
-        None,
-        Pages, // their choice; their rows are predicted
-        Rows,
-    };
-
-    void _Plant(const SOperation &operation, SPair &stream); // the fault that is to be seen
-    // Each does its operation on both sides.
-    void _Do(const SOperation &operation, SPair &stream);
-    void _BindTo(SPair &stream, const PLoan &loan, const PLoan &constants);
-    void _Bind(const SOperation &operation, SPair &stream);
-    void _Rebirth(SPair &stream, u32 pageSize);
-    void _Allocate(const SOperation &operation, SPair &stream);
-    void _AllocateAll(SPair &stream, u32 count);
-    void _Resize(SPair &stream, u32 bound);
-    void _Recount(SPair &stream);
-    void _Collect(const SOperation &operation, SPair &stream);
-    void _DeepCopy(SPair &stream, SPair &other);
-    void _MakePage(const SOperation &operation, SPair &stream);
-    void _Query(const SOperation &operation, SPair &stream);
-    void _SetBudget(const SOperation &operation, SPair &stream);
-    void _Tend(bool cleansOut);
-    void _DoInPage(const SOperation &operation, const SPagePair &page);
-    void _Fill(const SOperation &operation, const SPagePair &page);
-    void _Remove(const SOperation &operation, const SPagePair &page);
-    void _AllocateInPage(const SOperation &operation, const SPagePair &page);
-    void _TakeView(const SOperation &operation, const SPagePair &page);
-    void _DropView(u32 code);
-    void _BeginRead(const SOperation &operation, SPagePair page);
-    void _EndRead(u32 code);
-    void _Copy(const SOperation &operation, const SPagePair &dst);
-
-    SPair &_Stream(u32 index) { return m_Streams[index % kStreamCount]; }
-    // The page that a code names: of the stream's list, at times of a held view. Null pages when there is none.
-    SPagePair _Page(const SOperation &operation, u32 code);
-    // Registers births in a page with the stream that lists it, unchecked.
-    void _CountBirths(const SPagePair &page, u32 count);
-    // What to copy from: a held view, or a part of a page.
-    SHeldView _CopySource(const SOperation &operation);
-    // Whether so many more pages stay within what a run may use.
-    bool _Affords(u64 pageBytes, u64 pageCount);
-    bool _AffordsPages(const CNaiveStream &stream, u64 pageCount);
-    bool _AffordsRebuild(const CNaiveStream &stream, const SLoan &loan);
-    void _BeginBlockRequest();
-    bool _WasRefused() const { return m_WasRefused && m_WasRefused(); }
-    // To be called when the model has done its part.
-    void _AdoptIfRefused(EAdoption adoption) { m_Adoption = _WasRefused() ? adoption : EAdoption::None; }
-    // Tells of an unlike pair, the first of an operation; index: of what is many, or -1.
-    void _Differ(const char *what, u64 real, u64 expected, s64 index = -1)
-    {
-        if (real != expected && m_Difference.empty())
-            _Tell(index < 0 ? what : what + (" " + std::to_string(index)), real, expected);
-    }
-    void _Tell(const std::string &what, u64 real, u64 expected);
-
-    std::string _Compare();
-    void _CompareReports();
-    void _CompareStream(const SPair &stream);
-    void _ComparePage(CNaivePage &naive, const CParticlePage &real);
-    void _CompareRows(CNaivePage &naive, u32 column, const SParticleStreamField &field, bool isNew);
-    void _CompareSums(const SPair &stream);
-    void _Adopt();
-    void _AdoptPages(SPair &stream, std::map<const void *, PNaivePage> &known);
-
-    FnWasRefused m_WasRefused;
-    Tests::CReportRecorder m_Recorder;
-    SNaiveWorld m_World;
-    std::vector<SPair> m_Streams;
-    std::vector<SHeldView> m_Views;
-    std::vector<SHeldReader> m_Readers;
-    CRandom m_Values; // for what rows are filled with
-    std::string m_Difference;
-    bool m_NeedsReport = false; // at least one, of any text
-    EAdoption m_Adoption = EAdoption::None;
-    u32 m_BudgetLife = 0; // operations
-    std::function<bool(u32 request)> m_RefusesBlock;
-    u32 m_RealBlockRequest = 0, m_NaiveBlockRequest = 0;
-    u64 m_RefusedBefore = 0; // the operation
-    bool m_WasEverRefused = false;
-    PParticleRawPage_MainMemory m_ForgottenBlock;
+    SState m_State;
 };
 
-} // namespace Model
-} // namespace Tessaly
+// Run an operation on both sides. The first returns false when it is one on a page.
+bool RunOnStream(SState &state, SStreamPair &stream, const SOperation &operation);
+void RunOnPage(SState &state, const SPagePair &page, const SOperation &operation);
+
+// Compares both sides after an operation.
+void Compare(SState &state);
+
+// When memory was refused, makes the library's pages the model's. isPredicted: each has to be one that the model has.
+void FollowIfRefused(SState &state, SStreamPair &stream, bool isPredicted);
+
+} // namespace Tessaly::Model

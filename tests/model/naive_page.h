@@ -1,78 +1,83 @@
-// A page as the model has it: rows of bytes in plain vectors, one vector a column.
+// A page of the model: a plain vector of bytes for each column.
 #pragma once
 
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
-#include "loan.h"
+#include "naive_definition.h"
 
-namespace Tessaly
-{
-namespace Model
+namespace Tessaly::Model
 {
 
-// What the model's streams and pages share: the reports that the library should make, and the block bytes in use.
+class CNaivePage;
+
+// What the model's streams and pages share.
 struct SNaiveWorld
 {
-    std::vector<std::string> m_Reports;
-    bool m_AnyReports = false; // what is reported now is not told
-    u64 m_BlockBytes = 0, m_BlockCount = 0;
-    u64 m_TakenCount = 0, m_RefusedCount = 0; // requests for blocks that were served, and that the budget refused
-    u64 m_Budget = 0;                         // 0: none
-    std::function<void()> m_AtPageMade;
+    // Adds a report of the failed check unless the condition holds, which is returned.
     bool Check(bool holds, const char *text)
     {
         if (!holds)
             m_Reports.push_back(text);
         return holds;
     }
+
+    std::vector<std::string> m_Reports;        // that the library has to make in this operation
+    std::set<CNaivePage *> m_Pages;            // all that exist: each has one block
+    u64 m_BlockBytes = 0;                      // in use
+    u64 m_Budget = 0;                          // for these; 0: none
+    u64 m_ServedCount = 0, m_RefusedCount = 0; // requests for blocks
+    std::function<void()> m_AtPageMade = [] {};
 };
 
 struct SNaiveColumn
 {
-    SNaiveField m_Field;
-    const u8 *m_Constant = null;
-    std::vector<u8> m_Rows;
+    SParticleStreamFieldDef m_Field;
+    const u8 *m_Constant;
+    std::vector<u8> m_Bytes; // of all slots, up to the column's end
 };
 
-// Rows that hold what nobody tells: slots that were in use before, and copies between unlike columns.
-struct SUnknownRows
-{
-    u32 m_Column, m_First, m_Count;
-};
-
-class CNaivePage : public CNonCopyable
+class CNaivePage : public CNonCopyable, public std::enable_shared_from_this<CNaivePage>
 {
 public:
-    CNaivePage(SNaiveWorld &world, u32 capacity, u64 blockBytes);
-    ~CNaivePage();
+    CNaivePage(SNaiveWorld &world, u32 capacity, u64 blockBytes)
+        : m_World(world)
+        , m_Capacity(capacity)
+        , m_BlockBytes(blockBytes)
+    {
+        m_World.m_Pages.insert(this);
+        m_World.m_BlockBytes += m_BlockBytes;
+    }
+    ~CNaivePage()
+    {
+        m_World.m_Pages.erase(this);
+        m_World.m_BlockBytes -= m_BlockBytes;
+    }
 
+    // With slots that were never used.
+    void AddColumn(const SParticleStreamFieldDef &field, const u8 *constant)
+    {
+        const u64 bytes = (u64(field.m_StorageSize) * m_Capacity + 15) / 16 * 16;
+        m_Columns.push_back({field, constant, std::vector<u8>(bytes, 0xF3)});
+    }
     u32 Free() const { return m_Capacity - m_Count; }
     bool IsWritable() const { return m_ReaderCount == 0; }
-    // New slots: fresh where no particle has been, unknown elsewhere.
-    void Append(u32 count);
-    void SetCount(u32 count); // as Append, without a thought for the rows
-    // Of one row, counted from the page's first particle.
-    const u8 *Row(u32 column, u32 row) const;
-    u8 *Row(u32 column, u32 row);
-    // Rows of src over rows of one column, which are then known.
-    void Overwrite(u32 column, u32 first, const u8 *rows, u32 count);
-    // Marks all rows from first on as unknown, in one column.
-    void Forget(u32 column, u32 first);
+    size_t RowBytes(u32 column) const { return m_Columns[column].m_Field.m_StorageSize; }
+    size_t LiveBytes(u32 column) const { return RowBytes(column) * m_Count; }
+    u8 *Row(u32 column, u32 row) { return m_Columns[column].m_Bytes.data() + RowBytes(column) * row; } // its first byte
 
     SNaiveWorld &m_World;
     const u32 m_Capacity;
     const u64 m_BlockBytes;
     u32 m_Count = 0;
-    u32 m_Touched = 0; // rows from here on are as they were made
     u32 m_ReaderCount = 0;
     std::vector<SNaiveColumn> m_Columns;
-    std::vector<SUnknownRows> m_Unknown;
-    PLoan m_Constants; // keeps alive what the columns point at
+    PNaiveDefinition m_Constants; // keeps alive what the columns point at
     const void *m_Parent = null;
-    const void *m_Real = null; // the page of the library, once it has been seen
+    const void *m_Real = null; // the library's page, once it has been seen
 };
 
 using PNaivePage = std::shared_ptr<CNaivePage>;
@@ -84,9 +89,4 @@ struct SNaiveView
     u32 m_Count = 0;
 };
 
-bool CopySubRange(CNaivePage &dst, const CNaivePage &src, u32 start, u32 count);
-bool CopyPage(CNaivePage &dst, const SNaiveView &src);
-u32 Transfer(CNaivePage &dst, const SNaiveView &src, u32 start);
-
-} // namespace Model
-} // namespace Tessaly
+} // namespace Tessaly::Model

@@ -1,25 +1,17 @@
 #include "naive_stream.h"
 
 #include <algorithm>
-#include <cstring>
 
-#include "naive_types.h"
-
-namespace Tessaly
-{
-namespace Model
-{
-
-namespace
+namespace Tessaly::Model
 {
 
 constexpr u32 kNone = 0xFFFFFFFF;
-constexpr u32 kBlockCap = 1048576;
+constexpr u32 kMaxBlockBytes = 1048576; // of a block that is recycled
 
-// Blocks come in sizes of 4, 5, 6 and 7 times a power of two, from 512 bytes to the cap.
-u64 BlockBytes(u32 bytes)
+// Blocks come in sizes of 4, 5, 6 and 7 times a power of two, from 512 bytes to the largest; beyond it in any.
+static u64 BlockBytes(u32 bytes)
 {
-    for (u64 unit = 128; bytes <= kBlockCap; unit *= 2)
+    for (u64 unit = 128; bytes <= kMaxBlockBytes; unit *= 2)
     {
         for (u64 i = 4; i < 8; ++i)
         {
@@ -29,8 +21,6 @@ u64 BlockBytes(u32 bytes)
     }
     return bytes;
 }
-
-} // namespace
 
 CNaiveStream::CNaiveStream(SNaiveWorld &world, const void *real, u32 pageSize)
     : m_World(world)
@@ -47,70 +37,59 @@ u32 CNaiveStream::RowSum() const
     return sum;
 }
 
-u32 CNaiveStream::PageBytes(u32 capacity, const SLoan &loan)
-{
-    u32 sum = 0;
-    for (const SNaiveField &field : loan.m_Fields)
-        sum += (field.m_Size * capacity + 15u) / 16u * 16u;
-    return sum;
-}
-
-u64 CNaiveStream::TruePageBytes(u32 capacity, const SLoan &loan)
+u64 CNaiveStream::TruePageBytes(u32 capacity, const SNaiveDefinition &definition)
 {
     u64 sum = 0;
-    for (const SNaiveField &field : loan.m_Fields)
-        sum += (u64(field.m_Size) * capacity + 15u) / 16u * 16u;
+    for (const SParticleStreamFieldDef &field : definition.m_Fields)
+        sum += (u64(field.m_StorageSize) * capacity + 15u) / 16u * 16u;
     return sum;
 }
 
 void CNaiveStream::Clear()
 {
-    CheckCount();
-    for (const PNaivePage &page : m_Pages)
-        page->SetCount(0);
-    m_Pages.clear();
-    m_Count = 0;
-    m_OutOfSync = 0;
-    CheckCount();
+    const std::vector<PNaivePage> pages = m_Pages;
+    Cleanup();
+    for (const PNaivePage &page : pages)
+        page->m_Count = 0;
 }
 
 void CNaiveStream::Cleanup()
 {
-    CheckCount();
+    _CheckCount();
+    m_Pages.clear();
     m_Count = 0;
     m_OutOfSync = 0;
-    m_Pages.clear();
-    CheckCount();
 }
 
 void CNaiveStream::Swap(CNaiveStream &other)
 {
-    CheckCount();
+    _CheckCount();
     m_World.Check(this != &other, "other.m_PagesLocked == 0");
     std::swap(m_PageSize, other.m_PageSize);
     std::swap(m_PageBytes, other.m_PageBytes);
-    std::swap(m_Loan, other.m_Loan);
+    std::swap(m_Definition, other.m_Definition);
     std::swap(m_Count, other.m_Count);
-    m_Pages.swap(other.m_Pages);
     std::swap(m_OutOfSync, other.m_OutOfSync);
+    m_Pages.swap(other.m_Pages);
     for (const PNaivePage &page : m_Pages)
         page->m_Parent = m_Real;
     for (const PNaivePage &page : other.m_Pages)
         page->m_Parent = other.m_Real;
-    CheckCount();
+    _CheckCount();
 }
 
+// Lowers a page size whose block could not be recycled to a power of two.
 bool CNaiveStream::_Clamp()
 {
-    const u64 trueBytes = TruePageBytes(m_PageSize, *m_Loan);
-    if (m_PageBytes == 0 || trueBytes <= kBlockCap)
+    const u64 trueBytes = TruePageBytes(m_PageSize, *m_Definition);
+    if (m_PageBytes == 0 || trueBytes <= kMaxBlockBytes)
         return false;
-    const u64 maxCount = kBlockCap / (trueBytes / m_PageSize);
+    const u64 maxCount = kMaxBlockBytes / (trueBytes / m_PageSize);
     m_PageSize = 1;
     while (u64(m_PageSize) * 2 <= maxCount)
         m_PageSize *= 2;
-    m_PageBytes = PageBytes(m_PageSize, *m_Loan);
-    m_World.Check(m_PageBytes <= kBlockCap, "m_PageSizeInBytes <= kMaxAllocSize");
+    m_PageBytes = PageBytes(m_PageSize, *m_Definition);
+    m_World.Check(m_PageBytes <= kMaxBlockBytes, "m_PageSizeInBytes <= kMaxAllocSize");
     m_World.Check(m_PageBytes != 0, "m_PageSizeInBytes != 0");
     return true;
 }
@@ -119,61 +98,57 @@ void CNaiveStream::SetPageSize(u32 size)
 {
     if (m_PageSize == size)
         return;
-    m_World.Check(m_Pages.empty() || _SlotCount() == m_Loan->m_Fields.size(),
+    m_World.Check(m_Pages.empty() || m_Constants->m_SlotCount == m_Definition->m_Fields.size(),
                   "m_Pages.Empty() || m_ConstantDataFieldSlot.Count() == m_StreamDef->m_StreamDef.Count()");
-    CheckCount();
+    _CheckCount();
     m_PageSize = size == 0 ? 1024 : size;
-    if (m_Loan != null)
+    if (m_Definition != null)
     {
-        m_World.Check(PageBytes(size, *m_Loan) != 0 || m_Loan->m_Fields.empty(),
+        m_World.Check(PageBytes(size, *m_Definition) != 0 || m_Definition->m_Fields.empty(),
                       "m_PageSizeInBytes != 0 || m_StreamDef->Empty()");
-        m_PageBytes = PageBytes(m_PageSize, *m_Loan);
+        m_PageBytes = PageBytes(m_PageSize, *m_Definition);
         _Clamp();
     }
     m_OutOfSync = 0;
     for (const PNaivePage &page : m_Pages)
         m_OutOfSync += page->m_Capacity != m_PageSize ? 1 : 0;
-    CheckCount();
+    _CheckCount();
 }
 
 u32 CNaiveStream::_Slot(u32 field)
 {
-    if (field < _SlotCount())
+    if (field < m_Constants->m_SlotCount)
         return m_Constants->Slot(field);
-    m_World.Check(m_Constants != null && m_Constants->m_HasSlots, "m_Storage.m_RawDataPtr != null");
+    m_World.Check(m_Constants->m_HasSlots, "m_Storage.m_RawDataPtr != null");
     m_World.Check(false, "index < m_Storage.m_Count");
     return kNone;
 }
 
-PNaivePage CNaiveStream::AllocNewPage(u32 capacity, u32 bytes, bool isListed)
+PNaivePage CNaiveStream::AllocNewPage(u32 capacity, bool isListed)
 {
-    if (m_Loan == null)
+    if (m_Definition == null)
         return null;
-    const u64 blockBytes = BlockBytes(bytes);
+    const u64 blockBytes = BlockBytes(PageBytes(capacity, *m_Definition));
     if (m_World.m_Budget != 0 && m_World.m_BlockBytes + blockBytes > m_World.m_Budget)
     {
         ++m_World.m_RefusedCount;
         return null;
     }
-    ++m_World.m_TakenCount;
-    const bool isSlotCountRight = _SlotCount() == m_Loan->m_Fields.size();
-    if (TruePageBytes(capacity, *m_Loan) > blockBytes)
-    {
-        m_World.m_AnyReports = m_World.m_AnyReports || !isSlotCountRight;
+    ++m_World.m_ServedCount;
+    if (TruePageBytes(capacity, *m_Definition) > blockBytes)
         return null;
-    }
-    m_World.Check(isSlotCountRight, "m_ConstantDataFieldSlot.Count() == streamDef.Count()");
-    const PNaivePage page = std::make_shared<CNaivePage>(m_World, capacity, blockBytes);
-    if (m_World.m_AtPageMade)
-        m_World.m_AtPageMade();
+    m_World.Check(m_Constants->m_SlotCount == m_Definition->m_Fields.size(),
+                  "m_ConstantDataFieldSlot.Count() == streamDef.Count()");
+    PNaivePage page = std::make_shared<CNaivePage>(m_World, capacity, blockBytes);
+    m_World.m_AtPageMade();
     page->m_Parent = m_Real;
     page->m_Constants = m_Constants;
-    for (u32 i = 0; i < m_Loan->m_Fields.size(); ++i)
+    for (const SParticleStreamFieldDef &field : m_Definition->m_Fields)
     {
-        page->m_Columns.push_back({m_Loan->m_Fields[i], null, {}});
-        const u32 slot = m_Loan->m_Fields[i].m_Size == 0 ? _Slot(i) : kNone;
-        if (slot != kNone && m_World.Check(slot < _ConstantCount(), "cstId < m_ConstantData.Count()"))
-            page->m_Columns[i].m_Constant = m_Constants->Constant(slot);
+        const u32 slot = field.m_StorageSize == 0 ? _Slot(u32(page->m_Columns.size())) : kNone;
+        const bool hasConstant =
+            slot != kNone && m_World.Check(slot < m_Constants->m_Constants.size(), "cstId < m_ConstantData.Count()");
+        page->AddColumn(field, hasConstant ? m_Constants->Constant(slot) : null);
     }
     if (isListed)
         m_Pages.push_back(page);
@@ -182,311 +157,278 @@ PNaivePage CNaiveStream::AllocNewPage(u32 capacity, u32 bytes, bool isListed)
 
 u32 CNaiveStream::StreamId(u32 name)
 {
-    CheckCount();
-    if (!m_World.Check(m_Loan != null, "m_StreamDef != null") || name == 0)
+    _CheckCount();
+    if (!m_World.Check(m_Definition != null, "m_StreamDef != null") || name == 0)
         return kNone;
-    for (u32 i = 0; i < m_Loan->m_Fields.size(); ++i)
+    for (u32 i = 0; i < m_Definition->m_Fields.size(); ++i)
     {
-        if (m_Loan->m_Fields[i].m_Name == name)
+        if (m_Definition->m_Fields[i].m_NameGUID.m_Id == name)
             return i;
     }
     return kNone;
 }
 
-SNaiveView CNaiveStream::AllocateIfPossible(u32 wishedCount, u32 minCountHint)
+SNaiveView CNaiveStream::AllocateParticlesIFP(u32 wishedCount, u32 minCountHint)
 {
     const u32 minCount = minCountHint == 0 || minCountHint > wishedCount ? wishedCount : minCountHint;
-    CheckCount();
-    PNaivePage page;
-    for (const PNaivePage &candidate : m_Pages)
-    {
-        if (page == null && candidate->Free() >= minCount)
-            page = candidate;
-    }
-    if (page == null)
-        page = AllocNewPage(m_PageSize, m_PageBytes, true);
+    _CheckCount();
+    const auto found = std::find_if(m_Pages.begin(), m_Pages.end(),
+                                    [&](const PNaivePage &candidate) { return candidate->Free() >= minCount; });
+    const PNaivePage page = found != m_Pages.end() ? *found : AllocNewPage(m_PageSize, true);
     SNaiveView view;
     if (page != null)
     {
         view = {page, page->m_Count, std::min(page->Free(), wishedCount)};
-        page->Append(view.m_Count);
+        page->m_Count += view.m_Count;
         m_Count += view.m_Count;
     }
-    CheckCount();
+    _CheckCount();
     return view;
 }
 
 void CNaiveStream::RegisterDeadCount(u32 count)
 {
-    m_Count -= count;
-    CheckCount();
+    RegisterBornCount(0 - count);
     m_World.Check(s32(m_Count) >= 0, "s32(m_ParticleCount.Load()) >= 0");
 }
 
 void CNaiveStream::RegisterBornCount(u32 count)
 {
     m_Count += count;
-    CheckCount();
+    _CheckCount();
 }
 
-void CNaiveStream::Recount()
+// Takes slots and copies into them, unless the range lies outside src or dst refuses.
+static bool CopyRows(CNaivePage &dst, CNaivePage &src, u32 start, u32 count, bool checksConstants)
+{
+    SNaiveWorld &world = dst.m_World;
+    if (u64(start) + count > src.m_Capacity ||
+        !world.Check(count <= dst.Free() && dst.IsWritable(), "dstStartId.Valid() && dst.PrepareForWriting()"))
+        return false;
+    for (u32 i = 0; i < std::min(src.m_Columns.size(), dst.m_Columns.size()); ++i)
+    {
+        const SParticleStreamFieldDef &srcField = src.m_Columns[i].m_Field, &dstField = dst.m_Columns[i].m_Field;
+        if (dstField.m_StorageSize != 0 || checksConstants)
+            world.Check(srcField == dstField, "srcField.m_Definition == dstField.m_Definition");
+        std::copy_n(src.Row(i, start), std::min(src.RowBytes(i), dst.RowBytes(i)) * count, dst.Row(i, dst.m_Count));
+    }
+    dst.m_Count += count;
+    return true;
+}
+
+bool CNaiveStream::CopySubRangeToPage(CNaivePage &dst, CNaivePage &src, u32 start, u32 count)
+{
+    dst.m_World.Check(count <= dst.Free(), "transferCount <= dst.Capacity() - dst.ParticleCount()");
+    return count == 0 || CopyRows(dst, src, start, count, true);
+}
+
+bool CNaiveStream::CopyPageToPage(CNaivePage &dst, const SNaiveView &src)
+{
+    dst.m_World.Check(src.m_Count <= dst.Free(), "src.ParticleCount() <= dst.Capacity() - dst.ParticleCount()");
+    return src.m_Count == 0 || dst.m_Columns.empty() || CopyRows(dst, *src.m_Page, src.m_First, src.m_Count, false);
+}
+
+u32 CNaiveStream::TransferPageToPage(CNaivePage &dst, const SNaiveView &src, u32 start)
+{
+    if (start > src.m_Count)
+        return start;
+    const u32 count = std::min(src.m_Count - start, dst.Free());
+    return count != 0 && CopySubRangeToPage(dst, *src.m_Page, src.m_First + start, count) ? start + count : start;
+}
+
+void CNaiveStream::ComputePendingResizes_NoLock()
 {
     m_OutOfSync = 0;
     for (const PNaivePage &page : m_Pages)
         m_OutOfSync += page->m_Count != 0 && page->m_Capacity != m_PageSize ? 1 : 0;
 }
 
-struct CNaiveStream::SPass
+std::vector<PNaivePage>::iterator CNaiveStream::_FirstOldPage()
 {
-    u32 m_MaxPageCount;
-    u32 m_StartedCount = 0, m_OldSum = 0, m_NewSum = 0;
-    u32 m_Index = 0; // where the search for the next old page goes on
-    u32 m_Start = 0; // first particle of the old page that waits
-    PNaivePage m_Old;
-    std::vector<PNaivePage> m_LeftOut; // destinations that refused
-};
+    return std::find_if(m_Pages.begin(), m_Pages.end(),
+                        [this](const PNaivePage &page) { return page->m_Capacity != m_PageSize; });
+}
 
-PNaivePage CNaiveStream::_Destination(const SPass &pass)
+// The last page with enough free slots that is not excluded, else a new one.
+PNaivePage CNaiveStream::_Destination(const std::set<PNaivePage> &excluded)
 {
     for (size_t i = m_Pages.size(); i-- > 0;)
     {
-        const PNaivePage &page = m_Pages[i];
-        const bool isLeftOut = std::find(pass.m_LeftOut.begin(), pass.m_LeftOut.end(), page) != pass.m_LeftOut.end();
-        if (page->m_Capacity == m_PageSize && page->Free() >= 64 && !isLeftOut)
-            return page;
+        if (m_Pages[i]->m_Capacity == m_PageSize && m_Pages[i]->Free() >= 64 && excluded.count(m_Pages[i]) == 0)
+            return m_Pages[i];
     }
-    return AllocNewPage(m_PageSize, m_PageBytes, true);
-}
-
-bool CNaiveStream::_TakeOldPage(SPass &pass)
-{
-    for (size_t seen = 0; seen <= m_Pages.size() && !m_Pages.empty(); ++seen)
-    {
-        if (m_Pages[pass.m_Index]->m_Capacity != m_PageSize)
-        {
-            pass.m_Old = m_Pages[pass.m_Index];
-            m_Pages.erase(m_Pages.begin() + pass.m_Index);
-            m_World.Check(m_OutOfSync > 0, "m_PageCount_OutOfSync > 0");
-            --m_OutOfSync;
-        }
-        else
-            ++pass.m_Index;
-        if (pass.m_Index == m_Pages.size())
-            pass.m_Index = 0;
-        if (pass.m_Old != null)
-            return true;
-    }
-    m_OutOfSync = 0;
-    return false;
-}
-
-// One step of filling dst; false when there is nothing more to be done with it.
-bool CNaiveStream::_MoveInto(SPass &pass, const PNaivePage &dst)
-{
-    if (pass.m_Old == null)
-    {
-        if (!_TakeOldPage(pass))
-            return false;
-        if (pass.m_Old->m_Count != 0)
-        {
-            ++pass.m_StartedCount;
-            pass.m_OldSum += pass.m_Old->m_Count;
-        }
-        pass.m_Start = 0;
-    }
-    if (pass.m_Old->m_Count != 0)
-    {
-        const u32 room = dst->Free(), waiting = pass.m_Old->m_Count - pass.m_Start;
-        const u32 end = Transfer(*dst, {pass.m_Old, 0, pass.m_Old->m_Count}, pass.m_Start);
-        const u32 moved = end - pass.m_Start;
-        m_World.Check(moved == std::min(waiting, room), "actuallyTransferred == TZMin(totalToTransfer, dstSpaceLeft)");
-        pass.m_NewSum += moved;
-        pass.m_Start = end;
-        if (end != pass.m_Old->m_Count)
-            m_World.Check(dst->Free() == 0, "dstSpaceLeft == 0");
-        if (moved == 0)
-        {
-            pass.m_LeftOut.push_back(dst);
-            return false;
-        }
-    }
-    if (pass.m_Start == pass.m_Old->m_Count)
-        pass.m_Old = null;
-    return dst->Free() != 0 && (pass.m_Old != null || (pass.m_StartedCount < pass.m_MaxPageCount && m_OutOfSync != 0));
+    return AllocNewPage(m_PageSize, true);
 }
 
 void CNaiveStream::ResizePending(u32 maxPageCount)
 {
-    CheckCount();
-    m_World.Check(m_OutOfSync <= m_Pages.size(), "m_PageCount_OutOfSync <= m_Pages.Count()");
-    SPass pass;
-    pass.m_MaxPageCount = maxPageCount;
+    _CheckCount();
+    _CheckOutOfSync();
     const bool hasWork = maxPageCount != 0 && m_OutOfSync != 0;
-    while (hasWork && (pass.m_Old != null || (pass.m_StartedCount < maxPageCount && m_OutOfSync != 0)))
+    PNaivePage old, dst; // the page that is being emptied, out of the list, and the one that is being filled
+    u32 start = 0;       // the first particle of old that has not been moved
+    u32 startedCount = 0, oldSum = 0, newSum = 0;
+    std::set<PNaivePage> refusing;
+    while (old != null || (startedCount < maxPageCount && m_OutOfSync != 0))
     {
-        m_World.Check(m_OutOfSync <= m_Pages.size(), "m_PageCount_OutOfSync <= m_Pages.Count()");
-        const bool hasOld = std::any_of(m_Pages.begin(), m_Pages.end(),
-                                        [this](const PNaivePage &page) { return page->m_Capacity != m_PageSize; });
-        if (pass.m_Old == null && !hasOld)
+        if (dst == null)
+            _CheckOutOfSync();
+        if (old == null && _FirstOldPage() == m_Pages.end())
         {
             m_OutOfSync = 0;
             break;
         }
-        const PNaivePage dst = _Destination(pass);
+        dst = dst != null ? dst : _Destination(refusing);
         if (!m_World.Check(dst != null, "newPage != null"))
             break;
-        while (_MoveInto(pass, dst))
+        if (old == null)
         {
+            old = *_FirstOldPage();
+            m_Pages.erase(_FirstOldPage());
+            --m_OutOfSync;
+            startedCount += old->m_Count != 0 ? 1 : 0;
+            oldSum += old->m_Count;
+            start = 0;
         }
+        const u32 wishedCount = std::min(old->m_Count - start, dst->Free());
+        const u32 end = TransferPageToPage(*dst, {old, 0, old->m_Count}, start), count = end - start;
+        m_World.Check(count == wishedCount, "actuallyTransferred == TZMin(totalToTransfer, dstSpaceLeft)");
+        m_World.Check(end == old->m_Count || dst->Free() == 0, "dstSpaceLeft == 0");
+        newSum += count;
+        start = end;
+        if (count != wishedCount)
+            refusing.insert(dst);
+        if (count != wishedCount || dst->Free() == 0)
+            dst = null;
+        if (end == old->m_Count)
+            old = null;
     }
     if (hasWork)
-        m_World.Check(pass.m_OldSum <= m_Count, "oldAccCount <= m_ParticleCount.Load()");
-    m_Count -= pass.m_OldSum - pass.m_NewSum;
-    pass.m_Old = null;
-    CheckCount();
+        m_World.Check(oldSum <= m_Count, "oldAccCount <= m_ParticleCount.Load()");
+    m_Count -= oldSum - newSum;
+    _CheckCount();
 }
 
-void CNaiveStream::DeepCopy(CNaiveStream &other)
+void CNaiveStream::DeepCopy(const CNaiveStream &other)
 {
-    CheckCount();
+    _CheckCount();
     Cleanup();
-    m_Loan = other.m_Loan;
+    m_Definition = other.m_Definition;
     m_Constants = other.m_Constants;
     m_PageSize = other.m_PageSize;
     m_PageBytes = other.m_PageBytes;
     m_OutOfSync = other.m_OutOfSync;
-    m_World.Check(m_Loan != null, "streamDef != null");
-    u32 count = 0;
-    for (size_t i = 0; i < other.m_Pages.size(); ++i)
+    m_World.Check(m_Definition != null, "streamDef != null");
+    for (const PNaivePage &src : other.m_Pages)
     {
-        const CNaivePage &src = *other.m_Pages[i];
-        if (src.m_Count == 0)
+        if (src->m_Count == 0)
             continue;
-        const PNaivePage dst = AllocNewPage(src.m_Capacity, u32(src.m_BlockBytes), true);
+        const PNaivePage dst = AllocNewPage(src->m_Capacity, true);
         if (dst == null)
             break;
-        dst->SetCount(src.m_Count);
-        for (u32 j = 0; j < src.m_Columns.size(); ++j)
-            dst->m_Columns[j].m_Rows = src.m_Columns[j].m_Rows;
-        count += dst->m_Count;
+        dst->m_Count = src->m_Count;
+        for (u32 i = 0; i < src->m_Columns.size(); ++i)
+            std::copy_n(src->m_Columns[i].m_Bytes.begin(), src->LiveBytes(i), dst->m_Columns[i].m_Bytes.begin());
     }
-    m_Count = count;
-    CheckCount();
+    m_Count = RowSum();
 }
 
-void CNaiveStream::_RebuildColumn(CNaivePage &page, u32 column, const CNaivePage &old, u32 oldColumn)
+// Fields are found again by name: 256 of them, among the first 255 of the old ones.
+static const SNaiveColumn *OldColumn(const CNaivePage &old, const SNaiveColumn &column, u32 index)
 {
-    const SNaiveField &field = page.m_Columns[column].m_Field;
-    if (field.m_Size == 0)
+    for (u32 i = 0; index < 256 && i < std::min(old.m_Columns.size(), size_t(255)); ++i)
+    {
+        if (old.m_Columns[i].m_Field.m_NameGUID == column.m_Field.m_NameGUID)
+            return &old.m_Columns[i];
+    }
+    return null;
+}
+
+void CNaiveStream::_RebuildColumn(CNaivePage &page, u32 column, const CNaivePage &old)
+{
+    SNaiveColumn &to = page.m_Columns[column];
+    const u32 size = to.m_Field.m_StorageSize;
+    if (size == 0)
     {
         const u32 slot = _Slot(column);
-        if (m_World.Check(slot != kNone && slot < _ConstantCount(), "cstId.Valid() && cstId < m_ConstantData.Count()"))
-            page.m_Columns[column].m_Constant = m_Constants->Constant(slot);
+        m_World.Check(slot != kNone && slot < m_Constants->m_Constants.size(),
+                      "cstId.Valid() && cstId < m_ConstantData.Count()");
         return;
     }
-    std::vector<u8> &rows = page.m_Columns[column].m_Rows;
-    const bool hasOld = oldColumn != kNone &&
-                        (old.m_Columns[oldColumn].m_Field.m_Size != 0 || old.m_Columns[oldColumn].m_Constant != null);
-    if (!hasOld)
-    {
-        std::fill(rows.begin(), rows.end(), u8(0));
-        return;
-    }
-    const SNaiveColumn &from = old.m_Columns[oldColumn];
-    const SNaiveType srcType = NaiveType(from.m_Field.m_Type), dstType = NaiveType(field.m_Type);
-    if (from.m_Field.m_Size == field.m_Size && srcType.IsFp() == dstType.IsFp())
-    {
-        rows = from.m_Rows;
-        return;
-    }
-    if (srcType.Bytes() < dstType.Bytes())
-        std::fill(rows.begin(), rows.end(), u8(0));
-    const bool isConstant = from.m_Field.m_Size == 0;
+    const SNaiveColumn *from = OldColumn(old, to, column);
+    const size_t liveBytes = page.LiveBytes(column);
+    if (from == null || (from->m_Field.m_StorageSize == 0 && from->m_Constant == null))
+        return void(std::fill_n(to.m_Bytes.begin(), liveBytes, u8(0)));
+    const CBaseTypeTraits &srcType = CBaseTypeTraits::Traits(from->m_Field.m_Type);
+    const CBaseTypeTraits &dstType = CBaseTypeTraits::Traits(to.m_Field.m_Type);
+    if (from->m_Field.m_StorageSize == size && srcType.IsFp == dstType.IsFp)
+        return void(std::copy_n(from->m_Bytes.begin(), liveBytes, to.m_Bytes.begin()));
+    if (srcType.Size < dstType.Size)
+        std::fill_n(to.m_Bytes.begin(), liveBytes, u8(0));
+    const u32 stride = from->m_Field.m_StorageSize; // 0: one value for all
+    const u8 *src = stride != 0 ? from->m_Bytes.data() : from->m_Constant;
     for (u32 i = 0; i < page.m_Count; ++i)
-        ConvertRow(srcType, isConstant ? from.m_Constant : old.Row(oldColumn, i),
-                   isConstant ? u32(sizeof(S64Bytes)) : from.m_Field.m_Size, dstType, page.Row(column, i),
-                   field.m_Size);
+        ConvertRow(srcType, src + size_t(stride) * i, stride != 0 ? stride : u32(sizeof(S64Bytes)), dstType,
+                   page.Row(column, i), size);
 }
 
-void CNaiveStream::_RebuildPages(const std::vector<u32> &remap)
+void CNaiveStream::_RemoveSwapping(size_t index)
 {
-    u32 count = 0;
+    m_Pages[index] = m_Pages.back();
+    m_Pages.pop_back();
+}
+
+void CNaiveStream::_RebuildPages()
+{
     for (size_t i = 0; i < m_Pages.size();)
     {
-        const PNaivePage old = m_Pages[i];
-        PNaivePage page;
-        if (old->m_Count != 0)
-            page = AllocNewPage(old->m_Capacity, PageBytes(old->m_Capacity, *m_Loan), false);
+        const PNaivePage old = m_Pages[i], page = old->m_Count != 0 ? AllocNewPage(old->m_Capacity, false) : null;
         if (page == null)
         {
-            m_Pages[i] = m_Pages.back();
-            m_Pages.pop_back();
+            _RemoveSwapping(i);
             continue;
         }
-        m_Pages[i] = page;
-        page->SetCount(old->m_Count);
+        m_Pages[i++] = page;
+        page->m_Count = old->m_Count;
         for (u32 j = 0; j < page->m_Columns.size(); ++j)
-            _RebuildColumn(*page, j, *old, remap[j]);
-        count += page->m_Count;
-        ++i;
+            _RebuildColumn(*page, j, *old);
     }
-    m_Count = count;
+    m_Count = RowSum();
 }
 
-void CNaiveStream::Bind(const PLoan &loan, const PLoan &constants)
+void CNaiveStream::BindStreamDef(const PNaiveDefinition &definition, const PNaiveDefinition &constants)
 {
-    CheckCount();
-    if (!m_World.Check(loan != null, "def != null") || loan == m_Loan)
+    _CheckCount();
+    if (!m_World.Check(definition != null, "def != null") || definition == m_Definition)
         return;
     m_Constants = constants;
-    m_World.Check(_SlotCount() == loan->m_Fields.size(), "m_ConstantDataFieldSlot.Count() == def->m_StreamDef.Count()");
-    std::vector<u32> remap(loan->m_Fields.size(), kNone);
-    for (size_t i = 0; m_Loan != null && i < std::min(remap.size(), size_t(256)); ++i)
-    {
-        for (u32 j = 0; remap[i] == kNone && j < std::min(m_Loan->m_Fields.size(), size_t(255)); ++j)
-            remap[i] = loan->m_Fields[i].m_Name == m_Loan->m_Fields[j].m_Name ? j : kNone;
-    }
-    const PLoan oldLoan = m_Loan;
-    m_PageBytes = PageBytes(m_PageSize, *loan);
-    m_World.Check(m_PageBytes != 0 || loan->m_Fields.empty(), "m_PageSizeInBytes != 0 || def->Empty()");
-    m_Loan = loan;
+    m_World.Check(m_Constants->m_SlotCount == definition->m_Fields.size(),
+                  "m_ConstantDataFieldSlot.Count() == def->m_StreamDef.Count()");
+    m_Definition = definition;
+    m_PageBytes = PageBytes(m_PageSize, *definition);
+    m_World.Check(m_PageBytes != 0 || definition->m_Fields.empty(), "m_PageSizeInBytes != 0 || def->Empty()");
     if (_Clamp())
         Cleanup();
     else if (!m_Pages.empty())
-        _RebuildPages(remap);
-    CheckCount();
+        _RebuildPages();
+    _CheckCount();
 }
 
-void CNaiveStream::Collect(std::vector<u32> *reindexer)
+void CNaiveStream::GarbageCollectOldPages(std::vector<u32> *reindexer)
 {
     m_World.Check(reindexer == null || reindexer->size() == m_Pages.size(),
                   "pageReindexer == null || pageReindexer->Count() == m_Pages.Count()");
-    CheckCount();
-    std::vector<u32> formerIndices(m_Pages.size());
-    for (u32 i = 0; i < formerIndices.size(); ++i)
-        formerIndices[i] = i;
+    _CheckCount();
+    const std::vector<PNaivePage> formerPages = m_Pages;
     for (size_t i = 0; i < m_Pages.size();)
+        m_Pages[i]->m_Count != 0 ? void(++i) : _RemoveSwapping(i);
+    _CheckCount();
+    for (size_t i = 0; reindexer != null && i < reindexer->size(); ++i)
     {
-        if (m_Pages[i]->m_Count != 0)
-        {
-            ++i;
-            continue;
-        }
-        m_Pages[i] = m_Pages.back();
-        m_Pages.pop_back();
-        formerIndices[i] = formerIndices.back();
-        formerIndices.pop_back();
-    }
-    CheckCount();
-    if (reindexer == null)
-        return;
-    std::fill(reindexer->begin(), reindexer->end(), kNone);
-    for (u32 i = 0; i < formerIndices.size(); ++i)
-    {
-        if (formerIndices[i] < reindexer->size())
-            (*reindexer)[formerIndices[i]] = i;
+        const auto page =
+            i < formerPages.size() ? std::find(m_Pages.begin(), m_Pages.end(), formerPages[i]) : m_Pages.end();
+        (*reindexer)[i] = page != m_Pages.end() ? u32(page - m_Pages.begin()) : kNone;
     }
 }
 
-} // namespace Model
-} // namespace Tessaly
+} // namespace Tessaly::Model

@@ -1,8 +1,8 @@
 // The fuzzer's way into the model: its bytes are a script. A difference ends the process, like any other crash, so that
 // the fuzzer keeps the bytes.
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
+#include <iostream>
 
 #include <gtest/gtest.h>
 
@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
     ::testing::InitGoogleTest(argc, *argv);
     GTEST_FLAG_SET(throw_on_failure, true); // what the tests' support finds ends the process
-    std::atexit([] { std::fprintf(stderr, "operations: %llu\n", static_cast<unsigned long long>(s_OperationCount)); });
+    std::atexit([] { std::cerr << "operations: " << s_OperationCount << std::endl; });
     return 0;
 }
 
@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u8 *data, size_t size)
     const std::string difference = RunScript(script);
     if (difference.empty())
         return 0;
-    std::fprintf(stderr, "%s\n%s", difference.c_str(), ToString(script).c_str());
+    std::cerr << difference << "\n" << ToString(script);
     std::abort();
 }
 
@@ -41,23 +41,15 @@ extern "C" size_t LLVMFuzzerCustomMutator(u8 *data, size_t size, size_t maxSize,
     Script script = Decode(data, size);
     if (script.empty() || random.OneIn(3))
         return LLVMFuzzerMutate(data, size, maxSize);
-    const s64 first = random.Below(u32(script.size())), count = 1 + random.Below(u32(script.size() - u64(first)));
+    const u32 first = random.Below(u32(script.size())), count = 1 + random.Below(u32(script.size()) - first);
     const auto begin = script.begin() + first;
-    const u32 choice = random.Below(6);
-    if (choice == 0)
+    Script inserted = RandomScript(random.Bits(), random.OneIn(4) ? 8 : 1);
+    if (random.OneIn(4))
+        inserted.assign(begin, begin + count);
+    if (random.OneIn(4))
         script.erase(begin, begin + (random.OneIn(2) ? 1 : count));
-    else if (choice == 1)
-    {
-        const Script repeated(begin, begin + count);
-        script.insert(begin, repeated.begin(), repeated.end());
-    }
     else
-    {
-        const Script drawn = RandomScript(random.Bits(), choice == 2 ? 8 : 1);
-        script.insert(begin, drawn.begin(), drawn.end());
-    }
+        script.insert(begin, inserted.begin(), inserted.end());
     const std::vector<u8> bytes = Encode(script);
-    const size_t newSize = std::min(bytes.size(), maxSize);
-    std::copy_n(bytes.begin(), newSize, data);
-    return newSize;
+    return size_t(std::copy_n(bytes.begin(), std::min(bytes.size(), maxSize), data) - data);
 }
