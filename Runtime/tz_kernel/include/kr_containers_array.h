@@ -83,7 +83,7 @@ public:
     TArray_Base(const TArray_Base &) = delete;
     TArray_Base &operator=(const TArray_Base &) = delete;
 
-    // Numbers of elements, and the buffer, which is null before the first element is appended.
+    // Numbers of elements, and the buffer, which is null while the capacity is 0.
     u32 Count() const { return BaseImpl::_Count(); }
     bool Empty() const { return BaseImpl::_Count() == 0; }
     u32 Capacity() const { return BaseImpl::_MaxCount(); }
@@ -94,8 +94,7 @@ public:
     const _Type &First() const { return Empty() ? Last() : _Element(0); }
     _Type &Last() { return _Element(BaseImpl::_Count() - 1); }
     const _Type &Last() const { return _Element(BaseImpl::_Count() - 1); }
-    // All elements.
-    // Invalidates: growing and freeing the buffer invalidate the view.
+    // All elements. Growing and freeing the buffer invalidate the view.
     TMemoryView<const _Type> View() const { return TMemoryView<const _Type>(BaseImpl::_Data(), BaseImpl::_Count()); }
     TMemoryView<_Type> ViewForWriting() { return TMemoryView<_Type>(BaseImpl::_Data(), BaseImpl::_Count()); }
 
@@ -141,7 +140,7 @@ public:
     // Fails: an index out of range is reported, and nothing changes.
     // Cost:  O(1).
     void Remove(u32 index);
-    // Destroy the element at index or the elements [indexStart, indexEnd), and move those behind them down.
+    // Destroy the element at index or the elements [indexStart, indexEnd), and move the later ones down.
     // Fails: as Remove.
     void Remove_AndKeepOrder(u32 index)
     {

@@ -10,13 +10,13 @@
 namespace Tessaly
 {
 
-// When set, arrays report each growth of a buffer to the class below before they request the memory.
+// When set, arrays report each growth of a buffer to the class below, before they request the memory for it.
 TZ_API extern bool g_KRContainersConfig_MonitorTArrays;
 
 class TZ_API CContainersMonitorTArrays
 {
 public:
-    // Adds bytes (negative for a buffer that shrinks) to the total, on any thread.
+    // Adds bytes to the total, on any thread. Growth whose memory is refused stays in it.
     static void RegisterNewMemoryMovement(s64 bytes);
     static s64 TotalBytes();
 };

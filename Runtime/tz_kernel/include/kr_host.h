@@ -33,8 +33,8 @@
 // - kr_threads_basics.h: CCurrentThread::ThreadID (one number per thread, never reused, never all ones; locks call it
 //   once per thread); CThreadStats (the holder calls RegisterCSUnlock right before each release; it must take no
 //   critical section); the constructor, the destructor and TryLock of CCriticalSection.
-// - kr_containers_internals.h: CContainersMonitorTArrays. While the flag is set, it is called before each change of a
-//   buffer's size.
+// - kr_containers_internals.h: CContainersMonitorTArrays. While the flag is set, it is called before each growth of a
+//   buffer.
 // - kr_refptr.h: CRefCountedObject::_DeleteObject.
 #pragma once
 

@@ -1,7 +1,7 @@
 // Memory services: where all memory of the runtime comes from, and the kernel's new and delete, which use them.
 //
 // A host replaces the services at run time with Mem::SetAllocator, or at link time by defining Mem::_RawAlloc,
-// _RawRealloc and _RawFree (with SetAllocator and DefaultAllocator) itself. Any thread may call them at any time.
+// _RawRealloc and _RawFree itself (kr_host.h). Any thread may call them at any time.
 #pragma once
 
 #include <new>

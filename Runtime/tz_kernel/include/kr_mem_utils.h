@@ -46,8 +46,8 @@ TZ_API void FillIndices32(void *dst, u32 count, u32 start);
 namespace Tessaly::Internal
 {
 
-// What containers return a reference to, after a report, for an element that does not exist: a zeroed stand-in of the
-// calling thread. Reading and writing it touches no other memory.
+// The zeroed stand-in to which containers return a reference, after a report, for an element that does not exist. There
+// is one per type and thread, and each call clears it.
 template <typename _Type>
 TZ_COLD _Type &MissingElement()
 {

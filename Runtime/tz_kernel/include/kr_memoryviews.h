@@ -1,5 +1,5 @@
 // Non-owning views: TMemoryView on contiguous elements, TStridedMemoryView on elements a fixed number of bytes apart.
-// Indexing is checked (two sites each), iteration is not.
+// Indexing is checked (for data, and for the range), iteration is not.
 #pragma once
 
 #include <tz_defs.h>
@@ -184,7 +184,7 @@ public:
     {
     }
 
-    // Element i lies i * Stride() bytes behind Data(). A stride of 0 repeats one element.
+    // Element i is at Data() plus i * Stride() bytes. A stride of 0 repeats one element.
     _Type *Data() const { return reinterpret_cast<_Type *>(m_Storage.m_RawDataPtr); }
     u32 Count() const { return m_Storage.m_Count; }
     u32 Stride() const { return m_Storage.m_Stride; }

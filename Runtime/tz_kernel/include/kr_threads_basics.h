@@ -30,7 +30,7 @@ public:
     // Increments the counter of the calling thread inline, or calls RegisterCSUnlock when there is none: a page lock
     // takes 15 % less time, and AllocateParticlesIFP 5 %.
     static void _CountCSUnlock();
-    // The calling thread's counter. The default RegisterCSUnlock sets it; null when a host replaced that.
+    // The calling thread's own counter, set by the default RegisterCSUnlock for the first 63 threads; else null.
     static u64 *&_OwnUnlocks();
 };
 

@@ -1,4 +1,4 @@
-// Critical section on a recursive POSIX mutex.
+// The critical section: construction, destruction and TryLock.
 #include "../include/kr_threads_basics.h"
 
 namespace Tessaly::Threads

@@ -19,7 +19,7 @@ constexpr u32 kDefaultAlignment = 16; // of malloc
 constexpr u64 kMinMappedBytes = 1 << 20;
 constexpr u64 kHugePageBytes = 2 << 20; // the alignment of all mapped blocks
 
-// A mapped block. The record lies behind the block's bytes.
+// A mapped block. The record follows the block's bytes.
 struct SMapping
 {
     u8 *m_Block;

@@ -8,7 +8,7 @@
 namespace Tessaly::Internal
 {
 
-// The text lies behind the record, in the same block.
+// The text follows the record in the same block.
 struct SRegisteredName
 {
     SRegisteredName *m_Next;

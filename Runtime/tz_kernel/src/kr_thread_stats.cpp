@@ -1,4 +1,4 @@
-// Thread statistics: a counter per thread, each on a cache line of its own to avoid false sharing.
+// Thread statistics: counters of single threads, each on a cache line of its own to avoid false sharing.
 #include "../include/kr_threads_basics.h"
 
 namespace Tessaly

@@ -3,11 +3,11 @@
 //   ForEach<CFloat3, const CFloat3>(stream, position, velocity, [](CFloat3 &p, const CFloat3 &v) { ... });
 //   RemoveIf<const float>(stream, age, [](float seconds) { return seconds > 2.0f; });
 //
-// All operations hold the page lock. Between two pages they give it to a thread that waits in LockPagesToRender, unless
-// the caller holds the lock around the call. Pages without particles are skipped; on a stream without particles nothing
-// is called and nothing reported. Functions are taken by value, as the standard library's algorithms do. They may write
-// values, but not change the stream: after a page in which they allocated, removed, collected, resized, rebound,
-// cleared or swapped, the change is reported and the iteration ends.
+// All operations hold the page lock. Between two pages all but ForEachPageOn give it to a thread that waits in
+// LockPagesToRender, unless the caller holds the lock around the call. Pages without particles are skipped; on a stream
+// without particles nothing is called or reported. Functions are taken by value. They may write values, but not change
+// the stream: after a page in which they allocated, removed, collected, resized, rebound, cleared or swapped, the
+// change is reported and the iteration ends.
 #pragma once
 
 #include <utility>

@@ -3,7 +3,7 @@
 //   /                attributes format, version, particles, page_size, fields
 //   /fields/N        field N of the definition: a dataset of particles x components, or a group for a constant field;
 //                    attributes id, type, storage_size, name (where it is registered), value (of a constant)
-//   /padding/N       the bytes of each particle behind its value, where the storage size is larger than the type's
+//   /padding/N       the bytes of each particle after its value, where the storage size is larger than the type's
 //   /NAME            the dataset of a field again, by its registered name
 //
 // Numbers are little endian, bools are bytes; values of a type without components are bytes. Every chunk has a
@@ -58,10 +58,10 @@ private:
 
 // Writes the particles of a stream to the file at path. The file is written as path + ".part", flushed to the disk and
 // renamed: a file that was there is replaced only by a complete one. The pages have readers meanwhile: other threads
-// may read them and add pages, but cannot write to them or remove from them. Fails: after a report with the reason,
-// when the stream is unbound, memory is refused or the file cannot be written. Lock:  takes the page lock while pages
-// are counted and referenced, not while the file is written. Cost:  O(particles); at most 4 MiB of memory and 32 bytes
-// per page.
+// may read them and add pages, but cannot write to them or remove from them.
+// Fails: after a report, when the stream is unbound, memory is refused or the file cannot be written.
+// Lock:  takes it while pages are counted and referenced, not while the file is written.
+// Cost:  O(particles); at most 4 MiB of memory and 32 bytes per page.
 TZ_API bool Save(const CParticleStream_MainMemory &stream, const char *path,
                  const SSaveOptions &options = SSaveOptions());
 

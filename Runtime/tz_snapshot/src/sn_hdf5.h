@@ -79,7 +79,7 @@ struct SFieldPath
     explicit SFieldPath(u32 field, bool isPadding = false);
 };
 
-// A dataset of the file: the values of a stored field, or the padding behind each value.
+// A dataset of the file: the values of a stored field, or the padding after each value.
 struct SPart
 {
     u32 m_Field;          // index in the definition
@@ -122,11 +122,11 @@ protected:
     // Calls _TransferChunk for all chunks. False when one of them or the disk fails, or when the callback cancels.
     bool _TransferChunks();
     bool _TransferParts(u32 firstPart, u32 partCount);
-    // Copies count particles of a part, from place on, between the pages and a chunk. Moves place behind them.
+    // Copies count particles of a part, from place on, between the pages and a chunk. Moves place past them.
     void _Copy(const SPart &part, u32 count, SPlace &place, u8 *chunk, bool isToPages) const;
 
     virtual SColumn _Column(u32 page, u32 field) const = 0;
-    // Writes or reads the chunk of count particles from firstParticle on, which is at place. Moves place behind them.
+    // Writes or reads the chunk of count particles from firstParticle on, which is at place. Moves place past them.
     virtual bool _TransferChunk(hid_t dataset, const SPart &part, u32 firstParticle, u32 count, SPlace &place) = 0;
 
     CDiskFile &m_Disk;

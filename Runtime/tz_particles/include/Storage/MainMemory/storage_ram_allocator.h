@@ -73,12 +73,12 @@ public:
     void Retire(u8 *block, u32 sizeInBytes);
 
     // Give free blocks back to the memory services: Update those that stayed free during the last kMaxIdleUpdates
-    // calls, with bounded work per call, CleanAllFreePages all of them. In arenas that hold blocks in use, the system
-    // pages of free blocks are discarded. Update is meant to be called once a frame.
+    // calls, with bounded work per call, CleanAllFreePages all of them. Arenas that hold other blocks stay, and the
+    // system pages of the free ones are discarded. Update is meant to be called once a frame.
     void Update();
     void CleanAllFreePages();
 
-    // Sets the bytes in use that AllocPage does not exceed. 0, the default: no budget.
+    // Sets a limit of the bytes in use. 0, the default: no budget. With a budget, each AllocPage locks all shards.
     void SetMemoryBudget(u64 bytes) { __atomic_store_n(&m_MemoryBudget, bytes, __ATOMIC_RELAXED); }
     u64 SpaceLeft() const; // bytes that the budget leaves; the largest u64 without one
 
@@ -107,7 +107,7 @@ private:
 
     u64 m_MemoryBudget = 0; // bytes; 0: none
     u64 m_RefusalCount = 0;
-    Threads::CCriticalSection m_Lock; // serialises maintenance; AllocPage takes it only when memory runs out
+    Threads::CCriticalSection m_Lock; // serialises maintenance; AllocPage takes it only before its second try
     u32 m_CurrentDate = 0;            // counts Update() calls
     bool m_IsShutDown = false;
     SShards *m_Shards = null; // free lists and arenas; null before Setup
@@ -119,7 +119,7 @@ constexpr u32 CParticlePageAllocator::_SizeToSlotId(u32 sizeInBytes)
         return kPoolSlotCount;
     if (sizeInBytes <= kMinAllocSize)
         return 0;
-    // The highest bit of the last byte's offset gives the doubling, the two bits below it the step in it.
+    // The highest bit of the last byte's offset selects the doubling, the two bits below it the class in it.
     const u32 lastByte = sizeInBytes - 1;
     const u32 log2 = IntegerTools::Log2(lastByte);
     const u32 step = (lastByte >> (log2 - 2)) - kSlotsPerDoubling;

@@ -53,7 +53,7 @@ struct TZ_API SParticleStreamField : public CNonCopyable
     ~SParticleStreamField() {}
 
     bool IsConstant() const { return m_Definition.m_StorageSize == 0; } // it has one value for all particles
-    void Clear();                                                       // resets all but the definition
+    void Clear();                                                       // sets the count and the data to none
     // Fills a stored column from particle first to m_ParticleCount with kFreshParticleByte.
     void TrashFrom(u32 first);
     void Swap(SParticleStreamField &other); // exchanges the records, not the bytes of the columns
@@ -123,7 +123,7 @@ public:
     bool ReadyToWrite() const { return m_RawPage == null || m_RawPage.Get()->ReadersCount() == 0; }
     bool PrepareForWriting() { return ReadyToWrite(); }
 
-    // Adds count particles behind the last one and returns the index of the first. The stream's live count does not
+    // Adds count particles after the last one and returns the index of the first. The stream's live count does not
     // change.
     // Fails: CGuid::INVALID, and nothing changes, when there are fewer free slots.
     CGuid AllocateParticles(u32 count);
@@ -167,7 +167,7 @@ private:
     // readers. Live particles stay accessible meanwhile.
     void _PoisonFreeSlots();
     void _UnpoisonAllSlots() const;
-    // Moves the particles from first on to index 0, over those before it.
+    // Removes the particles before first, and moves the others to index 0.
     void _DropFirstParticles(u32 first);
 
     u32 m_ParticleCount;
@@ -259,7 +259,7 @@ private:
     }
 
     bool _HasParticles() const; // there is a page, and the view lies within its capacity
-    bool _CanWrite(const SParticleStreamField &field, CGuid streamId) const; // reports why not
+    bool _CanWrite(const SParticleStreamField &field, CGuid streamId) const; // false is reported
     u8 *_ColumnStart(const SParticleStreamField &field) const;
     template <typename _Type>
     TStridedMemoryView<_Type> _TypedColumn(const SParticleStreamField &field, CGuid streamId) const;

@@ -1,10 +1,10 @@
 // The index of a long page list: the running sum of the pages' particles, the cached result of the last first-fit
 // search, and above kMaxWalkedPageCount pages a max segment tree over their free slots.
 //
-// An inner node of the tree is an upper bound of the free slots below it. A page that loses free slots leaves the
-// bounds above it as they are; a search that follows a stale bound down tightens it. So births into the page that was
-// found last, which are most, do not touch the tree. With the tree, spawning a million particles by 64 takes a fifth of
-// the time; without the running sum, 100 frames of births and deaths on 100 pages take 1.4 times as long.
+// An inner node of the tree is an upper bound of the free slots of each page below it. When a page loses free slots,
+// only its leaf is updated; a search that meets a stale upper bound lowers it. So most births, which go into the page
+// that was found last, write one node. With the tree, spawning a million particles by 64 takes a fifth of the time;
+// without the running sum, 100 frames of births and deaths on 100 pages take 1.4 times as long.
 //
 // The index is updated with each change of a listed page's count, each page appended and each empty page collected. Any
 // other change of the list invalidates it; a later query builds it again. The tree's memory is requested only when a
@@ -32,8 +32,8 @@ public:
     ~CPageListIndex();
 
     bool IsValidFor(u32 pageCount) const { return m_PageCount == pageCount; }
-    // Notes a query that found the index invalid. Returns true from the third one on: then it should be built, which
-    // costs as much as a few walks. Collecting pages takes 0.85 of the time.
+    // Counts a query that found the index invalid. Returns true from the third one on: then it should be built, which
+    // costs as much as a few walks. With this delay collecting pages takes 0.85 of the time.
     bool NoteQuery() { return ++m_QueryCount > 2; }
     u32 ParticleCount() const { return m_ParticleCount; } // in all pages
     // Returns the index of the first page with minCount free slots, or CGuid::INVALID.
@@ -62,13 +62,13 @@ private:
     CGuid _Search(u32 minCount);
 
     // Node n has the children 2n and 2n + 1. The leaves start at m_LeafCount and are exact for listed pages; leaves
-    // behind the list are stale.
+    // after the list are stale.
     u32 *m_Nodes = null;
     u32 m_LeafCount = 0;  // a power of two
     u32 m_PageCount = 0;  // 0: invalid
     u32 m_QueryCount = 0; // while invalid
     u32 m_ParticleCount = 0;
-    // Cached result: the first page with m_SearchedCount free slots; m_PageCount and above: there is none.
+    // Cached result: no page before m_FirstCandidate has m_SearchedCount free slots. It may be m_PageCount or above.
     u32 m_FirstCandidate = 0;
     u32 m_SearchedCount = 0;
 };

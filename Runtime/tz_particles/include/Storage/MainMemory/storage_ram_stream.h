@@ -74,7 +74,7 @@ public:
     void LockPagesToRender() const;
     void UnlockPagesToRender() const;
     inline bool LockedByCurrentThread() const; // the calling thread holds the page lock
-    // Gives the lock to a thread that waits in LockPagesToRender, and takes it again behind that thread, unless the
+    // Gives the lock to a thread that waits in LockPagesToRender, and takes it again after that thread, unless the
     // caller holds it more than once. Returns whether a thread waited: the stream may have changed then.
     // Lock: expects it.
     bool _YieldToRenderer_NoLock() const;
@@ -88,7 +88,7 @@ public:
     u32 PageSize() const { return Threads::LoadShared(m_PageSize); } // particles; takes no lock
 
     // Makes an empty page of PageSize() particles, appended to the list or held by the caller alone.
-    // Fails: null when the stream is unbound or memory is refused.
+    // Fails: null when the stream is unbound, the runtime not started, or memory refused.
     // Lock:  expects it when the page is added to the list.
     PParticlePage AllocNewPage_NoLock(bool addToPageList);
 
@@ -109,7 +109,7 @@ public:
     //         one.
     // Values: 0xF3 in slots that were never used, else what the last particle there left.
     // Fails:  an empty view, nothing counted, when no page can be made.
-    // Lock:   takes it. Where other threads look, hold a CScopedPagesLock over allocating and filling.
+    // Lock:   takes it. If other threads read the stream, hold a CScopedPagesLock until the slots are filled.
     // Cost:   O(pages) up to 128 pages, O(log pages) above; O(pages) after anything but births, deaths and collection
     //         changed the list.
     CParticlePageView AllocateParticlesIFP(u32 wishedCount, u32 minCountHint);
@@ -125,8 +125,8 @@ public:
     u32 RemoveParticles(CGuid pageId, const TMemoryView<const u32> &indices,
                         TMemoryView<SParticleMove> *outMoves = null);
 
-    // Correct the live count for births and deaths that the pages have seen by other means. The first two compare it
-    // with the pages afterwards and report a difference.
+    // Change the live count, for births and deaths that were made on the pages directly. The first two compare it with
+    // the pages afterwards and report a difference.
     // Lock: the first two take it.
     void RegisterDeadCount(u32 deadCount);
     void RegisterBornCount(u32 bornCount);
@@ -151,7 +151,7 @@ public:
     // Copies all particles of the view. Returns whether it did.
     static bool CopyPageToPage(CParticlePage &dst, const CParticlePageView &src);
     // Copies as many of the view's particles from srcStart on as dst has free slots. Returns the position in the view
-    // behind the last copied one; srcStart when it failed.
+    // after the last copied one; srcStart when it failed.
     static u32 TransferPageToPage(CParticlePage &dst, const CParticlePageView &src, u32 srcStart);
 
     // Counts the pages that hold particles and whose capacity is not PageSize(): the pending resizes. (SetPageSize
@@ -237,7 +237,7 @@ private:
     // AllocNewPage_NoLock that leaves the rows before firstFreshRow to the caller, who writes them.
     PParticlePage _AllocNewPage_NoLock(u32 pageSize, u32 pageSizeInBytes, bool addToPageList, u32 firstFreshRow);
     void _LayOutPage(CParticlePage &page) const;
-    CGuid _ConstantSlot(u32 streamId) const; // behind the slot table's end: INVALID, after a report
+    CGuid _ConstantSlot(u32 streamId) const; // INVALID, after a report, outside the slot table
     u8 *_ConstantBlock(CGuid cstId) const;   // requires cstId < m_ConstantData.Count()
     SMediumMemoryReport _ComputeMemoryUsage() const;
     inline u32 _EnterLock() const;
@@ -264,7 +264,7 @@ private:
     Threads::CCriticalSection m_PagesProtectCS;
     u32 m_PageCount_OutOfSync; // pending resizes; collection, rebinding and deep copies may leave it too high
     TAtomic<u32> m_ParticleCount;
-    mutable u32 m_PagesLocked; // nesting depth of the page lock; written by its holder
+    mutable u32 m_PagesLocked; // nesting depth of the page lock, whose holder writes it
     mutable CGuid m_ThreadOwningLock;
     mutable bool m_IsRendererWaiting = false;
     mutable std::mutex m_RendererTurn; // held by the thread that waits in LockPagesToRender

@@ -42,7 +42,7 @@ struct CParticlePageAllocator::SShard
         m_RecycleCount += recycleCount;
         return block;
     }
-    // Counts a block in use as free and puts it on its free list; null: it was not pooled and is not there any more.
+    // Counts a block in use as free and puts it on its free list; null for one that is not pooled or was not found.
     void Release(SPageBlock *block, u32 blockBytes)
     {
         m_BlocksInUse -= 1;
@@ -116,8 +116,7 @@ SPageBlock *CParticlePageAllocator::_Take(u32 sizeInBytes)
         ownShard.m_BlocksInUse += 1;
         ownShard.m_BytesInUse += blockBytes;
         if (slotId < kPoolSlotCount)
-            block = ownShard.TakeFree(ownShard.m_FreeLists[slotId].m_First,
-                                      1); // the newest: it may be in this processor's cache
+            block = ownShard.TakeFree(ownShard.m_FreeLists[slotId].m_First, 1); // the newest: it may be cached
     }
     for (SShard &shard : m_Shards->m_Shards)
     {
@@ -140,8 +139,8 @@ SPageBlock *CParticlePageAllocator::_Take(u32 sizeInBytes)
     return null;
 }
 
-// Releases the block of a destroyed raw page to the calling thread's shard. Once the shard's lock is free, another
-// thread may delete the allocator.
+// Releases a block to the calling thread's shard. Once the shard's lock is free, another thread may delete the
+// allocator.
 void CParticlePageAllocator::_Release(SPageBlock &releasedBlock)
 {
     SPageBlock *block = &releasedBlock;

@@ -1,4 +1,4 @@
-// Arenas: memory from the services, carving, giving back.
+// Arenas: memory from the services, division into blocks, return of the memory.
 #include "storage_ram_arena.h"
 
 #include <tz_kernel/include/kr_address_sanitizer.h>
@@ -16,7 +16,7 @@ constexpr u32 kServiceAlignment = 16; // the least alignment of the memory servi
 // Blocks at distances of powers of two have their columns in the same few sets of the caches. A cache line between them
 // makes a frame's births and deaths on 100 pages a fifth faster.
 constexpr u32 kBytesBetweenBlocks = 64;
-// Freeing an arena costs about as much as so many calls that discard a part of one.
+// The cost of freeing an arena, in calls that discard a part of one.
 constexpr u32 kCallsOfFreeing = 2;
 
 // Under the address sanitizer each block has an arena of its own, so that overflows are seen.
@@ -64,7 +64,7 @@ SPageBlock *CPageArenas::Take(u32 slotId, u32 blockBytes)
         if (arena != null && arena->m_ReturnedList != null)
             return &_TakeFrom(*arena);
     }
-    // As many blocks as begin within kArenaBytes: the bytes between them do not reduce their number.
+    // As many blocks as fit. Large ones may exceed kArenaBytes a little: the bytes between them do not cost a block.
     const bool isShared = kSharesArenas && slotId < CParticlePageAllocator::kPoolSlotCount;
     const u32 blockCount = isShared ? (kArenaBytes + blockBytes / 16) / (blockBytes + kBytesBetweenBlocks) : 1;
     SArena *arena = _NewArena(slotId, blockBytes, blockCount);
@@ -97,7 +97,7 @@ SPageBlock &CPageArenas::_TakeFrom(SArena &arena)
 // Makes an arena that is in no list yet. Null when memory is refused.
 SArena *CPageArenas::_NewArena(u32 slotId, u32 blockBytes, u32 blockCount)
 {
-    // At least kArenaBytes for several blocks: only whole huge pages are used.
+    // At least kArenaBytes for several blocks: the system backs only whole huge pages with huge pages.
     const u32 stride = blockBytes + (blockCount > 1 ? kBytesBetweenBlocks : 0);
     const u64 blocksBytes = u64(stride) * blockCount + kBlockAlignment - kServiceAlignment;
     const u64 memoryBytes = blockCount > 1 ? TZMax(blocksBytes, u64(kArenaBytes)) : blocksBytes;
@@ -134,7 +134,7 @@ void CPageArenas::FreeArena(SArena &arena)
         m_Arenas[arena.m_SlotId].Remove(arena);
         __atomic_fetch_sub(&m_BytesReserved, arena.m_MemoryBytes, __ATOMIC_RELAXED);
     }
-    Mem::Unpoison(memory, arena.m_MemoryBytes); // its next user knows nothing of the poison
+    Mem::Unpoison(memory, arena.m_MemoryBytes); // its next user does not unpoison it
     for (void *freed : {memory, static_cast<void *>(&arena)})
         Mem::_RawFree(freed, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__,
                       TZ_FUNCTION_SIGNATURE);
@@ -188,8 +188,8 @@ void CPageArenas::GiveBack(u32 maxCallCount)
     }
 }
 
-// Discards each run of blocks that are not taken and of which one holds memory, and the bytes behind the last block: a
-// huge page may have given them memory. Returns the number of calls.
+// Discards each run of blocks that are not taken, if one of them holds memory, and the bytes after the last block,
+// which may lie in a huge page. Returns the number of calls.
 u32 CPageArenas::_Discard(SArena &arena, u32 maxCallCount)
 {
     u32 callCount = 0;

@@ -33,7 +33,7 @@ struct SArena
     SArena *m_NextPending; // of those that GiveBack has to visit
     bool m_IsPending;
     bool m_IsBeingDiscarded; // no block can be taken meanwhile
-    SPageBlock *m_Blocks;    // m_BlockCount records behind this one
+    SPageBlock *m_Blocks;    // m_BlockCount records after this one
 };
 
 // A block's record.
@@ -47,7 +47,7 @@ struct SPageBlock
         Discarded, // returned; its bytes hold no memory but for system pages that they share with taken blocks
     };
 
-    SPageBlock *m_Next; // on a free list the one that was released before; of a returned one the next returned one
+    SPageBlock *m_Next; // on a free list, or in m_ReturnedList: the one that was put there before
     union
     {
         SPageBlock *m_Previous;
@@ -101,7 +101,7 @@ public:
     void Return(SPageBlock &block);
     // Frees an arena. Requires that no block of it is in use.
     void FreeArena(SArena &arena);
-    // Frees arenas whose blocks are all returned, and discards the bytes of other returned blocks, with at most
+    // Frees arenas whose blocks are all returned, and discards the bytes of other returned blocks, with about
     // maxCallCount calls of the services.
     void GiveBack(u32 maxCallCount);
     // Returns the record of the block that begins at data and that Alloc returned; null when there is none.
@@ -118,7 +118,7 @@ private:
     static u32 _Discard(SArena &arena, u32 maxCallCount);
 
     std::mutex m_Lock;                         // guards the rest
-    TLinkedList<SArena> m_Arenas[kClassCount]; // those that a block can be taken of stand first
+    TLinkedList<SArena> m_Arenas[kClassCount]; // those with returned blocks come first
     SArena *m_FirstPending = null;             // only Return and GiveBack access these two
     SArena *m_LastPending = null;
     u64 m_BytesReserved = 0; // read without the lock, as m_TakeCount

@@ -159,7 +159,7 @@ TZ_FORCEINLINE u32 ConvertVectors(const u8 *src, size_t srcStride, u8 *dst, size
 }
 
 // Converts rows of 32-bit components, each row a vector of 16 bytes, and leaves the last rows in pair. Rows may be
-// shorter than a vector: what a vector writes behind its row is overwritten by the next one. Four to twenty times as
+// shorter than a vector: what a vector writes after its row is overwritten by the next one. Four to twenty times as
 // fast as one component after the other while the columns are in the cache.
 template <SWords4 (*_Convert)(SWords4)>
 void ConvertWordRows(SColumnPair &pair, u8 restByte)
@@ -172,7 +172,7 @@ void ConvertWordRows(SColumnPair &pair, u8 restByte)
             ConvertVectors<_Convert>(pair.m_Src, 16, pair.m_Dst, 16, wordCount / 4, ~SWords4(), SWords4());
         return pair.SkipRows(vectorCount * 4 / pair.m_ComponentCount);
     }
-    // A vector at one of the last rows would leave the column.
+    // A vector at one of the last rows would end outside the column.
     const size_t minStride = TZMin(pair.m_SrcStride != 0 ? pair.m_SrcStride : 16, pair.m_DstStride);
     const u32 vectorCount = pair.m_RowCount - TZMin(u32(15 / minStride), pair.m_RowCount);
     const SWords4 isComponent = reinterpret_cast<SWords4>(SWords4{0, 1, 2, 3} < pair.m_ComponentCount);

@@ -8,7 +8,7 @@ namespace Tessaly
 
 // Writes particleCount rows of dstStream from those of srcStream, each at its field's stride; a constant source is
 // repeated. A row gets as many components as the smaller type has (dstStream's type, when both have one size) and as
-// lie within both rows; behind them zero where the type of dstStream is the larger one, else kFreshParticleByte.
+// lie within both rows; the rest is zero where dstStream's type is the larger one, else kFreshParticleByte.
 // Values: between types of 32-bit components, the same bits where both are floating point or neither is; float to
 //         integer drops the fraction, and NaN and what does not fit 32 signed bits give -2147483648; integer to float
 //         reads every integer as signed and rounds to nearest even. Where a component has another width: integers as by

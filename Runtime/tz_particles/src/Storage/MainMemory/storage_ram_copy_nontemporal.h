@@ -6,8 +6,8 @@
 namespace Tessaly
 {
 
-// Copies of so many bytes and more are faster with non-temporal stores: half of a usual last-level cache. The cache
-// would keep nothing of the copy for its first reader, and an ordinary store reads each line before it writes it.
+// Copies of so many bytes (half of a usual last-level cache) and more are faster with non-temporal stores: ordinary
+// stores would read each line before they write it, and the cache could not keep the copy for its reader anyway.
 constexpr u64 kMinBytesNonTemporal = 16 << 20;
 
 // As Mem::Copy, with non-temporal stores where the processor has them.

@@ -55,7 +55,7 @@ void MoveRowsOfColumn(u8 *column, u32 rowBytes, const SParticleMove *moves, u32 
     }
 }
 
-// Whether the moves take adjacent rows to adjacent rows. Both sides ascend, so the last move tells.
+// Whether the moves take adjacent rows to adjacent rows. Both sides ascend, so comparing the ends is enough.
 bool AreOneBlock(const SParticleMove *moves, u32 moveCount)
 {
     const SParticleMove &last = moves[moveCount - 1];
@@ -100,7 +100,7 @@ bool AreAscendingIndices(const TMemoryView<const u32> &indices, u32 count)
     return areAscending != 0 && list[indices.Count() - 1] < count;
 }
 
-// Tells what is wrong with indices of which AreAscendingIndices is false.
+// Describes why AreAscendingIndices is false.
 const char *DescribeFault(const TMemoryView<const u32> &indices, u32 count, char (&text)[80])
 {
     const u32 *list = indices.Data();

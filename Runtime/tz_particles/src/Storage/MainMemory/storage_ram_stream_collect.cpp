@@ -29,7 +29,7 @@ void CParticleStream_MainMemory::GarbageCollectOldPages(TMemoryView<CGuid> *page
     }
     _DEBUG_CheckParticleCountConsistency();
     LockPages();
-    // Only the last page moves, to index i: pages behind i have not moved, and the former index of the page at i is i
+    // Only the last page moves, to index i: pages after i have not moved, and the former index of the page at i is i
     // or the index that was the last one when the page moved to i.
     u32 formerIndex = 0;
     for (u32 i = 0; i < m_Pages.Count();)

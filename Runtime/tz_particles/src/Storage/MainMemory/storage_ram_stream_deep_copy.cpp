@@ -12,8 +12,8 @@ namespace Tessaly
 namespace
 {
 
-// Non-temporal stores pay for copies larger than the cache, unless most of the destination is memory that the kernel
-// has cleared just before: that is in the cache.
+// Non-temporal stores are faster for copies larger than the cache, unless most of the destination is new memory: the
+// kernel clears it at the page fault, and then it is in the cache.
 bool ShouldBypassCache(u64 byteCount)
 {
     const CParticlePageAllocator *allocator = Particles::PageAllocator();
@@ -59,7 +59,7 @@ u32 CParticleStream_MainMemory::_DeepCopyPages_NoLock(const CParticleStream_Main
         if (srcPage->Empty())
             continue;
         const u32 pageSizeInBytes = srcPage->RawPage()->Size();
-        // The rows of its particles are copied before any report or memory request: they are not filled first.
+        // The rows of the particles are not filled: they are copied before any report or memory request.
         const PParticlePage dstPage =
             _AllocNewPage_NoLock(srcPage->Capacity(), pageSizeInBytes, true, srcPage->ParticleCount());
         if (dstPage == null)

@@ -14,7 +14,7 @@ namespace Tessaly
 namespace
 {
 
-// Returns the bytes of one column, in wrapping arithmetic. They do not depend on its offset.
+// Returns the bytes of one column, in wrapping arithmetic.
 u32 _ComputePageStreamSizeInBytes(u32 /*streamOffsetInPage*/, u32 pageSize, u32 storageSize)
 {
     return Mem::Align<16, u32>(storageSize * pageSize);
@@ -172,7 +172,7 @@ CGuid CParticleStream_MainMemory::_ConstantSlot(u32 streamId) const
     m_ConstantDataFieldSlot._AssertAccessible(streamId);
     CGuid slot;
     if (slots.m_RawDataPtr != null && streamId < slots.m_Count)
-        std::memcpy(&slot, slots.m_RawDataPtr + streamId * slots.m_Stride, sizeof(slot)); // the stride may be odd
+        std::memcpy(&slot, slots.m_RawDataPtr + streamId * slots.m_Stride, sizeof(slot)); // it may be misaligned
     return slot;
 }
 

@@ -96,7 +96,7 @@ u32 CParticleStream_MainMemory::AllocateParticles(u32 count, TArray<CParticlePag
     u32 served = 0;
     while (served < count)
     {
-        // The entry is added before the particles are taken: if it can not be, none are lost.
+        // The entry is added first: when its memory is refused, no particles have been taken.
         if (!outViews.PushBack(CParticlePageView()).Valid())
             break;
         CParticlePageView &view = outViews.Last();

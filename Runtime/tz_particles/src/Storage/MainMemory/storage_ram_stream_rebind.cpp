@@ -55,8 +55,8 @@ struct CParticleStream_MainMemory::SRebuild
     // read in one ascending stream for the prefetcher, which takes 8 % off a reordered stream of 100,000 particles and
     // a quarter off one of a million.
     u8 m_Order[kMaxDstStreams];
-    // A field of either definition will be reported. Its handler may look at the page, so all rows are filled first,
-    // and fields are written in their own order.
+    // A field of either definition may be reported, and the handler may read the page: all rows are filled first, and
+    // the fields are written in their own order.
     bool m_MayReport;
 
     // Finds for each new field the first old one of the same name. The empty name is a name like others here.
@@ -130,7 +130,7 @@ bool CParticleStream_MainMemory::BindStreamDef(const SParticleStreamDef *def)
         if (!isStored)
             return false;
     }
-    // A slot for each field, and none of them a constant's.
+    // Each field's slot is INVALID: the stride is 0.
     const TStridedMemoryView<const CGuid> slots(&CGuid::INVALID, def->m_StreamDef.Count(), 0);
     BindStreamDef(def, TMemoryView<const S64Bytes>(), slots, SParticleImplementationCache());
     return true;

@@ -10,7 +10,7 @@ namespace Tessaly
 namespace
 {
 
-constexpr u32 kMinAvailableCount = 64; // free slots, in particles, that make an existing page a destination
+constexpr u32 kMinAvailableCount = 64; // free slots that an existing page needs to be a destination
 
 bool IsWithinCapacity(const CParticlePage &page, u32 first, u32 count) { return u64(first) + count <= page.Capacity(); }
 
@@ -41,7 +41,7 @@ bool CParticleStream_MainMemory::CopySubRangeToPage(CParticlePage &dst, const CP
     if (!IsWithinCapacity(src, srcStartId, transferCount))
         return false;
     const u32 oldCount = dst.ParticleCount();
-    // Asked before slots are taken, so that no report's handler finds slots that are not written.
+    // Readers are checked before slots are taken: the handler of a report must not find slots that are not written.
     const CGuid dstStartId = dst.PrepareForWriting() ? dst.AllocateParticles(transferCount) : CGuid::INVALID;
     if (!TZ_VERIFY(dstStartId.Valid() && dst.PrepareForWriting()))
     {
@@ -129,9 +129,9 @@ void CParticleStream_MainMemory::ResizePending(u32 maxPageCountToProcess)
 // Destinations are searched from the end down. A page that was passed over never qualifies later in the pass, since its
 // free slots do not grow: the search goes on where it left off.
 //
-// A page made as a destination is not filled where particles will be copied to. Its old pages are kept until these rows
-// are written: destroying a page calls the memory service, whose hook may look at the new one. Without this, resizes
-// from 512 to 4096 particles take 1.2 to 1.3 times as long.
+// A new destination's rows are not filled where particles will be copied to. The old pages are kept until these rows
+// are written: destroying a page calls the memory service, whose hook may read the new page. With all rows filled,
+// resizes from 512 to 4096 particles take 1.2 to 1.3 times as long.
 class CParticleStream_MainMemory::CResizePass
 {
 public:
@@ -144,7 +144,7 @@ public:
     }
     ~CResizePass() { m_Pages.MoveToBufferStart(); }
 
-    // There is an old page to move, or one in progress.
+    // There is an old page in progress, or one to start with.
     bool HasWork() const
     {
         return m_OldPage != null || (m_ProcessedPages < m_MaxPageCountToProcess && m_Stream.m_PageCount_OutOfSync != 0);
@@ -208,7 +208,7 @@ PParticlePage CParticleStream_MainMemory::CResizePass::ChooseDestination()
     return m_Stream._AllocNewPage_NoLock(m_Stream.m_PageSize, m_Stream.m_PageSizeInBytes, true, _CountRowsToCome());
 }
 
-// Particles that the next destination gets from pages that are kept until it has them; at least so many.
+// A lower bound of the particles that the next destination receives from pages that are kept until they are copied.
 u32 CParticleStream_MainMemory::CResizePass::_CountRowsToCome() const
 {
     u32 rowCount = m_OldPage != null ? m_OldPage->ParticleCount() - m_OldStart : 0;
@@ -264,8 +264,8 @@ void CParticleStream_MainMemory::CResizePass::_TakeOldPage()
     m_OldStart = 0;
 }
 
-// Keeps a page that was taken out of the list until the destination is written. What does not fit is dropped at once:
-// _CountRowsToCome has not counted it.
+// Keeps a page that was taken out of the list until the destination is written. A page beyond kMaxKeptPages is released
+// at once: _CountRowsToCome has not counted it.
 void CParticleStream_MainMemory::CResizePass::_Keep(PParticlePage &&takenPage)
 {
     const PParticlePage page = std::move(takenPage);
