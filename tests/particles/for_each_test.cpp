@@ -89,9 +89,9 @@ TEST_F(ForEach, VisitsEachParticleOnce)
     };
     Particles::ForEach<const float, const CFloat3, u8>(m_Stream, m_Position, m_Colour, m_Tag, visitMixed);
     EXPECT_EQ(next, 0.0f);
-    const auto check = [](CByte3 tag, float life)
-    { EXPECT_EQ(tag, CByte3(u8(u32(life)), kFreshParticleByte, kFreshParticleByte)); };
-    Particles::ForEach<const CByte3, const float>(stream, m_Tag, m_Life, check);
+    const auto check = [](CUByte3 tag, float life)
+    { EXPECT_EQ(tag, CUByte3(u8(u32(life)), kFreshParticleByte, kFreshParticleByte)); };
+    Particles::ForEach<const CUByte3, const float>(stream, m_Tag, m_Life, check);
 }
 
 TEST_F(ForEach, FindsNothingInStreamsWithoutParticles)
