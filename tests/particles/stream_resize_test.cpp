@@ -76,17 +76,6 @@ TEST_F(StreamResize, WithoutMemoryTheRestOfThePageInHandIsLost)
     EXPECT_TRUE(m_Stream.HasPendingResizes());
 }
 
-TEST_F(StreamResize, ReadersKeepAPageAsItIs)
-{
-    AppendPages({{512, 300}, {1024, 900}});
-    const PParticlePage old = m_Stream.Page(CGuid(0)), target = m_Stream.Page(CGuid(1));
-    const CScopedRawPageReader reader(target->RawPage()), another(old->RawPage());
-    m_Stream.ResizePending(1);
-    EXPECT_EQ(m_Reports.Take().size(), 3u) << "the page that was to be filled";
-    EXPECT_EQ(m_Stream.Pages(), "[300-1199] [0-299]") << "into a new page instead";
-    EXPECT_EQ(old->ParticleCount(), 300u) << "views keep the emptied page";
-}
-
 TEST_F(PageCopy, AppendsARunOfParticles)
 {
     CTestStream stream(100, m_Definition, {100, 3, 97});
