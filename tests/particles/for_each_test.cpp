@@ -218,7 +218,7 @@ TEST_F(ForEach, ChangingTheStreamIsReportedOnceAndEndsIt)
             EXPECT_EQ(calls, expectedCalls);
             u32 reportCount = 0;
             for (const SSeenReport &report : m_Reports.Take())
-                reportCount += report.m_Message.find("the stream was changed by the function that goes over") == 0;
+                reportCount += report.m_Message.find("the stream was changed during the iteration") == 0;
             EXPECT_EQ(reportCount, 1u);
             changed.Clear();
             m_Reports.Take();

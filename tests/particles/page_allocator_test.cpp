@@ -104,7 +104,7 @@ TEST_F(PageAllocator, BlocksAreHandedOutWithoutTheirRawPages)
     Pages().Retire(small + 1, 700);
     Pages().Retire(small, 700);
     Pages().Retire(small, 700);
-    m_Reports.Expect({"isOut", "isOut"});
+    m_Reports.Expect({"isInUse", "isInUse"});
     Pages().Retire(null, 700);
     const u64 freeCount = Stats().m_BlocksFree;
     Pages().Retire(Pages().Alloc(Allocator::kMaxAllocSize + 1), Allocator::kMaxAllocSize + 1);

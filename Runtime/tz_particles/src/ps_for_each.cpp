@@ -19,7 +19,7 @@ bool HasColumn(const CParticlePage &page, const SColumnRequest &request)
     const SParticleStreamField &field = page.Streams().Data()[id];
     const u32 stride = field.m_Definition.m_StorageSize;
     const bool isWritable = !request.m_IsWritten || !field.IsConstant();
-    TZ_ASSERT_MESSAGE(isWritable, "field %u is a constant: go over it with a const type", id);
+    TZ_ASSERT_MESSAGE(isWritable, "field %u is a constant: use a const type", id);
     if (!isWritable)
         return false;
     const u32 valueSize = field.IsConstant() ? u32(sizeof(S64Bytes)) : stride;
@@ -41,8 +41,7 @@ bool HasColumn(const CParticlePage &page, const SColumnRequest &request)
 void ReportChange(const CParticleStream_MainMemory &stream, u32 pageId, bool isIntact)
 {
     TZ_ASSERT_MESSAGE(isIntact,
-                      "the stream was changed by the function that goes over it: behind page %u there are %u particles "
-                      "in %u pages now",
+                      "the stream was changed during the iteration: after page %u it has %u particles in %u pages",
                       pageId, stream.ParticleCount(), stream.PageCount());
 }
 

@@ -23,7 +23,7 @@ public:
     {
         if (TZ_UNLIKELY(ReadersCount() != 0))
             TZ_ASSERT(ReadersCount() == 0);
-        _OpenWholeBlockIFN();
+        _UnpoisonBlockIFN();
         return m_Data;
     }
 
@@ -32,7 +32,7 @@ public:
     const u8 *BeginRead() const
     {
         __atomic_fetch_add(&m_ReadersCount, 1, __ATOMIC_ACQ_REL);
-        _OpenWholeBlockIFN(); // a reader may read free slots, too
+        _UnpoisonBlockIFN(); // a reader may read free slots, too
         return m_Data;
     }
     void EndRead() const { __atomic_fetch_sub(&m_ReadersCount, 1, __ATOMIC_ACQ_REL); }
@@ -45,12 +45,12 @@ private:
 
     CParticleRawPage_MainMemory(CParticlePageAllocator &allocator, SPageBlock &block);
     ~CParticleRawPage_MainMemory() override; // releases the block
-    void _OpenWholeBlockIFN() const
+    void _UnpoisonBlockIFN() const
     {
         if (m_HasPoison)
-            _OpenWholeBlock();
+            _UnpoisonBlock();
     }
-    void _OpenWholeBlock() const;
+    void _UnpoisonBlock() const;
 
     u8 *m_Data;
     u32 m_Size;

@@ -36,7 +36,7 @@ struct CParticlePageAllocator::SShard
     {
         if (block == null)
             return null;
-        m_FreeLists[block->m_Arena->m_SlotId].Remove(*block);
+        m_FreeLists[block->m_Arena->m_SizeClass].Remove(*block);
         __atomic_store_n(&m_BlocksFree, m_BlocksFree - 1, __ATOMIC_RELAXED);
         m_BytesFree -= block->Size();
         m_RecycleCount += recycleCount;
@@ -49,7 +49,7 @@ struct CParticlePageAllocator::SShard
         m_BytesInUse -= blockBytes;
         if (block == null)
             return;
-        m_FreeLists[block->m_Arena->m_SlotId].PushFront(*block);
+        m_FreeLists[block->m_Arena->m_SizeClass].PushFront(*block);
         __atomic_store_n(&m_BlocksFree, m_BlocksFree + 1, __ATOMIC_RELAXED);
         m_BytesFree += blockBytes;
     }
@@ -99,8 +99,8 @@ PParticleRawPage_MainMemory CParticlePageAllocator::AllocPage(u32 sizeInBytes)
 // Returns a block and counts it as in use; null when memory or the budget runs out.
 SPageBlock *CParticlePageAllocator::_Take(u32 sizeInBytes)
 {
-    const u32 slotId = _SizeToSlotId(sizeInBytes);
-    const u32 blockBytes = slotId < kPoolSlotCount ? _SlotIdToSize(slotId) : sizeInBytes;
+    const u32 sizeClass = _SizeToSlotId(sizeInBytes);
+    const u32 blockBytes = sizeClass < kPoolSlotCount ? _SlotIdToSize(sizeClass) : sizeInBytes;
     SShard &ownShard = m_Shards->Own();
     SPageBlock *block = null;
     {
@@ -115,20 +115,20 @@ SPageBlock *CParticlePageAllocator::_Take(u32 sizeInBytes)
         const std::lock_guard<std::mutex> lock(ownShard.m_Lock);
         ownShard.m_BlocksInUse += 1;
         ownShard.m_BytesInUse += blockBytes;
-        if (slotId < kPoolSlotCount)
-            block = ownShard.TakeFree(ownShard.m_FreeLists[slotId].m_First, 1); // the newest: it may be cached
+        if (sizeClass < kPoolSlotCount)
+            block = ownShard.TakeFree(ownShard.m_FreeLists[sizeClass].m_First, 1); // the newest: it may be cached
     }
     for (SShard &shard : m_Shards->m_Shards)
     {
-        if (block != null || slotId == kPoolSlotCount)
+        if (block != null || sizeClass == kPoolSlotCount)
             break;
         if (__atomic_load_n(&shard.m_BlocksFree, __ATOMIC_RELAXED) == 0)
             continue;
         const std::lock_guard<std::mutex> lock(shard.m_Lock);
-        block = shard.TakeFree(shard.m_FreeLists[slotId].m_Last, 1); // the oldest
+        block = shard.TakeFree(shard.m_FreeLists[sizeClass].m_Last, 1); // the oldest
     }
     if (block == null)
-        block = m_Shards->m_Arenas.Take(slotId, blockBytes);
+        block = m_Shards->m_Arenas.Take(sizeClass, blockBytes);
     if (block != null)
     {
         Mem::Unpoison(block->Data(), blockBytes);
@@ -146,7 +146,7 @@ void CParticlePageAllocator::_Release(SPageBlock &releasedBlock)
     SPageBlock *block = &releasedBlock;
     const u32 blockBytes = block->Size();
     Mem::Poison(block->Data(), blockBytes);
-    if (block->m_Arena->m_SlotId == kPoolSlotCount)
+    if (block->m_Arena->m_SizeClass == kPoolSlotCount)
     {
         m_Shards->m_Arenas.FreeArena(*block->m_Arena);
         block = null;
@@ -202,12 +202,12 @@ void CParticlePageAllocator::Retire(u8 *block, u32 sizeInBytes)
     if (block == null || m_Shards == null)
         return;
     const SPageBlock *record = m_Shards->m_Arenas.Find(block);
-    const bool isOut = record != null;
-    TZ_ASSERT_MESSAGE(isOut, "Retire: no block that is out begins at %p", static_cast<void *>(block));
-    if (!isOut)
+    const bool isInUse = record != null;
+    TZ_ASSERT_MESSAGE(isInUse, "Retire: no block of Alloc begins at %p", static_cast<void *>(block));
+    if (!isInUse)
         return;
-    const u32 slotId = _SizeToSlotId(sizeInBytes);
-    const u32 expectedBytes = slotId < kPoolSlotCount ? _SlotIdToSize(slotId) : sizeInBytes;
+    const u32 sizeClass = _SizeToSlotId(sizeInBytes);
+    const u32 expectedBytes = sizeClass < kPoolSlotCount ? _SlotIdToSize(sizeClass) : sizeInBytes;
     TZ_ASSERT_MESSAGE(record->Size() == expectedBytes, "Retire: the block has %u bytes, not %u", record->Size(),
                       sizeInBytes);
     CRefCountedObject::RemoveReference(record->m_RawPage);

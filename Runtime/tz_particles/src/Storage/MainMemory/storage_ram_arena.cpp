@@ -54,26 +54,26 @@ void MakeRecords(SArena &arena)
 
 } // namespace
 
-SPageBlock *CPageArenas::Take(u32 slotId, u32 blockBytes)
+SPageBlock *CPageArenas::Take(u32 sizeClass, u32 blockBytes)
 {
     {
         const std::lock_guard<std::mutex> lock(m_Lock);
-        SArena *arena = m_Arenas[slotId].m_First;
+        SArena *arena = m_Arenas[sizeClass].m_First;
         while (arena != null && arena->m_IsBeingDiscarded)
             arena = arena->m_Next;
         if (arena != null && arena->m_ReturnedList != null)
             return &_TakeFrom(*arena);
     }
     // As many blocks as fit. Large ones may exceed kArenaBytes a little: the bytes between them do not cost a block.
-    const bool isShared = kSharesArenas && slotId < CParticlePageAllocator::kPoolSlotCount;
+    const bool isShared = kSharesArenas && sizeClass < CParticlePageAllocator::kPoolSlotCount;
     const u32 blockCount = isShared ? (kArenaBytes + blockBytes / 16) / (blockBytes + kBytesBetweenBlocks) : 1;
-    SArena *arena = _NewArena(slotId, blockBytes, blockCount);
+    SArena *arena = _NewArena(sizeClass, blockBytes, blockCount);
     if (arena == null && blockCount > 1)
-        arena = _NewArena(slotId, blockBytes, 1);
+        arena = _NewArena(sizeClass, blockBytes, 1);
     if (arena == null)
         return null;
     const std::lock_guard<std::mutex> lock(m_Lock);
-    m_Arenas[slotId].PushFront(*arena);
+    m_Arenas[sizeClass].PushFront(*arena);
     __atomic_fetch_add(&m_BytesReserved, arena->m_MemoryBytes, __ATOMIC_RELAXED);
     return &_TakeFrom(*arena);
 }
@@ -87,15 +87,15 @@ SPageBlock &CPageArenas::_TakeFrom(SArena &arena)
     block.m_State = SPageBlock::Taken;
     if (arena.m_ReturnedList == null)
     {
-        m_Arenas[arena.m_SlotId].Remove(arena);
-        m_Arenas[arena.m_SlotId].PushBack(arena);
+        m_Arenas[arena.m_SizeClass].Remove(arena);
+        m_Arenas[arena.m_SizeClass].PushBack(arena);
     }
     __atomic_fetch_add(&m_TakeCount, 1, __ATOMIC_RELAXED);
     return block;
 }
 
 // Makes an arena that is in no list yet. Null when memory is refused.
-SArena *CPageArenas::_NewArena(u32 slotId, u32 blockBytes, u32 blockCount)
+SArena *CPageArenas::_NewArena(u32 sizeClass, u32 blockBytes, u32 blockCount)
 {
     // At least kArenaBytes for several blocks: the system backs only whole huge pages with huge pages.
     const u32 stride = blockBytes + (blockCount > 1 ? kBytesBetweenBlocks : 0);
@@ -119,7 +119,7 @@ SArena *CPageArenas::_NewArena(u32 slotId, u32 blockBytes, u32 blockCount)
     arena->m_FirstBlock = reinterpret_cast<u8 *>(Mem::Align<kBlockAlignment>(ureg(memory)));
     arena->m_BlockBytes = blockBytes;
     arena->m_BlockStride = stride;
-    arena->m_SlotId = slotId;
+    arena->m_SizeClass = sizeClass;
     arena->m_BlockCount = blockCount;
     arena->m_Blocks = reinterpret_cast<SPageBlock *>(arena + 1);
     MakeRecords(*arena);
@@ -131,7 +131,7 @@ void CPageArenas::FreeArena(SArena &arena)
     void *memory = arena.m_Memory;
     {
         const std::lock_guard<std::mutex> lock(m_Lock);
-        m_Arenas[arena.m_SlotId].Remove(arena);
+        m_Arenas[arena.m_SizeClass].Remove(arena);
         __atomic_fetch_sub(&m_BytesReserved, arena.m_MemoryBytes, __ATOMIC_RELAXED);
     }
     Mem::Unpoison(memory, arena.m_MemoryBytes); // its next user does not unpoison it
@@ -146,8 +146,8 @@ void CPageArenas::Return(SPageBlock &block)
     SArena &arena = *block.m_Arena;
     if (arena.m_ReturnedList == null)
     {
-        m_Arenas[arena.m_SlotId].Remove(arena);
-        m_Arenas[arena.m_SlotId].PushFront(arena);
+        m_Arenas[arena.m_SizeClass].Remove(arena);
+        m_Arenas[arena.m_SizeClass].PushFront(arena);
     }
     PushReturned(block, SPageBlock::Returned);
     arena.m_NextToDiscard = 0;

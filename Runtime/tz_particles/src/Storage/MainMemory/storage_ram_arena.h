@@ -23,7 +23,7 @@ struct SArena
     u8 *m_FirstBlock;
     u32 m_BlockBytes;
     u32 m_BlockStride;
-    u32 m_SlotId; // size class; kPoolSlotCount: one block that is not pooled
+    u32 m_SizeClass; // kPoolSlotCount: one block that is not pooled
     u32 m_BlockCount;
     u32 m_ReturnedCount;
     u32 m_NextToDiscard;        // discarding goes on at this block
@@ -96,7 +96,7 @@ class CPageArenas : public CNonCopyable
 {
 public:
     // Takes a block of an arena of its class, else of a new one. Null when memory is refused.
-    SPageBlock *Take(u32 slotId, u32 blockBytes);
+    SPageBlock *Take(u32 sizeClass, u32 blockBytes);
     // Marks a block as returned. GiveBack gives its memory back.
     void Return(SPageBlock &block);
     // Frees an arena. Requires that no block of it is in use.
@@ -113,7 +113,7 @@ public:
 private:
     static constexpr u32 kClassCount = CParticlePageAllocator::kPoolSlotCount + 1;
 
-    SArena *_NewArena(u32 slotId, u32 blockBytes, u32 blockCount);
+    SArena *_NewArena(u32 sizeClass, u32 blockBytes, u32 blockCount);
     SPageBlock &_TakeFrom(SArena &arena);
     static u32 _Discard(SArena &arena, u32 maxCallCount);
 

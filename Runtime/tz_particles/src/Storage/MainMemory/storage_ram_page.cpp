@@ -108,10 +108,9 @@ const char *DescribeFault(const TMemoryView<const u32> &indices, u32 count, char
     while (list != null && i + 1 < indices.Count() && list[i] < count && (i == 0 || list[i - 1] < list[i]))
         ++i;
     if (list == null)
-        std::snprintf(text, sizeof(text), "indices are null: they count %u", indices.Count());
+        std::snprintf(text, sizeof(text), "indices are null, with a count of %u", indices.Count());
     else if (list[i] >= count)
-        std::snprintf(text, sizeof(text), "indices hold %u at position %u: the page has %u particles", list[i], i,
-                      count);
+        std::snprintf(text, sizeof(text), "indices[%u] is %u: the page has %u particles", i, list[i], count);
     else
         std::snprintf(text, sizeof(text), "indices are not ascending at position %u", i);
     return text;
@@ -192,8 +191,8 @@ u32 CParticlePage::RemoveParticles(const TMemoryView<const u32> &indices, TMemor
     const u32 newCount = oldCount - indices.Count();
     const u32 *removed = std::lower_bound(indices.Data(), indices.DataEnd(), newCount);
     const u32 holeCount = u32(removed - indices.Data());
-    TZ_ASSERT_MESSAGE(outMoves == null || holeCount <= capacity, "outMoves holds %u entries, %u moves happened",
-                      capacity, holeCount);
+    TZ_ASSERT_MESSAGE(outMoves == null || holeCount <= capacity, "outMoves has %u entries, %u needed", capacity,
+                      holeCount);
     constexpr u32 kMovesAtATime = 256;
     SParticleMove moves[kMovesAtATime];
     u32 survivor = newCount;

@@ -20,6 +20,6 @@ CParticleRawPage_MainMemory::CParticleRawPage_MainMemory(CParticlePageAllocator 
 
 CParticleRawPage_MainMemory::~CParticleRawPage_MainMemory() { m_Allocator->_Release(*m_Block); }
 
-void CParticleRawPage_MainMemory::_OpenWholeBlock() const { Mem::Unpoison(m_Data, m_Size); }
+void CParticleRawPage_MainMemory::_UnpoisonBlock() const { Mem::Unpoison(m_Data, m_Size); }
 
 } // namespace Tessaly
