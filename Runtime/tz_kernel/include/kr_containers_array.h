@@ -32,7 +32,7 @@ protected:
     void _SetCount(u32 count) { __atomic_store_n(&m_Count, count, __ATOMIC_RELAXED); }
 
     // Grows to GrowSize(wishedSize) elements. False, with nothing changed, when that overflows or memory is refused.
-    bool _Grow(u32 wishedSize)
+    TZ_NOINLINE bool _Grow(u32 wishedSize)
     {
         TZ_ASSERT(wishedSize > _MaxCount());
         const u32 newSize = _Controller::GrowSize(wishedSize);
