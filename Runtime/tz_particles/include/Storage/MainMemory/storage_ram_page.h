@@ -159,6 +159,8 @@ private:
     using FnCopyBytes = void (*)(void *dst, const void *src, ureg byteCount);
     void _DeepCopy(const CParticlePage &other, FnCopyBytes copyBytes);
     void _SetParticleCount(u32 count); // of the page and of every field
+    // Whether the fields are those of streamDef and have their data. They may have been swapped or cleared.
+    bool _HasFieldsOf(const SParticleStreamDef &streamDef) const;
     // Returns the bytes of one field's column, rounding included.
     u32 _ColumnSizeInBytes(const SParticleStreamField &field) const;
     // Fills every stored column from particle first to its end, rounding included, with kFreshParticleByte.

@@ -311,6 +311,16 @@ void CParticlePage::_UnpoisonAllSlots() const
         Mem::Unpoison(m_RawPage->m_Data, m_RawPage->Size());
 }
 
+bool CParticlePage::_HasFieldsOf(const SParticleStreamDef &streamDef) const
+{
+    const TMemoryView<const SParticleStreamField> fields = m_Streams_Unsafe.View();
+    const TMemoryView<const SParticleStreamFieldDef> definitions = streamDef.m_StreamDef.View();
+    return std::equal(fields.begin(), fields.end(), definitions.begin(), definitions.end(),
+                      [](const SParticleStreamField &field, const SParticleStreamFieldDef &definition) {
+                          return field.m_Definition == definition && (field.IsConstant() || field.m_RawDataPtr != null);
+                      });
+}
+
 u32 CParticlePage::_ColumnSizeInBytes(const SParticleStreamField &field) const
 {
     return Mem::Align<16, u32>(field.m_Definition.m_StorageSize * m_Capacity);

@@ -59,9 +59,9 @@ u32 CParticleStream_MainMemory::_DeepCopyPages_NoLock(const CParticleStream_Main
         if (srcPage->Empty())
             continue;
         const u32 pageSizeInBytes = srcPage->RawPage()->Size();
-        // The rows of the particles are not filled: they are copied before any report or memory request.
-        const PParticlePage dstPage =
-            _AllocNewPage_NoLock(srcPage->Capacity(), pageSizeInBytes, true, srcPage->ParticleCount());
+        // Rows that are copied whole are not filled: they are copied before any report or memory request.
+        const u32 firstFreshRow = srcPage->_HasFieldsOf(*m_StreamDef) ? srcPage->ParticleCount() : 0;
+        const PParticlePage dstPage = _AllocNewPage_NoLock(srcPage->Capacity(), pageSizeInBytes, true, firstFreshRow);
         if (dstPage == null)
             break;
         TZ_ASSERT(dstPage->Capacity() == srcPage->Capacity());

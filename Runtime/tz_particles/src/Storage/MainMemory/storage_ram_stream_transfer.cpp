@@ -208,9 +208,12 @@ PParticlePage CParticleStream_MainMemory::CResizePass::ChooseDestination()
     return m_Stream._AllocNewPage_NoLock(m_Stream.m_PageSize, m_Stream.m_PageSizeInBytes, true, _CountRowsToCome());
 }
 
-// A lower bound of the particles that the next destination receives from pages that are kept until they are copied.
+// A lower bound of the particles that the next destination receives from pages that are kept until they are copied. It
+// ends at a page with other fields, which does not write all bytes of its rows.
 u32 CParticleStream_MainMemory::CResizePass::_CountRowsToCome() const
 {
+    if (m_OldPage != null && !m_OldPage->_HasFieldsOf(*m_Stream.m_StreamDef))
+        return 0;
     u32 rowCount = m_OldPage != null ? m_OldPage->ParticleCount() - m_OldStart : 0;
     const u32 maxPageCount =
         TZMin(TZMin(kMaxKeptPages - 1, m_Stream.m_PageCount_OutOfSync), m_MaxPageCountToProcess - m_ProcessedPages);
@@ -220,6 +223,8 @@ u32 CParticleStream_MainMemory::CResizePass::_CountRowsToCome() const
         const CParticlePage &page = *m_Pages.RawDataPointer()[i].Get();
         if (page.Capacity() == m_Stream.m_PageSize)
             continue;
+        if (!page._HasFieldsOf(*m_Stream.m_StreamDef))
+            break;
         rowCount += page.ParticleCount();
         ++pageCount;
     }
