@@ -85,6 +85,17 @@ TEST_F(PageView, ColumnsStartAtItsFirstParticle)
     EXPECT_TRUE(view.Column<CFloat3>(CGuid(0)).Empty() && view.ColumnForWriting<CFloat3>(CGuid(0)).Empty());
 }
 
+TEST_F(PageView, ClearedFieldIsLeftOutOfRemovalsAndCopies)
+{
+    CTestStream stream(8, m_Definition, {8});
+    stream.Page(CGuid(0))->StreamsForWriting()[0].Clear();
+    EXPECT_EQ(stream.RemoveParticles(CGuid(0), std::vector<u32>{1, 2}), 2u);
+    stream.SetPageSize(10);
+    stream.ResizePending(1);
+    EXPECT_EQ(stream.ParticleCount(), 6u);
+    EXPECT_EQ(stream.Page(CGuid(0))->Streams()[0].m_RawDataPtr[0], kFreshParticleByte);
+}
+
 TEST_F(PageView, UnfitColumnIsReportedAndEmpty)
 {
     const CParticlePage &page = m_Stream.AppendPage(11, 9);

@@ -77,7 +77,7 @@ void MoveParticles(const TMemoryView<const SParticleStreamField> &fields, const 
         {
             u8 *column = field.m_RawDataPtr;
             const size_t rowBytes = field.m_Definition.m_StorageSize;
-            if (field.IsConstant())
+            if (field.IsConstant() || column == null)
                 continue;
             if (count > kRowsAtATime)
                 std::memcpy(column + rowBytes * moves[0].m_To, column + rowBytes * moves[0].m_From, rowBytes * count);
@@ -348,9 +348,9 @@ void CParticlePage::_FillFreshRows(u32 first)
 void CParticlePage::_DropFirstParticles(u32 first)
 {
     const u32 count = m_ParticleCount - first;
-    for (SParticleStreamField &field : m_Streams_Unsafe.ViewForWriting())
+    for (const SParticleStreamField &field : m_Streams_Unsafe.View())
     {
-        const size_t rowBytes = field.m_Definition.m_StorageSize;
+        const size_t rowBytes = field.m_RawDataPtr != null ? field.m_Definition.m_StorageSize : 0;
         Mem::Copy_Overlapped(field.m_RawDataPtr, field.m_RawDataPtr + rowBytes * first, rowBytes * count);
     }
     _SetParticleCount(count);

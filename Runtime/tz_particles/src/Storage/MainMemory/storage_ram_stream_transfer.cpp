@@ -21,8 +21,8 @@ void CopyRun(const SParticleStreamField &dstField, u32 dstStartId, const SPartic
     const u32 dstStorageSize = dstField.m_Definition.m_StorageSize;
     const u32 srcStorageSize = srcField.m_Definition.m_StorageSize;
     const u32 byteCount = TZMin(dstStorageSize, srcStorageSize) * count;
-    if (byteCount == 0)
-        return;
+    if (byteCount == 0 || dstField.m_RawDataPtr == null || srcField.m_RawDataPtr == null)
+        return; // a host may have cleared a field
     u8 *dst = dstField.m_RawDataPtr + dstStorageSize * dstStartId;
     const u8 *src = srcField.m_RawDataPtr + srcStorageSize * srcStartId;
     if (Mem::kIsAddressSanitized && u64(srcStartId) + count > srcField.m_ParticleCount)
