@@ -9,7 +9,7 @@ export CMAKE_BUILD_PARALLEL_LEVEL="${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}"
 export CTEST_PARALLEL_LEVEL="${CTEST_PARALLEL_LEVEL:-$(nproc)}"
 
 # The packages that building the whole project needs.
-build_packages=(g++ cmake ninja-build libcairo2-dev libcli11-dev libfontconfig-dev libglm-dev libgtest-dev libhdf5-dev libplf-colony-dev libpng-dev libtbb-dev nlohmann-json3-dev)
+build_packages=(g++ cmake ninja-build libbenchmark-dev libcairo2-dev libcli11-dev libfontconfig-dev libglm-dev libgtest-dev libhdf5-dev libplf-colony-dev libpng-dev libtbb-dev nlohmann-json3-dev)
 
 # usage_error TEXT: prints one line and exits with the status of a wrong call, 2.
 usage_error()
