@@ -32,18 +32,20 @@ void PushReturned(SPageBlock &block, SPageBlock::EState state)
     ++arena.m_ReturnedCount;
 }
 
-// Blocks of a new arena are taken by runs of so many bytes, from the end of its memory down: the kernel clears a huge
-// page towards the address that is touched first, and upwards twice as fast as downwards; what it cleared last is in
-// the cache. Within a run the blocks ascend, so that the prefetcher goes on from one block to the next. Spawning a
-// million particles from nothing takes a quarter less.
-constexpr u32 kRunBytes = 512 << 10;
+// Blocks of a new arena are taken by runs, those that begin in the same kRunBytes, from the end of its memory down: the
+// kernel clears a huge page towards the address that is touched first, and upwards twice as fast as downwards; what it
+// cleared last is in the cache. Within a run the blocks ascend, so that the prefetcher goes on from one block to the
+// next. Spawning a million particles from nothing takes a quarter less.
+constexpr u32 kRunBytes = 512 << 10; // a part of a huge page
 
 void MakeRecords(SArena &arena)
 {
-    const u32 runCount = TZMax(kRunBytes / arena.m_BlockStride, 1u);
-    for (u32 first = 0; first < arena.m_BlockCount; first += runCount)
+    const auto runOf = [&](u32 i) { return (ureg(arena.m_FirstBlock) + size_t(i) * arena.m_BlockStride) / kRunBytes; };
+    for (u32 first = 0, end = 0; first < arena.m_BlockCount; first = end)
     {
-        for (u32 i = TZMin(first + runCount, arena.m_BlockCount); i-- != first;)
+        while (end < arena.m_BlockCount && runOf(end) == runOf(first))
+            ++end;
+        for (u32 i = end; i-- != first;)
         {
             SPageBlock *block = Mem::Construct<SPageBlock>(arena.m_Blocks + i);
             block->m_Arena = &arena;
