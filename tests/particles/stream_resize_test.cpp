@@ -2,9 +2,6 @@
 // page to page that it is made of.
 #include <support/stream_fixture.h>
 
-#include <algorithm>
-#include <cstring>
-
 using namespace Tessaly;
 using namespace Tessaly::Tests;
 
@@ -77,39 +74,6 @@ TEST_F(StreamResize, WithoutMemoryTheRestOfThePageInHandIsLost)
     EXPECT_EQ(m_Stream.Pages(), "[300-599] [600-1523 0-99]");
     EXPECT_EQ(m_Stream.ParticleCount(), 1324u) << "200 fewer than before";
     EXPECT_TRUE(m_Stream.HasPendingResizes());
-}
-
-TEST_F(StreamResize, RowsThatSwappedFieldsDoNotFillHoldFreshBytes)
-{
-    const u32 columnsBytes = CTestStream::_ComputePageSizeInBytes(100, m_Stream.GetStreamDef());
-    // Leaves a free block whose columns hold 0xEE, for the next page of 100 particles.
-    const auto releaseDirtyBlock = [&]
-    {
-        std::memset(CTestStream(100, m_Definition, {0}).Page(CGuid(0))->RawPage()->RawDataForWriting(), 0xEE,
-                    columnsBytes);
-    };
-    const auto countDirtyBytes = [&](const CTestStream &stream)
-    {
-        const CScopedRawPageReader reader(stream.Page(CGuid(0))->RawPage());
-        return std::count(reader.Data(), reader.Data() + columnsBytes, 0xEE);
-    };
-    CTestStream stream(64, m_Definition, {64}), copy(0);
-    const auto swapFields = [&]
-    {
-        const TMemoryView<SParticleStreamField> fields = stream.Page(CGuid(0))->StreamsForWriting();
-        fields[0].Swap(fields[1]);
-    };
-    swapFields();
-    stream.SetPageSize(100);
-    releaseDirtyBlock();
-    stream.ResizePending(1);
-    m_Reports.Expect(
-        {"srcField.m_Definition == dstField.m_Definition", "srcField.m_Definition == dstField.m_Definition"});
-    EXPECT_EQ(countDirtyBytes(stream), 0);
-    swapFields();
-    releaseDirtyBlock();
-    copy.DeepCopy(stream);
-    EXPECT_EQ(countDirtyBytes(copy), 0);
 }
 
 TEST_F(PageCopy, AppendsARunOfParticles)
