@@ -1,4 +1,5 @@
 // What the values of a field become when a new definition gives it another type or storage size.
+#include <array>
 #include <limits>
 
 #include <support/stream_fixture.h>
@@ -89,6 +90,7 @@ TEST_F(Conversion, RowsAreReadAndWrittenAtTheirOwnStrides)
     EXPECT_EQ((Converted<CFloat3>(BaseType_Float3, CFloat4(1, 2, 3, 9), BaseType_Float3)), CFloat3(1, 2, 3));
     EXPECT_EQ((Converted<CFloat2>(BaseType_Float2, CFloat2(1, 2), BaseType_Float2, 8, 20)), CFloat2(1, 2));
     EXPECT_EQ((Converted<CInt3>(BaseType_Float3, CFloat3(1, 2, 3), BaseType_Int3, 16, 12)), CInt3(1, 2, 3));
+    EXPECT_EQ((Converted<std::array<u8, 20>>(BaseType_Float4, CFloat4(), BaseType_Float4))[19], kFreshParticleByte);
 }
 
 TEST_F(Conversion, ConstantIsConvertedForEveryParticle)

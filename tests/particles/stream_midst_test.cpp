@@ -178,6 +178,24 @@ TEST_F(StreamMidst, RebindingReportsWithTheFieldsBeforeWritten)
     EXPECT_EQ(Look(m_Stream), "8:A 8:C ");
 }
 
+TEST_F(StreamMidst, RebindingReportsATypeOfTheOldDefinitionWithAllRowsFilled)
+{
+    CDefinition old, other;
+    old.Stored(Extra, __MaxBaseTypes, 4);
+    other.Stored(Extra, BaseType_Float).Stored(Position, BaseType_Float3);
+    {
+        CTestStream last(8, other, {8}); // the new page reuses its block
+        std::memset(last.Page(CGuid(0))->RawPage()->RawDataForWriting(), 'L', 128);
+    }
+    CTestStream stream(8, old, {8});
+    std::string rows;
+    m_Reports.AtEachReport([&](const Assert::SReport &)
+                           { rows += char(stream.Page(CGuid(0))->Stream(CGuid(1)).m_RawDataPtr[0]); });
+    other.BindTo(stream);
+    EXPECT_EQ(m_Reports.Take().size(), 2u);
+    EXPECT_EQ(rows, "\xF3\xF3");
+}
+
 TEST_F(StreamMidst, CollectionAndClearRemoveOnePageAtATime)
 {
     AppendPages(m_Stream, 8, {0, 5, 0, 0, 3});
