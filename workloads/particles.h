@@ -122,8 +122,9 @@ public:
         : CParticleStream_MainMemory(pageSize)
     {
         BindStreamDef(&definition);
-        AppendPages((particleCount + pageSize - 1) / pageSize,
-                    [=](u32 i) { return TZMin(pageSize, particleCount - i * pageSize); });
+        const u32 capacity = PageSize(); // less than pageSize where a page would be too large
+        AppendPages((particleCount + capacity - 1) / capacity,
+                    [=](u32 i) { return TZMin(capacity, particleCount - i * capacity); });
         ForEachColumn([](u8 *column, size_t byteCount)
                       { std::fill_n(reinterpret_cast<float *>(column), byteCount / 4, 1.0f); });
     }
