@@ -2,6 +2,7 @@
 #include "storage_ram_arena.h"
 
 #include <tz_kernel/include/kr_address_sanitizer.h>
+#include <tz_kernel/include/kr_threads_basics.h>
 #include <tz_memory.h>
 
 namespace Tessaly
@@ -10,7 +11,6 @@ namespace Tessaly
 namespace
 {
 
-constexpr u32 kArenaBytes = 4 << 20; // two huge pages; blocks of any class leave at most an eighth unused
 constexpr u32 kBlockAlignment = 64;
 constexpr u32 kServiceAlignment = 16; // the least alignment of the memory services
 // Blocks at distances of powers of two have their columns in the same few sets of the caches. A cache line between them
@@ -27,31 +27,10 @@ void PushReturned(SPageBlock &block, SPageBlock::EState state)
 {
     SArena &arena = *block.m_Arena;
     block.m_State = state;
-    block.m_Next = arena.m_ReturnedList;
-    arena.m_ReturnedList = &block;
+    SPageBlock *&list = arena.m_ReturnedLists[TZMin(u32(block.Data() - arena.m_FirstBlock) / kRunBytes, kRunCount - 1)];
+    block.m_Next = list;
+    list = &block;
     ++arena.m_ReturnedCount;
-}
-
-// Blocks of a new arena are taken by runs, those that begin in the same kRunBytes, from the end of its memory down: the
-// kernel clears a huge page towards the address that is touched first, and upwards twice as fast as downwards; what it
-// cleared last is in the cache. Within a run the blocks ascend, so that the prefetcher goes on from one block to the
-// next. Spawning a million particles from nothing takes a quarter less.
-constexpr u32 kRunBytes = 512 << 10; // a part of a huge page
-
-void MakeRecords(SArena &arena)
-{
-    const auto runOf = [&](u32 i) { return (ureg(arena.m_FirstBlock) + size_t(i) * arena.m_BlockStride) / kRunBytes; };
-    for (u32 first = 0, end = 0; first < arena.m_BlockCount; first = end)
-    {
-        while (end < arena.m_BlockCount && runOf(end) == runOf(first))
-            ++end;
-        for (u32 i = end; i-- != first;)
-        {
-            SPageBlock *block = Mem::Construct<SPageBlock>(arena.m_Blocks + i);
-            block->m_Arena = &arena;
-            PushReturned(*block, SPageBlock::Discarded);
-        }
-    }
 }
 
 } // namespace
@@ -63,7 +42,7 @@ SPageBlock *CPageArenas::Take(u32 sizeClass, u32 blockBytes)
         SArena *arena = m_Arenas[sizeClass].m_First;
         while (arena != null && arena->m_IsBeingDiscarded)
             arena = arena->m_Next;
-        if (arena != null && arena->m_ReturnedList != null)
+        if (arena != null && arena->m_ReturnedCount != 0)
             return &_TakeFrom(*arena);
     }
     // As many blocks as fit. Large ones may exceed kArenaBytes a little: the bytes between them do not cost a block.
@@ -80,14 +59,25 @@ SPageBlock *CPageArenas::Take(u32 sizeClass, u32 blockBytes)
     return &_TakeFrom(*arena);
 }
 
-// Takes the block that was returned last. Under the lock; requires that there is one.
+// Takes a returned block. Under the lock; requires that there is one.
+//
+// A new arena's runs are taken from the end of its memory down: the kernel clears a huge page towards the address that
+// is touched first, and upwards twice as fast as downwards; what it cleared last is in the cache. Within a run the
+// blocks ascend, so that the prefetcher goes on from one block to the next. Spawning a million particles from nothing
+// takes a quarter less. Every other thread takes the runs of a pair in the other order: two threads then write to
+// blocks that are not adjacent, and spawn 5 % faster.
 SPageBlock &CPageArenas::_TakeFrom(SArena &arena)
 {
-    SPageBlock &block = *arena.m_ReturnedList;
-    arena.m_ReturnedList = block.m_Next;
+    const u32 swapsPairs = 1 - CCurrentThread::ThreadID() % 2;
+    u32 i = kRunCount - 1;
+    while (arena.m_ReturnedLists[i ^ swapsPairs] == null)
+        --i;
+    SPageBlock *&list = arena.m_ReturnedLists[i ^ swapsPairs];
+    SPageBlock &block = *list;
+    list = block.m_Next;
     --arena.m_ReturnedCount;
     block.m_State = SPageBlock::Taken;
-    if (arena.m_ReturnedList == null)
+    if (arena.m_ReturnedCount == 0)
     {
         m_Arenas[arena.m_SizeClass].Remove(arena);
         m_Arenas[arena.m_SizeClass].PushBack(arena);
@@ -124,7 +114,12 @@ SArena *CPageArenas::_NewArena(u32 sizeClass, u32 blockBytes, u32 blockCount)
     arena->m_SizeClass = sizeClass;
     arena->m_BlockCount = blockCount;
     arena->m_Blocks = reinterpret_cast<SPageBlock *>(arena + 1);
-    MakeRecords(*arena);
+    for (u32 i = blockCount; i-- != 0;)
+    {
+        SPageBlock *block = Mem::Construct<SPageBlock>(arena->m_Blocks + i);
+        block->m_Arena = arena;
+        PushReturned(*block, SPageBlock::Discarded);
+    }
     return arena;
 }
 
@@ -146,7 +141,7 @@ void CPageArenas::Return(SPageBlock &block)
 {
     const std::lock_guard<std::mutex> lock(m_Lock);
     SArena &arena = *block.m_Arena;
-    if (arena.m_ReturnedList == null)
+    if (arena.m_ReturnedCount == 0)
     {
         m_Arenas[arena.m_SizeClass].Remove(arena);
         m_Arenas[arena.m_SizeClass].PushFront(arena);

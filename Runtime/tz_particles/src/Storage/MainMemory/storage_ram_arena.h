@@ -15,6 +15,11 @@
 namespace Tessaly
 {
 
+constexpr u32 kArenaBytes = 4 << 20; // two huge pages; blocks of any class leave at most an eighth unused
+// An arena keeps its returned blocks by runs: those that begin in the same kRunBytes.
+constexpr u32 kRunBytes = 512 << 10; // a part of a huge page
+constexpr u32 kRunCount = kArenaBytes / kRunBytes;
+
 // The memory of one request, and its blocks.
 struct SArena
 {
@@ -26,9 +31,9 @@ struct SArena
     u32 m_SizeClass; // kPoolSlotCount: one block that is not pooled
     u32 m_BlockCount;
     u32 m_ReturnedCount;
-    u32 m_NextToDiscard;        // discarding goes on at this block
-    SPageBlock *m_ReturnedList; // newest first; a new arena has all blocks there
-    SArena *m_Next;             // of its class
+    u32 m_NextToDiscard;                    // discarding goes on at this block
+    SPageBlock *m_ReturnedLists[kRunCount]; // newest first; a new arena has all blocks there
+    SArena *m_Next;                         // of its class
     SArena *m_Previous;
     SArena *m_NextPending; // of those that GiveBack has to visit
     bool m_IsPending;
@@ -47,7 +52,7 @@ struct SPageBlock
         Discarded, // returned; its bytes hold no memory but for system pages that they share with taken blocks
     };
 
-    SPageBlock *m_Next; // on a free list, or in m_ReturnedList: the one that was put there before
+    SPageBlock *m_Next; // on a free list, or in m_ReturnedLists: the one that was put there before
     union
     {
         SPageBlock *m_Previous;
