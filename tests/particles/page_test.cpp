@@ -1,8 +1,5 @@
 // Pages, views and definitions: fields, columns, readers.
-#include <numeric>
-
 #include <support/stream_fixture.h>
-#include <tz_particles/src/Storage/MainMemory/storage_ram_copy_nontemporal.h>
 
 using namespace Tessaly;
 using namespace Tessaly::Tests;
@@ -178,21 +175,4 @@ TEST_F(Definition, FieldStorageIsTrashedAndSwapped)
     field.Swap(other);
     EXPECT_TRUE(other.m_RawDataPtr == column && other.m_Definition.m_StorageSize == 3);
     EXPECT_EQ(field.m_Definition, SParticleStreamFieldDef());
-}
-
-TEST(LargeCopy, WritesWhatAPlainOneWrites)
-{
-    std::vector<u8> src(1000), dst, expected;
-    std::iota(src.begin(), src.end(), u8(1));
-    CopyNonTemporal(null, null, 0); // a constant without data
-    for (const u32 byteCount : {0u, 1u, 15u, 16u, 63u, 64u, 65u, 128u, 200u, 777u})
-    {
-        for (u32 offset = 0; offset < 64; offset += 3)
-        {
-            expected = dst = std::vector<u8>(1000, 0xEE);
-            CopyNonTemporal(dst.data() + offset, src.data() + offset / 2, byteCount);
-            std::copy_n(src.begin() + offset / 2, byteCount, expected.begin() + offset);
-            ASSERT_EQ(dst, expected) << byteCount << " bytes to " << offset;
-        }
-    }
 }

@@ -1,4 +1,8 @@
 // Deep copies of streams: what is copied, what is shared, and what is left when memory is refused.
+#include <algorithm>
+#include <array>
+#include <cstring>
+
 #include <support/stream_fixture.h>
 
 using namespace Tessaly;
@@ -13,6 +17,31 @@ TEST_F(StreamDeepCopy, PagesWithParticlesAreCopiedInTheirOrder)
     EXPECT_EQ(copy.Pages(), "[0-4] [5-11]");
     EXPECT_EQ(copy.ParticleCount(), 12u);
     EXPECT_EQ(source.Pages(), "[0-4] [] [5-11]");
+}
+
+TEST_F(StreamDeepCopy, LargeStreamsAreCopiedWhole)
+{
+    // 18 MiB in columns whose sizes are no multiples of 16 bytes. The second copy goes to memory that was used before.
+    constexpr u32 kPageSize = 50001;
+    CTestStream source(kPageSize, m_Definition, std::vector<u32>(20, kPageSize)), copy(0);
+    u32 number = 0;
+    for (u32 i = 0; i < source.PageCount(); ++i)
+    {
+        const PParticleRawPage_MainMemory &block = source.Page(CGuid(i))->RawPage();
+        std::generate_n(block->RawDataForWriting(), block->Size(), [&] { return u8(++number * 2654435761u >> 24); });
+    }
+    for (u32 round = 0; round < 2; ++round)
+    {
+        copy.DeepCopy(source);
+        ASSERT_EQ(copy.ParticleCount(), source.ParticleCount());
+        for (u32 k = 0; k < 3 * source.PageCount(); ++k)
+        {
+            const CGuid page(k / 3), field(std::array<u32, 3>{0, 1, 3}[k % 3]);
+            const SParticleStreamField &from = source.Page(page)->Stream(field), &to = copy.Page(page)->Stream(field);
+            ASSERT_EQ(std::memcmp(to.m_RawDataPtr, from.m_RawDataPtr, from.m_Definition.m_StorageSize * kPageSize), 0)
+                << "field " << field.Get() << " of page " << page.Get() << " in round " << round;
+        }
+    }
 }
 
 TEST_F(StreamDeepCopy, NeitherStreamSeesWhatHappensToTheOther)

@@ -1,10 +1,15 @@
 // The copy of a whole stream.
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 
+#include <cstring>
+
+#include <tz_kernel/include/kr_mem_utils.h>
 #include <tz_kernel/include/kr_profiler.h>
 #include <tz_particles/include/ps_runtime.h>
 
-#include "storage_ram_copy_nontemporal.h"
+#if defined(__SSE2__)
+#    include <emmintrin.h>
+#endif
 
 namespace Tessaly
 {
@@ -12,12 +17,30 @@ namespace Tessaly
 namespace
 {
 
-// Non-temporal stores are faster for copies larger than the cache, unless most of the destination is new memory: the
-// kernel clears it at the page fault, and then it is in the cache.
+// Copies of so many bytes, half of a usual last-level cache, are faster with non-temporal stores: ordinary stores would
+// read each line before they write it, and the cache could not keep the copy for its reader anyway. Not if most of the
+// destination is new memory: the kernel clears it at the page fault, and then it is in the cache.
+constexpr u64 kMinBytesNonTemporal = 16 << 20;
+
 bool ShouldBypassCache(u64 byteCount)
 {
     const CParticlePageAllocator *allocator = Particles::PageAllocator();
     return byteCount >= kMinBytesNonTemporal && allocator != null && allocator->TotalMemoryAvailable() >= byteCount / 2;
+}
+
+// As Mem::Copy, with non-temporal stores where the processor has them and dst is aligned, as columns are.
+void CopyNonTemporal(void *dst, const void *src, ureg byteCount)
+{
+#if defined(__SSE2__)
+    __m128i *to = static_cast<__m128i *>(dst);
+    const __m128i *from = static_cast<const __m128i *>(src);
+    for (; byteCount >= sizeof(__m128i) && ureg(to) % sizeof(__m128i) == 0; byteCount -= sizeof(__m128i))
+        _mm_stream_si128(to++, _mm_loadu_si128(from++));
+    _mm_sfence(); // orders the copy before the stores that publish it
+    dst = to;
+    src = from;
+#endif
+    Mem::Copy(dst, src, byteCount);
 }
 
 } // namespace
