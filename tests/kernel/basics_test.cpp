@@ -228,11 +228,14 @@ TEST(MemoryServices, LargeBlocksAreKeptByReallocationAndDiscardedByPages)
     allocator.m_Discard(block + 3 * kPage + 1, 1);
     allocator.m_Discard(other + (5 << 20) - 100, 1 << 20);
     EXPECT_EQ(other[(5 << 20) - 1], 2) << "a range that leaves its block";
-    u8 *small = resize(null, 900000);
+    u8 *small = resize(null, 900000), *least = resize(null, 1 << 20);
+    std::memset(least, 4, 1 << 20);
+    allocator.m_Discard(least, 1 << 20);
+    EXPECT_EQ(least[512 << 10], 0) << "the smallest size that is mapped";
     std::memset(small, 3, 900000);
     allocator.m_Discard(small, 900000);
     EXPECT_EQ(std::count(small, small + 900000, 3), 900000) << "the C library's";
-    for (void *each : {block, other, small})
+    for (void *each : {block, other, small, least})
         allocator.m_Free(each, Mem::AllocType_Generic, Mem::Origin_Alloc, "", "", 0, "");
     Mem::_RawDiscard(block, 1 << 20); // of no block
     EXPECT_EQ(allocator.m_Alloc(~u64(0) - 5, 0, Mem::AllocType_Generic, Mem::Origin_Alloc, "", "", 0, ""), nullptr);

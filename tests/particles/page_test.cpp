@@ -144,6 +144,7 @@ TEST_F(Definition, GrowsByNameAndTypeOrStaysAsItIs)
     EXPECT_EQ(def.Add("spin", BaseType_Quaternion), 1u);
     EXPECT_TRUE(m_Stream.BindStreamDef(&def) && m_Stream.GetStreamDef() == &def);
     EXPECT_EQ(m_Stream.ConstantDataFieldSlot().Count(), 2u);
+    EXPECT_FALSE(m_Stream.ConstantDataFieldSlot()[1].Valid());
     EXPECT_EQ(m_Stream.AllocateParticlesIFP(3, 0).ColumnForWriting<CFloat3>(CGuid(0)).Stride(), 12u);
     EXPECT_EQ(def.AddConstant("glow", BaseType_Float4), 2u);
     EXPECT_EQ(def.m_StreamDef[2], SParticleStreamFieldDef(CStringId("glow"), BaseType_Float4, 0));

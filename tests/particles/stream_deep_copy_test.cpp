@@ -101,4 +101,9 @@ TEST_F(StreamDeepCopy, WithoutMemoryThePagesBeforeStayAndAreCounted)
     copy.DeepCopy(source);
     EXPECT_EQ(copy.Pages(), "[0-4]");
     EXPECT_EQ(copy.ParticleCount(), 5u);
+    allocator.SetMemoryBudget(0);
+    m_Memory.RefuseIf([count = 0](const SMemoryCall &call) mutable
+                      { return call.m_Size == sizeof(CParticlePage) && count++ == 0; });
+    copy.DeepCopy(source);
+    EXPECT_EQ(copy.PageCount(), 0u) << "the first refusal ends the copy";
 }

@@ -118,6 +118,37 @@ TEST_F(StreamMidst, PageMadeForAResizeMayHaveReaders)
     EXPECT_FALSE(m_Stream.HasPendingResizes());
 }
 
+// The second page of a resize has a reader since its raw page was made: the memory service gave its address.
+TEST_F(StreamMidst, RestOfAPageThatCannotBeCopiedGoesBackToTheList)
+{
+    CTestStream stream(8, m_Definition, {8}), lost(8, m_Definition, {8});
+    for (CTestStream *each : {&stream, &lost})
+    {
+        each->SetPageSize(5);
+        // With a reader of its own, the old page keeps its first rows: then the rest is lost.
+        const CScopedRawPageReader reader(each == &lost ? each->Page(CGuid(0))->RawPage() : null);
+        PParticleRawPage_MainMemory read;
+        u32 pageCount = 0;
+        m_Memory.AtEachCall(
+            [&](const SMemoryCall &call)
+            {
+                const bool isPage = call.m_Kind == SMemoryCall::Alloc && call.m_Size == sizeof(CParticlePage);
+                if (isPage && call.m_Origin == u32(Mem::Origin_New) && ++pageCount == 2)
+                    (read = static_cast<CParticleRawPage_MainMemory *>(m_Memory.LastServed()))->BeginRead();
+            });
+        each->ResizePending(10);
+        m_Memory.AtEachCall({});
+        EXPECT_EQ(each->Pages(), each == &lost ? "[0-4] []" : "[0-4] [] [5-7]");
+        EXPECT_EQ(each->ParticleCount(), each == &lost ? 5u : 8u);
+        EXPECT_EQ(m_Reports.Take().size(), 4u) << "the page is laid out, and its first copy, in three places";
+        read->EndRead();
+    }
+    EXPECT_TRUE(stream.HasPendingResizes() && !lost.HasPendingResizes());
+    stream.ResizePending(10);
+    EXPECT_EQ(stream.Pages(), "[0-4] [] [5-7]");
+    EXPECT_EQ(stream.Capacities(), (std::vector<u32>{5, 5, 5}));
+}
+
 TEST_F(StreamMidst, RowsThatSwappedFieldsDoNotFillHoldFreshBytes)
 {
     const u32 columnsBytes = CTestStream::_ComputePageSizeInBytes(100, m_Stream.GetStreamDef());
@@ -162,19 +193,20 @@ TEST_F(StreamMidst, DeepCopyFillsAPageBeforeItMakesTheNext)
 TEST_F(StreamMidst, RebindingReportsWithTheFieldsBeforeWritten)
 {
     CDefinition bad;
-    bad.Stored(Tag, BaseType_UByte3).ConstantAt(Extra, BaseType_Float, {}).Stored(Position, BaseType_Float3);
+    bad.Constant(Extra, BaseType_Float, 1.0f).Stored(Tag, BaseType_UByte3);
+    bad.ConstantAt(Position, BaseType_Float3, CGuid(1)).Stored(Life, BaseType_Float); // there is one constant
     AppendPages(m_Stream, 8, {5, 0, 7});
-    std::string rows;
+    std::string rows; // of two stored fields, in the old definition as well
     m_Reports.AtEachReport(
         [&](const Assert::SReport &)
         {
-            for (const u32 field : {0u, 2u})
+            for (const u32 field : {1u, 3u})
                 rows += char(*m_Stream.Page(CGuid(0))->Stream(CGuid(field)).m_RawDataPtr);
         });
     bad.BindTo(m_Stream);
-    EXPECT_EQ(m_Reports.Take().size(), 2u);
-    EXPECT_EQ(rows, "A\xF3"
-                    "AA");
+    EXPECT_EQ(m_Reports.Take().size(), 4u) << "while each page is made, and after";
+    EXPECT_EQ(rows, "AAA\xF3"
+                    "AAAA");
     EXPECT_EQ(Look(m_Stream), "8:A 8:C ");
 }
 

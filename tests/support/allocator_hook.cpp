@@ -30,7 +30,7 @@ struct SHookedServices
                     size_t(TZMin(served, kMaxFilledBytes))); // new memory is neither zero nor the byte of fresh slots
         const std::lock_guard<std::mutex> lock(self.m_Lock);
         self.m_Live[block] = {size, origin, function};
-        return block;
+        return self.m_LastServed = block;
     }
 
     static void *OnRealloc(void *ptr, u64 size, u32 alignment, Mem::EAllocType type, const char *tag, const char *file,

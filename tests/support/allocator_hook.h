@@ -62,6 +62,7 @@ public:
     void ServeAtMost(u64 bytes) { m_ServeAtMost = bytes; }
 
     u32 LiveBlockCount() const;
+    void *LastServed() const { return m_LastServed; } // the block of the last Alloc that was not refused
 
 private:
     friend struct SHookedServices;
@@ -77,6 +78,7 @@ private:
 
     mutable std::mutex m_Lock;
     std::unordered_map<void *, SLiveBlock> m_Live;
+    std::atomic<void *> m_LastServed{null};
     FnRefuses m_Refuses;
     FnAtCall m_AtCall;
     std::atomic<u32> m_RequestCount{0};

@@ -302,7 +302,7 @@ bool CParticleStream_MainMemory::CResizePass::_TransferOldPage(CParticlePage &ne
 
 void CParticleStream_MainMemory::CResizePass::_PutBackOldPage()
 {
-    if (m_OldPage == null || (m_OldStart != 0 && !m_OldPage->PrepareForWriting()))
+    if (m_OldStart != 0 && !m_OldPage->PrepareForWriting())
         return;
     if (m_OldStart != 0)
         m_OldPage->_DropFirstParticles(m_OldStart);
