@@ -25,7 +25,7 @@
 namespace Tessaly
 {
 
-// Raises SIGTRAP: a debugger stops here. A program that handles or ignores the signal goes on.
+// Raises SIGTRAP: a debugger stops here. A program with a handler for the signal goes on.
 inline void BreakPoint()
 {
 #if defined(__x86_64__)

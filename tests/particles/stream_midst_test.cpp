@@ -210,22 +210,27 @@ TEST_F(StreamMidst, RebindingReportsWithTheFieldsBeforeWritten)
     EXPECT_EQ(Look(m_Stream), "8:A 8:C ");
 }
 
-TEST_F(StreamMidst, RebindingReportsATypeOfTheOldDefinitionWithAllRowsFilled)
+TEST_F(StreamMidst, RebindingReportsATypeOfTheOldFieldWithAllRowsFilled)
 {
-    CDefinition old, other;
-    old.Stored(Extra, __MaxBaseTypes, 4);
+    CDefinition bad, old, other;
+    bad.Stored(Extra, __MaxBaseTypes, 4);
+    old.Stored(Extra, BaseType_I32, 4);
     other.Stored(Extra, BaseType_Float).Stored(Position, BaseType_Float3);
+    for (const CDefinition *each : {&bad, &old})
     {
-        CTestStream last(8, other, {8}); // the new page reuses its block
-        std::memset(last.Page(CGuid(0))->RawPage()->RawDataForWriting(), 'L', 128);
+        CTestStream stream(8, *each, {8});
+        if (each == &old) // then the page alone has the bad type
+            stream.Page(CGuid(0))->StreamsForWriting()[0].m_Definition.m_Type = __MaxBaseTypes;
+        // The new page reuses this block.
+        std::memset(CTestStream(8, other, {8}).Page(CGuid(0))->RawPage()->RawDataForWriting(), 'L', 128);
+        std::string rows;
+        m_Reports.AtEachReport([&](const Assert::SReport &)
+                               { rows += char(stream.Page(CGuid(0))->Stream(CGuid(1)).m_RawDataPtr[0]); });
+        other.BindTo(stream);
+        m_Reports.AtEachReport({});
+        EXPECT_EQ(m_Reports.Take().size(), 2u);
+        EXPECT_EQ(rows, "\xF3\xF3");
     }
-    CTestStream stream(8, old, {8});
-    std::string rows;
-    m_Reports.AtEachReport([&](const Assert::SReport &)
-                           { rows += char(stream.Page(CGuid(0))->Stream(CGuid(1)).m_RawDataPtr[0]); });
-    other.BindTo(stream);
-    EXPECT_EQ(m_Reports.Take().size(), 2u);
-    EXPECT_EQ(rows, "\xF3\xF3");
 }
 
 TEST_F(StreamMidst, CollectionAndClearRemoveOnePageAtATime)

@@ -30,7 +30,7 @@ struct SMapping
 };
 
 std::mutex g_MappingsLock;
-SMapping *g_Mappings = null; // an unsorted list: a search costs less than the system call that follows it
+SMapping *g_Mappings = null; // unsorted: a search among 256, which are 1 GiB of arenas, costs less than unmapping one
 
 ureg RoundUp(ureg value, ureg step) { return (value + step - 1) / step * step; }
 

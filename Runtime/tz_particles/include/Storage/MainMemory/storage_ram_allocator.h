@@ -107,8 +107,7 @@ private:
 
     u64 m_MemoryBudget = 0; // bytes; 0: none
     u64 m_RefusalCount = 0;
-    Threads::CCriticalSection m_Lock; // serialises maintenance; AllocPage takes it only before its second try
-    u32 m_CurrentDate = 0;            // counts Update() calls
+    u32 m_CurrentDate = 0; // counts Update() calls
     bool m_IsShutDown = false;
     SShards *m_Shards = null; // free lists and arenas; null before Setup
 };

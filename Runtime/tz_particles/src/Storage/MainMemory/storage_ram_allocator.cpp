@@ -172,6 +172,7 @@ void CParticlePageAllocator::_Release(SPageBlock &releasedBlock)
 
 void CParticlePageAllocator::_ShutDown()
 {
+    CleanAllFreePages(); // before the lock: a memory hook may release a page
     std::unique_lock<std::mutex> shutDownLock(g_ShutDownLock);
     __atomic_store_n(&m_IsShutDown, true, __ATOMIC_RELAXED);
     _DeleteIfUnused(shutDownLock);
@@ -216,6 +217,7 @@ void CParticlePageAllocator::Retire(u8 *block, u32 sizeInBytes)
 // Returns blocks that stayed free for minIdleUpdates calls of Update to their arenas, at most maxCount of them.
 void CParticlePageAllocator::_ReturnIdleBlocks(u32 minIdleUpdates, u32 maxCount)
 {
+    const u32 date = __atomic_load_n(&m_CurrentDate, __ATOMIC_RELAXED);
     for (SShard &shard : m_Shards->m_Shards)
     {
         SPageBlock *idle = null; // through m_Next
@@ -223,8 +225,7 @@ void CParticlePageAllocator::_ReturnIdleBlocks(u32 minIdleUpdates, u32 maxCount)
             const std::lock_guard<std::mutex> lock(shard.m_Lock);
             for (const TLinkedList<SPageBlock> &list : shard.m_FreeLists)
             {
-                while (list.m_Last != null && maxCount != 0 &&
-                       m_CurrentDate - list.m_Last->m_ReleaseDate >= minIdleUpdates)
+                while (list.m_Last != null && maxCount != 0 && date - list.m_Last->m_ReleaseDate >= minIdleUpdates)
                 {
                     SPageBlock *block = shard.TakeFree(list.m_Last, 0);
                     block->m_Next = idle;
@@ -246,21 +247,17 @@ void CParticlePageAllocator::Update()
 {
     if (m_Shards == null)
         return;
-    m_Lock.Lock();
     __atomic_fetch_add(&m_CurrentDate, 1, __ATOMIC_RELAXED);
-    _ReturnIdleBlocks(kMaxIdleUpdates, kMaxBlocksPerUpdate);
+    _ReturnIdleBlocks(kMaxIdleUpdates + 1, kMaxBlocksPerUpdate);
     m_Shards->m_Arenas.GiveBack(kMaxCallsPerUpdate);
-    m_Lock.Unlock();
 }
 
 void CParticlePageAllocator::CleanAllFreePages()
 {
     if (m_Shards == null)
         return;
-    m_Lock.Lock();
     _ReturnIdleBlocks(0, TNumericTraits<u32>::kMax);
     m_Shards->m_Arenas.GiveBack(TNumericTraits<u32>::kMax);
-    m_Lock.Unlock();
 }
 
 u64 CParticlePageAllocator::SpaceLeft() const

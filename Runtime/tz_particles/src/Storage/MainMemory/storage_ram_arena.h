@@ -95,8 +95,7 @@ struct TLinkedList
     }
 };
 
-// The arenas of all size classes. Any thread may call Take, FreeArena, Find and the queries; only one thread at a time
-// may call Return and GiveBack. No memory service is called under the lock.
+// The arenas of all size classes. Any thread may call any operation. No memory service is called under the lock.
 class CPageArenas : public CNonCopyable
 {
 public:
@@ -118,13 +117,12 @@ public:
 private:
     static constexpr u32 kClassCount = CParticlePageAllocator::kPoolSlotCount + 1;
 
-    SArena *_NewArena(u32 sizeClass, u32 blockBytes, u32 blockCount);
-    SPageBlock &_TakeFrom(SArena &arena);
-    static u32 _Discard(SArena &arena, u32 maxCallCount);
+    SPageBlock *_TakeReturned(u32 sizeClass);
+    void _AddPending(SArena &arena);
 
     std::mutex m_Lock;                         // guards the rest
     TLinkedList<SArena> m_Arenas[kClassCount]; // those with returned blocks come first
-    SArena *m_FirstPending = null;             // only Return and GiveBack access these two
+    SArena *m_FirstPending = null;             // GiveBack has to visit these
     SArena *m_LastPending = null;
     u64 m_BytesReserved = 0; // read without the lock, as m_TakeCount
     u64 m_TakeCount = 0;

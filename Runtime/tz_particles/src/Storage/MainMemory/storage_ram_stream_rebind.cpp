@@ -155,6 +155,7 @@ void CParticleStream_MainMemory::_RebuildPages_NoLock(const SRebuild &rebuild)
 u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const SRebuild &rebuild)
 {
     const PParticlePage page = m_Pages.RawDataPointer()[i];
+    const bool mayReport = rebuild.m_MayReport || !page->_HasFieldsOf(*page->m_StreamDef); // a host changed its fields
     const u32 particleCount = page->ParticleCount();
     const u32 oldCount = m_Pages.Count();
     PParticlePage newPage;
@@ -163,7 +164,7 @@ u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const SRebuild &rebui
         const u32 pageSize = page->Capacity();
         const u32 pageSizeInBytes = _ComputePageSizeInBytes(pageSize, m_StreamDef);
         // The particles' rows are written below: filling them before as well would be a second pass.
-        newPage = _AllocNewPage_NoLock(pageSize, pageSizeInBytes, false, rebuild.m_MayReport ? 0 : particleCount);
+        newPage = _AllocNewPage_NoLock(pageSize, pageSizeInBytes, false, mayReport ? 0 : particleCount);
     }
     TZ_ASSERT(oldCount == m_Pages.Count());
     CPageListIndex::Detach(*page);
@@ -178,7 +179,7 @@ u32 CParticleStream_MainMemory::_RebuildPage_NoLock(u32 i, const SRebuild &rebui
     newPage->_PoisonFreeSlots();
     const TMemoryView<SParticleStreamField> dstStreams = newPage->StreamsForWriting();
     const TMemoryView<const SParticleStreamField> srcStreams = page->Streams();
-    const bool isSorted = !rebuild.m_MayReport && dstStreams.Count() <= kMaxDstStreams;
+    const bool isSorted = !mayReport && dstStreams.Count() <= kMaxDstStreams;
     for (u32 k = 0; k < dstStreams.Count(); ++k)
     {
         const u32 j = isSorted ? rebuild.m_Order[k] : k;
