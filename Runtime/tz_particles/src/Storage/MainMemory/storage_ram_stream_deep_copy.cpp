@@ -34,11 +34,13 @@ void CopyNonTemporal(void *dst, const void *src, ureg byteCount)
 #if defined(__SSE2__)
     __m128i *to = static_cast<__m128i *>(dst);
     const __m128i *from = static_cast<const __m128i *>(src);
-    for (; byteCount >= sizeof(__m128i) && ureg(to) % sizeof(__m128i) == 0; byteCount -= sizeof(__m128i))
-        _mm_stream_si128(to++, _mm_loadu_si128(from++));
+    const ureg vectorCount = ureg(dst) % sizeof(__m128i) == 0 ? byteCount / sizeof(__m128i) : 0;
+    for (ureg i = 0; i < vectorCount; ++i)
+        _mm_stream_si128(to + i, _mm_loadu_si128(from + i));
     _mm_sfence(); // orders the copy before the stores that publish it
-    dst = to;
-    src = from;
+    dst = to + vectorCount;
+    src = from + vectorCount;
+    byteCount -= vectorCount * sizeof(__m128i);
 #endif
     Mem::Copy(dst, src, byteCount);
 }
