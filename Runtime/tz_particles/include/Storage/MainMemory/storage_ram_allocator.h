@@ -74,7 +74,8 @@ public:
 
     // Give free blocks back to the memory services: Update those that stayed free during the last kMaxIdleUpdates
     // calls, with bounded work per call, CleanAllFreePages all of them. Arenas that hold other blocks stay, and the
-    // system pages of the free ones are discarded. Update is meant to be called once a frame.
+    // system pages of the free ones are discarded. Update is meant to be called once a frame. A call does not wait for
+    // what another thread is giving back.
     void Update();
     void CleanAllFreePages();
 

@@ -71,15 +71,6 @@ SArena *NewArena(u32 sizeClass, u32 blockBytes, u32 blockCount)
     return arena;
 }
 
-// Frees an arena that is in no list.
-void DeleteArena(SArena &arena)
-{
-    Mem::Unpoison(arena.m_Memory, arena.m_MemoryBytes); // its next user does not unpoison it
-    for (void *freed : {arena.m_Memory, static_cast<void *>(&arena)})
-        Mem::_RawFree(freed, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__,
-                      TZ_FUNCTION_SIGNATURE);
-}
-
 // Finds the next run of blocks that are not taken, if one of them holds memory, or the bytes after the last block,
 // which may lie in a huge page. Marks the run as discarded. Returns an empty view when there is none.
 TMemoryView<u8> TakeRunToDiscard(SArena &arena)
@@ -118,17 +109,19 @@ SPageBlock *CPageArenas::Take(u32 sizeClass, u32 blockBytes)
     if (arena == null && blockCount > 1)
         arena = NewArena(sizeClass, blockBytes, 1);
     lock.lock();
-    SPageBlock *block = _TakeReturned(sizeClass); // another thread may have made an arena meanwhile
-    if (block == null && arena != null)
+    SPageBlock *block = _TakeReturned(sizeClass);
+    const bool isSurplus = block != null; // another thread has made an arena meanwhile
+    if (arena != null)
     {
+        arena->m_IsBeingDiscarded = isSurplus;
         m_Arenas[sizeClass].PushFront(*arena);
         __atomic_fetch_add(&m_BytesReserved, arena->m_MemoryBytes, __ATOMIC_RELAXED);
-        arena = null;
-        block = _TakeReturned(sizeClass);
     }
+    if (!isSurplus)
+        block = _TakeReturned(sizeClass);
     lock.unlock();
-    if (arena != null)
-        DeleteArena(*arena);
+    if (arena != null && isSurplus)
+        FreeArena(*arena);
     return block;
 }
 
@@ -169,7 +162,10 @@ void CPageArenas::FreeArena(SArena &arena)
         m_Arenas[arena.m_SizeClass].Remove(arena);
         __atomic_fetch_sub(&m_BytesReserved, arena.m_MemoryBytes, __ATOMIC_RELAXED);
     }
-    DeleteArena(arena);
+    Mem::Unpoison(arena.m_Memory, arena.m_MemoryBytes); // its next user does not unpoison it
+    for (void *freed : {arena.m_Memory, static_cast<void *>(&arena)})
+        Mem::_RawFree(freed, Mem::AllocType_Generic, Mem::Origin_Alloc, Mem::kDefaultTag, __FILE__, __LINE__,
+                      TZ_FUNCTION_SIGNATURE);
 }
 
 void CPageArenas::Return(SPageBlock &block)

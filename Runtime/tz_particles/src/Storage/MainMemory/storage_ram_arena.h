@@ -37,7 +37,7 @@ struct SArena
     SArena *m_Previous;
     SArena *m_NextPending; // of those that GiveBack has to visit
     bool m_IsPending;
-    bool m_IsBeingDiscarded; // no block can be taken meanwhile
+    bool m_IsBeingDiscarded; // or freed; no block can be taken
     SPageBlock *m_Blocks;    // m_BlockCount records after this one
 };
 
@@ -48,7 +48,7 @@ struct SPageBlock
     enum EState : u8
     {
         Taken,
-        Returned,  // its bytes hold memory
+        Returned,  // its bytes may hold memory
         Discarded, // returned; its bytes hold no memory but for system pages that they share with taken blocks
     };
 
