@@ -100,7 +100,7 @@ TEST_F(PageAllocator, BlocksAreHandedOutWithoutTheirRawPages)
     EXPECT_EQ(Pages().AllocPage(700)->RawDataForWriting(), small);
     EXPECT_EQ(Pages().Alloc(700), small);
     Pages().Retire(small, 5000);
-    m_Reports.Expect({"record->Size() == expectedBytes"});
+    m_Reports.Expect({"blockBytes == expectedBytes"});
     EXPECT_EQ(Pages().Alloc(700), small) << "a free block of its own class";
     Pages().Retire(small + 1, 700);
     Pages().Retire(small, 700);
@@ -110,7 +110,7 @@ TEST_F(PageAllocator, BlocksAreHandedOutWithoutTheirRawPages)
     const u64 freeCount = Stats().m_BlocksFree;
     Pages().Retire(Pages().Alloc(Allocator::kMaxAllocSize + 1), Allocator::kMaxAllocSize + 1);
     Pages().Retire(Pages().Alloc(Allocator::kMaxAllocSize + 1), Allocator::kMaxAllocSize + 2);
-    m_Reports.Expect({"record->Size() == expectedBytes"});
+    m_Reports.Expect({"blockBytes == expectedBytes"});
     EXPECT_TRUE(Stats().m_BlocksFree == freeCount && Stats().m_BlocksInUse == 0) << "large blocks are never pooled";
 }
 

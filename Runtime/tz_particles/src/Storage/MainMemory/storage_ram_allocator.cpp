@@ -38,7 +38,7 @@ struct CParticlePageAllocator::SShard
             return null;
         m_FreeLists[block->m_Arena->m_SizeClass].Remove(*block);
         __atomic_store_n(&m_BlocksFree, m_BlocksFree - 1, __ATOMIC_RELAXED);
-        m_BytesFree -= block->Size();
+        m_BytesFree -= block->m_Arena->m_BlockBytes;
         m_RecycleCount += recycleCount;
         return block;
     }
@@ -144,7 +144,7 @@ SPageBlock *CParticlePageAllocator::_Take(u32 sizeInBytes)
 void CParticlePageAllocator::_Release(SPageBlock &releasedBlock)
 {
     SPageBlock *block = &releasedBlock;
-    const u32 blockBytes = block->Size();
+    const u32 blockBytes = block->m_Arena->m_BlockBytes;
     Mem::Poison(block->Data(), blockBytes);
     if (block->m_Arena->m_SizeClass == kPoolSlotCount)
     {
@@ -209,8 +209,8 @@ void CParticlePageAllocator::Retire(u8 *block, u32 sizeInBytes)
         return;
     const u32 sizeClass = _SizeToSlotId(sizeInBytes);
     const u32 expectedBytes = sizeClass < kPoolSlotCount ? _SlotIdToSize(sizeClass) : sizeInBytes;
-    TZ_ASSERT_MESSAGE(record->Size() == expectedBytes, "Retire: the block has %u bytes, not %u", record->Size(),
-                      sizeInBytes);
+    const u32 blockBytes = record->m_Arena->m_BlockBytes;
+    TZ_ASSERT_MESSAGE(blockBytes == expectedBytes, "Retire: the block has %u bytes, not %u", blockBytes, sizeInBytes);
     CRefCountedObject::RemoveReference(record->m_RawPage);
 }
 

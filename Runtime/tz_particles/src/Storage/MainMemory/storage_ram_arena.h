@@ -63,7 +63,6 @@ struct SPageBlock
     EState m_State;
     bool m_IsFromAlloc;
 
-    u32 Size() const { return m_Arena->m_BlockBytes; }
     u8 *Data() const { return m_Arena->m_FirstBlock + size_t(this - m_Arena->m_Blocks) * m_Arena->m_BlockStride; }
 };
 

@@ -10,7 +10,7 @@ namespace Tessaly
 
 CParticleRawPage_MainMemory::CParticleRawPage_MainMemory(CParticlePageAllocator &allocator, SPageBlock &block)
     : m_Data(block.Data())
-    , m_Size(block.Size())
+    , m_Size(block.m_Arena->m_BlockBytes)
     , m_ReadersCount(0)
     , m_Block(&block)
     , m_Allocator(&allocator)
