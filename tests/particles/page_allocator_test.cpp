@@ -218,6 +218,10 @@ TEST_F(PageAllocator, ArenasAreFilledFirstAndFreedWithTheirLastBlock)
             Pages().CleanAllFreePages();
         }
         EXPECT_EQ(Stats().m_BytesReserved, reserved);
+        std::vector<PRawPage> held; // fills three more arenas
+        while (Stats().m_BytesReserved < 4 * reserved)
+            held.push_back(Pages().AllocPage(size));
+        EXPECT_EQ(held.size() % 3, 0u) << size << ": each arena has as many blocks";
     }
     Pages().CleanAllFreePages();
     EXPECT_EQ(Stats().m_BytesReserved, 0u);

@@ -28,7 +28,7 @@ void PushReturned(SPageBlock &block)
 {
     SArena &arena = *block.m_Arena;
     block.m_State = SPageBlock::Returned;
-    SPageBlock *&list = arena.m_ReturnedLists[TZMin(u32(block.Data() - arena.m_FirstBlock) / kRunBytes, kRunCount - 1)];
+    SPageBlock *&list = arena.m_ReturnedLists[u32(block.Data() - arena.m_FirstBlock) / kRunBytes];
     block.m_Next = list;
     list = &block;
     ++arena.m_ReturnedCount;

@@ -16,7 +16,7 @@ namespace Tessaly
 {
 
 constexpr u32 kArenaBytes = 4 << 20; // two huge pages; blocks of any class leave at most an eighth unused
-// An arena keeps its returned blocks by runs: those that begin in the same kRunBytes.
+// An arena keeps its returned blocks by runs: those that begin in the same kRunBytes. All begin below kArenaBytes.
 constexpr u32 kRunBytes = 512 << 10; // a part of a huge page
 constexpr u32 kRunCount = kArenaBytes / kRunBytes;
 
