@@ -54,6 +54,17 @@ TEST_F(StreamRebind, ViewsKeepTheFormerPages)
     EXPECT_EQ(born.Column<float>(CGuid(1))[2], 2.0f);
 }
 
+TEST_F(StreamRebind, SlotTableWithoutDataIsReportedByTheNewPageOnly)
+{
+    CDefinition constant;
+    constant.Stored(Life, BaseType_Float).Constant(Colour, BaseType_Float4, CFloat4());
+    CTestStream stream(8, m_Definition, {3});
+    stream.BindStreamDef(&constant.Def(), constant.ConstantData(), {null, 2}, SParticleImplementationCache());
+    m_Reports.Expect({"m_Storage.m_RawDataPtr != null", // while the page is laid out
+                      "m_Storage.m_RawDataPtr != null", "cstId.Valid() && cstId < m_ConstantData.Count()"});
+    EXPECT_EQ(stream.Pages(), "[0-2]");
+}
+
 TEST_F(StreamRebind, BoundDefinitionAndNullChangeNothing)
 {
     CTestStream stream(8, m_Definition, {3});

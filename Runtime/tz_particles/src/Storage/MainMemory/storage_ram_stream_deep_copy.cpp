@@ -1,8 +1,6 @@
 // The copy of a whole stream.
 #include <tz_particles/include/Storage/MainMemory/storage_ram_stream.h>
 
-#include <cstring>
-
 #include <tz_kernel/include/kr_mem_utils.h>
 #include <tz_kernel/include/kr_profiler.h>
 #include <tz_particles/include/ps_runtime.h>
